@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Builds Lorvex twice and runs every test: all of them under AddressSanitizer + UndefinedBehavior-
+# Sanitizer, and the threaded ones again under ThreadSanitizer. Any sanitizer report fails the run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh test
+
+jobs=$(nproc)
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:check_initialization_order=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+common=(-G Ninja -DCMAKE_BUILD_TYPE=Debug -DLORVEX_KEEP_LOG=ON -DLORVEX_WERROR=ON -DLORVEX_BUILD_TESTS=ON)
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer: every test"
+cmake -S . -B build/asan "${common[@]}" -DLORVEX_SANITIZE=address,undefined >/dev/null
+cmake --build build/asan -j "$jobs"
+(cd build/asan && ctest -j "$jobs" --output-on-failure)
+
+echo "== ThreadSanitizer: threaded tests"
+cmake -S . -B build/tsan "${common[@]}" -DLORVEX_SANITIZE=thread >/dev/null
+cmake --build build/tsan -j "$jobs"
+(cd build/tsan && ctest -j "$jobs" -L threaded --output-on-failure)
+
+if [ -x scripts/fuzz.sh ]; then
+    echo "== Fuzzing the parsers briefly"
+    scripts/fuzz.sh
+fi
+echo "All tests passed."

@@ -1,0 +1,137 @@
+#include "platform/clock/LxpClock.h"
+#include "platform/com/LxpCom.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+TEST(ManualClock, AutoAdvancesOnSleepOrBlocksUntilAdvanced) {
+    lxp::ManualClock clock(100.0);
+    int64_t sec = 0;
+    int32_t ms = 0;
+    clock.timeOfDay(&sec, &ms);
+    EXPECT_EQ(100, sec);
+    EXPECT_EQ(0, ms);
+    clock.sleep(1500);
+    clock.timeOfDay(&sec, &ms);
+    EXPECT_EQ(101, sec);
+    EXPECT_EQ(500, ms);
+
+    clock.setAutoAdvanceOnSleep(false);
+    std::atomic<bool> woke{false};
+    std::thread sleeper([&] {
+        clock.sleep(100);
+        woke = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    clock.advanceMs(50);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(woke.load());
+    clock.advanceMs(50);
+    sleeper.join();
+    EXPECT_TRUE(woke.load());
+
+    int64_t count = 0;
+    EXPECT_TRUE(clock.queryPerformanceCounter(&count));
+    clock.setCounterAvailable(false);
+    EXPECT_FALSE(clock.queryPerformanceCounter(&count));
+}
+
+TEST(SystemClock, CounterIsMonotonicAndCalendarIsCurrent) {
+    lxp::Clock& c = lxp::systemClock();
+    int64_t a = 0;
+    int64_t b = 0;
+    int64_t f = 0;
+    ASSERT_TRUE(c.queryPerformanceCounter(&a));
+    c.sleep(5);
+    ASSERT_TRUE(c.queryPerformanceCounter(&b));
+    ASSERT_TRUE(c.queryPerformanceFrequency(&f));
+    EXPECT_GE(static_cast<double>(b - a) / f, 0.004);
+    EXPECT_GT(c.calendarSeconds(), 1700000000);  // after 2023
+}
+
+const lxp::CLSID kTestClass = {0x12345678, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
+const lxp::IID kTestIface = {0x12345679, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
+
+class Thing : public lxp::ComObject<lxp::IUnknown> {
+public:
+    static int alive;
+    Thing() { ++alive; }
+    ~Thing() override { --alive; }
+    lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override {
+        if (iid == kTestIface) {
+            *out = this;
+            AddRef();
+            return lxp::S_OK;
+        }
+        return queryBase(iid, out);
+    }
+};
+int Thing::alive = 0;
+
+class ThingFactory : public lxp::ComObject<lxp::IClassFactory> {
+public:
+    lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override {
+        if (iid == lxp::IID_IClassFactory) {
+            *out = static_cast<lxp::IClassFactory*>(this);
+            AddRef();
+            return lxp::S_OK;
+        }
+        return queryBase(iid, out);
+    }
+    lxp::HRESULT CreateInstance(lxp::IUnknown*, const lxp::IID& iid, void** out) override {
+        Thing* t = new Thing();
+        const lxp::HRESULT hr = t->QueryInterface(iid, out);
+        t->Release();
+        return hr;
+    }
+    lxp::HRESULT LockServer(bool) override { return lxp::S_OK; }
+};
+
+TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
+    void* out = reinterpret_cast<void*>(1);
+    EXPECT_EQ(lxp::CO_E_NOTINITIALIZED,
+              lxp::CoCreateInstance(kTestClass, nullptr, lxp::CLSCTX_INPROC_SERVER, kTestIface, &out));
+    EXPECT_EQ(nullptr, out);
+    ASSERT_EQ(lxp::S_OK, lxp::CoInitialize(nullptr));
+    EXPECT_EQ(lxp::S_FALSE, lxp::CoInitialize(nullptr));
+    EXPECT_EQ(2, lxp::comtest::threadInitCount());
+    EXPECT_EQ(lxp::REGDB_E_CLASSNOTREG,
+              lxp::CoCreateInstance(kTestClass, nullptr, lxp::CLSCTX_INPROC_SERVER, kTestIface, &out));
+
+    ThingFactory* factory = new ThingFactory();
+    lxp::registerClass(kTestClass, factory);
+    factory->Release();  // the registry holds it now
+    ASSERT_EQ(lxp::S_OK,
+              lxp::CoCreateInstance(kTestClass, nullptr, lxp::CLSCTX_INPROC_SERVER, kTestIface, &out));
+    EXPECT_EQ(1, Thing::alive);
+    static_cast<Thing*>(out)->Release();
+    EXPECT_EQ(0, Thing::alive);
+
+    lxp::IClassFactory* cf = nullptr;
+    ASSERT_EQ(lxp::S_OK, lxp::CoGetClassObject(kTestClass, lxp::CLSCTX_INPROC_SERVER, nullptr,
+                                               lxp::IID_IClassFactory, reinterpret_cast<void**>(&cf)));
+    cf->Release();
+
+    lxp::comtest::failCreate(kTestClass, 1, lxp::E_OUTOFMEMORY);
+    EXPECT_EQ(lxp::E_OUTOFMEMORY,
+              lxp::CoCreateInstance(kTestClass, nullptr, lxp::CLSCTX_INPROC_SERVER, kTestIface, &out));
+    EXPECT_EQ(lxp::S_OK,
+              lxp::CoCreateInstance(kTestClass, nullptr, lxp::CLSCTX_INPROC_SERVER, kTestIface, &out));
+    static_cast<Thing*>(out)->Release();
+
+    lxp::comtest::failCoInitialize(1);
+    EXPECT_TRUE(lxp::FAILED(lxp::CoInitialize(nullptr)));
+    EXPECT_EQ(lxp::S_OK, lxp::unregisterClass(kTestClass));
+    EXPECT_EQ(lxp::S_FALSE, lxp::unregisterClass(kTestClass));
+    lxp::CoUninitialize();
+    lxp::CoUninitialize();
+    EXPECT_EQ(0, lxp::comtest::threadInitCount());
+    lxp::comtest::reset();
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+#include "TestSupport.h"
+
+#include "LxLog.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace lxtest {
+
+void requireLog() {
+    if (!LxLogSink::enabled()) {
+        GTEST_SKIP() << "this build does not keep log messages (LORVEX_KEEP_LOG=OFF)";
+    }
+    LxLogSink::clear();
+}
+
+bool waitUntil(const std::function<bool()>& pred, int timeoutMs) {
+    const auto start = std::chrono::steady_clock::now();
+    while (!pred()) {
+        if (msSince(start) > timeoutMs) {
+            return pred();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TempDir::TempDir() {
+    char tmpl[] = "/tmp/lorvex-test-XXXXXX";
+    const char* made = mkdtemp(tmpl);
+    path_ = made != nullptr ? made : "/tmp";
+}
+
+TempDir::~TempDir() {
+    if (path_ != "/tmp" && path_.rfind("/tmp/lorvex-test-", 0) == 0) {
+        const std::string cmd = "rm -rf '" + path_ + "'";
+        if (std::system(cmd.c_str()) != 0) {
+            // nothing more to do: a leftover folder under /tmp is harmless
+        }
+    }
+}
+
+bool haveTool(const std::string& name) {
+    const std::string cmd = "command -v " + name + " >/dev/null 2>&1";
+    return std::system(cmd.c_str()) == 0;
+}
+
+int run(const std::string& command) {
+    const int status = std::system(command.c_str());
+    if (status == -1) {
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+bool writeFile(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return static_cast<bool>(out);
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+}  // namespace lxtest
