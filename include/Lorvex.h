@@ -3,11 +3,18 @@
 #define LORVEX_H
 
 #include "Kt.h"
+#include "LxAudioOutputPort.h"
+#include "LxClock.h"
 #include "LxDiagnostics.h"
+#include "LxFormat.h"
 #include "LxLog.h"
+#include "LxManager.h"
+#include "LxMixer.h"
+#include "LxPlatform.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTime.h"
+#include "LxTimeBase.h"
 #include "LxVersion.h"
 
 #endif  // LORVEX_H
