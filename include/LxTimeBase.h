@@ -95,6 +95,13 @@ protected:
 
     static long callRunLoop(void* timeBase);
 
+    /// Ends the timer thread and waits for it (idempotent). A subclass that overrides
+    /// getTimeOfDay() calls it first thing in its destructor, so that the thread never calls into a
+    /// part of the object that is already gone.
+    void shutdownThread();
+    /// Reference time at a given time of day, with the lock held.
+    LxTime refTimeAt(double timeOfDay);
+
     LxTime referenceOrigin;
     LxTime timeOfDayOrigin;
     float tempo;
