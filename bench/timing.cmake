@@ -1,0 +1,2 @@
+lorvex_add_benchmark(timer_accuracy SOURCES TimerAccuracyBench.cpp)
+target_include_directories(bench_timer_accuracy PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)

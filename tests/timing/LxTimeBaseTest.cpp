@@ -1,0 +1,295 @@
+#include "LxTimeBase.h"
+
+#include "LxLog.h"
+#include "LxResult.h"
+#include "platform/clock/LxpClock.h"
+#include "platform/kt/KtRecordingThreadManager.h"
+
+#include "SettableTimeBase.h"
+#include "TestManager.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using lxtest::SettableTimeBase;
+
+// Records the order in which timers fire.
+struct FireLog {
+    std::mutex mutex;
+    std::vector<unsigned long> ids;
+    static void callback(unsigned long id, void* user) {
+        auto* log = static_cast<FireLog*>(user);
+        std::lock_guard<std::mutex> guard(log->mutex);
+        log->ids.push_back(id);
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return ids.size();
+    }
+    std::vector<unsigned long> snapshot() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return ids;
+    }
+};
+
+class TimeBaseTest : public ::testing::Test {
+protected:
+    KtDefaultThreadManager threads;
+    lxtest::TestManager manager{&threads};
+};
+
+TEST_F(TimeBaseTest, TimersFireInDeadlineOrderAndEqualDeadlinesInSetOrder) {
+    LxWin32TimeBase tb(&manager);
+    FireLog log;
+    unsigned long a = 0, b = 0, c = 0, d = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 60000), &a, &log));
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 20000), &b, &log));
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 40000), &c, &log));
+    // d has the same deadline as c when set within the same microsecond; make it certain:
+    ASSERT_EQ(LX_OK, tb.rescheduleTimer(c, LxTime(0, 90000)));
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 90000), &d, &log));
+    ASSERT_EQ(LX_OK, tb.rescheduleTimer(c, LxTime(0, 90000)));  // now after d: equal deadline, set later
+    EXPECT_EQ(1u, a);
+    EXPECT_EQ(4u, d);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 4; }));
+    EXPECT_EQ((std::vector<unsigned long>{b, a, d, c}), log.snapshot());
+}
+
+TEST_F(TimeBaseTest, TimerSetEarlierThanTheOneWaitedForFiresFirst) {
+    LxWin32TimeBase tb(&manager);
+    FireLog log;
+    unsigned long late = 0, early = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 400000), &late, &log));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the thread now waits for `late`
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 50000), &early, &log));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }));
+    EXPECT_EQ(early, log.snapshot()[0]);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
+    EXPECT_EQ(late, log.snapshot()[1]);
+}
+
+TEST_F(TimeBaseTest, ZeroAndNegativeDelaysFireAtOnceAtAnyTempo) {
+    for (float tempo : {1.0f, 0.0f, 3.0f}) {
+        SettableTimeBase tb(&manager);
+        ASSERT_EQ(LX_OK, tb.setTempo(tempo));
+        FireLog log;
+        unsigned long id = 0;
+        ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log));
+        ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(-5, 0), &id, &log));
+        EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }, 5000)) << "tempo " << tempo;
+    }
+}
+
+TEST_F(TimeBaseTest, FiredTimerIsDormantUntilRescheduledAndUnknownIdsAreRefused) {
+    SettableTimeBase tb(&manager);
+    FireLog log;
+    unsigned long id = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(1u, log.size()) << "a timer fires once";
+    ASSERT_EQ(LX_OK, tb.rescheduleTimer(id, LxTime::zero()));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
+    EXPECT_EQ(LX_ERR_NO_TIMER, tb.rescheduleTimer(id + 100, LxTime::zero()));
+    EXPECT_EQ(LX_ERR_NO_TIMER, tb.killTimer(id + 100));
+    EXPECT_EQ(LX_OK, tb.killTimer(id)) << "a dormant timer is killed without waiting";
+    EXPECT_EQ(LX_ERR_NO_TIMER, tb.killTimer(id));
+    EXPECT_EQ(LX_ERR_NEGATIVE_TEMPO, tb.setTempo(-0.5f));
+    EXPECT_FLOAT_EQ(1.0f, tb.getTempo());
+}
+
+TEST_F(TimeBaseTest, TempoChangesTheRateWithoutAJumpAndZeroFreezes) {
+    SettableTimeBase tb(&manager, 100.0);
+    EXPECT_DOUBLE_EQ(100.0, tb.getRefTime().getValue());
+    tb.setTimeOfDay(110.0);
+    ASSERT_EQ(LX_OK, tb.setTempo(2.0f));
+    EXPECT_DOUBLE_EQ(110.0, tb.getRefTime().getValue()) << "no jump at the change";
+    tb.setTimeOfDay(111.5);
+    EXPECT_DOUBLE_EQ(113.0, tb.getRefTime().getValue());
+    ASSERT_EQ(LX_OK, tb.setTempo(0.0f));
+    tb.setTimeOfDay(500.0);
+    EXPECT_DOUBLE_EQ(113.0, tb.getRefTime().getValue());
+    ASSERT_EQ(LX_OK, tb.setTempo(1.0f));
+    tb.setTimeOfDay(501.0);
+    EXPECT_DOUBLE_EQ(114.0, tb.getRefTime().getValue());
+}
+
+TEST_F(TimeBaseTest, FrozenTimeHoldsPendingTimersUntilTheTempoReturns) {
+    LxWin32TimeBase tb(&manager);
+    FireLog log;
+    unsigned long id = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 100000), &id, &log));
+    ASSERT_EQ(LX_OK, tb.setTempo(0.0f));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(0u, log.size()) << "reference time stands still, so the deadline is never reached";
+    ASSERT_EQ(LX_OK, tb.setTempo(1.0f));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }));
+}
+
+TEST_F(TimeBaseTest, RescheduledLaterWhileWaitedForFiresAtBothDeadlines) {
+    LxWin32TimeBase tb(&manager);
+    FireLog log;
+    unsigned long id = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 100000), &id, &log));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ASSERT_EQ(LX_OK, tb.rescheduleTimer(id, LxTime(0, 300000)));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
+}
+
+// Kill protocol: after killTimer returns on another thread the callback is not running and will
+// never start again; a callback can kill its own timer without waiting.
+struct KillProbe {
+    std::atomic<int> inCallback{0};
+    std::atomic<bool> killReturned{false};
+    std::atomic<int> violations{0};
+    std::atomic<int> fired{0};
+    static void callback(unsigned long, void* user) {
+        auto* p = static_cast<KillProbe*>(user);
+        if (p->killReturned.load()) {
+            ++p->violations;
+        }
+        ++p->inCallback;
+        std::this_thread::sleep_for(std::chrono::microseconds(300));
+        ++p->fired;
+        --p->inCallback;
+    }
+};
+
+struct SelfKiller {
+    LxTimeBase* tb;
+    std::atomic<int> fired{0};
+    long result = 0;
+    static void callback(unsigned long id, void* user) {
+        auto* s = static_cast<SelfKiller*>(user);
+        ++s->fired;
+        s->result = s->tb->killTimer(id);  // must not wait for itself
+    }
+};
+
+TEST_F(TimeBaseTest, CallbackKillingItsOwnTimerReturnsAtOnce) {
+    LxWin32TimeBase tb(&manager);
+    SelfKiller s{&tb};
+    unsigned long id = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(SelfKiller::callback, LxTime::zero(), &id, &s));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return s.fired.load() == 1; }));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return tb.rescheduleTimer(id, LxTime::zero()) == LX_ERR_NO_TIMER; }));
+    EXPECT_EQ(LX_OK, s.result);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(1, s.fired.load());
+}
+
+TEST_F(TimeBaseTest, KillFromAnotherThreadWaitsForARunningCallback) {
+    LxWin32TimeBase tb(&manager);
+    for (int round = 0; round < 50; ++round) {
+        KillProbe probe;
+        unsigned long id = 0;
+        ASSERT_EQ(LX_OK, tb.setTimer(KillProbe::callback, LxTime::zero(), &id, &probe));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return probe.inCallback.load() > 0 || probe.fired.load() > 0; }));
+        EXPECT_EQ(LX_OK, tb.killTimer(id));
+        probe.killReturned = true;
+        EXPECT_EQ(0, probe.inCallback.load()) << "round " << round;
+        EXPECT_EQ(LX_ERR_NO_TIMER, tb.rescheduleTimer(id, LxTime::zero()));
+    }
+}
+
+TEST_F(TimeBaseTest, ConcurrentSetRescheduleAndKillStress) {
+    LxWin32TimeBase tb(&manager);
+    constexpr int kThreads = 4;
+    std::vector<std::thread> workers;
+    std::atomic<int> violations{0};
+    for (int t = 0; t < kThreads; ++t) {
+        workers.emplace_back([&, t] {
+            std::mt19937 rng(1234 + t);
+            for (int i = 0; i < 60; ++i) {
+                auto* probe = new KillProbe();
+                unsigned long id = 0;
+                tb.setTimer(KillProbe::callback, LxTime(0, static_cast<int32_t>(rng() % 3000)), &id, probe);
+                if (rng() % 2) {
+                    tb.rescheduleTimer(id, LxTime(0, static_cast<int32_t>(rng() % 2000)));
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(rng() % 2500));
+                EXPECT_EQ(LX_OK, tb.killTimer(id));
+                probe->killReturned = true;
+                if (probe->inCallback.load() != 0) {
+                    ++violations;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                violations += probe->violations.load();
+                delete probe;  // safe only because the callback can no longer run
+            }
+        });
+    }
+    for (auto& w : workers) {
+        w.join();
+    }
+    EXPECT_EQ(0, violations.load());
+}
+
+TEST_F(TimeBaseTest, DestroyingWithPendingTimersJoinsAndReleasesThem) {
+    KtRecordingThreadManager recording;
+    lxtest::TestManager mgr(&recording);
+    FireLog log;
+    {
+        LxWin32TimeBase tb(&mgr);
+        unsigned long id = 0;
+        for (int i = 0; i < 5; ++i) {
+            tb.setTimer(FireLog::callback, LxTime(60, 0), &id, &log);
+        }
+        tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log);
+        ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }));
+        EXPECT_EQ(1, recording.liveThreads()) << "one timer thread per time base";
+    }
+    EXPECT_EQ(0, recording.liveThreads());
+    ASSERT_EQ(1u, recording.requests().size());
+    const auto request = recording.requests()[0];
+    EXPECT_EQ(4, request.stackClass);
+    EXPECT_EQ(1, request.priorityClass);
+    EXPECT_EQ(1, request.schedulingClass);
+}
+
+TEST_F(TimeBaseTest, WithoutAThreadTimersWaitAndTheNextSetTriesAgain) {
+    KtRecordingThreadManager recording;
+    lxtest::TestManager mgr(&recording);
+    recording.refuseThreads(1);
+    LxWin32TimeBase tb(&mgr);
+    FireLog log;
+    unsigned long id = 0;
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(0u, log.size());
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
+}
+
+TEST(LxWin32TimeBase, FollowsTheCalendarClockWithOrWithoutACounter) {
+    KtDefaultThreadManager threads;
+    lxtest::TestManager manager(&threads);
+    lxp::ManualClock clock(1700000000.25);
+    lxp::setClock(&clock);
+    {
+        LxWin32TimeBase withCounter(&manager);
+        EXPECT_NEAR(1700000000.25, withCounter.getRefTime().getValue(), 1e-6);
+        clock.advanceMicros(1500000);
+        EXPECT_NEAR(1700000001.75, withCounter.getRefTime().getValue(), 1e-6);
+    }
+    clock.setCounterAvailable(false);
+    {
+        lxtest::requireLog();
+        LxWin32TimeBase fallback(&manager);
+        EXPECT_TRUE(LxLogSink::contains("LxWin32TimeBase:  fTimeOffset = "));
+        EXPECT_NEAR(1700000001.75, fallback.getRefTime().getValue(), 0.001);
+        clock.advanceMicros(250000);
+        EXPECT_NEAR(1700000002.0, fallback.getRefTime().getValue(), 0.001);
+    }
+    lxp::setClock(nullptr);
+}
+
+}  // namespace
