@@ -154,6 +154,18 @@ protected:
     virtual long releaseWaitingPort(LxAudioChannelType_s type);
     virtual LxFormat* findMatchingFormat(LxOutputConnectable* output, LxInputConnectable* input);
 
+    // Arbitration steps, called with channelLock held (types as int: 0 RAW, 1 MIDI).
+    /// Takes the weakest active port's channel; it goes to the front of waiting or inactive.
+    void demote(int type);
+    /// Gives the front waiting port a channel; it goes to the back of the active list.
+    void promote(int type);
+    /// Gives entry a channel; it is inserted into the active list in precedence order.
+    void grant(const LxPortChannelEntry& entry, int type);
+    /// Demotes every active port of type.
+    void preemptType(int type);
+    /// Lets entry of type take over from the excluding type other; true when it got a channel.
+    bool switchForEntry(const LxPortChannelEntry& entry, int type, int other);
+
     char suspended;
     LxTimeBase* masterTimeBase;
     LxMixer* mixer;
