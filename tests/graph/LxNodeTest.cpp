@@ -1,0 +1,304 @@
+// Nodes: state changes, connectable lookup, listeners, and the event poster's threading.
+#include "LxNode.h"
+
+#include "LxLog.h"
+#include "LxQueue.h"
+#include "LxResult.h"
+#include "LxTimeBase.h"
+#include "TestManager.h"
+#include "TestNodes.h"
+#include "TestSupport.h"
+#include "platform/kt/KtRecordingThreadManager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using lxtest::RecordingListener;
+using lxtest::SequencedEvent;
+using lxtest::TestNode;
+
+struct QueueRef {
+    LxQueue* q = new LxQueue();
+    ~QueueRef() {
+        while (void* m = q->receive(0, LxTime::zero())) {
+            static_cast<LxEvent*>(m)->unref();
+        }
+        q->unref();
+    }
+};
+
+class NodeTest : public ::testing::Test {
+protected:
+    KtRecordingThreadManager threads;
+    lxtest::ScopedTestManager manager{&threads};
+};
+
+TEST_F(NodeTest, StartsUninitializedWithUnknownDurationAndLatencies) {
+    TestNode node(manager.get());
+    EXPECT_EQ(LxNode::UNINITIALIZED, node.getState());
+    EXPECT_EQ(LxTime(-1, 0), node.getDuration());
+    EXPECT_EQ(LxTime(2147483647, 0), node.getStartLatency());
+    EXPECT_EQ(LxTime(2147483647, 0), node.getLatency());
+    EXPECT_EQ(0, node.getLoop());
+    node.setLoop(1);
+    EXPECT_EQ(1, node.getLoop());
+}
+
+TEST_F(NodeTest, DeadIsFinalAndTheRefusalIsLogged) {
+    lxtest::requireLog();
+    TestNode node(manager.get());
+    EXPECT_EQ(1, node.setCurrentState(LxNode::STOPPED));
+    EXPECT_EQ(1, node.setCurrentState(LxNode::STARTED));
+    EXPECT_EQ(1, node.setCurrentState(LxNode::DEAD));
+    EXPECT_EQ(0, node.setCurrentState(LxNode::STARTED));
+    EXPECT_EQ(0, node.setCurrentState(LxNode::DEAD));
+    EXPECT_EQ(LxNode::DEAD, node.getState());
+    EXPECT_TRUE(LxLogSink::contains("LxNode: rejecting state change from DEAD to STARTED\n"));
+    EXPECT_EQ(std::string("UNKNOWN"), LxNode::stateName(7));
+}
+
+TEST_F(NodeTest, ConnectableLookupIsExactAndTakesTheFirstMatch) {
+    TestNode node(manager.get());
+    LxOutputConnectable* out = reinterpret_cast<LxOutputConnectable*>(0x1);
+    EXPECT_EQ(LX_ERR_NO_CONNECTABLE, node.getOutputConnectable("Video", &out));
+    EXPECT_EQ(nullptr, out);
+
+    char audio[] = "Audio";
+    char video[] = "Video";
+    char audio2[] = "Audio";
+    char* names[] = {audio, video, audio2};
+    LxOutputConnectable* outs[] = {reinterpret_cast<LxOutputConnectable*>(0x10),
+                                   reinterpret_cast<LxOutputConnectable*>(0x20),
+                                   reinterpret_cast<LxOutputConnectable*>(0x30)};
+    node.setOutputs(names, outs, 3);
+    EXPECT_EQ(LX_OK, node.getOutputConnectable("Audio", &out));
+    EXPECT_EQ(outs[0], out);
+    EXPECT_EQ(LX_OK, node.getOutputConnectable("Video", &out));
+    EXPECT_EQ(outs[1], out);
+    EXPECT_EQ(LX_ERR_NO_CONNECTABLE, node.getOutputConnectable("video", &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(LX_ERR_NO_CONNECTABLE, node.getOutputConnectable("Aud", &out));
+
+    char** listed = nullptr;
+    short count = -1;
+    EXPECT_EQ(LX_OK, node.listOutputs(listed, &count));
+    EXPECT_EQ(names, listed);
+    EXPECT_EQ(3, count);
+
+    LxInputConnectable* in = reinterpret_cast<LxInputConnectable*>(0x1);
+    EXPECT_EQ(LX_ERR_NO_CONNECTABLE, node.getInputConnectable("Audio", &in));
+    EXPECT_EQ(nullptr, in);
+    EXPECT_EQ(LX_OK, node.listInputs(listed, &count));
+    EXPECT_EQ(nullptr, listed);
+    EXPECT_EQ(0, count);
+}
+
+TEST_F(NodeTest, ClockOperationsReachTheOwnedClock) {
+    lxtest::requireLog();
+    TestNode node(manager.get());
+    LxTimeBase tb(manager.get());  // a plain time base: reference time stays 0
+    EXPECT_EQ(LX_OK, node.setTimeBase(&tb));
+    EXPECT_TRUE(LxLogSink::contains("LxNode:  setTimeBase ()\n"));
+    EXPECT_EQ(&tb, node.getTimeBase());
+    EXPECT_EQ(LX_OK, node.setMediaTime(LxTime(5, 0)));
+    float rate = 2.0f;
+    EXPECT_EQ(LX_OK, node.setRate(&rate));
+    EXPECT_EQ(2.0f, node.getRate());
+    EXPECT_EQ(LX_OK, node.startAtTime(LxTime(0, 0)));
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, node.setMediaTime(LxTime(1, 0)));
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, node.startAtTime(LxTime(0, 0)));
+    EXPECT_EQ(LxTime(5, 0), node.getMediaTime());
+    EXPECT_EQ(LX_OK, node.stopAtTime(LxTime(10, 0)));
+    EXPECT_EQ(LxTime(10, 0), node.getStopTime());
+    node.stop();
+    EXPECT_EQ(LX_OK, node.setMediaTime(LxTime(1, 0)));
+    EXPECT_EQ(LxTime(1, 0), node.getSyncTime());
+}
+
+TEST_F(NodeTest, QueueListenersGetTheirOwnReferenceInOrderAdded) {
+    TestNode node(manager.get());
+    QueueRef a, b;
+    EXPECT_EQ(LX_OK, node.setEventListener(a.q));
+    EXPECT_EQ(LX_OK, node.setEventListener(b.q));
+    EXPECT_EQ(LX_OK, node.removeEventListener(reinterpret_cast<LxQueue*>(0x40)));  // never added
+
+    const int before = SequencedEvent::alive.load();
+    SequencedEvent* e = new SequencedEvent(&node, 7);
+    node.postEvent(e);
+    ASSERT_EQ(1, a.q->length());
+    ASSERT_EQ(1, b.q->length());
+    LxEvent* got = static_cast<LxEvent*>(a.q->receive(0, LxTime::zero()));
+    EXPECT_EQ(e, got);
+    EXPECT_EQ(&node, got->getSource());
+    EXPECT_EQ(2u, got->refCount());  // a's and b's; the poster's own was handed over
+    got->unref();
+    EXPECT_EQ(before + 1, SequencedEvent::alive.load());
+    static_cast<LxEvent*>(b.q->receive(0, LxTime::zero()))->unref();
+    EXPECT_EQ(before, SequencedEvent::alive.load());
+
+    // After removal the queue hears nothing more; an event nobody listens to is simply released.
+    node.removeEventListener(a.q);
+    node.removeEventListener(b.q);
+    node.postEvent(new SequencedEvent(&node, 8));
+    EXPECT_EQ(0, a.q->length());
+    EXPECT_EQ(0, b.q->length());
+    EXPECT_EQ(before, SequencedEvent::alive.load());
+}
+
+TEST_F(NodeTest, PrefetchPostsPrefetchComplete) {
+    TestNode node(manager.get());
+    QueueRef q;
+    node.setEventListener(q.q);
+    node.prefetch();
+    LxEvent* e = static_cast<LxEvent*>(q.q->receive(0, LxTime::zero()));
+    ASSERT_NE(nullptr, e);
+    EXPECT_EQ(LxPrefetchCompleteEventType, e->getEventType());
+    EXPECT_EQ(&node, e->getSource());
+    e->unref();
+}
+
+TEST_F(NodeTest, QueueAndHandlerShareOneEventThatDiesAfterBoth) {
+    TestNode node(manager.get());
+    QueueRef q;
+    RecordingListener listener;
+    ASSERT_EQ(LX_OK, node.setEventListener(q.q));
+    ASSERT_EQ(LX_OK, node.setEventListener(&listener));
+    ASSERT_EQ(1u, threads.requests().size());
+    const auto req = threads.requests()[0];
+    EXPECT_EQ(4, req.stackClass);
+    EXPECT_EQ(1, req.priorityClass);
+    EXPECT_EQ(1, req.schedulingClass);
+
+    const int before = SequencedEvent::alive.load();
+    listener.holdNext();
+    SequencedEvent* e = new SequencedEvent(&node, 1);
+    node.postEvent(e);
+    ASSERT_TRUE(listener.waitUntilHeld());
+    LxEvent* got = static_cast<LxEvent*>(q.q->receive(0, LxTime::zero()));
+    ASSERT_EQ(e, got);
+    EXPECT_EQ(2u, got->refCount());  // the queue's and the poster's, while the handler runs
+    got->unref();
+    EXPECT_EQ(before + 1, SequencedEvent::alive.load());
+    listener.release();
+    ASSERT_TRUE(listener.waitForCount(1));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return SequencedEvent::alive.load() == before; }));
+    EXPECT_EQ(e, listener.entries()[0].event);
+}
+
+TEST_F(NodeTest, HandlersRunOnThePosterThreadOneAtATimeInPostingOrder) {
+    TestNode node(manager.get());
+    RecordingListener first, second;
+    ASSERT_EQ(LX_OK, node.setEventListener(&first));
+    ASSERT_EQ(LX_OK, node.setEventListener(&second));
+    EXPECT_EQ(1u, threads.requests().size());  // one poster serves every listener of a node
+    constexpr int kEvents = 200;
+    for (int i = 0; i < kEvents; ++i) {
+        node.postEvent(new SequencedEvent(&node, i));
+    }
+    ASSERT_TRUE(first.waitForCount(kEvents));
+    ASSERT_TRUE(second.waitForCount(kEvents));
+    const auto a = first.entries();
+    const auto b = second.entries();
+    for (int i = 0; i < kEvents; ++i) {
+        EXPECT_EQ(i, a[i].sequence);
+        EXPECT_EQ(i, b[i].sequence);
+        EXPECT_NE(std::this_thread::get_id(), a[i].thread);
+        EXPECT_EQ(a[0].thread, a[i].thread);
+        EXPECT_EQ(a[0].thread, b[i].thread);
+    }
+    EXPECT_FALSE(first.overlapped());
+    EXPECT_FALSE(second.overlapped());
+
+    // A removed listener hears nothing more.
+    node.removeEventListener(&first);
+    node.postEvent(new SequencedEvent(&node, kEvents));
+    ASSERT_TRUE(second.waitForCount(kEvents + 1));
+    EXPECT_EQ(size_t{kEvents}, first.count());
+}
+
+TEST_F(NodeTest, NoPosterThreadMeansOutOfMemoryAndNothingAdded) {
+    lxtest::requireLog();
+    TestNode node(manager.get());
+    RecordingListener listener;
+    threads.refuseThreads(1);
+    EXPECT_EQ(LX_ERR_OUT_OF_MEMORY, node.setEventListener(&listener));
+    QueueRef q;
+    node.setEventListener(q.q);
+    node.postEvent(new LxActiveEvent(&node));
+    EXPECT_EQ(1, q.q->length());  // only the queue was listening
+    // The next attempt gets a thread.
+    EXPECT_EQ(LX_OK, node.setEventListener(&listener));
+    node.postEvent(new LxActiveEvent(&node));
+    EXPECT_TRUE(listener.waitForCount(1));
+    EXPECT_EQ(1u, listener.count());
+
+    TestNode orphan(nullptr);  // no manager, so no thread manager
+    EXPECT_EQ(LX_ERR_OUT_OF_MEMORY, orphan.setEventListener(&listener));
+}
+
+TEST_F(NodeTest, NodeDestroyedWithEventsQueuedForItsPosterReleasesThem) {
+    lxtest::requireLog();
+    RecordingListener listener;
+    const int before = SequencedEvent::alive.load();
+    TestNode* node = new TestNode(manager.get());
+    ASSERT_EQ(LX_OK, node->setEventListener(&listener));
+    listener.holdNext();
+    for (int i = 0; i < 20; ++i) {
+        node->postEvent(new SequencedEvent(node, i));
+    }
+    ASSERT_TRUE(listener.waitUntilHeld());
+    std::thread destroyer([node] { delete node; });
+    // The destructor waits for the poster, which is inside the first handler.
+    ASSERT_TRUE(lxtest::waitUntil([] { return LxLogSink::contains("LxEventPoster:  destructing\n"); }));
+    listener.release();
+    destroyer.join();
+    EXPECT_EQ(before, SequencedEvent::alive.load());
+    EXPECT_LT(listener.count(), 20u);
+    EXPECT_EQ(0, listener.entries()[0].sequence);
+    EXPECT_TRUE(LxLogSink::contains("LxEventPoster:  done destructing\n"));
+    EXPECT_EQ(0, threads.liveThreads());
+}
+
+// The reader of a queue and the poster release one event at the same moment, many times over;
+// every event must die exactly once (ThreadSanitizer and the live count watch it).
+TEST_F(NodeTest, ConcurrentReleaseByQueueReaderAndPosterDestroysOnce) {
+    const int before = SequencedEvent::alive.load();
+    constexpr int kRounds = 20;
+    constexpr int kEvents = 300;
+    for (int round = 0; round < kRounds; ++round) {
+        TestNode node(manager.get());
+        QueueRef q;
+        RecordingListener listener;
+        node.setEventListener(q.q);
+        ASSERT_EQ(LX_OK, node.setEventListener(&listener));
+        std::atomic<int> received{0};
+        std::thread reader([&] {
+            while (received.load() < kEvents) {
+                if (void* m = q.q->receive(1, LxTime(0, 100000))) {
+                    static_cast<LxEvent*>(m)->unref();
+                    ++received;
+                }
+            }
+        });
+        std::thread poster2([&] {
+            for (int i = kEvents / 2; i < kEvents; ++i) {
+                node.postEvent(new SequencedEvent(&node, i));
+            }
+        });
+        for (int i = 0; i < kEvents / 2; ++i) {
+            node.postEvent(new SequencedEvent(&node, i));
+        }
+        poster2.join();
+        reader.join();
+        ASSERT_TRUE(listener.waitForCount(kEvents));
+        EXPECT_FALSE(listener.overlapped());
+    }
+    EXPECT_TRUE(lxtest::waitUntil([&] { return SequencedEvent::alive.load() == before; }));
+}
+
+}  // namespace
