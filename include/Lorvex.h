@@ -4,17 +4,23 @@
 
 #include "Kt.h"
 #include "LxAudioOutputPort.h"
+#include "LxAudioRendererNode.h"
 #include "LxClock.h"
+#include "LxConnectable.h"
 #include "LxDiagnostics.h"
+#include "LxEvent.h"
 #include "LxFormat.h"
 #include "LxLog.h"
 #include "LxManager.h"
 #include "LxMixer.h"
+#include "LxNode.h"
 #include "LxPlatform.h"
+#include "LxPlayer.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTime.h"
 #include "LxTimeBase.h"
 #include "LxVersion.h"
+#include "LxVideoRenderer.h"
 
 #endif  // LORVEX_H

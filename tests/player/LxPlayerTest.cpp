@@ -1,0 +1,632 @@
+// The player framework: requests on the player thread, guards, shutdown, and the orchestration of
+// renderer nodes (start confirmation, end of media, stop time, looping, time bases, rates).
+#include "LxPlayer.h"
+
+#include "LxAudioRendererNode.h"
+#include "LxLog.h"
+#include "LxResult.h"
+#include "LxVideoRenderer.h"
+#include "TestManager.h"
+#include "TestNodes.h"
+#include "TestPlayer.h"
+#include "TestRenderer.h"
+#include "TestSupport.h"
+#include "platform/kt/KtRecordingThreadManager.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using lxtest::RecordingListener;
+using lxtest::StepTimeBase;
+using lxtest::TestPlayer;
+using lxtest::TestRendererNode;
+
+// A renderer that tells when it is destroyed and records the threads it is driven from.
+class TracedRenderer : public TestRendererNode {
+public:
+    TracedRenderer(LxManager* m, std::atomic<int>* destroyed) : TestRendererNode(m), destroyed_(destroyed) {}
+    ~TracedRenderer() override { ++*destroyed_; }
+    long setMediaTime(LxTime t) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            mediaTimes.push_back(t.getValue());
+            threads.push_back(std::this_thread::get_id());
+        }
+        return TestRendererNode::setMediaTime(t);
+    }
+
+    std::mutex mutex;
+    std::vector<double> mediaTimes;
+    std::vector<std::thread::id> threads;
+
+private:
+    std::atomic<int>* destroyed_;
+};
+
+class PlayerTest : public ::testing::Test {
+protected:
+    // Connects the player's "Audio" output to a renderer and lets the player find it (the player
+    // owns it from then on).
+    template <class R>
+    R* attach(TestPlayer& player, R* renderer) {
+        EXPECT_EQ(LX_OK, player.audioOutput()->connectTo(renderer));
+        renderer->connectTo(player.audioOutput());
+        return renderer;
+    }
+    // A chain: the renderer gets an output of its own leading to a second renderer.
+    void discover(TestPlayer& player) {
+        player.onPlayerThread([&] { player.findAllDownStream(); });
+    }
+    static bool reaches(TestPlayer& player, LxNode::LxNodeState s) {
+        return lxtest::waitUntil([&] { return player.getState() == s; });
+    }
+
+    KtRecordingThreadManager threads;
+    lxtest::ScopedTestManager manager{&threads};
+    StepTimeBase timeBase{manager.get()};
+    std::atomic<int> destroyed{0};
+};
+
+TEST_F(PlayerTest, InitialisesByItselfOnItsOwnThread) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    ASSERT_EQ(LX_OK, player.setEventListener(&listener));
+    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
+    EXPECT_EQ(LxTime(2, 0), player.getDuration());
+    const auto reqs = threads.requests();
+    ASSERT_GE(reqs.size(), 1u);
+    EXPECT_EQ(4, reqs[0].stackClass);
+    EXPECT_EQ(1, reqs[0].priorityClass);
+    EXPECT_EQ(1, reqs[0].schedulingClass);
+    EXPECT_EQ(-1, player.getNumFrames());
+    EXPECT_EQ(LxTime(), player.getStartLatency());
+}
+
+TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetters) {
+    TestPlayer player(manager.get());
+    auto* r = attach(player, new TracedRenderer(manager.get(), &destroyed));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+
+    // No-reply requests followed at once by getters from the same thread.
+    player.setLoop(1);
+    EXPECT_EQ(1, player.getLoop());
+    player.setMaster(1);
+    EXPECT_EQ(1, player.isMaster());
+    player.suspend();
+    EXPECT_EQ(1, player.isSuspended());
+    player.resume();
+    EXPECT_EQ(0, player.isSuspended());
+    player.setLoop(0);
+    EXPECT_EQ(0, player.getLoop());
+    EXPECT_EQ(0, r->lastLoop.load());
+
+    float rate = 1.5f;
+    EXPECT_EQ(LX_OK, player.setRate(&rate));
+    EXPECT_EQ(1.5f, player.getRate());
+    EXPECT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    EXPECT_EQ(&timeBase, player.getTimeBase());
+
+    // Two host threads; each one's requests are carried out in its own order, on one thread that
+    // is neither of theirs.
+    auto sender = [&](int base) {
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(LX_OK, player.setMediaTime(LxTime(base + i, 0)));
+        }
+    };
+    std::thread a(sender, 100), b(sender, 200);
+    a.join();
+    b.join();
+    std::lock_guard<std::mutex> lock(r->mutex);
+    ASSERT_EQ(40u, r->mediaTimes.size());
+    double lastA = 0, lastB = 0;
+    for (size_t i = 0; i < r->mediaTimes.size(); ++i) {
+        const double t = r->mediaTimes[i];
+        double& last = t < 200 ? lastA : lastB;
+        EXPECT_GT(t, last);
+        last = t;
+        EXPECT_EQ(r->threads[0], r->threads[i]);
+        EXPECT_NE(std::this_thread::get_id(), r->threads[i]);
+    }
+}
+
+TEST_F(PlayerTest, OnThePlayerThreadRequestsRefuseInsteadOfWaitingOnThemselves) {
+    TestPlayer player(manager.get());
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    LxNode::LxNodeState state = LxNode::STARTED;
+    long start = 0, rateResult = 0;
+    float rate = -5.0f;
+    LxTime latency(9, 9);
+    ASSERT_TRUE(player.onPlayerThread([&] {
+        state = player.getState();
+        start = player.startAtTime(LxTime());
+        rateResult = player.setRate(&rate);
+        rate = player.getRate();
+        latency = player.getStartLatency();
+        player.stop();  // returns at once
+        player.setLoop(1);
+    }));
+    EXPECT_EQ(LxNode::DEAD, state);
+    EXPECT_EQ(LX_ERR_ON_PLAYER_THREAD, start);
+    EXPECT_EQ(LX_ERR_ON_PLAYER_THREAD, rateResult);
+    EXPECT_EQ(-1.0f, rate);
+    EXPECT_EQ(LxTime(), latency);
+    EXPECT_EQ(0, player.getLoop());  // the request made there was never sent
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+}
+
+TEST_F(PlayerTest, NullRateIsRefusedAndSendsNothing) {
+    lxtest::requireLog();
+    TestPlayer player(manager.get());
+    auto* r = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    r->lastRate = 42.0f;
+    EXPECT_EQ(LX_ERR_GENERIC, player.setRate(nullptr));
+    EXPECT_TRUE(LxLogSink::contains("LxPlayer: rate pointer NULL passed into setRate()\n"));
+    EXPECT_EQ(1.0f, player.getRate());
+    EXPECT_EQ(42.0f, r->lastRate.load());
+}
+
+TEST_F(PlayerTest, TinyRatesBecomeZeroAndTheCallerSeesIt) {
+    lxtest::requireLog();
+    TestPlayer player(manager.get());
+    auto* r = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    float rate = 0.0005f;
+    EXPECT_EQ(LX_OK, player.setRate(&rate));
+    EXPECT_EQ(0.0f, rate);
+    EXPECT_EQ(0.0f, player.getRate());
+    EXPECT_EQ(0.0f, r->lastRate.load());
+    EXPECT_EQ(1, LxLogSink::count("LxPlayer:  0.0 < rate < 0.001, changing this to 0.0\n"));
+
+    rate = -1.0f;
+    EXPECT_EQ(LX_OK, player.setRate(&rate));
+    EXPECT_EQ(-1.0f, rate);
+    EXPECT_EQ(-1.0f, r->lastRate.load());
+    rate = 0.0f;
+    EXPECT_EQ(LX_OK, player.setRate(&rate));
+    rate = 0.001f;
+    EXPECT_EQ(LX_OK, player.setRate(&rate));
+    EXPECT_EQ(0.001f, rate);
+    EXPECT_EQ(1, LxLogSink::count("LxPlayer:  0.0 < rate < 0.001, changing this to 0.0\n"));
+
+    // A node that refuses the rate is reported to the caller.
+    r->setRateResult(LX_ERR_CLOCK_RUNNING);
+    rate = 2.0f;
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, player.setRate(&rate));
+}
+
+TEST_F(PlayerTest, ChangingTheRateWhileStartedContinuesWithoutAJump) {
+    TestPlayer player(manager.get());
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    timeBase.set(100.0);
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    timeBase.set(101.0);
+    EXPECT_NEAR(1.0, player.getMediaTime().getValue(), 1e-6);
+    float rate = 2.0f;
+    ASSERT_EQ(LX_OK, player.setRate(&rate));
+    EXPECT_NEAR(1.0, player.getMediaTime().getValue(), 1e-6);
+    timeBase.set(102.0);
+    EXPECT_NEAR(3.0, player.getMediaTime().getValue(), 1e-6);
+}
+
+TEST_F(PlayerTest, UninitialisedPlayerRefusesTheNodeOperations) {
+    lxtest::requireLog();
+    TestPlayer::Options options;
+    options.initialize = false;
+    TestPlayer player(manager.get(), options);
+    EXPECT_EQ(LxNode::UNINITIALIZED, player.getState());
+    EXPECT_EQ(LX_ERR_GENERIC, player.startAtTime(LxTime()));
+    EXPECT_TRUE(LxLogSink::contains("LxPlayer:  startAll() called when player wasn't initialized\n"));
+    float rate = 2.0f;
+    EXPECT_EQ(LX_ERR_GENERIC, player.setRate(&rate));
+    EXPECT_EQ(LX_ERR_GENERIC, player.setMediaTime(LxTime(1, 0)));
+    player.prefetch();
+    EXPECT_EQ(LxNode::UNINITIALIZED, player.getState());
+    EXPECT_TRUE(LxLogSink::contains("LxPlayer:  prefetchAll() called when player wasn't initialized\n"));
+}
+
+TEST_F(PlayerTest, StartWaitsForEveryNodeToConfirm) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    auto* quick = attach(player, new TestRendererNode(manager.get()));
+    // A second renderer behind the first one's own output.
+    auto* slow = new TestRendererNode(manager.get());
+    slow->setStartMode(TestRendererNode::Silent);
+    LxAudioOutputConnectable chained;
+    chained.initFormats(LxSample16, LxStereo, 44100.0f, 4, LxFormat::PullStream, 0);
+    chained.initConnectable(quick);
+    chained.connectTo(slow);
+    char name[] = "Chained";
+    char* names[] = {name};
+    LxOutputConnectable* outs[] = {&chained};
+    // The first renderer reports the chained output as its own.
+    quick->setOutputs(names, outs, 1);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+
+    auto started = std::async(std::launch::async, [&] { return player.startAtTime(LxTime(100, 0)); });
+    ASSERT_TRUE(lxtest::waitUntil([&] { return slow->starts.load() == 1; }));
+    EXPECT_EQ(std::future_status::timeout, started.wait_for(std::chrono::milliseconds(150)));
+    slow->postStart();
+    ASSERT_EQ(std::future_status::ready, started.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(LX_OK, started.get());
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    EXPECT_TRUE(player.flagsOf(slow).started);
+    EXPECT_TRUE(player.flagsOf(quick).started);
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStartEventType) == 1; }));
+
+    player.stop();  // nodes are stopped and set to the player's media time
+    EXPECT_EQ(1, slow->stops.load());
+    EXPECT_EQ(1, quick->stops.load());
+    EXPECT_FALSE(player.flagsOf(slow).started);
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopByRequestEventType) == 1; }));
+    // The chained output is the test's and goes first: the nodes go with the player.
+    player.onPlayerThread([&] { player.destroyAll(); });
+}
+
+TEST_F(PlayerTest, APlayerWithoutNodesStartsAtOnceAndNodesThatEndAlsoCount) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    EXPECT_EQ(LX_OK, player.startAtTime(LxTime()));
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    player.stop();
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+
+    TestPlayer second(manager.get());
+    auto* ends = attach(second, new TestRendererNode(manager.get()));
+    ends->setStartMode(TestRendererNode::ConfirmEnd);
+    ASSERT_TRUE(reaches(second, LxNode::STOPPED));
+    EXPECT_EQ(LX_OK, second.startAtTime(LxTime()));
+    const auto flags = second.flagsOf(ends);
+    EXPECT_TRUE(flags.ended);
+    EXPECT_FALSE(flags.started);
+    EXPECT_EQ(LxNode::STARTED, second.getState());
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, second.startAtTime(LxTime()));  // the clock's answer
+}
+
+TEST_F(PlayerTest, ANodeThatNeverConfirmsIsGivenUpAfterTheBound) {
+    lxtest::requireLog();
+    TestPlayer player(manager.get());
+    player.setStartWaitLimit(LxTime(0, 200000));
+    auto* silent = attach(player, new TestRendererNode(manager.get()));
+    silent->setStartMode(TestRendererNode::Silent);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(LX_OK, player.startAtTime(LxTime()));
+    const double waited = lxtest::msSince(t0);
+    EXPECT_GE(waited, 190.0);
+    EXPECT_LT(waited, 10000.0);
+    EXPECT_TRUE(
+        LxLogSink::contains("LxPlayer:  startAll gave up on a node after 0.200 s, taking it as ended\n"));
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    EXPECT_TRUE(player.flagsOf(silent).ended);
+    // Carried on as if it had ended: the player's own end stops the player.
+    player.reachOwnEnd();
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+}
+
+TEST_F(PlayerTest, EndOfMediaStopsOnlyAfterEveryNodeAndThePlayerItself) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+
+    a->postEndOfMedia();
+    EXPECT_TRUE(lxtest::waitUntil([&] { return player.flagsOf(a).ended; }));
+    EXPECT_EQ(LxNode::STARTED, player.getState());  // the player's own source goes on
+    player.reachOwnEnd();
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
+    EXPECT_EQ(LxTime(2, 0), player.getMediaTime());  // parked at the known duration
+    EXPECT_EQ(2000000, a->lastMediaTimeUsec.load());
+}
+
+TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
+    TestPlayer player(manager.get());
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    // The second renderer hangs off a second output of the player.
+    auto* b = new TestRendererNode(manager.get());
+    LxAudioOutputConnectable* second = new LxAudioOutputConnectable();
+    second->initFormats(LxSample8, LxMono, 8000.0f, 1, LxFormat::PullStream, 0);
+    second->initConnectable(&player);
+    second->connectTo(b);
+    player.onPlayerThread([&] { player.adoptOutput("Second", second); });
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    EXPECT_TRUE(player.flagsOf(a).started);
+    EXPECT_TRUE(player.flagsOf(b).started);
+
+    player.reachOwnEnd();
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    a->postEndOfMedia();
+    EXPECT_TRUE(lxtest::waitUntil([&] { return player.flagsOf(a).ended; }));
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    b->postEndOfMedia();
+    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
+    EXPECT_EQ(1, a->stops.load());
+    EXPECT_EQ(1, b->stops.load());
+}
+
+TEST_F(PlayerTest, LoopingRestartsEveryNodeAtMediaTimeZero) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    player.setLoop(1);
+    EXPECT_EQ(1, player.getLoop());  // waits for the request
+    EXPECT_EQ(1, a->lastLoop.load());
+    timeBase.set(100.0);
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    timeBase.set(101.5);
+    a->postEndOfMedia();
+    EXPECT_TRUE(lxtest::waitUntil([&] { return player.flagsOf(a).ended; }));
+    player.reachOwnEnd();
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    EXPECT_EQ(2, a->starts.load());
+    EXPECT_EQ(0, a->lastMediaTimeUsec.load());
+    EXPECT_NEAR(0.0, player.getMediaTime().getValue(), 1e-6);  // restarted now, at zero
+    timeBase.set(102.0);
+    EXPECT_NEAR(0.5, player.getMediaTime().getValue(), 1e-6);
+    EXPECT_TRUE(player.flagsOf(a).started);
+    EXPECT_EQ(0u, listener.count(LxEndOfMediaEventType));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStartEventType) == 2; }));
+}
+
+TEST_F(PlayerTest, UnknownDurationBecomesTheMediaTimeReachedAtTheEnd) {
+    RecordingListener listener;
+    TestPlayer::Options options;
+    options.duration = LxTime(-1, 0);
+    TestPlayer player(manager.get(), options);
+    player.setEventListener(&listener);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    timeBase.set(100.0);
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    timeBase.set(101.25);
+    player.reachOwnEnd();
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+    EXPECT_EQ(LxTime(1, 250000), player.getDuration());
+    EXPECT_EQ(LxTime(1, 250000), player.getMediaTime());
+    // The duration change comes right before the end of media.
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
+    const auto entries = listener.entries();
+    ASSERT_GE(entries.size(), 2u);
+    EXPECT_EQ(LxDurationChangedEventType, entries[entries.size() - 2].type);
+    EXPECT_EQ(LxEndOfMediaEventType, entries.back().type);
+}
+
+TEST_F(PlayerTest, StopTimeStopsOnceEveryStartedNodeHasCheckedIn) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    EXPECT_EQ(LX_OK, player.stopAtTime(LxTime(105, 0)));
+    EXPECT_EQ(1, a->stopAtTimes.load());
+    EXPECT_EQ(LxTime(105, 0), player.getStopTime());
+    player.reachOwnStopTime();
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    a->postStopAtTime();
+    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopAtTimeEventType) == 1; }));
+}
+
+TEST_F(PlayerTest, ARefusedTimeBaseLeavesEverythingOnTheOldOne) {
+    TestPlayer player(manager.get());
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    auto* b = new TestRendererNode(manager.get());
+    LxAudioOutputConnectable* second = new LxAudioOutputConnectable();
+    second->initFormats(LxSample8, LxMono, 8000.0f, 1, LxFormat::PullStream, 0);
+    second->initConnectable(&player);
+    second->connectTo(b);
+    player.onPlayerThread([&] { player.adoptOutput("Second", second); });
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    EXPECT_EQ(&timeBase, a->getTimeBase());
+    EXPECT_EQ(&timeBase, b->getTimeBase());
+
+    // The list is walked newest first: b, then a. Whichever refuses, both end on the old base.
+    StepTimeBase other(manager.get());
+    for (TestRendererNode* refuser : {a, b}) {
+        refuser->setTimeBaseResult(LX_ERR_GENERIC);
+        EXPECT_EQ(LX_ERR_GENERIC, player.setTimeBase(&other));
+        EXPECT_EQ(&timeBase, player.getTimeBase());
+        EXPECT_EQ(&timeBase, a->getTimeBase());
+        EXPECT_EQ(&timeBase, b->getTimeBase());
+        refuser->setTimeBaseResult(LX_OK);
+    }
+    EXPECT_EQ(LX_OK, player.setTimeBase(&other));
+    EXPECT_EQ(&other, a->getTimeBase());
+    EXPECT_EQ(&other, b->getTimeBase());
+}
+
+TEST_F(PlayerTest, PrefetchReachesEveryNode) {
+    TestPlayer player(manager.get());
+    auto* a = attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    player.prefetch();
+    EXPECT_EQ(LxNode::PREFETCHING, player.getState());
+    EXPECT_EQ(1, a->prefetches.load());
+    EXPECT_TRUE(lxtest::waitUntil([&] { return player.flagsOf(a).prefetched; }));
+    char complete = 0;
+    player.onPlayerThread([&] { complete = player.prefetchComplete(); });
+    EXPECT_EQ(1, complete);
+}
+
+TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
+    RecordingListener listener;
+    TestPlayer player(manager.get());
+    player.setEventListener(&listener);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+
+    // The player thread is busy while a host thread's request waits in the queue; the error
+    // arrives before it is handled.
+    std::future<long> waiting;
+    player.onPlayerThread([&] {
+        waiting = std::async(std::launch::async, [&] { return player.setMediaTime(LxTime(1, 0)); });
+        // The requester needs the signal to send: wait on it, which lets go of it meanwhile.
+        for (int i = 0; i < 1000 && player.queuedRequests() == 0; ++i) {
+            player.waitOnSignal(20);
+        }
+        ASSERT_EQ(1, player.queuedRequests());
+        player.catastrophicError(LX_ERR_WAVE_READ);
+    });
+    ASSERT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(LX_ERR_GENERIC, waiting.get());  // handled by a dead player
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
+    EXPECT_EQ(LX_ERR_WAVE_READ, listener.entries().back().result);
+
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.startAtTime(LxTime()));
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.stopAtTime(LxTime()));
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setMediaTime(LxTime()));
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setTimeBase(&timeBase));
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setRate(nullptr));
+    float rate = 1.0f;
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setRate(&rate));
+    EXPECT_EQ(LxNode::DEAD, player.getState());
+    EXPECT_EQ(-1.0f, player.getRate());
+    EXPECT_EQ(LxTime(-1, 0), player.getMediaTime());
+    EXPECT_EQ(LxTime(-1, 0), player.getStartLatency());
+    EXPECT_EQ(LxTime(-1, 0), player.getDuration());
+    EXPECT_EQ(-1, player.getNumFrames());
+    EXPECT_EQ(nullptr, player.getTimeBase());
+    player.stop();
+    player.setLoop(1);
+    EXPECT_EQ(0, player.getLoop());
+    // The thread leaves its loop by itself once the player is dead.
+    EXPECT_TRUE(lxtest::waitUntil([&] { return !player.threadIsRunning(); }));
+}
+
+TEST_F(PlayerTest, DestructionJoinsTheThreadAndFreesTheNodes) {
+    {
+        TestPlayer player(manager.get());
+        attach(player, new TracedRenderer(manager.get(), &destroyed));
+        ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+        ASSERT_EQ(LX_OK, player.startAtTime(LxTime()));  // started: destruction stops it first
+        float rate = 1.0f;
+        player.setRate(&rate);
+        player.setLoop(1);  // left in the queue, maybe
+    }
+    EXPECT_EQ(1, destroyed.load());
+    EXPECT_EQ(0, threads.liveThreads());
+}
+
+TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
+    LxQueue* events = new LxQueue();
+    threads.refuseThreads(1);
+    {
+        TestPlayer player(manager.get());
+        player.setEventListener(events);
+        EXPECT_EQ(LX_ERR_GENERIC, player.startAtTime(LxTime()));
+        EXPECT_EQ(LX_ERR_GENERIC, player.setMediaTime(LxTime()));
+        EXPECT_EQ(LxNode::DEAD, player.getState());
+        EXPECT_EQ(1.0f, player.getRate());  // nothing will drain the queue: read at once
+        player.setLoop(1);
+        EXPECT_FALSE(player.onPlayerThread([] {}));
+        attach(player, new TracedRenderer(manager.get(), &destroyed));  // owned once attached
+    }
+    EXPECT_EQ(1, destroyed.load());
+    EXPECT_EQ(0, threads.liveThreads());
+    // It never got going, and says so.
+    LxEvent* e = static_cast<LxEvent*>(events->receive(0, LxTime::zero()));
+    ASSERT_NE(nullptr, e);
+    EXPECT_EQ(LxCatastrophicErrorEventType, e->getEventType());
+    EXPECT_EQ(LX_ERR_GENERIC, static_cast<LxCatastrophicErrorEvent*>(e)->getResult());
+    e->unref();
+    EXPECT_EQ(nullptr, events->receive(0, LxTime::zero()));
+    events->unref();
+}
+
+TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
+    lxtest::requireLog();
+    TestPlayer::Options noAudio;
+    noAudio.audioOutput = false;
+    TestPlayer bare(manager.get(), noAudio);
+    LxAudioOutputPort* port = reinterpret_cast<LxAudioOutputPort*>(0x1);
+    EXPECT_EQ(LX_ERR_GENERIC, bare.getNewAudioPort(&port));
+    EXPECT_EQ(nullptr, port);
+    EXPECT_TRUE(
+        LxLogSink::contains("LxPlayer:  getNewAudioPort() couldn't get the Audio output connectable.  "
+                            "This player probably needs to over-ride this method\n"));
+
+    TestPlayer player(manager.get());
+    EXPECT_EQ(LX_ERR_GENERIC, player.getNewAudioPort(&port));
+    EXPECT_TRUE(LxLogSink::contains(
+        "LxPlayer:  getNewAudioPort() unable to get audio connectable on audio renderer.\n"));
+    auto* r = attach(player, new TestRendererNode(manager.get()));
+    discover(player);
+    ASSERT_EQ(LX_OK, player.getNewAudioPort(&port));
+    ASSERT_NE(nullptr, port);
+    EXPECT_EQ(1, r->portsHandedOut.load());
+    EXPECT_EQ(0, port->hasChannel());
+    EXPECT_EQ(LxRawChannel, port->getChannelType());
+    port->grantChannel();
+    static_cast<lxtest::TestAudioPort*>(port)->setType(LxMidiChannel);
+    lxtest::TestAudioPort copy(*static_cast<lxtest::TestAudioPort*>(port));
+    EXPECT_EQ(1, copy.hasChannel());
+    EXPECT_EQ(LxMidiChannel, copy.getChannelType());
+
+    LxVideoRenderer* video = reinterpret_cast<LxVideoRenderer*>(0x1);
+    EXPECT_EQ(LX_ERR_GENERIC, player.getVideoRenderer(nullptr));
+    EXPECT_EQ(LX_OK, player.getVideoRenderer(&video));
+    EXPECT_EQ(nullptr, video);
+}
+
+TEST_F(PlayerTest, ADanglingVideoOutputIsReported) {
+    lxtest::requireLog();
+    TestPlayer player(manager.get());
+    LxVideoOutputConnectable* video = new LxVideoOutputConnectable();
+    player.onPlayerThread([&] { player.adoptOutput("Video", video); });
+    LxVideoRenderer* out = reinterpret_cast<LxVideoRenderer*>(0x1);
+    EXPECT_EQ(LX_ERR_GENERIC, player.getVideoRenderer(&out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_TRUE(LxLogSink::contains("LxPlayer: Dangling video out\n"));
+}
+
+// Many host threads at once (ThreadSanitizer watches the guards, the queues and the signal).
+TEST_F(PlayerTest, ConcurrentRequestsFromManyThreads) {
+    TestPlayer player(manager.get());
+    attach(player, new TestRendererNode(manager.get()));
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    std::vector<std::thread> hosts;
+    for (int t = 0; t < 4; ++t) {
+        hosts.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i) {
+                float rate = 1.0f + static_cast<float>(t);
+                player.setRate(&rate);
+                player.getRate();
+                player.setLoop(static_cast<char>(i & 1));
+                player.getState();
+                player.getMediaTime();
+                if (t == 0 && i % 10 == 0) {
+                    player.startAtTime(timeBase.getRefTime());
+                    player.stop();
+                }
+            }
+        });
+    }
+    for (auto& h : hosts) {
+        h.join();
+    }
+    EXPECT_NE(LxNode::DEAD, player.getState());
+}
+
+}  // namespace

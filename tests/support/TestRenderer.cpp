@@ -1,0 +1,212 @@
+#include "TestRenderer.h"
+
+#include "LxQueue.h"
+
+#include <new>
+
+namespace lxtest {
+
+TestRendererNode::TestRendererNode(LxManager* manager, int maxFrames, int frameBytes)
+    : LxAudioRendererNode(manager),
+      maxFrames_(maxFrames),
+      frameBytes_(frameBytes),
+      pool_(new LxQueue()),
+      accepted_(new LxAudioFormat(LxAnySampleFormat, LxAnyChannels, -1.0f, 0, LxFormat::PullStream)) {
+    inputNameList_[0] = inputName_;
+    inputList_[0] = this;
+    inputNames = inputNameList_;
+    inputs = inputList_;
+    inputCount = 1;
+    state = STOPPED;
+}
+
+TestRendererNode::~TestRendererNode() {
+    while (void* f = pool_->receive(0, LxTime::zero())) {
+        delete static_cast<LxFrame*>(f);
+    }
+    pool_->unref();
+    if (format_ != nullptr) {
+        format_->unref();
+    }
+    accepted_->unref();
+    for (TestAudioPort* p : ports_) {
+        delete p;
+    }
+    inputNames = nullptr;
+    inputs = nullptr;
+    inputCount = 0;
+}
+
+long TestRendererNode::startAtTime(LxTime refTime) {
+    const long result = LxNode::startAtTime(refTime);
+    state = STARTED;
+    ++starts;
+    switch (startMode_.load()) {
+        case ConfirmStart:
+            postEvent(new LxStartEvent(this, LxTime(), refTime));
+            break;
+        case ConfirmEnd:
+            postEvent(new LxEndOfMediaEvent(this));
+            break;
+        case Silent:
+            break;
+    }
+    return result;
+}
+
+void TestRendererNode::stop() {
+    LxNode::stop();
+    if (state != DEAD) {
+        state = STOPPED;
+    }
+    ++stops;
+}
+
+long TestRendererNode::stopAtTime(LxTime refTime) {
+    ++stopAtTimes;
+    return LxNode::stopAtTime(refTime);
+}
+
+long TestRendererNode::setRate(float* rate) {
+    lastRate = *rate;
+    return rateResult_.load();
+}
+
+long TestRendererNode::setMediaTime(LxTime mediaTime) {
+    ++mediaTimeSets;
+    lastMediaTimeUsec = static_cast<long>(mediaTime.sec()) * 1000000L + mediaTime.usec();
+    return mediaTimeResult_.load();
+}
+
+long TestRendererNode::setTimeBase(LxTimeBase* timeBase) {
+    ++timeBaseSets;
+    const long r = timeBaseResult_.load();
+    if (r != LX_OK) {
+        return r;
+    }
+    return LxNode::setTimeBase(timeBase);
+}
+
+void TestRendererNode::setLoop(char l) {
+    lastLoop = l;
+    LxNode::setLoop(l);
+}
+
+void TestRendererNode::prefetch() {
+    ++prefetches;
+    if (startMode_.load() != Silent) {
+        postEvent(new LxPrefetchCompleteEvent(this));
+    }
+}
+
+long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
+    TestAudioPort* p = new TestAudioPort();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ports_.push_back(p);
+    }
+    ++portsHandedOut;
+    *port = p;
+    return LX_OK;
+}
+
+KtResult TestRendererNode::setFormat(LxFormat* format) {
+    if (format == nullptr || format->formatType != LxAudioType) {
+        return LX_ERR_WRONG_FORMAT;
+    }
+    format->ref();
+    if (format_ != nullptr) {
+        format_->unref();
+    }
+    format_ = format;
+    return LX_OK;
+}
+
+KtResult TestRendererNode::listFormats(LxFormat**& list, short* count) {
+    list = new LxFormat*[1];
+    list[0] = accepted_;
+    *count = 1;
+    return LX_OK;
+}
+
+KtResult TestRendererNode::connectTo(LxOutputConnectable* output) {
+    output_ = output;
+    return LX_OK;
+}
+
+int TestRendererNode::bytesPerSampleFrame() {
+    auto* af = dynamic_cast<LxAudioFormat*>(format_);
+    if (af == nullptr) {
+        return 4;
+    }
+    return (af->getChannels() == LxMono ? 1 : 2) * (af->getSampleFormat() == LxSample8 ? 1 : 2);
+}
+
+LxFrame* TestRendererNode::getEmptyFrame(const LxTime& timeout) {
+    if (void* f = pool_->receive(0, LxTime::zero())) {
+        return static_cast<LxFrame*>(f);
+    }
+    if (framesCreated.load() < maxFrames_) {
+        ++framesCreated;
+        auto* frame = new LxAudioFrame();
+        frame->data = new unsigned char[frameBytes_];
+        frame->fillable = frameBytes_ / bytesPerSampleFrame();
+        return frame;
+    }
+    return static_cast<LxFrame*>(pool_->receive(timeout == LxTime::zero() ? 0 : 1, timeout));
+}
+
+void TestRendererNode::putEmptyFrame(LxFrame* frame) {
+    if (auto* af = dynamic_cast<LxAudioFrame*>(frame)) {
+        af->filled = 0;
+        af->consumed = 0;
+    }
+    pool_->send(frame);
+}
+
+void TestRendererNode::putFrame(LxFrame* frame) {
+    consume(frame);
+}
+
+void TestRendererNode::consume(LxFrame* frame) {
+    if (auto* af = dynamic_cast<LxAudioFrame*>(frame)) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        received_.append(reinterpret_cast<const char*>(af->data),
+                         static_cast<size_t>(af->filled) * static_cast<size_t>(bytesPerSampleFrame()));
+    }
+    putEmptyFrame(frame);
+}
+
+int TestRendererNode::pull() {
+    if (output_ == nullptr) {
+        return 0;
+    }
+    int n = 0;
+    while (LxFrame* f = output_->getFrameForTime(LxTime::zero(), LxTime::zero())) {
+        consume(f);
+        ++n;
+    }
+    return n;
+}
+
+std::string TestRendererNode::received() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_;
+}
+
+void TestRendererNode::clearReceived() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    received_.clear();
+}
+
+void TestRendererNode::postStart() {
+    postEvent(new LxStartEvent(this, LxTime(), LxTime()));
+}
+void TestRendererNode::postEndOfMedia() {
+    postEvent(new LxEndOfMediaEvent(this));
+}
+void TestRendererNode::postStopAtTime() {
+    postEvent(new LxStopAtTimeEvent(this, LxTime(), LxTime()));
+}
+
+}  // namespace lxtest

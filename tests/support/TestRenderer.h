@@ -1,0 +1,160 @@
+// A renderer node and an audio port for player tests: the node posts start, end-of-media and
+// stop-at-time events as the test tells it, hands out empty audio frames from a bounded pool and
+// consumes filled ones, keeping every byte it was given.
+#ifndef LORVEX_TESTS_SUPPORT_TESTRENDERER_H
+#define LORVEX_TESTS_SUPPORT_TESTRENDERER_H
+
+#include "LxAudioOutputPort.h"
+#include "LxAudioRendererNode.h"
+#include "LxConnectable.h"
+#include "LxResult.h"
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace lxtest {
+
+class TestAudioPort : public LxAudioOutputPort {
+public:
+    long setSoundLocation(const float* xyz) override {
+        for (int i = 0; i < 3; ++i) {
+            location_[i] = xyz[i];
+        }
+        return LX_OK;
+    }
+    const float* getLocation() const override { return location_; }
+    long setGain(float g) override {
+        gain_ = g;
+        return LX_OK;
+    }
+    long setPan(float p) override {
+        pan_ = p;
+        return LX_OK;
+    }
+    float getPan() const override { return pan_; }
+    float getGain() const override { return gain_; }
+    long setPriority(float p) override {
+        priority_ = p;
+        return LX_OK;
+    }
+    float getPriority() const override { return priority_; }
+    long setSpatialize(char on) override {
+        spatialize_ = on;
+        return LX_OK;
+    }
+    char getSpatialize() const override { return spatialize_; }
+    long grantChannel() override {
+        channelHeld = 1;
+        return LX_OK;
+    }
+    long revokeChannel() override {
+        channelHeld = 0;
+        return LX_OK;
+    }
+    void setType(LxAudioChannelType_s type) { channelType = type; }
+
+private:
+    float location_[3] = {0, 0, 0};
+    float gain_ = 1.0f;
+    float pan_ = 0.0f;
+    float priority_ = 0.0f;
+    char spatialize_ = 0;
+};
+
+class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
+public:
+    /// What the node posts when it is started.
+    enum StartMode { ConfirmStart, ConfirmEnd, Silent };
+
+    explicit TestRendererNode(LxManager* manager, int maxFrames = 4, int frameBytes = 4096);
+    ~TestRendererNode() override;
+
+    // Node (called on the player thread).
+    long startAtTime(LxTime refTime) override;
+    void stop() override;
+    long stopAtTime(LxTime refTime) override;
+    long setRate(float* rate) override;
+    long setMediaTime(LxTime mediaTime) override;
+    long setTimeBase(LxTimeBase* timeBase) override;
+    void setLoop(char loop) override;
+    void prefetch() override;
+    long getNewAudioPort(LxAudioOutputPort** port) override;
+
+    // Connectable.
+    KtResult setFormat(LxFormat* format) override;
+    LxFormat* getFormat() override { return format_; }
+    KtResult listFormats(LxFormat**& list, short* count) override;
+    LxNode* getNode() override { return this; }
+    void flush() override { ++flushes; }
+    KtResult connectTo(LxOutputConnectable* output) override;
+    LxOutputConnectable* connectedTo() override { return output_; }
+    /// From the pool, creating up to maxFrames, else waiting up to timeout. Producer's thread.
+    LxFrame* getEmptyFrame(const LxTime& timeout) override;
+    void putEmptyFrame(LxFrame* frame) override;
+    void notifyEndOfMedia() override { ++endOfMediaNotes; }
+    /// Push style: consumed at once.
+    void putFrame(LxFrame* frame) override;
+
+    // Test controls (any thread).
+    void setStartMode(StartMode mode) { startMode_ = mode; }
+    /// The results the node's setTimeBase / setRate / setMediaTime give (1 accepts).
+    void setTimeBaseResult(long r) { timeBaseResult_ = r; }
+    void setRateResult(long r) { rateResult_ = r; }
+    void setMediaTimeResult(long r) { mediaTimeResult_ = r; }
+    /// Gives the node output names and connectables of its own (borrowed; null to take them away).
+    void setOutputs(char** names, LxOutputConnectable** outs, short n) {
+        outputNames = names;
+        outputs = outs;
+        outputCount = n;
+    }
+    void postStart();
+    void postEndOfMedia();
+    void postStopAtTime();
+    /// Pulls every frame the connected output has queued, keeping its bytes and returning the
+    /// frame to the pool. Returns the number of frames taken. Consumer side.
+    int pull();
+    std::string received();
+    /// Empties what has been received so far.
+    void clearReceived();
+
+    std::atomic<int> starts{0};
+    std::atomic<int> stops{0};
+    std::atomic<int> stopAtTimes{0};
+    std::atomic<int> flushes{0};
+    std::atomic<int> prefetches{0};
+    std::atomic<int> endOfMediaNotes{0};
+    std::atomic<int> mediaTimeSets{0};
+    std::atomic<int> timeBaseSets{0};
+    std::atomic<float> lastRate{1.0f};
+    std::atomic<char> lastLoop{0};
+    std::atomic<long> lastMediaTimeUsec{-1};
+    std::atomic<int> framesCreated{0};
+    std::atomic<int> portsHandedOut{0};
+
+private:
+    void consume(LxFrame* frame);
+    int bytesPerSampleFrame();
+
+    std::atomic<StartMode> startMode_{ConfirmStart};
+    std::atomic<long> timeBaseResult_{LX_OK};
+    std::atomic<long> rateResult_{LX_OK};
+    std::atomic<long> mediaTimeResult_{LX_OK};
+    const int maxFrames_;
+    const int frameBytes_;
+    LxQueue* pool_;
+    LxFormat* format_ = nullptr;
+    LxAudioFormat* accepted_;
+    LxOutputConnectable* output_ = nullptr;
+    char inputName_[6] = "Audio";
+    char* inputNameList_[1];
+    LxInputConnectable* inputList_[1];
+    std::mutex mutex_;
+    std::string received_;
+    std::vector<TestAudioPort*> ports_;
+};
+
+}  // namespace lxtest
+
+#endif
