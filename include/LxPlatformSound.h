@@ -1,0 +1,34 @@
+// LxPlatformSound.h - where the library's sound goes.
+//
+// The mixer's sound device is the library's own software mixing engine. A host picks its output
+// here, in code, before it creates the manager; objects made earlier keep the output they were
+// made on. Without a choice a process plays on the ALSA device "default", and when that device
+// cannot be opened it goes on with a null output paced in real time (nothing is heard, but every
+// buffer plays at its true speed). MIDI synthesized by the library goes into the same output.
+#ifndef LX_PLATFORM_SOUND_H
+#define LX_PLATFORM_SOUND_H
+
+#include <cstdint>
+#include <string>
+
+class LxPlatformSound {
+  public:
+    /// Output rate of the real outputs unless a call below says otherwise (16-bit stereo).
+    static constexpr uint32_t DEFAULT_SAMPLE_RATE = 44100;
+
+    /// Plays on the ALSA PCM device named device (null or empty: "default"); falls back to a null
+    /// output when the device cannot be opened.
+    static void useAlsa(const char* device = nullptr, uint32_t sampleRate = DEFAULT_SAMPLE_RATE);
+    /// Writes what would be heard into a 16-bit stereo WAV file at path, in real time. The file is
+    /// created when the output first starts and completed whenever it stops.
+    static void useWavFile(const char* path, uint32_t sampleRate = DEFAULT_SAMPLE_RATE);
+    /// Plays into nothing, in real time.
+    static void useNullOutput(uint32_t sampleRate = DEFAULT_SAMPLE_RATE);
+    /// The simulated device of the tests, with its default settings: nothing plays until the
+    /// test advances its output (platform/sound/LxpSimulatedSound.h drives it).
+    static void useSimulated();
+    /// What the current choice plays on, for logs and --version output ("ALSA device default").
+    static std::string describeOutput();
+};
+
+#endif  // LX_PLATFORM_SOUND_H

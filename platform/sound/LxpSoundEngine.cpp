@@ -1,0 +1,778 @@
+#include "platform/sound/LxpSoundEngine.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+namespace lxp {
+namespace sound {
+
+namespace {
+
+constexpr float kFractionScale = 1.0f / 4294967296.0f;
+
+uint64_t packFormat(const OutputFormat& f) {
+    return (static_cast<uint64_t>(f.rate) << 32) | (static_cast<uint64_t>(f.channels) << 16) | f.bits;
+}
+
+OutputFormat unpackFormat(uint64_t w) {
+    OutputFormat f;
+    f.rate = static_cast<uint32_t>(w >> 32);
+    f.channels = static_cast<uint16_t>((w >> 16) & 0xFFFF);
+    f.bits = static_cast<uint16_t>(w & 0xFFFF);
+    return f;
+}
+
+/// DirectSound attenuation (hundredths of a decibel) as a linear factor; the bottom of the range is
+/// silence, as DirectSound documents it.
+float attenuationToGain(int32_t hundredths) {
+    if (hundredths <= DSBVOLUME_MIN) {
+        return 0.0f;
+    }
+    if (hundredths >= 0) {
+        return 1.0f;
+    }
+    return std::pow(10.0f, static_cast<float>(hundredths) / 2000.0f);
+}
+
+float dot3(const float* a, const float* b) {
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+
+void cross3(const float* a, const float* b, float* out) {
+    out[0] = a[1] * b[2] - a[2] * b[1];
+    out[1] = a[2] * b[0] - a[0] * b[2];
+    out[2] = a[0] * b[1] - a[1] * b[0];
+}
+
+bool normalize3(float* v) {
+    const float len = std::sqrt(dot3(v, v));
+    if (!(len > 1e-12f) || !std::isfinite(len)) {
+        return false;
+    }
+    v[0] /= len;
+    v[1] /= len;
+    v[2] /= len;
+    return true;
+}
+
+/// Linear interpolation through src at a 32.32 fixed-point phase; src[j + 1] must exist for every
+/// sample produced. At a step of exactly one frame and a zero fraction the output is src itself.
+void resampleLinear(const float* src, uint32_t fraction, uint64_t step, uint32_t count, float* out) {
+    if (fraction == 0 && step == (uint64_t{1} << 32)) {
+        std::memcpy(out, src, count * sizeof(float));
+        return;
+    }
+    uint64_t acc = fraction;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint32_t j = static_cast<uint32_t>(acc >> 32);
+        const float f = static_cast<float>(static_cast<uint32_t>(acc)) * kFractionScale;
+        const float a = src[j];
+        out[i] = a + f * (src[j + 1] - a);
+        acc += step;
+    }
+}
+
+}  // namespace
+
+// ---- SampleMemory ----
+
+SampleMemory* SampleMemory::create(const WAVEFORMATEX& format, uint32_t bytes) {
+    SampleMemory* m = new (std::nothrow) SampleMemory();
+    if (m == nullptr) {
+        return nullptr;
+    }
+    m->format = format;
+    m->blockAlign = format.nBlockAlign;
+    m->channels = format.nChannels;
+    m->frames = bytes / m->blockAlign;
+    m->bytes = m->frames * m->blockAlign;
+    m->raw = new (std::nothrow) uint8_t[m->bytes];
+    m->samples = new (std::nothrow) float[static_cast<size_t>(m->frames) * m->channels + 1];
+    if (m->raw == nullptr || m->samples == nullptr) {
+        delete m;
+        return nullptr;
+    }
+    std::memset(m->raw, format.wBitsPerSample == 8 ? 0x80 : 0x00, m->bytes);
+    std::memset(m->samples, 0, (static_cast<size_t>(m->frames) * m->channels + 1) * sizeof(float));
+    return m;
+}
+
+SampleMemory::~SampleMemory() {
+    delete[] raw;
+    delete[] samples;
+}
+
+void SampleMemory::unref() {
+    if (refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete this;
+    }
+}
+
+void SampleMemory::commit(uint32_t offset, uint32_t count) {
+    if (count == 0 || offset >= bytes) {
+        return;
+    }
+    const uint32_t end = std::min<uint64_t>(static_cast<uint64_t>(offset) + count, bytes);
+    const uint32_t first = offset / blockAlign;
+    const uint32_t last = std::min(frames, (end + blockAlign - 1) / blockAlign);
+    const bool eight = format.wBitsPerSample == 8;
+    for (uint32_t f0 = first; f0 < last; f0 += kCommitChunkFrames) {
+        const uint32_t f1 = std::min(last, f0 + kCommitChunkFrames);
+        std::lock_guard<std::mutex> guard(commitLock);
+        for (uint32_t c = 0; c < channels; ++c) {
+            float* dst = samples + static_cast<size_t>(c) * frames;
+            if (eight) {
+                const uint8_t* src = raw + c;
+                for (uint32_t f = f0; f < f1; ++f) {
+                    dst[f] = (static_cast<float>(src[f * blockAlign]) - 128.0f) * (1.0f / 128.0f);
+                }
+            } else {
+                const uint8_t* src = raw + 2 * c;
+                for (uint32_t f = f0; f < f1; ++f) {
+                    const uint8_t* p = src + f * blockAlign;
+                    const int16_t v = static_cast<int16_t>(static_cast<uint16_t>(p[0] | (p[1] << 8)));
+                    dst[f] = static_cast<float>(v) * (1.0f / 32768.0f);
+                }
+            }
+        }
+    }
+}
+
+void SampleMemory::frameBytes(uint32_t f, uint8_t* out) const {
+    for (uint32_t c = 0; c < channels; ++c) {
+        const float s = samples[static_cast<size_t>(c) * frames + f];
+        if (format.wBitsPerSample == 8) {
+            out[c] = static_cast<uint8_t>(std::lround(s * 128.0f) + 128);
+        } else {
+            const int16_t v = static_cast<int16_t>(std::lround(s * 32768.0f));
+            out[2 * c] = static_cast<uint8_t>(v & 0xFF);
+            out[2 * c + 1] = static_cast<uint8_t>((static_cast<uint16_t>(v) >> 8) & 0xFF);
+        }
+    }
+}
+
+// ---- ListenerState ----
+
+// A sequence count with release stores and acquire loads throughout: a reader that sees any value
+// of a write in progress also sees the odd count (or a newer one) and drops its snapshot.
+void ListenerState::store(const float values[10]) {
+    const uint32_t s = sequence.load(std::memory_order_relaxed);
+    sequence.store(s + 1, std::memory_order_relaxed);
+    for (int i = 0; i < 10; ++i) {
+        value[i].store(floatBits(values[i]), std::memory_order_release);
+    }
+    sequence.store(s + 2, std::memory_order_release);
+}
+
+bool ListenerState::load(float values[10]) const {
+    const uint32_t s1 = sequence.load(std::memory_order_acquire);
+    if (s1 & 1u) {
+        return false;
+    }
+    for (int i = 0; i < 10; ++i) {
+        values[i] = bitsFloat(value[i].load(std::memory_order_acquire));
+    }
+    return sequence.load(std::memory_order_relaxed) == s1;
+}
+
+// ---- Engine ----
+
+Engine::Engine(std::unique_ptr<Sink> sink, const OutputFormat& fixedFormat, bool follow, bool threaded)
+    : sink_(std::move(sink)), fixedFormat_(fixedFormat), follow_(follow), threaded_(threaded) {
+    for (auto& c : chunks_) {
+        c.store(nullptr, std::memory_order_relaxed);
+    }
+    for (auto& s : sources_) {
+        s.store(nullptr, std::memory_order_relaxed);
+    }
+    const float defaults[10] = {0, 0, 0, 0, 0, 1, 0, 1, 0, DS3D_DEFAULTROLLOFFFACTOR};
+    for (auto& l : listeners_) {
+        l.store(defaults);
+    }
+    OutputFormat initial = fixedFormat;
+    if (follow) {
+        // A device's primary buffer starts at 22.05 kHz, 8-bit stereo until its format is set.
+        initial.rate = 22050;
+        initial.channels = 2;
+        initial.bits = 8;
+    }
+    primaryFormat_.store(packFormat(initial), std::memory_order_relaxed);
+    mixL_.assign(kMaxBlockFrames, 0.0f);
+    mixR_.assign(kMaxBlockFrames, 0.0f);
+    mixI_.assign(2 * kMaxBlockFrames, 0.0f);
+    tmp0_.assign(kMaxBlockFrames, 0.0f);
+    tmp1_.assign(kMaxBlockFrames, 0.0f);
+    out_.assign(4 * kMaxBlockFrames, 0);
+}
+
+Engine::~Engine() {
+    {
+        std::lock_guard<std::mutex> guard(controlMutex_);
+        stopThread();
+        if (sinkOpen_ && sink_) {
+            sink_->close();
+            sinkOpen_ = false;
+        }
+    }
+    for (uint32_t c = 0; c < kMaxVoiceChunks; ++c) {
+        Voice* chunk = chunks_[c].load(std::memory_order_acquire);
+        if (chunk == nullptr) {
+            continue;
+        }
+        for (uint32_t i = 0; i < kVoicesPerChunk; ++i) {
+            if (chunk[i].state.load(std::memory_order_acquire) != kVoiceFree && chunk[i].memory != nullptr) {
+                chunk[i].memory->unref();
+                delete chunk[i].tap;
+            }
+        }
+        delete[] chunk;
+    }
+}
+
+std::string Engine::describe() const {
+    return sink_ ? sink_->describe() : std::string("no output");
+}
+
+void Engine::addUser() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    if (++users_ == 1) {
+        if (!sinkOpen_ && sink_) {
+            sink_->open(outputFormat());
+            sinkOpen_ = true;
+        }
+        if (threaded_) {
+            startThread();
+        }
+    }
+}
+
+void Engine::removeUser() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    if (users_ > 0 && --users_ == 0) {
+        stopThread();
+        if (threaded_ && sinkOpen_ && sink_) {
+            // A stopped output is finished (a WAV file gets its final sizes); a later start
+            // continues it.
+            sink_->close();
+            sinkOpen_ = false;
+        }
+        reclaimLocked(threaded_);
+    }
+}
+
+int Engine::users() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    return users_;
+}
+
+void Engine::startThread() {
+    if (running_.load()) {
+        return;
+    }
+    running_.store(true);
+    thread_ = std::thread([this] { threadMain(); });
+}
+
+void Engine::stopThread() {
+    if (!running_.load()) {
+        return;
+    }
+    running_.store(false);
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void Engine::threadMain() {
+    while (running_.load(std::memory_order_acquire)) {
+        renderBlock(periodFrames());
+    }
+}
+
+int Engine::createVoice(SampleMemory* memory, bool is3D, int listener, ConsumedTap* tap) {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    reclaimLocked(threaded_ && !running_.load());
+    for (uint32_t c = 0; c < kMaxVoiceChunks; ++c) {
+        Voice* chunk = chunks_[c].load(std::memory_order_acquire);
+        if (chunk == nullptr) {
+            chunk = new (std::nothrow) Voice[kVoicesPerChunk];
+            if (chunk == nullptr) {
+                return -1;
+            }
+            chunks_[c].store(chunk, std::memory_order_release);
+        }
+        for (uint32_t i = 0; i < kVoicesPerChunk; ++i) {
+            Voice& v = chunk[i];
+            if (v.state.load(std::memory_order_acquire) != kVoiceFree) {
+                continue;
+            }
+            // The slot is free, so the mixing thread does not touch it: its fields, the mixing
+            // thread's own included, are set here and published by the state store below.
+            memory->ref();
+            v.memory = memory;
+            v.listener = listener;
+            v.is3D = is3D;
+            v.tap = tap;
+            const uint64_t ctl = ctlNext(v.ctl.load(std::memory_order_relaxed), 0, 0);
+            v.ctl.store(ctl, std::memory_order_relaxed);
+            v.frequency.store(memory->format.nSamplesPerSec, std::memory_order_relaxed);
+            v.volume.store(0, std::memory_order_relaxed);
+            v.pan.store(0, std::memory_order_relaxed);
+            for (auto& p : v.position3D) {
+                p.store(floatBits(0.0f), std::memory_order_relaxed);
+            }
+            v.mode3D.store(DS3DMODE_NORMAL, std::memory_order_relaxed);
+            v.fraction = 0;
+            v.seenGeneration = ctl >> kCtlGenerationShift;
+            v.gainsValid = false;
+            v.gainL = v.gainR = 0.0f;
+            const uint32_t index = c * kVoicesPerChunk + i;
+            if (index + 1 > highWater_.load(std::memory_order_relaxed)) {
+                highWater_.store(index + 1, std::memory_order_release);
+            }
+            v.state.store(kVoiceActive, std::memory_order_release);
+            ++live_;
+            return static_cast<int>(index);
+        }
+    }
+    return -1;
+}
+
+Voice& Engine::voice(int id) {
+    Voice* chunk = chunks_[static_cast<uint32_t>(id) / kVoicesPerChunk].load(std::memory_order_acquire);
+    return chunk[static_cast<uint32_t>(id) % kVoicesPerChunk];
+}
+
+void Engine::releaseVoice(int id) {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    voice(id).state.store(kVoiceReleasing, std::memory_order_release);
+    reclaimLocked(threaded_ && !running_.load());
+}
+
+int Engine::liveVoices() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    reclaimLocked(threaded_ && !running_.load());
+    return live_;
+}
+
+void Engine::reclaimLocked(bool mixerIdle) {
+    const uint32_t hw = highWater_.load(std::memory_order_acquire);
+    for (uint32_t index = 0; index < hw; ++index) {
+        Voice* chunk = chunks_[index / kVoicesPerChunk].load(std::memory_order_acquire);
+        if (chunk == nullptr) {
+            continue;
+        }
+        Voice& v = chunk[index % kVoicesPerChunk];
+        const uint32_t st = v.state.load(std::memory_order_acquire);
+        if (st == kVoiceRetired || (st == kVoiceReleasing && mixerIdle)) {
+            v.memory->unref();
+            v.memory = nullptr;
+            delete v.tap;
+            v.tap = nullptr;
+            v.state.store(kVoiceFree, std::memory_order_release);
+            --live_;
+        }
+    }
+}
+
+int Engine::allocateListener() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    for (uint32_t i = 0; i < kMaxListeners; ++i) {
+        if (!listeners_[i].inUse.load()) {
+            const float defaults[10] = {0, 0, 0, 0, 0, 1, 0, 1, 0, DS3D_DEFAULTROLLOFFFACTOR};
+            listeners_[i].store(defaults);
+            listeners_[i].inUse.store(true, std::memory_order_release);
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+void Engine::freeListener(int id) {
+    if (id >= 0 && id < static_cast<int>(kMaxListeners)) {
+        listeners_[id].inUse.store(false, std::memory_order_release);
+    }
+}
+
+bool Engine::addSource(MixSource* source) {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    for (auto& s : sources_) {
+        if (s.load() == source) {
+            return false;
+        }
+    }
+    for (auto& s : sources_) {
+        if (s.load() == nullptr) {
+            s.store(source, std::memory_order_release);
+            return true;
+        }
+    }
+    return false;
+}
+
+void Engine::removeSource(MixSource* source) {
+    {
+        std::lock_guard<std::mutex> guard(controlMutex_);
+        for (auto& s : sources_) {
+            if (s.load() == source) {
+                s.store(nullptr, std::memory_order_release);
+            }
+        }
+    }
+    // A block that started before the removal may still call the source: wait for it to end.
+    const uint64_t c = renderCount_.load(std::memory_order_acquire);
+    if (c & 1u) {
+        while (renderCount_.load(std::memory_order_acquire) == c) {
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    }
+}
+
+void Engine::setPrimaryFormat(const WAVEFORMATEX& format) {
+    if (!follow_) {
+        return;
+    }
+    OutputFormat f;
+    f.rate = format.nSamplesPerSec;
+    f.channels = format.nChannels;
+    f.bits = format.wBitsPerSample;
+    primaryFormat_.store(packFormat(f), std::memory_order_release);
+}
+
+OutputFormat Engine::outputFormat() const {
+    return follow_ ? unpackFormat(primaryFormat_.load(std::memory_order_acquire)) : fixedFormat_;
+}
+
+uint32_t Engine::periodFrames() const {
+    return std::max<uint32_t>(1, outputFormat().rate / 100);
+}
+
+void Engine::renderFrames(uint32_t frames) {
+    const uint32_t block = std::min(periodFrames(), kMaxBlockFrames);
+    while (frames > 0) {
+        const uint32_t n = std::min(frames, block);
+        renderBlock(n);
+        frames -= n;
+    }
+}
+
+void Engine::renderBlock(uint32_t n) {
+    renderCount_.fetch_add(1, std::memory_order_acq_rel);
+    const auto start = std::chrono::steady_clock::now();
+    const OutputFormat fmt = outputFormat();
+    std::fill(mixL_.begin(), mixL_.begin() + n, 0.0f);
+    std::fill(mixR_.begin(), mixR_.begin() + n, 0.0f);
+
+    for (uint32_t l = 0; l < kMaxListeners; ++l) {
+        if (!listeners_[l].inUse.load(std::memory_order_acquire)) {
+            basis_[l].valid = false;
+            continue;
+        }
+        float v[10];
+        if (!listeners_[l].load(v)) {
+            continue;  // a commit is under way: keep the last snapshot for this block
+        }
+        ListenerBasis& b = basis_[l];
+        std::memcpy(b.pos, v, sizeof b.pos);
+        float front[3] = {v[3], v[4], v[5]};
+        float top[3] = {v[6], v[7], v[8]};
+        if (!normalize3(front)) {
+            front[0] = 0.0f;
+            front[1] = 0.0f;
+            front[2] = 1.0f;
+        }
+        // Left-handed: with front +z and top +y, right is +x = top x front.
+        cross3(top, front, b.right);
+        if (!normalize3(b.right)) {
+            const float fallbackTop[3] = {0.0f, 1.0f, 0.0f};
+            cross3(fallbackTop, front, b.right);
+            if (!normalize3(b.right)) {
+                b.right[0] = 1.0f;
+                b.right[1] = 0.0f;
+                b.right[2] = 0.0f;
+            }
+        }
+        cross3(front, b.right, b.up);
+        std::memcpy(b.front, front, sizeof b.front);
+        b.rolloff = v[9];
+        b.valid = true;
+    }
+
+    const uint32_t hw = highWater_.load(std::memory_order_acquire);
+    for (uint32_t index = 0; index < hw; ++index) {
+        Voice* chunk = chunks_[index / kVoicesPerChunk].load(std::memory_order_acquire);
+        if (chunk == nullptr) {
+            index += kVoicesPerChunk - 1 - index % kVoicesPerChunk;
+            continue;
+        }
+        Voice& v = chunk[index % kVoicesPerChunk];
+        const uint32_t st = v.state.load(std::memory_order_acquire);
+        if (st == kVoiceActive) {
+            mixVoice(v, n, fmt.rate);
+        } else if (st == kVoiceReleasing) {
+            v.state.store(kVoiceRetired, std::memory_order_release);
+        }
+    }
+
+    float* mi = mixI_.data();
+    for (uint32_t i = 0; i < n; ++i) {
+        mi[2 * i] = mixL_[i];
+        mi[2 * i + 1] = mixR_[i];
+    }
+    for (auto& s : sources_) {
+        MixSource* src = s.load(std::memory_order_acquire);
+        if (src != nullptr) {
+            src->mixInto(mi, n, 2, fmt.rate);
+        }
+    }
+
+    uint8_t* out = out_.data();
+    if (fmt.bits == 8) {
+        for (uint32_t i = 0; i < n; ++i) {
+            for (uint32_t c = 0; c < fmt.channels; ++c) {
+                float x = fmt.channels == 1 ? 0.5f * (mi[2 * i] + mi[2 * i + 1]) : mi[2 * i + (c & 1u)];
+                float y = x * 128.0f;
+                y = y < -128.0f ? -128.0f : (y > 127.0f ? 127.0f : y);
+                const int32_t q = static_cast<int32_t>(y + (y >= 0.0f ? 0.5f : -0.5f));
+                *out++ = static_cast<uint8_t>(q + 128);
+            }
+        }
+    } else {
+        for (uint32_t i = 0; i < n; ++i) {
+            for (uint32_t c = 0; c < fmt.channels; ++c) {
+                float x = fmt.channels == 1 ? 0.5f * (mi[2 * i] + mi[2 * i + 1]) : mi[2 * i + (c & 1u)];
+                float y = x * 32768.0f;
+                y = y < -32768.0f ? -32768.0f : (y > 32767.0f ? 32767.0f : y);
+                const int32_t q = static_cast<int32_t>(y + (y >= 0.0f ? 0.5f : -0.5f));
+                const uint16_t u = static_cast<uint16_t>(static_cast<int16_t>(q));
+                *out++ = static_cast<uint8_t>(u & 0xFF);
+                *out++ = static_cast<uint8_t>(u >> 8);
+            }
+        }
+    }
+    const uint64_t took = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
+            .count());
+    if (took > worstBlockNanos_.load(std::memory_order_relaxed)) {
+        worstBlockNanos_.store(took, std::memory_order_relaxed);
+    }
+    renderCount_.fetch_add(1, std::memory_order_acq_rel);
+    if (sink_) {
+        sink_->write(out_.data(), n, fmt);
+    }
+}
+
+void Engine::computeGains(Voice& v, float* gl, float* gr) {
+    const float vol = attenuationToGain(v.volume.load(std::memory_order_relaxed));
+    if (!v.is3D) {
+        const int32_t pan = v.pan.load(std::memory_order_relaxed);
+        float l = 1.0f;
+        float r = 1.0f;
+        if (pan > 0) {
+            l = attenuationToGain(-pan);
+        } else if (pan < 0) {
+            r = attenuationToGain(pan);
+        }
+        *gl = vol * l;
+        *gr = vol * r;
+        return;
+    }
+    const uint32_t mode = v.mode3D.load(std::memory_order_relaxed);
+    if (mode == DS3DMODE_DISABLE) {
+        *gl = vol;
+        *gr = vol;
+        return;
+    }
+    const float p[3] = {bitsFloat(v.position3D[0].load(std::memory_order_relaxed)),
+                        bitsFloat(v.position3D[1].load(std::memory_order_relaxed)),
+                        bitsFloat(v.position3D[2].load(std::memory_order_relaxed))};
+    static const ListenerBasis kDefaultBasis = [] {
+        ListenerBasis b;
+        b.valid = true;
+        const float pos[3] = {0, 0, 0}, right[3] = {1, 0, 0}, up[3] = {0, 1, 0}, front[3] = {0, 0, 1};
+        std::memcpy(b.pos, pos, sizeof pos);
+        std::memcpy(b.right, right, sizeof right);
+        std::memcpy(b.up, up, sizeof up);
+        std::memcpy(b.front, front, sizeof front);
+        b.rolloff = DS3D_DEFAULTROLLOFFFACTOR;
+        return b;
+    }();
+    const ListenerBasis& b =
+        (v.listener >= 0 && basis_[v.listener].valid) ? basis_[v.listener] : kDefaultBasis;
+    float lateral;
+    float distance;
+    if (mode == DS3DMODE_HEADRELATIVE) {
+        lateral = p[0];
+        distance = std::sqrt(dot3(p, p));
+    } else {
+        const float d[3] = {p[0] - b.pos[0], p[1] - b.pos[1], p[2] - b.pos[2]};
+        lateral = dot3(d, b.right);
+        distance = std::sqrt(dot3(d, d));
+    }
+    float atten = 1.0f;
+    if (distance > DS3D_DEFAULTMINDISTANCE) {
+        const float d = std::min(distance, DS3D_DEFAULTMAXDISTANCE);
+        atten =
+            DS3D_DEFAULTMINDISTANCE / (DS3D_DEFAULTMINDISTANCE + b.rolloff * (d - DS3D_DEFAULTMINDISTANCE));
+    }
+    float x = distance > 1e-6f ? lateral / distance : 0.0f;
+    x = x < -1.0f ? -1.0f : (x > 1.0f ? 1.0f : x);
+    if (!std::isfinite(atten) || !std::isfinite(x)) {
+        atten = 0.0f;
+        x = 0.0f;
+    }
+    // The DirectSound pan law in amplitude: the far side falls off, the near side stays at full.
+    *gl = vol * atten * std::min(1.0f, 1.0f - x);
+    *gr = vol * atten * std::min(1.0f, 1.0f + x);
+}
+
+void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
+    uint64_t w = v.ctl.load(std::memory_order_acquire);
+    const uint64_t gen = w >> kCtlGenerationShift;
+    if (gen != v.seenGeneration) {
+        v.seenGeneration = gen;
+        v.fraction = 0;
+    }
+    if ((w & kCtlPlaying) == 0) {
+        v.gainsValid = false;
+        return;
+    }
+    SampleMemory* m = v.memory;
+    const uint32_t frames = m->frames;
+    if (frames == 0 || outRate == 0) {
+        return;
+    }
+    const bool loop = (w & kCtlLooping) != 0;
+    uint32_t idx = ctlPosition(w) / m->blockAlign;
+    if (idx >= frames) {
+        idx = 0;
+    }
+    const uint32_t startIdx = idx;
+    const uint64_t step =
+        (static_cast<uint64_t>(v.frequency.load(std::memory_order_relaxed)) << 32) / outRate;
+    float gl;
+    float gr;
+    computeGains(v, &gl, &gr);
+
+    float* t0 = tmp0_.data();
+    float* t1 = tmp1_.data();
+    const bool stereoSource = m->channels == 2;
+    uint32_t frac = v.fraction;
+    uint64_t consumed = 0;
+    uint32_t produced = 0;
+    bool ended = false;
+    {
+        std::lock_guard<std::mutex> guard(m->commitLock);
+        const float* s0 = m->samples;
+        const float* s1 = stereoSource ? m->samples + frames : nullptr;
+        while (produced < n) {
+            if (idx >= frames) {
+                if (!loop) {
+                    ended = true;
+                    break;
+                }
+                idx %= frames;
+            }
+            if (step == 0) {
+                break;
+            }
+            if (idx + 1 < frames) {
+                const uint64_t room = (static_cast<uint64_t>(frames - 1 - idx) << 32) - frac;
+                const uint64_t fit = (room + step - 1) / step;
+                const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(fit, n - produced));
+                resampleLinear(s0 + idx, frac, step, count, t0 + produced);
+                if (s1 != nullptr) {
+                    resampleLinear(s1 + idx, frac, step, count, t1 + produced);
+                }
+                const uint64_t acc = frac + count * step;
+                idx += static_cast<uint32_t>(acc >> 32);
+                consumed += acc >> 32;
+                frac = static_cast<uint32_t>(acc);
+                produced += count;
+            } else {
+                // The last frame: it leads into the loop's start, or into silence at the end.
+                const float f = static_cast<float>(frac) * kFractionScale;
+                const float a0 = s0[idx];
+                t0[produced] = a0 + f * ((loop ? s0[0] : 0.0f) - a0);
+                if (s1 != nullptr) {
+                    const float a1 = s1[idx];
+                    t1[produced] = a1 + f * ((loop ? s1[0] : 0.0f) - a1);
+                }
+                ++produced;
+                const uint64_t acc = frac + step;
+                idx += static_cast<uint32_t>(acc >> 32);
+                consumed += acc >> 32;
+                frac = static_cast<uint32_t>(acc);
+            }
+        }
+        if (v.tap != nullptr && consumed > 0) {
+            std::lock_guard<std::mutex> tapGuard(v.tap->mutex);
+            uint8_t frame[4];
+            uint32_t f = startIdx;
+            for (uint64_t k = 0; k < consumed; ++k) {
+                if (f >= frames) {
+                    if (!loop) {
+                        break;
+                    }
+                    f = 0;
+                }
+                m->frameBytes(f, frame);
+                v.tap->bytes.insert(v.tap->bytes.end(), frame, frame + m->blockAlign);
+                ++f;
+            }
+        }
+    }
+    if (ended || idx >= frames) {
+        if (loop) {
+            idx %= frames;
+        } else {
+            ended = true;
+            idx = 0;
+            frac = 0;
+        }
+    }
+
+    if (stereoSource && v.is3D) {
+        for (uint32_t i = 0; i < produced; ++i) {
+            t0[i] = 0.5f * (t0[i] + t1[i]);
+        }
+    }
+    const bool mono = !stereoSource || v.is3D;
+    float* L = mixL_.data();
+    float* R = mixR_.data();
+    const float* tr = mono ? t0 : t1;
+    if (!v.gainsValid || (v.gainL == gl && v.gainR == gr)) {
+        for (uint32_t i = 0; i < produced; ++i) {
+            L[i] += gl * t0[i];
+            R[i] += gr * tr[i];
+        }
+    } else {
+        // A changed volume, pan or position glides over the block instead of jumping.
+        const float dl = (gl - v.gainL) / static_cast<float>(std::max<uint32_t>(produced, 1));
+        const float dr = (gr - v.gainR) / static_cast<float>(std::max<uint32_t>(produced, 1));
+        float cl = v.gainL;
+        float cr = v.gainR;
+        for (uint32_t i = 0; i < produced; ++i) {
+            cl += dl;
+            cr += dr;
+            L[i] += cl * t0[i];
+            R[i] += cr * tr[i];
+        }
+    }
+    v.gainL = gl;
+    v.gainR = gr;
+    v.gainsValid = !ended;
+    v.fraction = frac;
+
+    const uint64_t flags = ended ? (w & kCtlLooping) : (w & (kCtlPlaying | kCtlLooping));
+    const uint64_t desired = (gen << kCtlGenerationShift) | flags | (idx * m->blockAlign);
+    if (!v.ctl.compare_exchange_strong(w, desired, std::memory_order_acq_rel)) {
+        v.fraction = 0;  // a control thread changed the voice meanwhile; its state stands
+    }
+}
+
+}  // namespace sound
+}  // namespace lxp

@@ -1,0 +1,309 @@
+// What the mixing engine makes of buffers: exact samples at unity, the volume and pan laws,
+// resampling without clicks, cursors, looping and one-shot ends, 3D panning and rolloff, mix sources.
+#include "SoundTestKit.h"
+
+#include "platform/LxpDuplex.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using namespace lxp;
+using soundkit::Device;
+
+class SoundEngine : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        duplex::reset();
+        simsound::use();
+    }
+    void TearDown() override { EXPECT_EQ(0, simsound::liveBuffers()); }
+};
+
+/// A 16-bit mono buffer holding samples, started at frequency (0: its own rate).
+IDirectSoundBuffer* playing(Device& dev, const std::vector<int16_t>& samples, uint32_t rate, bool loop,
+                            uint32_t flags = DSBCAPS_CTRLVOLUME | DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRLPAN) {
+    IDirectSoundBuffer* b = dev.buffer(rate, 1, 16, static_cast<uint32_t>(samples.size() * 2), flags);
+    soundkit::write(b, 0, samples.data(), static_cast<uint32_t>(samples.size() * 2));
+    EXPECT_EQ(DS_OK, b->Play(0, 0, loop ? DSBPLAY_LOOPING : 0));
+    return b;
+}
+
+TEST_F(SoundEngine, UnityGainPassesSamplesUnchangedAndTheVolumeLawScalesThem) {
+    Device dev(44100);
+    // 441 frames hold exactly 5 periods of 500 Hz, so the loop is seamless.
+    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 32767.0);
+    IDirectSoundBuffer* b = playing(dev, sine, 44100, true);
+    simsound::advanceFrames(441 * 4);
+    const std::vector<float> left = simsound::outputChannel(0);
+    const std::vector<float> right = simsound::outputChannel(1);
+    ASSERT_EQ(441u * 4, left.size());
+    for (size_t i = 0; i < left.size(); ++i) {
+        ASSERT_EQ(sine[i % 441], static_cast<int16_t>(left[i] * 32768.0f)) << "frame " << i;
+        ASSERT_EQ(left[i], right[i]);
+    }
+
+    // -6 dB is half the amplitude (10^(-600/2000) = 0.501); the full range ends in silence.
+    simsound::clearOutput();
+    ASSERT_EQ(DS_OK, b->SetVolume(-600));
+    simsound::advanceFrames(441 * 4);
+    const std::vector<float> half = simsound::outputChannel(0);
+    EXPECT_NEAR(0.5012, soundkit::peak(half, 441) / soundkit::peak(left), 0.002);
+    simsound::clearOutput();
+    ASSERT_EQ(DS_OK, b->SetVolume(DSBVOLUME_MIN));
+    simsound::advanceFrames(441 * 3);
+    EXPECT_EQ(0.0, soundkit::peak(simsound::outputChannel(0), 441));
+    b->Release();
+}
+
+TEST_F(SoundEngine, PanAttenuatesOnlyTheOppositeChannelDownToSilence) {
+    Device dev(44100);
+    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 20000.0);
+    IDirectSoundBuffer* b = playing(dev, sine, 44100, true);
+    ASSERT_EQ(DS_OK, b->SetPan(DSBPAN_LEFT));
+    simsound::advanceFrames(441 * 3);
+    const std::vector<float> l = simsound::outputChannel(0);
+    const std::vector<float> r = simsound::outputChannel(1);
+    EXPECT_EQ(0.0, soundkit::peak(r, 441));
+    EXPECT_NEAR(20000.0 / 32768.0, soundkit::peak(l, 441), 1e-4);
+
+    simsound::clearOutput();
+    ASSERT_EQ(DS_OK, b->SetPan(600));  // left 6 dB down, right at full
+    simsound::advanceFrames(441 * 3);
+    const std::vector<float> l2 = simsound::outputChannel(0);
+    const std::vector<float> r2 = simsound::outputChannel(1);
+    EXPECT_NEAR(0.5012, soundkit::peak(l2, 441) / soundkit::peak(r2, 441), 0.002);
+    EXPECT_NEAR(20000.0 / 32768.0, soundkit::peak(r2, 441), 1e-4);
+    b->Release();
+}
+
+TEST_F(SoundEngine, FrequencyResamplesPitchWithoutClicksAtLoopsOrChanges) {
+    Device dev(44100);
+    // A 22050 Hz buffer of 1 s holding 441 Hz; played at 44100 Hz it must sound an octave up.
+    const std::vector<int16_t> tone = soundkit::sine16(22050, 441.0 / 22050.0, 16000.0);
+    IDirectSoundBuffer* b = playing(dev, tone, 22050, true);
+    ASSERT_EQ(DS_OK, b->SetFrequency(44100));
+    simsound::advanceMs(1500);  // crosses the loop point once
+    std::vector<float> out = simsound::outputChannel(0);
+    EXPECT_NEAR(882.0, soundkit::pitch(out, 44100), 2.0);
+    // Largest step of a 882 Hz sine of this amplitude at 44.1 kHz is 2*pi*882/44100*0.488 = 0.061.
+    const double ownStep = 2 * M_PI * 882.0 / 44100.0 * (16000.0 / 32768.0);
+    EXPECT_LT(soundkit::maxStep(out), ownStep * 1.05);
+
+    // An odd ratio, changed mid-stream: the pitch follows and no step jumps out.
+    simsound::clearOutput();
+    ASSERT_EQ(DS_OK, b->SetFrequency(30011));
+    simsound::advanceMs(400);
+    ASSERT_EQ(DS_OK, b->SetFrequency(17003));
+    simsound::advanceMs(400);
+    out = simsound::outputChannel(0);
+    const size_t mid = out.size() / 2;
+    EXPECT_NEAR(441.0 * 30011 / 22050, soundkit::pitch(out, 44100, 0, mid), 3.0);
+    EXPECT_NEAR(441.0 * 17003 / 22050, soundkit::pitch(out, 44100, mid), 3.0);
+    const double step = 2 * M_PI * (441.0 * 30011 / 22050) / 44100.0 * (16000.0 / 32768.0);
+    EXPECT_LT(soundkit::maxStep(out), step * 1.05);
+    b->Release();
+}
+
+TEST_F(SoundEngine, CursorsAdvanceByWhatWasMixedWrapAndStopAtTheEndOfAOneShot) {
+    Device dev(44100);
+    std::vector<int16_t> ramp(1000);
+    for (int i = 0; i < 1000; ++i) {
+        ramp[i] = static_cast<int16_t>(i * 20 - 10000);
+    }
+    // Looping at half speed: 441 output frames take 220.5 frames of the buffer.
+    IDirectSoundBuffer* loop = playing(dev, ramp, 44100, true);
+    ASSERT_EQ(DS_OK, loop->SetFrequency(22050));
+    simsound::advanceFrames(441 * 10);  // 2205 buffer frames: two wraps and 205 frames
+    EXPECT_EQ(205u * 2, soundkit::position(loop));
+    const std::vector<uint8_t> passed = simsound::consumed(loop);
+    ASSERT_EQ(2205u * 2, passed.size());
+    for (size_t f = 0; f < 2205; ++f) {
+        int16_t v;
+        std::memcpy(&v, &passed[2 * f], 2);
+        ASSERT_EQ(ramp[f % 1000], v) << "frame " << f;
+    }
+    loop->Release();
+
+    // A one-shot plays its 1000 frames once, then stops with its cursor back at 0 and is silent.
+    simsound::clearOutput();
+    IDirectSoundBuffer* once = playing(dev, ramp, 44100, false);
+    simsound::advanceFrames(1500);
+    simsound::BufferInfo info;
+    ASSERT_TRUE(simsound::describe(once, &info));
+    EXPECT_FALSE(info.playing);
+    EXPECT_EQ(0u, info.position);
+    const std::vector<float> out = simsound::outputChannel(0);
+    ASSERT_EQ(1500u, out.size());
+    for (size_t i = 0; i < 1000; ++i) {
+        ASSERT_EQ(ramp[i], static_cast<int16_t>(out[i] * 32768.0f));
+    }
+    EXPECT_EQ(0.0, soundkit::peak(out, 1000));
+    EXPECT_EQ(2000u, simsound::consumed(once).size());
+    // Played again, it starts from the beginning.
+    ASSERT_EQ(DS_OK, once->Play(0, 0, 0));
+    simsound::advanceFrames(10);
+    EXPECT_EQ(20u, soundkit::position(once));
+    once->Release();
+}
+
+TEST_F(SoundEngine, EightBitBuffersAndEightBitOutputRoundTrip) {
+    Device dev(22050);
+    WAVEFORMATEX f = soundkit::pcm(22050, 2, 8);
+    ASSERT_EQ(DS_OK, dev.primary->SetFormat(&f));
+    IDirectSoundBuffer* b = dev.buffer(22050, 1, 8, 256);
+    std::vector<uint8_t> bytes(256);
+    for (int i = 0; i < 256; ++i) {
+        bytes[i] = static_cast<uint8_t>(i);
+    }
+    soundkit::write(b, 0, bytes.data(), 256);
+    ASSERT_EQ(DS_OK, b->Play(0, 0, DSBPLAY_LOOPING));
+    simsound::advanceFrames(512);
+    const std::vector<uint8_t> out = simsound::outputBytes();
+    ASSERT_EQ(1024u, out.size());
+    for (size_t i = 0; i < 512; ++i) {
+        ASSERT_EQ(bytes[i % 256], out[2 * i]);
+        ASSERT_EQ(bytes[i % 256], out[2 * i + 1]);
+    }
+    b->Release();
+}
+
+/// Left and right energy of a 3D source at (x, y, z) around the listener of dev.
+std::pair<double, double> heard(Device& dev, IDirectSound3DBuffer* b3, float x, float y, float z) {
+    EXPECT_EQ(DS_OK, b3->SetPosition(x, y, z, DS3D_IMMEDIATE));
+    simsound::clearOutput();
+    simsound::advanceFrames(441 * 4);
+    (void)dev;
+    return {soundkit::energy(simsound::outputChannel(0), 441),
+            soundkit::energy(simsound::outputChannel(1), 441)};
+}
+
+TEST_F(SoundEngine, ThreeDSourcesPanByDirectionAndFadeByTheListenersRolloff) {
+    Device dev(44100, DSBCAPS_CTRL3D);
+    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 16000.0);
+    IDirectSoundBuffer* b = playing(dev, sine, 44100, true, DSBCAPS_CTRL3D | DSBCAPS_CTRLVOLUME);
+    IDirectSound3DBuffer* b3 = nullptr;
+    ASSERT_EQ(S_OK, b->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3)));
+    IDirectSound3DListener* l = nullptr;
+    ASSERT_EQ(S_OK, dev.primary->QueryInterface(IID_IDirectSound3DListener, reinterpret_cast<void**>(&l)));
+
+    const auto left = heard(dev, b3, -1, 0, 0);
+    const auto right = heard(dev, b3, 1, 0, 0);
+    const auto front = heard(dev, b3, 0, 0, 1);
+    EXPECT_GT(left.first, 1.0);
+    EXPECT_LT(left.second, left.first * 1e-6);
+    EXPECT_LT(right.first, right.second * 1e-6);
+    EXPECT_NEAR(front.first, front.second, front.first * 1e-6);
+
+    // Rolloff 1: twice the minimum distance is half the amplitude, a quarter of the energy.
+    const auto far = heard(dev, b3, 0, 0, 2);
+    EXPECT_NEAR(0.25, far.first / front.first, 0.01);
+    ASSERT_EQ(DS_OK, l->SetRolloffFactor(0.0f, DS3D_IMMEDIATE));
+    const auto farNoRolloff = heard(dev, b3, 0, 0, 2);
+    EXPECT_NEAR(1.0, farNoRolloff.first / front.first, 0.01);
+
+    // Turning the listener around swaps the sides.
+    ASSERT_EQ(DS_OK, l->SetOrientation(0, 0, -1, 0, 1, 0, DS3D_IMMEDIATE));
+    const auto turned = heard(dev, b3, -1, 0, 0);
+    EXPECT_LT(turned.first, turned.second * 1e-6);
+    // With 3D processing off the source sits in the middle.
+    ASSERT_EQ(DS_OK, b3->SetMode(DS3DMODE_DISABLE, DS3D_IMMEDIATE));
+    const auto disabled = heard(dev, b3, -5, 0, 0);
+    EXPECT_NEAR(disabled.first, disabled.second, disabled.first * 1e-6);
+    EXPECT_NEAR(front.first, disabled.first, front.first * 0.01);
+    l->Release();
+    b3->Release();
+    b->Release();
+}
+
+class ConstantSource : public MixSource {
+  public:
+    explicit ConstantSource(float v) : value(v) {}
+    void mixInto(float* interleaved, uint32_t frames, uint32_t channels, uint32_t sampleRate) override {
+        calls.fetch_add(1);
+        lastRate.store(sampleRate);
+        for (uint32_t i = 0; i < frames * channels; ++i) {
+            interleaved[i] += value;
+        }
+    }
+    const float value;
+    std::atomic<int> calls{0};
+    std::atomic<uint32_t> lastRate{0};
+};
+
+TEST_F(SoundEngine, MixSourcesAddIntoTheSameOutputWithOrWithoutADevice) {
+    ConstantSource quarter(0.25f);
+    ASSERT_TRUE(addMixSource(&quarter));
+    EXPECT_FALSE(addMixSource(&quarter));
+    EXPECT_FALSE(addMixSource(nullptr));
+    simsound::advanceFrames(100);
+    EXPECT_NEAR(0.25, simsound::outputChannel(1).back(), 1.0 / 128);
+
+    {
+        Device dev(44100);
+        std::vector<int16_t> dc(100, 8192);
+        IDirectSoundBuffer* b = playing(dev, dc, 44100, true);
+        simsound::clearOutput();
+        simsound::advanceFrames(100);
+        const std::vector<float> both = simsound::outputChannel(0);
+        EXPECT_NEAR(0.5, both.back(), 1e-4);
+        EXPECT_EQ(44100u, quarter.lastRate.load());
+        b->Release();
+    }
+    removeMixSource(&quarter);
+    const int calls = quarter.calls.load();
+    simsound::advanceFrames(100);
+    EXPECT_EQ(calls, quarter.calls.load());
+}
+
+TEST_F(SoundEngine, ControlThreadsNeverLoseAPositionOrPlayAgainstTheMixingThread) {
+    // The mixing thread renders flat out while control threads create, start, move and release
+    // buffers; every SetCurrentPosition must read back unless the buffer played on from it.
+    simsound::Config cfg;
+    cfg.captureOutput = false;
+    cfg.recordConsumed = false;
+    simsound::use(cfg);
+    Device dev(44100);
+    std::atomic<bool> stop{false};
+    std::thread mixer([&] {
+        while (!stop.load()) {
+            simsound::advanceFrames(441);
+        }
+    });
+    std::vector<std::thread> controls;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 2; ++t) {
+        controls.emplace_back([&, t] {
+            std::vector<int16_t> data(4000, static_cast<int16_t>(1000 * (t + 1)));
+            for (int round = 0; round < 200; ++round) {
+                IDirectSoundBuffer* b = dev.buffer(44100, 1, 16, 8000);
+                soundkit::write(b, 0, data.data(), 8000);
+                b->SetCurrentPosition(4000);
+                if (soundkit::position(b) != 4000) {
+                    failures.fetch_add(1);
+                }
+                b->Play(0, 0, round % 2 ? DSBPLAY_LOOPING : 0);
+                b->SetVolume(-(round % 10) * 100);
+                b->Stop();
+                const uint32_t stoppedAt = soundkit::position(b);
+                if (soundkit::position(b) != stoppedAt) {
+                    failures.fetch_add(1);
+                }
+                b->Release();
+            }
+        });
+    }
+    for (auto& c : controls) {
+        c.join();
+    }
+    stop.store(true);
+    mixer.join();
+    EXPECT_EQ(0, failures.load());
+    simsound::advanceFrames(441);  // lets the engine retire the released voices
+    EXPECT_EQ(0, simsound::engine().liveVoices());
+}
+
+}  // namespace
