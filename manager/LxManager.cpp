@@ -3,9 +3,14 @@
 // LxChannelArbitration.cpp.
 #include "LxManager.h"
 
+#include "LxConnectable.h"
+#include "LxFormat.h"
 #include "LxLog.h"
+#include "LxPlayer.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
+
+#include <cstring>
 
 LxManager::LxManager(KtThreadManager* tm)
     : suspended(0),
@@ -107,15 +112,51 @@ long LxManager::createPlayer(char*, LxPlayer** player) {
     return LX_ERR_GENERIC;
 }
 
-long LxManager::addPlayer(LxPlayer*) {
-    return LX_ERR_GENERIC;
+long LxManager::addPlayer(LxPlayer* player) {
+    playerListLock->lock();
+    playerList = new LxPlayerListEntry{player, playerList};
+    playerListLock->unlock();
+    return LX_OK;
 }
-long LxManager::destroyPlayer(LxPlayer*) {
-    return LX_ERR_UNKNOWN_PLAYER;
+
+long LxManager::verifyPlayer(LxPlayer* player) {
+    playerListLock->lock();
+    long result = LX_ERR_UNKNOWN_PLAYER;
+    for (LxPlayerListEntry* e = playerList; e != nullptr; e = e->next) {
+        if (e->player == player) {
+            result = LX_OK;
+            break;
+        }
+    }
+    playerListLock->unlock();
+    return result;
 }
-long LxManager::verifyPlayer(LxPlayer*) {
-    return LX_ERR_UNKNOWN_PLAYER;
+
+long LxManager::destroyPlayer(LxPlayer* player) {
+    playerListLock->lock();
+    if (playerList == nullptr) {
+        LxLog::postDebug("LxManager:  playerList NULL when destroyPlayer called!\n");
+        playerListLock->unlock();
+        return LX_ERR_UNKNOWN_PLAYER;
+    }
+    if (verifyPlayer(player) != LX_OK) {
+        LxLog::postDebug("LxManager: destroyPlayer called on already destroyed player!\n");
+        playerListLock->unlock();
+        return LX_ERR_UNKNOWN_PLAYER;
+    }
+    delete player;  // stops it and joins its thread, with the registry held
+    for (LxPlayerListEntry** link = &playerList; *link != nullptr; link = &(*link)->next) {
+        if ((*link)->player == player) {
+            LxPlayerListEntry* entry = *link;
+            *link = entry->next;
+            delete entry;
+            break;
+        }
+    }
+    playerListLock->unlock();
+    return LX_OK;
 }
+
 void LxManager::useThisDataSourceCreator(long (*)(char*, LxDataSource**)) {}
 void LxManager::suspendAll() {}
 void LxManager::resumeAll() {}
@@ -199,15 +240,112 @@ const LxTime& LxManager::getStartUpLatency() {
     return startUpLatency;
 }
 
-long LxManager::connectAllUnconnected(LxPlayer*) {
+long LxManager::connect(LxOutputConnectable* output, LxInputConnectable* input) {
+    LxFormat* format = findMatchingFormat(output, input);
+    if (format == nullptr) {
+        return LX_ERR_NO_COMMON_FORMAT;
+    }
+    long result = output->setFormat(format);
+    if (result == LX_OK) {
+        result = input->setFormat(format);
+    }
+    if (result == LX_OK) {
+        result = output->connectTo(input);
+    }
+    if (result == LX_OK) {
+        result = input->connectTo(output);
+    }
+    format->unref();  // the connectables keep references of their own
+    return result;
+}
+
+LxFormat* LxManager::findMatchingFormat(LxOutputConnectable* output, LxInputConnectable* input) {
+    LxFormat** outFormats = nullptr;
+    LxFormat** inFormats = nullptr;
+    short nOut = 0;
+    short nIn = 0;
+    output->listFormats(outFormats, &nOut);
+    input->listFormats(inFormats, &nIn);
+    LxFormat* result = nullptr;
+    if (nOut < 0 || nIn < 0) {
+        LxLog::postDebug("LxManager:  findMatchingFormat - negative format count!\n");
+    } else if (nOut > 0 && nIn > 0 && outFormats != nullptr && inFormats != nullptr) {
+        // Pairs in order of the sum of their preference indices; for equal sums the output's
+        // preference first; within a pair the output format's match is asked first.
+        for (int k = 0; k <= nOut + nIn - 2 && result == nullptr; ++k) {
+            const int first = k - nIn + 1 > 0 ? k - nIn + 1 : 0;
+            const int last = k < nOut - 1 ? k : nOut - 1;
+            for (int i = first; i <= last && result == nullptr; ++i) {
+                const int j = k - i;
+                result = outFormats[i]->match(inFormats[j]);
+                if (result == nullptr) {
+                    result = inFormats[j]->match(outFormats[i]);
+                }
+            }
+        }
+    }
+    delete[] outFormats;  // format lists are allocated with new[]
+    delete[] inFormats;
+    return result;
+}
+
+long LxManager::connectAllUnconnected(LxPlayer* player) {
+    playerListLock->lock();
+    if (verifyPlayer(player) != LX_OK) {
+        playerListLock->unlock();
+        return LX_ERR_CONNECT_OUTPUTS;
+    }
+    char** names = nullptr;
+    short count = 0;
+    player->listOutputs(names, &count);
+    if (count < 1) {
+        playerListLock->unlock();
+        return LX_CONNECTED_NO_OUTPUTS;
+    }
+    bool audio = false;
+    bool video = false;
+    for (short i = 0; i < count; ++i) {
+        const char* name = names[i];
+        if (name == nullptr) {
+            continue;
+        }
+        const bool isAudio = std::strcmp(name, "Audio") == 0;
+        const bool isVideo = std::strcmp(name, "Video") == 0;
+        if (!isAudio && !isVideo) {
+            continue;
+        }
+        LxOutputConnectable* out = nullptr;
+        player->getOutputConnectable(name, &out);
+        bool connected = out != nullptr && out->connectedTo() != nullptr;
+        if (!connected) {
+            connected =
+                (isAudio ? addDefaultAudioRenderer(player) : addDefaultVideoRenderer(player)) == LX_OK;
+        }
+        if (connected) {
+            (isAudio ? audio : video) = true;
+        }
+    }
+    playerListLock->unlock();
+    if (audio && video) {
+        return LX_CONNECTED_AUDIO_VIDEO;
+    }
+    if (audio) {
+        return LX_CONNECTED_AUDIO;
+    }
+    if (video) {
+        return LX_CONNECTED_VIDEO;
+    }
     return LX_ERR_CONNECT_OUTPUTS;
 }
-long LxManager::connect(LxOutputConnectable*, LxInputConnectable*) {
-    return LX_ERR_GENERIC;
-}
+
 long LxManager::destroyAllPlayers() {
+    playerListLock->lock();
+    while (playerList != nullptr) {
+        LxPlayerListEntry* entry = playerList;
+        playerList = entry->next;
+        delete entry->player;
+        delete entry;
+    }
+    playerListLock->unlock();
     return LX_OK;
-}
-LxFormat* LxManager::findMatchingFormat(LxOutputConnectable*, LxInputConnectable*) {
-    return nullptr;
 }

@@ -1,0 +1,287 @@
+#include "LxVrmlSupport.h"
+
+#include "LxLog.h"
+#include "LxManager.h"
+#include "LxPlayer.h"
+#include "LxResult.h"
+
+#include "FakeAudioPort.h"
+#include "SettableTimeBase.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using lxtest::FakeAudioPort;
+
+// A player that carries out nothing and records the requests it receives, in order.
+class RecordingPlayer : public LxPlayer {
+  public:
+    RecordingPlayer(LxManager* m, std::vector<std::string>* calls) : LxPlayer(m, nullptr), calls_(calls) {}
+    ~RecordingPlayer() override {
+        for (FakeAudioPort* p : ports) {
+            delete p;
+        }
+    }
+
+    long startAtTime(LxTime t) override {
+        record("start", t);
+        state_ = STARTED;
+        return LX_OK;
+    }
+    long stopAtTime(LxTime t) override {
+        record("stopAt", t);
+        return LX_OK;
+    }
+    void stop() override {
+        calls_->push_back("stop");
+        state_ = STOPPED;
+    }
+    long setRate(float* r) override {
+        calls_->push_back("rate " + std::to_string(*r));
+        return LX_OK;
+    }
+    long setMediaTime(LxTime t) override {
+        record("media", t);
+        return LX_OK;
+    }
+    long setTimeBase(LxTimeBase* tb) override {
+        timeBaseSet = tb;
+        return timeBaseResult;
+    }
+    LxNodeState getState() override { return state_; }
+    void setLoop(char loop) override { calls_->push_back(loop ? "loop on" : "loop off"); }
+    LxTime getDuration() override { return duration; }
+    long getNewAudioPort(LxAudioOutputPort** port) override {
+        if (!hasAudio) {
+            *port = nullptr;
+            return LX_ERR_GENERIC;
+        }
+        ports.push_back(new FakeAudioPort());
+        *port = ports.back();
+        return LX_OK;
+    }
+
+    void setPlaying(bool playing) { state_ = playing ? STARTED : STOPPED; }
+    void run() override {}
+
+    LxTime duration{30, 0};
+    bool hasAudio = true;
+    long timeBaseResult = LX_OK;
+    LxTimeBase* timeBaseSet = nullptr;
+    std::vector<FakeAudioPort*> ports;
+
+  private:
+    void record(const char* what, const LxTime& t) {
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%s %.3f", what, t.getValue());
+        calls_->push_back(buf);
+    }
+    std::vector<std::string>* calls_;
+    LxNodeState state_ = STOPPED;
+};
+
+// The manager base with a settable master time base and no devices.
+class SceneManager : public LxManager {
+  public:
+    explicit SceneManager(KtThreadManager* tm) : LxManager(tm), clock(this, 5000.0) {
+        masterTimeBase = &clock;
+    }
+    ~SceneManager() override {
+        destroyAllPlayers();
+        masterTimeBase = nullptr;
+    }
+    lxtest::SettableTimeBase clock;
+
+    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
+    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
+    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+
+  protected:
+    long initTimers() override { return LX_OK; }
+    long initAudio() override { return LX_OK; }
+    long initVideo() override { return LX_OK; }
+    long startupChannelType(LxAudioChannelType_s) override { return LX_OK; }
+    long shutdownChannelType(LxAudioChannelType_s) override { return LX_OK; }
+};
+
+struct Notifier : public LxSoundNodeNotifier {
+    std::vector<LxAudioOutputPort*> seen;
+    void audioPortChanged(LxAudioOutputPort* port) override { seen.push_back(port); }
+};
+
+class VrmlTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        player = new RecordingPlayer(&manager, &calls);
+        manager.addPlayer(player);
+        support.reset(new LxVrmlSupport(player, &manager));
+    }
+    void TearDown() override { support.reset(); }
+
+    // The browser's clock and the master time base agree: both read 5000 s.
+    void ready() {
+        ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
+        calls.clear();
+    }
+    void startAt(double startTime, bool loop) {
+        support->beginChangingFields(LxTime(5000.0));
+        support->setLoop(loop);
+        support->setStartTime(LxTime(startTime));
+        support->doneChangingFields();
+    }
+
+    KtDefaultThreadManager threads;
+    SceneManager manager{&threads};
+    std::vector<std::string> calls;
+    RecordingPlayer* player = nullptr;
+    std::unique_ptr<LxVrmlSupport> support;
+};
+
+TEST_F(VrmlTest, FutureStartBeginsAtTheLatency) {
+    ready();
+    EXPECT_EQ(&manager.clock, player->timeBaseSet);
+    startAt(5005.0, false);
+    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.100", "start 5005.000"}), calls);
+}
+
+TEST_F(VrmlTest, PastStartJoinsLateWrappedByTheDurationWhenLooping) {
+    player->duration = LxTime(4, 0);
+    ready();
+    startAt(4990.0, true);
+    EXPECT_EQ((std::vector<std::string>{"loop on", "media 2.100", "start 4990.000"}), calls);
+    calls.clear();
+    startAt(4990.0, false);
+    EXPECT_EQ((std::vector<std::string>{"loop off", "stop", "media 10.100", "start 4990.000"}), calls)
+        << "a started player is stopped first; without loop the clip joins 10 s in";
+}
+
+TEST_F(VrmlTest, ShortClipsAlwaysStartAtZero) {
+    player->duration = LxTime(1, 500000);
+    ready();
+    startAt(4990.0, false);
+    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.000", "start 4990.000"}), calls);
+}
+
+TEST_F(VrmlTest, StartHoursInThePastDoesNotStartWithoutLoop) {
+    ready();
+    player->setPlaying(true);
+    startAt(5000.0 - 3 * 3600, false);
+    EXPECT_EQ((std::vector<std::string>{"loop off", "stop"}), calls);
+}
+
+TEST_F(VrmlTest, NegativeLatencyMovesTheStartTimeLater) {
+    ready();
+    manager.setStartUpLatency(LxTime(-0.2));
+    startAt(5003.0, false);
+    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.000", "start 5003.200"}), calls);
+    EXPECT_NEAR(5003.2, support->getStartTime().getValue(), 1e-6);
+}
+
+TEST_F(VrmlTest, StopTimeRulesAndRestart) {
+    lxtest::requireLog();
+    ready();
+    support->beginChangingFields(LxTime(5000.0));
+    support->setStartTime(LxTime(5001.0));
+    support->setStopTime(LxTime(5001.0));
+    support->doneChangingFields();
+    EXPECT_TRUE(LxLogSink::contains("LxVrmlSupport:  Clearing stopTime\n"));
+    EXPECT_EQ((std::vector<std::string>{"stopAt 2147483648.000", "media 0.100", "stopAt 2147483648.000",
+                                        "start 5001.000"}),
+              calls);
+    calls.clear();
+    support->setStopTime(LxTime(5010.0));  // outside a batch: applied at once, and the start re-runs
+    EXPECT_EQ((std::vector<std::string>{"stopAt 5010.000", "stop", "media 0.100", "start 5001.000"}), calls);
+}
+
+TEST_F(VrmlTest, LoopChangeRestartsOnlyAStoppedPlayer) {
+    ready();
+    player->setPlaying(true);
+    support->setLoop(1);
+    EXPECT_EQ((std::vector<std::string>{"loop on"}), calls);
+    calls.clear();
+    player->setPlaying(false);
+    support->setLoop(0);
+    ASSERT_EQ(3u, calls.size());
+    EXPECT_EQ("loop off", calls[0]);
+    EXPECT_EQ("start 0.000", calls[2]);
+}
+
+TEST_F(VrmlTest, ChangesBeforeReadyAndWithoutControlAccumulate) {
+    support->setRate(2.0f);
+    support->setStartTime(LxTime(5002.0));
+    EXPECT_TRUE(calls.empty()) << "nothing reaches a player that is not ready";
+    ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
+    EXPECT_EQ((std::vector<std::string>{"rate 2.000000", "media 0.100", "start 5002.000"}), calls);
+
+    calls.clear();
+    support->setPlayerControl(0);
+    support->setLoop(1);
+    support->setRate(0.5f);
+    support->setStopTime(LxTime(6000.0));
+    EXPECT_TRUE(calls.empty());
+    support->setPlayerControl(1);
+    EXPECT_EQ((std::vector<std::string>{"loop on", "rate 0.500000", "stopAt 6000.000", "stop", "media 0.100",
+                                        "start 5002.000"}),
+              calls)
+        << "one recalculation, in the order loop, rate, stop time, start time";
+}
+
+TEST_F(VrmlTest, PortsGoToSoundNodesAndComeBackThroughTheFreeList) {
+    Notifier a, b, c;
+    support->addSoundNode(&a);
+    support->addSoundNode(&b);
+    EXPECT_TRUE(a.seen.empty()) << "ports are handed out once the player is ready";
+    ready();
+    ASSERT_EQ(1u, a.seen.size());
+    ASSERT_EQ(1u, b.seen.size());
+    EXPECT_NE(a.seen[0], b.seen[0]);
+    for (FakeAudioPort* p : player->ports) {
+        EXPECT_FLOAT_EQ(0.0f, p->getGain()) << "every new port starts silent";
+    }
+    support->removeSoundNode(&a);
+    support->addSoundNode(&c);
+    ASSERT_EQ(1u, c.seen.size());
+    EXPECT_EQ(a.seen[0], c.seen[0]) << "the third node reuses the first node's port";
+    EXPECT_EQ(2u, player->ports.size());
+
+    support->destroyPlayer();
+    EXPECT_EQ(nullptr, b.seen.back());
+    EXPECT_EQ(nullptr, c.seen.back());
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager.verifyPlayer(player));
+}
+
+TEST_F(VrmlTest, AClipWithoutSoundNodesKeepsASilentSparePort) {
+    ready();
+    ASSERT_EQ(1u, player->ports.size());
+    Notifier a;
+    support->addSoundNode(&a);
+    ASSERT_EQ(1u, a.seen.size());
+    EXPECT_EQ(player->ports[0], a.seen[0]);
+}
+
+TEST_F(VrmlTest, FailuresLeaveThePlayerNotReady) {
+    player->timeBaseResult = LX_ERR_CLOCK_RUNNING;
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, support->finishInitializingPlayer());
+    support->setStartTime(LxTime(5001.0));
+    EXPECT_TRUE(calls.empty());
+
+    // A destroyed player is detected and nothing is applied.
+    player->timeBaseResult = LX_OK;
+    ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
+    calls.clear();
+    manager.destroyPlayer(player);
+    support->setStartTime(LxTime(5002.0));
+    EXPECT_TRUE(calls.empty());
+    EXPECT_EQ(nullptr, support->getVideoRenderer());
+    support->setPlayer(nullptr);  // logged, keeps the (dead) pointer; the destructor must not crash
+    support->destroyPlayer();
+}
+
+}  // namespace
