@@ -22,5 +22,6 @@
 #include "LxTimeBase.h"
 #include "LxVersion.h"
 #include "LxVideoRenderer.h"
+#include "LxVrmlSupport.h"
 
 #endif  // LORVEX_H
