@@ -1,0 +1,82 @@
+// The local-file data source: its URL and file name, and content names by extension.
+#include "LxDataSource.h"
+
+#include "LxResult.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+std::string contentOf(const char* fileName) {
+    LxFilenameDataSource source(fileName);
+    return source.getContentName();
+}
+
+TEST(LxFilenameDataSource, UrlAndLocalFileName) {
+    LxFilenameDataSource source("clips\\a.wav");
+    EXPECT_EQ(LxDataSource::PullSource, source.getSourceType());
+    EXPECT_EQ(std::string("file:clips\\a.wav"), source.getURL());
+    EXPECT_EQ(std::string("clips\\a.wav"), source.getLocalFileName());
+    EXPECT_EQ(std::string("audio/wav"), source.getContentName());
+    EXPECT_EQ(1, source.connect());
+    EXPECT_EQ(1, source.start());
+    EXPECT_EQ(1, source.stop());
+    EXPECT_EQ(1, source.close());
+    EXPECT_EQ(1, source.dataAvailable());
+    EXPECT_EQ(0, source.getPosition());
+    EXPECT_EQ(1, source.setPosition(1234));
+    EXPECT_EQ(0, source.getPosition());
+    char buffer[16];
+    long length = sizeof buffer;
+    EXPECT_EQ(LX_ERR_GENERIC, source.read(buffer, &length));
+}
+
+TEST(LxFilenameDataSource, ContentNamesComeFromTheFirstMatchingPrefixInTableOrder) {
+    struct Case {
+        const char* file;
+        const char* content;
+    };
+    const Case cases[] = {
+        {"x.wav", "audio/wav"},        {"x.WAV", "audio/wav"},       {"x.WAVE", "audio/wav"},
+        {"x.mid", "x-music/x-midi"},   {"x.midi", "x-music/x-midi"}, {"x.MIDI", "x-music/x-midi"},
+        {"x.MID", "text/html"},        {"x.aif", "audio/aiff"},      {"x.aiff", "audio/aiff"},
+        {"x.AIFF", "audio/aiff"},      {"x.mpa", "audio/mpeg"},      {"x.MPEG", "audio/mpeg"},
+        {"x.mpeg", "video/mpeg"},      {"x.mpg", "video/mpeg"},      {"x.MPG", "text/html"},
+        {"x.mpe", "video/mpeg"},       {"x.mpv", "video/x-mpeg"},    {"x.mps", "video/x-mpeg-system"},
+        {"x.mov", "video/quicktime"},  {"x.MOV", "video/quicktime"}, {"x.qt", "video/quicktime"},
+        {"x.gif", "image/gif"},        {"x.GIF", "image/gif"},       {"x.Wav", "text/html"},
+        {"x.txt", "text/html"},        {"noextension", "text/html"}, {"dir.mov/clip", "video/quicktime"},
+        {"a.b.mid", "x-music/x-midi"}, {"x.", "text/html"},          {"", "text/html"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(std::string(c.content), contentOf(c.file)) << c.file;
+    }
+}
+
+TEST(LxDataSources, BaseFieldsAndSourceTypes) {
+    struct Pull : LxPullDataSource {
+        Pull(LxManager* m, const char* u) : LxPullDataSource(m, u) {}
+        long connect() override { return 1; }
+        long close() override { return 1; }
+        long start() override { return 1; }
+        long stop() override { return 1; }
+        const char* getURL() override { return url; }
+        const char* getContentName() override { return "audio/wav"; }
+        char dataAvailable() override { return 1; }
+        long getPosition() override { return 0; }
+        long setPosition(long) override { return 1; }
+        long read(char*, long*) override { return 1; }
+        const char* getLocalFileName() override { return nullptr; }
+        LxManager* owner() { return manager; }
+    };
+    LxManager* m = reinterpret_cast<LxManager*>(0x10);
+    Pull pull(m, "http://example/a.wav");
+    Pull copy(pull);
+    EXPECT_EQ(LxDataSource::PullSource, copy.getSourceType());
+    EXPECT_EQ(std::string("http://example/a.wav"), copy.getURL());
+    EXPECT_EQ(m, copy.owner());
+}
+
+}  // namespace

@@ -1,0 +1,280 @@
+#include "LxManager.h"
+
+#include "LxConnectable.h"
+#include "LxFormat.h"
+#include "LxLog.h"
+#include "LxPlayer.h"
+#include "LxResult.h"
+
+#include "TestManager.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<std::string> gCalls;  // what the formats and connectables were asked, in order
+
+// A format that agrees only with the formats it was told to accept.
+class ProbeFormat : public LxFormat {
+  public:
+    explicit ProbeFormat(std::string name, std::vector<std::string> accepts = {})
+        : LxFormat(LxAudioType, LxFormat::PullStream), name_(std::move(name)), accepts_(std::move(accepts)) {}
+    LxFormat* match(LxFormat* other) override {
+        const std::string& o = static_cast<ProbeFormat*>(other)->name_;
+        gCalls.push_back(name_ + ".match(" + o + ")");
+        for (const auto& a : accepts_) {
+            if (a == o) {
+                return new ProbeFormat(name_ + "+" + o);
+            }
+        }
+        return nullptr;
+    }
+    const std::string& name() const { return name_; }
+
+  private:
+    std::string name_;
+    std::vector<std::string> accepts_;
+};
+
+class FakeOutput : public LxOutputConnectable {
+  public:
+    std::vector<LxFormat*> formats;
+    long setFormatResult = LX_OK;
+    LxInputConnectable* input = nullptr;
+    std::string agreed;
+
+    KtResult setFormat(LxFormat* f) override {
+        gCalls.push_back("out.setFormat");
+        agreed = static_cast<ProbeFormat*>(f)->name();
+        return setFormatResult;
+    }
+    LxFormat* getFormat() override { return nullptr; }
+    KtResult listFormats(LxFormat**& list, short* count) override {
+        list = new LxFormat*[formats.size() + 1];
+        for (size_t i = 0; i < formats.size(); ++i) {
+            list[i] = formats[i];
+        }
+        *count = static_cast<short>(formats.size());
+        return LX_OK;
+    }
+    LxNode* getNode() override { return nullptr; }
+    void flush() override {}
+    KtResult connectTo(LxInputConnectable* in) override {
+        gCalls.push_back("out.connectTo");
+        input = in;
+        return LX_OK;
+    }
+    LxInputConnectable* connectedTo() override { return input; }
+    KtResult setSuggestedFrameRate(float) override { return LX_ERR_GENERIC; }
+    void setActive(char) override {}
+    char isActive() override { return 0; }
+    LxFrame* getFrameForTime(LxTime, LxTime, LxTime) override { return nullptr; }
+    LxFrame* getFrameForTime(LxTime, LxTime) override { return nullptr; }
+};
+
+class FakeInput : public LxInputConnectable {
+  public:
+    std::vector<LxFormat*> formats;
+    long setFormatResult = LX_OK;
+    LxOutputConnectable* output = nullptr;
+
+    KtResult setFormat(LxFormat*) override {
+        gCalls.push_back("in.setFormat");
+        return setFormatResult;
+    }
+    LxFormat* getFormat() override { return nullptr; }
+    KtResult listFormats(LxFormat**& list, short* count) override {
+        list = new LxFormat*[formats.size() + 1];
+        for (size_t i = 0; i < formats.size(); ++i) {
+            list[i] = formats[i];
+        }
+        *count = static_cast<short>(formats.size());
+        return LX_OK;
+    }
+    LxNode* getNode() override { return nullptr; }
+    void flush() override {}
+    KtResult connectTo(LxOutputConnectable* out) override {
+        gCalls.push_back("in.connectTo");
+        output = out;
+        return LX_OK;
+    }
+    LxOutputConnectable* connectedTo() override { return output; }
+    LxFrame* getEmptyFrame(const LxTime&) override { return nullptr; }
+    void putEmptyFrame(LxFrame*) override {}
+    void notifyEndOfMedia() override {}
+    void putFrame(LxFrame*) override {}
+};
+
+// A player whose outputs the test hands in; it never runs a thread.
+class OutputsPlayer : public LxPlayer {
+  public:
+    explicit OutputsPlayer(LxManager* m) : LxPlayer(m, nullptr) {}
+    void add(const char* name, LxOutputConnectable* out) { addOutputConnectable(strdup(name), out); }
+    void run() override {}
+};
+
+// A manager that counts the default renderers it is asked for and refuses them.
+class CountingManager : public lxtest::TestManager {
+  public:
+    using lxtest::TestManager::TestManager;
+    int audioRenderers = 0;
+    int videoRenderers = 0;
+    long addDefaultAudioRenderer(LxPlayer*) override {
+        ++audioRenderers;
+        return LX_ERR_GENERIC;
+    }
+    long addDefaultVideoRenderer(LxPlayer*) override {
+        ++videoRenderers;
+        return LX_ERR_GENERIC;
+    }
+    LxFormat* negotiate(LxOutputConnectable* o, LxInputConnectable* i) { return findMatchingFormat(o, i); }
+};
+
+class ManagerCoreTest : public ::testing::Test {
+  protected:
+    void SetUp() override { gCalls.clear(); }
+    void TearDown() override { manager->closeManager(); }
+    KtDefaultThreadManager threads;
+    CountingManager* manager = new CountingManager(&threads);
+};
+
+TEST_F(ManagerCoreTest, NegotiationPrefersTheSmallestIndexSumThenTheOutputsPreference) {
+    ProbeFormat o0("o0", {"i1"}), o1("o1", {"i0"}), i0("i0"), i1("i1");
+    FakeOutput out;
+    FakeInput in;
+    out.formats = {&o0, &o1};
+    in.formats = {&i0, &i1};
+    LxFormat* agreed = manager->negotiate(&out, &in);
+    ASSERT_NE(nullptr, agreed);
+    EXPECT_EQ("o0+i1", static_cast<ProbeFormat*>(agreed)->name()) << "index sum 1, output index 0";
+    EXPECT_EQ((std::vector<std::string>{"o0.match(i0)", "i0.match(o0)", "o0.match(i1)"}), gCalls);
+    agreed->unref();
+
+    // Only the input side agrees: the input's match is asked second and its answer taken.
+    gCalls.clear();
+    ProbeFormat p("p"), q("q", {"p"});
+    out.formats = {&p};
+    in.formats = {&q};
+    agreed = manager->negotiate(&out, &in);
+    ASSERT_NE(nullptr, agreed);
+    EXPECT_EQ("q+p", static_cast<ProbeFormat*>(agreed)->name());
+    agreed->unref();
+
+    in.formats = {};
+    EXPECT_EQ(nullptr, manager->negotiate(&out, &in));
+}
+
+TEST_F(ManagerCoreTest, ConnectSetsFormatsThenConnectsBothSides) {
+    ProbeFormat a("a", {"b"}), b("b");
+    FakeOutput out;
+    FakeInput in;
+    out.formats = {&a};
+    in.formats = {&b};
+    ASSERT_EQ(LX_OK, manager->connect(&out, &in));
+    EXPECT_EQ((std::vector<std::string>{"a.match(b)", "out.setFormat", "in.setFormat", "out.connectTo",
+                                        "in.connectTo"}),
+              gCalls);
+    EXPECT_EQ("a+b", out.agreed);
+    EXPECT_EQ(&in, out.connectedTo());
+
+    // The first refusal ends the connection attempt with its result (the format is released:
+    // LeakSanitizer would report it otherwise).
+    FakeOutput out2;
+    FakeInput in2;
+    out2.formats = {&a};
+    in2.formats = {&b};
+    in2.setFormatResult = LX_ERR_WRONG_FORMAT;
+    EXPECT_EQ(LX_ERR_WRONG_FORMAT, manager->connect(&out2, &in2));
+    EXPECT_EQ(nullptr, out2.connectedTo());
+
+    ProbeFormat lonely("x");
+    out2.formats = {&lonely};
+    EXPECT_EQ(LX_ERR_NO_COMMON_FORMAT, manager->connect(&out2, &in2));
+}
+
+TEST_F(ManagerCoreTest, RegistryKnowsItsPlayersAndRefusesStrangers) {
+    lxtest::requireLog();
+    OutputsPlayer* stranger = new OutputsPlayer(manager);
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->destroyPlayer(stranger));
+    EXPECT_TRUE(LxLogSink::contains("LxManager:  playerList NULL when destroyPlayer called!\n"));
+    OutputsPlayer* a = new OutputsPlayer(manager);
+    OutputsPlayer* b = new OutputsPlayer(manager);
+    manager->addPlayer(a);
+    manager->addPlayer(b);
+    EXPECT_EQ(LX_OK, manager->verifyPlayer(a));
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->verifyPlayer(stranger));
+    EXPECT_EQ(LX_OK, manager->destroyPlayer(a));
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->destroyPlayer(a));
+    EXPECT_TRUE(LxLogSink::contains("LxManager: destroyPlayer called on already destroyed player!\n"));
+    EXPECT_EQ(LX_OK, manager->verifyPlayer(b));
+    delete stranger;
+    // b is destroyed by closeManager in TearDown.
+}
+
+TEST_F(ManagerCoreTest, ConnectAllUnconnectedSummarises) {
+    OutputsPlayer* player = new OutputsPlayer(manager);
+    EXPECT_EQ(LX_ERR_CONNECT_OUTPUTS, manager->connectAllUnconnected(player)) << "not registered";
+    manager->addPlayer(player);
+    EXPECT_EQ(LX_CONNECTED_NO_OUTPUTS, manager->connectAllUnconnected(player));
+
+    FakeOutput audio, video, other;
+    FakeInput rendererA, rendererV;
+    audio.input = &rendererA;
+    video.input = &rendererV;
+    player->add("Audio", &audio);
+    player->add("Video", &video);
+    player->add("Subtitles", &other);
+    EXPECT_EQ(LX_CONNECTED_AUDIO_VIDEO, manager->connectAllUnconnected(player));
+    EXPECT_EQ(0, manager->audioRenderers) << "connected outputs get no second renderer";
+    EXPECT_EQ(0, manager->videoRenderers);
+
+    video.input = nullptr;  // the default video renderer is refused
+    EXPECT_EQ(LX_CONNECTED_AUDIO, manager->connectAllUnconnected(player));
+    EXPECT_EQ(1, manager->videoRenderers);
+    audio.input = nullptr;
+    EXPECT_EQ(LX_ERR_CONNECT_OUTPUTS, manager->connectAllUnconnected(player));
+    EXPECT_EQ(1, manager->audioRenderers);
+    EXPECT_EQ(LX_OK, manager->destroyPlayer(player));
+}
+
+TEST_F(ManagerCoreTest, SettingsAreKeptUntilAudioStarts) {
+    lxtest::requireLog();
+    EXPECT_EQ(LX_OK, manager->initSubSystem(0));
+    EXPECT_EQ(-1, manager->getMaxAudioChannels());
+    EXPECT_EQ(LX_OK, manager->setMaxAudioChannels(0));
+    EXPECT_EQ(1, manager->getMaxAudioChannels());
+    EXPECT_TRUE(LxLogSink::contains("LxManager:  bogus value 0 in set max channels\n"));
+    EXPECT_EQ(LX_OK, manager->setMaxAudioChannels(-5));
+    EXPECT_EQ(1, manager->getMaxAudioChannels());
+    EXPECT_EQ(LX_OK, manager->setMaxAudioChannels(-1));
+    EXPECT_EQ(-1, manager->getMaxAudioChannels());
+
+    EXPECT_EQ(LX_ERR_NO_MIXER, manager->setAudibleMode(LxAudibleAlways));
+    EXPECT_EQ(LxAudibleAlways, manager->getAudibleMode());
+    EXPECT_EQ(LX_ERR_NO_MIXER, manager->setSpeakerConfig(LxSpeakerConfiguration(0, 12)));
+    EXPECT_EQ(12, manager->getSpeakerConfig().getValue());
+    const float v[3] = {0, 0, 0};
+    EXPECT_EQ(LX_OK, manager->setListenerLocation(v, v, v)) << "before audio starts it does nothing";
+
+    EXPECT_EQ(LX_OK, manager->setStartUpLatency(LxTime(1, 2500000)));
+    EXPECT_EQ(LxTime(3, 500000), manager->getStartUpLatency());
+
+    LxWin32Window w1, w2;
+    EXPECT_EQ(LX_ERR_GENERIC, manager->setWindow(nullptr));
+    EXPECT_EQ(LX_OK, manager->setWindow(&w1));
+    EXPECT_EQ(LX_ERR_GENERIC, manager->setWindow(&w2));
+
+    EXPECT_EQ(LX_ERR_GENERIC, manager->initSubSystem(INIT_TIMERS));
+    EXPECT_TRUE(LxLogSink::contains("LxManager:  failed to initialize timers\n"));
+    LxPlayer* out = reinterpret_cast<LxPlayer*>(1);
+    LxManager* base = manager;
+    EXPECT_EQ(LX_ERR_GENERIC, base->createPlayer(static_cast<char*>(nullptr), &out));
+    EXPECT_EQ(nullptr, out);
+}
+
+}  // namespace
