@@ -75,7 +75,8 @@ std::vector<LxAudioOutputPort*> ports(const std::list<LxPortChannelEntry>& list)
 class ArbitrationTest : public ::testing::Test {
   protected:
     KtDefaultThreadManager threads;
-    std::unique_ptr<ArbiterManager> manager{new ArbiterManager(&threads)};
+    ArbiterManager* manager = new ArbiterManager(&threads);
+    void TearDown() override { manager->closeManager(); }
     const LxTime zero = LxTime::zero();
 };
 

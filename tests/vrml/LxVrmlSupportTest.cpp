@@ -89,14 +89,12 @@ class RecordingPlayer : public LxPlayer {
 // The manager base with a settable master time base and no devices.
 class SceneManager : public LxManager {
   public:
-    explicit SceneManager(KtThreadManager* tm) : LxManager(tm), clock(this, 5000.0) {
-        masterTimeBase = &clock;
+    // Ended with closeManager(), which also deletes the time base, as a host ends its manager->
+    explicit SceneManager(KtThreadManager* tm)
+        : LxManager(tm), clock(new lxtest::SettableTimeBase(this, 5000.0)) {
+        masterTimeBase = clock;
     }
-    ~SceneManager() override {
-        destroyAllPlayers();
-        masterTimeBase = nullptr;
-    }
-    lxtest::SettableTimeBase clock;
+    lxtest::SettableTimeBase* clock;
 
     long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
     long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
@@ -119,11 +117,14 @@ struct Notifier : public LxSoundNodeNotifier {
 class VrmlTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        player = new RecordingPlayer(&manager, &calls);
-        manager.addPlayer(player);
-        support.reset(new LxVrmlSupport(player, &manager));
+        player = new RecordingPlayer(manager, &calls);
+        manager->addPlayer(player);
+        support.reset(new LxVrmlSupport(player, manager));
     }
-    void TearDown() override { support.reset(); }
+    void TearDown() override {
+        support.reset();
+        manager->closeManager();
+    }
 
     // The browser's clock and the master time base agree: both read 5000 s.
     void ready() {
@@ -138,7 +139,7 @@ class VrmlTest : public ::testing::Test {
     }
 
     KtDefaultThreadManager threads;
-    SceneManager manager{&threads};
+    SceneManager* manager = new SceneManager(&threads);
     std::vector<std::string> calls;
     RecordingPlayer* player = nullptr;
     std::unique_ptr<LxVrmlSupport> support;
@@ -146,7 +147,7 @@ class VrmlTest : public ::testing::Test {
 
 TEST_F(VrmlTest, FutureStartBeginsAtTheLatency) {
     ready();
-    EXPECT_EQ(&manager.clock, player->timeBaseSet);
+    EXPECT_EQ(manager->clock, player->timeBaseSet);
     startAt(5005.0, false);
     EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.100", "start 5005.000"}), calls);
 }
@@ -178,7 +179,7 @@ TEST_F(VrmlTest, StartHoursInThePastDoesNotStartWithoutLoop) {
 
 TEST_F(VrmlTest, NegativeLatencyMovesTheStartTimeLater) {
     ready();
-    manager.setStartUpLatency(LxTime(-0.2));
+    manager->setStartUpLatency(LxTime(-0.2));
     startAt(5003.0, false);
     EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.000", "start 5003.200"}), calls);
     EXPECT_NEAR(5003.2, support->getStartTime().getValue(), 1e-6);
@@ -254,7 +255,7 @@ TEST_F(VrmlTest, PortsGoToSoundNodesAndComeBackThroughTheFreeList) {
     support->destroyPlayer();
     EXPECT_EQ(nullptr, b.seen.back());
     EXPECT_EQ(nullptr, c.seen.back());
-    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager.verifyPlayer(player));
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->verifyPlayer(player));
 }
 
 TEST_F(VrmlTest, AClipWithoutSoundNodesKeepsASilentSparePort) {
@@ -276,7 +277,7 @@ TEST_F(VrmlTest, FailuresLeaveThePlayerNotReady) {
     player->timeBaseResult = LX_OK;
     ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
     calls.clear();
-    manager.destroyPlayer(player);
+    manager->destroyPlayer(player);
     support->setStartTime(LxTime(5002.0));
     EXPECT_TRUE(calls.empty());
     EXPECT_EQ(nullptr, support->getVideoRenderer());
