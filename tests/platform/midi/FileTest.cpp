@@ -1,0 +1,73 @@
+// The file layer: reads, seeks, sizes, failures and handle accounting.
+#include "platform/file/LxpFile.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lxp;
+
+TEST(File, ReadsSeeksAndReportsTheEndAsAShortRead) {
+    lxtest::TempDir dir;
+    ASSERT_TRUE(lxtest::writeFile(dir.file("a"), "0123456789"));
+    const int before = filetest::openHandles();
+    HANDLE f = CreateFileA(dir.file("a").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                           FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, f);
+    EXPECT_EQ(before + 1, filetest::openHandles());
+    uint32_t high = 7;
+    EXPECT_EQ(10u, GetFileSize(f, &high));
+    EXPECT_EQ(0u, high);
+    char buf[8] = {};
+    uint32_t got = 0;
+    ASSERT_TRUE(ReadFile(f, buf, 4, &got, nullptr));
+    EXPECT_EQ(4u, got);
+    EXPECT_EQ(0, std::string(buf, 4).compare("0123"));
+    EXPECT_EQ(8u, SetFilePointer(f, 4, nullptr, FILE_CURRENT));
+    ASSERT_TRUE(ReadFile(f, buf, 8, &got, nullptr));
+    EXPECT_EQ(2u, got) << "a read across the end returns what is there";
+    ASSERT_TRUE(ReadFile(f, buf, 8, &got, nullptr));
+    EXPECT_EQ(0u, got);
+    EXPECT_EQ(INVALID_SET_FILE_POINTER, SetFilePointer(f, -20, nullptr, FILE_END));
+    EXPECT_EQ(3u, SetFilePointer(f, 3, nullptr, FILE_BEGIN));
+    EXPECT_EQ(20u, SetFilePointer(f, 20, nullptr, FILE_BEGIN)) << "past the end is allowed, reads give 0";
+    EXPECT_TRUE(CloseHandle(f));
+    EXPECT_EQ(before, filetest::openHandles());
+    EXPECT_FALSE(CloseHandle(INVALID_HANDLE_VALUE));
+}
+
+TEST(File, RefusesWhatItCannotDoAndFailsOnDemand) {
+    lxtest::TempDir dir;
+    ASSERT_TRUE(lxtest::writeFile(dir.file("a"), "xyz"));
+    const std::string a = dir.file("a");
+    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileA("/nonexistent/file", GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileA(dir.path().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(INVALID_HANDLE_VALUE,
+              CreateFileA(a.c_str(), 0x40000000u, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    filetest::failAfter(filetest::Open, 0);
+    EXPECT_EQ(INVALID_HANDLE_VALUE,
+              CreateFileA(a.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    HANDLE f = CreateFileA(a.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, f);
+    char c;
+    uint32_t got = 9;
+    filetest::failAfter(filetest::Read, 1);
+    EXPECT_TRUE(ReadFile(f, &c, 1, &got, nullptr));
+    EXPECT_FALSE(ReadFile(f, &c, 1, &got, nullptr)) << "the second read fails";
+    EXPECT_EQ(0u, got);
+    EXPECT_TRUE(ReadFile(f, &c, 1, &got, nullptr));
+    EXPECT_EQ('y', c);
+    filetest::failAfter(filetest::Seek, 0);
+    EXPECT_EQ(INVALID_SET_FILE_POINTER, SetFilePointer(f, 0, nullptr, FILE_BEGIN));
+    filetest::failAfter(filetest::Size, 0);
+    EXPECT_EQ(INVALID_FILE_SIZE, GetFileSize(f, nullptr));
+    EXPECT_EQ(3u, GetFileSize(f, nullptr));
+    EXPECT_TRUE(CloseHandle(f));
+    filetest::reset();
+}
+
+}  // namespace
