@@ -613,8 +613,8 @@ void LxPlayer::handleSuspend() {
 // Shutdown
 
 void LxPlayer::waitAndShutdown() {
-    loop = 0;
     lock();
+    loop = 0;
     if (getCurrentState() > STOPPED) {
         stopAll();
     }
