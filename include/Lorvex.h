@@ -4,9 +4,11 @@
 
 #include "Kt.h"
 #include "LxAudioOutputPort.h"
+#include "LxAudioPlayer.h"
 #include "LxAudioRendererNode.h"
 #include "LxClock.h"
 #include "LxConnectable.h"
+#include "LxDataSource.h"
 #include "LxDiagnostics.h"
 #include "LxEvent.h"
 #include "LxFormat.h"

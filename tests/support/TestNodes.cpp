@@ -12,6 +12,11 @@ void RecordingListener::handleEvent(LxEvent* event) {
     }
     long result = 0;
     int sequence = -1;
+    LxTime oldDuration, newDuration;
+    if (auto* dc = dynamic_cast<LxDurationChangedEvent*>(event)) {
+        oldDuration = dc->getOldDuration();
+        newDuration = dc->getNewDuration();
+    }
     if (auto* seq = dynamic_cast<SequencedEvent*>(event)) {
         sequence = static_cast<int>(seq->getResult());
     } else if (auto* init = dynamic_cast<LxInitializedEvent*>(event)) {
@@ -26,7 +31,8 @@ void RecordingListener::handleEvent(LxEvent* event) {
         changed_.notify_all();
         changed_.wait(lock, [this] { return !held_; });
     }
-    entries_.push_back(Entry{event->getEventType(), event, result, sequence, std::this_thread::get_id()});
+    entries_.push_back(Entry{event->getEventType(), event, result, sequence, std::this_thread::get_id(),
+                             oldDuration, newDuration});
     inside_.fetch_sub(1);
     changed_.notify_all();
 }
@@ -64,6 +70,11 @@ void RecordingListener::holdNext() {
 bool RecordingListener::waitUntilHeld(int timeoutMs) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return held_; });
+}
+
+void RecordingListener::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    entries_.clear();
 }
 
 void RecordingListener::release() {

@@ -41,6 +41,8 @@ public:
         long result;     // getResult() of initialized and catastrophic-error events, else 0
         int sequence;    // getResult() of a SequencedEvent, else -1
         std::thread::id thread;
+        LxTime oldDuration;  // of a duration change
+        LxTime newDuration;
     };
 
     void handleEvent(LxEvent* event) override;
@@ -56,6 +58,8 @@ public:
     bool waitUntilHeld(int timeoutMs = 10000);
     void release();
     bool overlapped() const { return overlapped_.load(); }
+    /// Forgets what was recorded.
+    void clear();
 
 private:
     std::mutex mutex_;

@@ -155,6 +155,10 @@ private:
     std::vector<TestAudioPort*> ports_;
 };
 
+/// Connects an output to a renderer as the manager does: the offered format matched against the
+/// accepted one, set on both sides, then both sides connected. False when they do not agree.
+bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer);
+
 }  // namespace lxtest
 
 #endif

@@ -1,0 +1,1 @@
+lorvex_add_benchmark(player SOURCES PlayerBench.cpp)

@@ -1,0 +1,1 @@
+lorvex_add_benchmark(wave SOURCES WaveBench.cpp)

@@ -1,0 +1,343 @@
+// The WAVE header walk and sample reads, on clips written by sox and on hand-broken files.
+#include "audio/LxWAVEParser.h"
+
+#include "LxDataSource.h"
+#include "LxLog.h"
+#include "LxResult.h"
+#include "TestSupport.h"
+#include "WaveFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using lxtest::RiffChunk;
+
+struct Parsed {
+    KtResult open = 0;
+    KtResult header = 0;
+    LxAudioFormat* format = nullptr;
+    std::unique_ptr<LxFilenameDataSource> source;
+    std::unique_ptr<LxWAVEParser> parser;
+    ~Parsed() {
+        if (format != nullptr) {
+            format->unref();
+        }
+    }
+};
+
+std::unique_ptr<Parsed> parseFile(const std::string& path) {
+    auto p = std::make_unique<Parsed>();
+    p->source = std::make_unique<LxFilenameDataSource>(path.c_str());
+    p->parser = std::make_unique<LxWAVEParser>();
+    p->open = p->parser->open(nullptr, p->source.get());
+    p->header = p->open == LX_OK ? p->parser->readHeader(&p->format) : p->open;
+    return p;
+}
+
+// Reads every sample the parser gives, frame by frame (frames of framesPerRead sample frames).
+std::string readAll(LxWAVEParser& parser, int sampleFrameBytes, int framesPerRead, int* reads = nullptr) {
+    std::string all;
+    LxAudioFrame frame;
+    frame.data = new unsigned char[framesPerRead * sampleFrameBytes];
+    frame.fillable = framesPerRead;
+    for (int guard = 0; guard < 1000000; ++guard) {
+        frame.filled = 0;
+        char eom = 0;
+        if (parser.readFrame(&frame, &eom) != LX_OK) {
+            ADD_FAILURE() << "read error";
+            break;
+        }
+        all.append(reinterpret_cast<char*>(frame.data), static_cast<size_t>(frame.filled) * sampleFrameBytes);
+        if (reads != nullptr) {
+            ++*reads;
+        }
+        if (eom) {
+            break;
+        }
+    }
+    return all;
+}
+
+class WaveParser : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!lxtest::haveTool("sox")) {
+            GTEST_SKIP() << "sox is not installed (scripts/install-deps.sh test installs it)";
+        }
+    }
+    std::string write(const std::string& name, const std::string& bytes) {
+        const std::string path = dir.file(name);
+        EXPECT_TRUE(lxtest::writeFile(path, bytes));
+        return path;
+    }
+    // A small valid clip in chunks: "fmt " then "data".
+    std::vector<RiffChunk> clip(uint16_t channels = 2, uint32_t rate = 8000, uint16_t bits = 16,
+                                size_t bytes = 64) {
+        std::string data;
+        for (size_t i = 0; i < bytes; ++i) {
+            data += static_cast<char>(i * 7 + 3);
+        }
+        return {{"fmt ", lxtest::pcmFmtBody(channels, rate, bits)}, {"data", data}};
+    }
+    KtResult headerOf(const std::string& bytes) {
+        static int n = 0;
+        return parseFile(write("h" + std::to_string(n++) + ".wav", bytes))->header;
+    }
+
+    lxtest::TempDir dir;
+};
+
+struct ClipKind {
+    int rate, bits, channels;
+    double seconds;
+};
+
+TEST_F(WaveParser, SoxClipsOfEveryKindReadBackExactly) {
+    const ClipKind kinds[] = {{11025, 8, 1, 0.5},  {22050, 8, 2, 0.3},   {8000, 16, 1, 0.7},
+                              {44100, 16, 2, 1.0}, {48000, 16, 2, 0.25}, {16000, 8, 1, 0.1}};
+    for (const ClipKind& k : kinds) {
+        SCOPED_TRACE(testing::Message() << k.rate << " Hz, " << k.bits << " bits, " << k.channels << " ch");
+        const std::string path = lxtest::soxClip(dir, "c.wav", k.rate, k.bits, k.channels, k.seconds);
+        ASSERT_FALSE(path.empty());
+        const std::string file = lxtest::readFile(path);
+        const std::string data = lxtest::dataOf(file);
+        auto p = parseFile(path);
+        ASSERT_EQ(LX_OK, p->header);
+        ASSERT_NE(nullptr, p->format);
+        EXPECT_EQ(k.bits == 8 ? LxSample8 : LxSample16, p->format->getSampleFormat());
+        EXPECT_EQ(k.channels == 1 ? LxMono : LxStereo, p->format->getChannels());
+        EXPECT_EQ(static_cast<float>(k.rate), p->format->getSamplingRate());
+        EXPECT_EQ(LxFormat::PullStream, p->format->getStreamStyle());
+        EXPECT_EQ(0, p->format->getIsStreaming());
+        EXPECT_EQ(44, p->parser->getDataStart());
+        EXPECT_EQ(data.size(), p->parser->getDataLength());
+        const int frameBytes = k.bits / 8 * k.channels;
+        const double seconds = static_cast<double>(data.size()) / (k.rate * frameBytes);
+        EXPECT_EQ(static_cast<int32_t>(seconds), p->parser->getDuration().sec());
+        EXPECT_NEAR(seconds - static_cast<int32_t>(seconds), p->parser->getDuration().usec() / 1e6, 1e-6);
+        // Frames of an awkward size: whole sample frames only, nothing lost at the seams.
+        const std::string read = readAll(*p->parser, frameBytes, 997);
+        EXPECT_EQ(data.size(), read.size());
+        EXPECT_EQ(lxtest::checksum(data), lxtest::checksum(read));
+    }
+}
+
+TEST_F(WaveParser, OneSecondOfCdAudioLastsExactlyOneSecond) {
+    lxtest::requireLog();
+    const std::string path = lxtest::soxClip(dir, "cd.wav", 44100, 16, 2, 1.0);
+    auto p = parseFile(path);
+    ASSERT_EQ(LX_OK, p->header);
+    EXPECT_EQ(176400u, p->parser->getDataLength());
+    EXPECT_EQ(LxTime(1, 0), p->parser->getDuration());
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: wave file PCM_16 Stereo 44100\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk fmt , len = 16\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk data, len = 176400\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: opened file "));
+}
+
+TEST_F(WaveParser, ExtraChunksOddLengthsAndLongFormatChunksArePassedOver) {
+    lxtest::requireLog();
+    const std::string path = lxtest::soxClip(dir, "s.wav", 22050, 16, 2, 0.2);
+    std::vector<RiffChunk> chunks;
+    ASSERT_TRUE(lxtest::splitWave(lxtest::readFile(path), &chunks));
+    ASSERT_EQ(2u, chunks.size());
+    const std::string data = chunks[1].body;
+    // LIST before "fmt ", an odd-length chunk (with its pad byte) before and after it, fact in
+    // between, and an 18-byte "fmt " with an extra-size field.
+    RiffChunk list{"LIST", std::string("INFOISFT") + lxtest::le32(6) + "sox\0\0\0"};
+    RiffChunk odd{"junk", "abcde"};
+    RiffChunk fact{"fact", lxtest::le32(static_cast<uint32_t>(data.size() / 4))};
+    RiffChunk fmt18{"fmt ", chunks[0].body + lxtest::le16(0)};
+    const std::string spliced = lxtest::joinWave({list, odd, fmt18, odd, fact, chunks[1]});
+    auto p = parseFile(write("spliced.wav", spliced));
+    ASSERT_EQ(LX_OK, p->header);
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk junk, len = 5\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk fmt , len = 18\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk fact, len = 4\n"));
+    const long expectedStart = 12 + (8 + 16) + 2 * (8 + 6) + (8 + 18) + (8 + 4) + 8;
+    EXPECT_EQ(expectedStart, p->parser->getDataStart());
+    EXPECT_EQ(data, readAll(*p->parser, 4, 4096));
+}
+
+TEST_F(WaveParser, EveryCutOfAHeaderFailsWithItsOwnMessage) {
+    lxtest::requireLog();
+    // LIST (12-byte body) then "fmt " then "data" of 64 bytes: each offset of the header lies in
+    // one field whose loss has its own message.
+    const std::vector<RiffChunk> full = {{"LIST", "INFOabcdefgh"}, clip()[0], clip()[1]};
+    const std::string file = lxtest::joinWave(full);
+    struct Span {
+        size_t end;  // cuts shorter than this (and not shorter than the previous end)
+        KtResult result;
+        const char* message;
+    };
+    const Span spans[] = {
+        {4, LX_ERR_INVALID_WAVE, "LxWAVEParser: not a valid audio file\n"},
+        {8, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read RIFF length\n"},
+        {12, LX_ERR_INVALID_WAVE, "LxWAVEParser: invalid WAVE audio file\n"},
+        {16, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find format chunk\n"},
+        {20, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
+        {36, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find format chunk\n"},  // inside LIST
+        {40, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
+        {56, LX_ERR_INVALID_WAVE, "LxWAVEParser: error reading format chunk\n"},
+        {60, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find data chunk\n"},
+        {64, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
+    };
+    size_t cut = 0;
+    for (const Span& span : spans) {
+        for (; cut < span.end; ++cut) {
+            SCOPED_TRACE(testing::Message() << "cut at " << cut);
+            LxLogSink::clear();
+            EXPECT_EQ(span.result, headerOf(file.substr(0, cut)));
+            EXPECT_TRUE(LxLogSink::contains(span.message));
+            EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: header walk stopped at byte "));
+        }
+    }
+    // From the data chunk's length on, the header is whole; samples missing behind it only make
+    // the clip end early.
+    for (; cut <= file.size(); ++cut) {
+        SCOPED_TRACE(testing::Message() << "cut at " << cut);
+        auto p = parseFile(write("whole.wav", file.substr(0, cut)));
+        ASSERT_EQ(LX_OK, p->header);
+        EXPECT_EQ(64, p->parser->getDataStart());
+        EXPECT_EQ((cut - 64) / 4 * 4, readAll(*p->parser, 4, 5).size());  // whole sample frames
+    }
+}
+
+TEST_F(WaveParser, WrongTagsAndMissingChunks) {
+    lxtest::requireLog();
+    std::string file = lxtest::joinWave(clip());
+    std::string riff = file;
+    riff.replace(0, 4, "RIFX");
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(riff));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: not a valid audio file\n"));
+    std::string wave = file;
+    wave.replace(8, 4, "AVI ");
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(wave));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: invalid WAVE audio file\n"));
+
+    LxLogSink::clear();
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(lxtest::joinWave({clip()[1]})));  // data only
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: unable to find format chunk\n"));
+    LxLogSink::clear();
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(lxtest::joinWave({clip()[0], {"LIST", "INFO"}})));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: unable to find data chunk\n"));
+    EXPECT_TRUE(LxLogSink::contains("in chunk \"LIST\""));
+    LxLogSink::clear();
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(lxtest::joinWave({{"fmt ", "0123456789abcde"}, clip()[1]})));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: found truncated format chunk\n"));
+    // A chunk id with unprintable bytes is shown safely.
+    LxLogSink::clear();
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(lxtest::joinWave({{std::string("\x01\x02zz", 4), "x"}})));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: chunk ??zz, len = 1\n"));
+
+    auto missing = parseFile(dir.file("no-such-file.wav"));
+    EXPECT_EQ(LX_ERR_WAVE_OPEN, missing->open);
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: could not open file "));
+}
+
+TEST_F(WaveParser, OnlyConsistentEightOrSixteenBitPcmIsAccepted) {
+    lxtest::requireLog();
+    const std::string data = clip()[1].body;
+    auto withFmt = [&](const std::string& fmt) {
+        return headerOf(lxtest::joinWave({{"fmt ", fmt}, {"data", data}}));
+    };
+    using lxtest::fmtBody;
+    for (uint16_t tag : {2, 3, 0xFFFE}) {
+        LxLogSink::clear();
+        EXPECT_EQ(LX_ERR_UNSUPPORTED, withFmt(fmtBody(tag, 2, 8000, 32000, 4, 16))) << tag;
+        EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: Can only decode PCM-format WAVE files\n"));
+    }
+    const char* inconsistent = "LxWAVEParser: inconsistent format information for PCM WAVE file\n";
+    struct Bad {
+        uint16_t channels;
+        uint32_t rate, avg;
+        uint16_t align, bits;
+    };
+    const Bad bads[] = {
+        {2, 8000, 32001, 4, 16},  // byte rate off by one
+        {2, 8000, 16000, 2, 16},  // block alignment of mono
+        {2, 8000, 48000, 6, 24},  // 24-bit samples, consistently described
+        {1, 8000, 32000, 4, 32},  // 32-bit samples
+        {1, 8000, 4000, 0, 4},    // 4-bit samples
+    };
+    for (const Bad& b : bads) {
+        LxLogSink::clear();
+        EXPECT_EQ(LX_ERR_INVALID_WAVE, withFmt(fmtBody(1, b.channels, b.rate, b.avg, b.align, b.bits)));
+        EXPECT_TRUE(LxLogSink::contains(inconsistent)) << b.bits << " bits";
+    }
+    // Consistent headers that no format can carry are refused as invalid too.
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, withFmt(fmtBody(1, 0, 8000, 0, 0, 16)));
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, withFmt(fmtBody(1, 3, 8000, 48000, 6, 16)));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: cannot play 3 channels\n"));
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, withFmt(fmtBody(1, 1, 0, 0, 2, 16)));
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: sampling rate of 0 in PCM WAVE file\n"));
+    EXPECT_EQ(LX_OK, withFmt(fmtBody(1, 1, 8000, 8000, 1, 8)));
+}
+
+TEST_F(WaveParser, DataLongerThanTheFileGivesTheDeclaredDurationAndThePresentBytes) {
+    std::vector<RiffChunk> chunks = clip(1, 8000, 8, 100);
+    std::string file = lxtest::joinWave(chunks);
+    file.replace(40, 4, lxtest::le32(16000));  // two seconds declared, 100 bytes present
+    auto p = parseFile(write("long.wav", file));
+    ASSERT_EQ(LX_OK, p->header);
+    EXPECT_EQ(LxTime(2, 0), p->parser->getDuration());
+    EXPECT_EQ(chunks[1].body, readAll(*p->parser, 1, 64));
+}
+
+TEST_F(WaveParser, SeekPositionsFromTheFirstSampleByte) {
+    const std::string path = lxtest::soxClip(dir, "m.wav", 22050, 8, 1, 1.0);
+    const std::string data = lxtest::dataOf(lxtest::readFile(path));
+    auto p = parseFile(path);
+    ASSERT_EQ(LX_OK, p->header);
+    ASSERT_EQ(LX_OK, p->parser->seek(11025));
+    EXPECT_EQ(44 + 11025, p->parser->getPosition());
+    EXPECT_EQ(data.substr(11025), readAll(*p->parser, 1, 3000));
+    // After the end of the clip, a seek back reads again from there.
+    ASSERT_EQ(LX_OK, p->parser->seek(0));
+    EXPECT_EQ(data, readAll(*p->parser, 1, 4096));
+    EXPECT_EQ(LX_ERR_GENERIC, p->parser->seek(-1000));
+    // A frame with no room reads nothing and is not at the end.
+    ASSERT_EQ(LX_OK, p->parser->seek(0));
+    LxAudioFrame full;
+    full.data = new unsigned char[4];
+    full.fillable = 4;
+    full.filled = 4;
+    char eom = 7;
+    EXPECT_EQ(LX_OK, p->parser->readFrame(&full, &eom));
+    EXPECT_EQ(4, full.filled);
+    EXPECT_EQ(0, eom);
+}
+
+// A parser whose file cannot be read: a directory opened as a file reads with an error.
+class UnreadableParser : public LxWAVEParser {
+public:
+    bool openDirectory(const std::string& path) {
+        file = std::fopen(path.c_str(), "rb");
+        waveFormat = new LxWaveFormat{1, 1, 8000, 8000, 1, 8, 0};
+        return file != nullptr;
+    }
+};
+
+TEST_F(WaveParser, AReadErrorLeavesTheFrameAndTheEndFlagAlone) {
+    lxtest::requireLog();
+    UnreadableParser parser;
+    if (!parser.openDirectory(dir.path())) {
+        GTEST_SKIP() << "this system does not open directories as files";
+    }
+    LxAudioFrame frame;
+    frame.data = new unsigned char[16];
+    frame.fillable = 16;
+    frame.filled = 3;
+    char eom = 5;
+    EXPECT_EQ(LX_ERR_WAVE_READ, parser.readFrame(&frame, &eom));
+    EXPECT_EQ(3, frame.filled);
+    EXPECT_EQ(5, eom);
+    EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: error reading file\n"));
+}
+
+}  // namespace
