@@ -2,8 +2,9 @@
 
 #include "LxLog.h"
 #include "LxPlatformMidi.h"
+#include "LxPlatformSound.h"
 #include "platform/midi/LxpMidiBackend.h"
-#include "platform/midi/LxpMidiMix.h"
+#include "platform/sound/LxpSound.h"
 
 #if defined(LORVEX_HAVE_FLUIDSYNTH)
 
@@ -34,6 +35,9 @@ struct Synth {
     fluid_synth_t* synth = nullptr;
     std::string soundFont;
     bool inUse = false;
+    // The rate the synthesizer renders at now. Written by the mixing thread of the one stream
+    // that uses the synthesizer; it outlives that stream, since the next one inherits the tuning.
+    std::atomic<uint32_t> rate{LxPlatformSound::DEFAULT_SAMPLE_RATE};
 
     void destroy() {
         if (synth != nullptr) {
@@ -70,7 +74,8 @@ struct Synth {
         if (settings == nullptr) {
             return false;
         }
-        fluid_settings_setnum(settings, "synth.sample-rate", static_cast<double>(midimix::sampleRate()));
+        fluid_settings_setnum(settings, "synth.sample-rate",
+                              static_cast<double>(LxPlatformSound::DEFAULT_SAMPLE_RATE));
         // Only the mixing thread calls the synthesizer once it plays (events reach it through
         // queues), so FluidSynth's own API lock is not needed and the render path takes no lock.
         fluid_settings_setint(settings, "synth.threadsafe-api", 0);
@@ -81,6 +86,7 @@ struct Synth {
             return false;
         }
         soundFont = font;
+        rate.store(LxPlatformSound::DEFAULT_SAMPLE_RATE);
         return true;
     }
 };
@@ -132,7 +138,7 @@ class EventQueue {
     std::atomic<unsigned> tail_{0};
 };
 
-class FluidOutput : public midi::StreamOutput, public midimix::Source {
+class FluidOutput : public midi::StreamOutput, public MixSource {
   public:
     explicit FluidOutput(fluid_synth_t* synth) : synth_(synth) {}
 
@@ -161,7 +167,7 @@ class FluidOutput : public midi::StreamOutput, public midimix::Source {
     }
 
     void close() override {
-        midimix::remove(this);
+        removeMixSource(this);
         Synth& s = synthHolder();
         std::lock_guard<std::mutex> guard(s.mutex);
         fluid_synth_all_sounds_off(synth_, -1);
@@ -173,13 +179,13 @@ class FluidOutput : public midi::StreamOutput, public midimix::Source {
         if (sampleRate == 0 || channels == 0) {
             return;
         }
-        if (sampleRate != synthRate_) {
+        if (sampleRate != synthRate_.load(std::memory_order_relaxed)) {
             // The output runs at another rate than the synthesizer was made for: retune once.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
             fluid_synth_set_sample_rate(synth_, static_cast<float>(sampleRate));
 #pragma GCC diagnostic pop
-            synthRate_ = sampleRate;
+            synthRate_.store(sampleRate, std::memory_order_relaxed);
         }
         const uint32_t generation = generation_.load(std::memory_order_acquire);
         if (generation != seenGeneration_) {
@@ -287,7 +293,7 @@ class FluidOutput : public midi::StreamOutput, public midimix::Source {
     std::atomic<int64_t> renderedMicros_{0};
     // Mixing thread only.
     uint32_t seenGeneration_ = 0;
-    uint32_t synthRate_ = midimix::sampleRate();
+    std::atomic<uint32_t>& synthRate_ = synthHolder().rate;
     uint64_t remainder_ = 0;
     float scratch_[2 * kScratchFrames];
 };
@@ -304,7 +310,7 @@ class FluidBackend : public midi::Backend {
             return MIDIERR_NODEVICE;
         }
         std::unique_ptr<FluidOutput> out(new FluidOutput(s.synth));
-        if (!midimix::add(out.get())) {
+        if (!addMixSource(out.get())) {
             return MIDIERR_NODEVICE;
         }
         s.inUse = true;

@@ -1,8 +1,9 @@
 // The FluidSynth device end to end: stream buffers rendered into the output mix.
 #include "LxLog.h"
 #include "LxPlatformMidi.h"
+#include "LxPlatformSound.h"
 #include "platform/midi/LxpMidi.h"
-#include "platform/midi/LxpMidiMix.h"
+#include "platform/sound/LxpSimulatedSound.h"
 
 #include "TestSupport.h"
 
@@ -58,30 +59,30 @@ class MidiFluidTest : public ::testing::Test {
         }
         LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
         LxPlatformSetMidiSoundFont(nullptr);
+        simsound::use();  // the output renders only when the test advances it
     }
 
     void TearDown() override {
         EXPECT_TRUE(lxtest::waitUntil([] { return midiLiveDeviceThreads() == 0; }));
+        simsound::use();
     }
 
     static void callback(HMIDIOUT, uint32_t, uintptr_t instance, uintptr_t, uintptr_t) {
         ++*reinterpret_cast<std::atomic<int>*>(instance);
     }
 
-    /// Pulls ms milliseconds of stereo mix at 44.1 kHz in 10 ms periods; returns the left channel.
+    /// Renders ms milliseconds of output in 10 ms periods and returns its left channel, in the
+    /// output's rate (sampleRate()).
     static std::vector<float> pull(int ms) {
-        std::vector<float> left;
-        std::vector<float> block(441 * 2);
+        simsound::clearOutput();
         for (int i = 0; i < ms / 10; ++i) {
-            std::fill(block.begin(), block.end(), 0.0f);
-            midimix::pull(block.data(), 441, 2, 44100);
-            for (size_t k = 0; k < 441; ++k) {
-                left.push_back(block[2 * k]);
-            }
+            simsound::advanceMs(10);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));  // let the device thread run
         }
-        return left;
+        return simsound::outputChannel(0);
     }
+
+    static double sampleRate() { return simsound::outputFormat().rate; }
 
     static double rms(const std::vector<float>& x, size_t from, size_t to) {
         double sum = 0;
@@ -116,9 +117,11 @@ TEST_F(MidiFluidTest, MiddleCSoundsAtItsPitchAndTheBufferReturnsAfterItsLastEven
     audio.insert(audio.end(), more.begin(), more.end());
     EXPECT_TRUE(lxtest::waitUntil([&] { return done.load() == 1; }));
 
-    const std::vector<float> window(audio.begin() + 4410, audio.begin() + 4410 + 8192);
-    EXPECT_GT(rms(audio, 4410, 4410 + 8192), 0.005);
-    EXPECT_NEAR(261.6, dominantFrequency(window, 44100), 2.0);
+    const size_t from = static_cast<size_t>(sampleRate() / 10);
+    ASSERT_GT(audio.size(), from + 8192);
+    const std::vector<float> window(audio.begin() + from, audio.begin() + from + 8192);
+    EXPECT_GT(rms(audio, from, from + 8192), 0.005);
+    EXPECT_NEAR(261.6, dominantFrequency(window, sampleRate()), 2.0);
 
     EXPECT_EQ(MMSYSERR_NOERROR, midiOutUnprepareHeader(s, &h, sizeof h));
     EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));
@@ -147,16 +150,79 @@ TEST_F(MidiFluidTest, StopDropsNotesAlreadyHandedToTheSynthesizer) {
     // Direct messages play at once (G above middle C on the ocarina).
     ASSERT_EQ(MMSYSERR_NOERROR, midiOutShortMsg(s, 0xC0u | (79u << 8)));
     ASSERT_EQ(MMSYSERR_NOERROR, midiOutShortMsg(s, 0x90u | (67u << 8) | (110u << 16)));
-    const std::vector<float> after = pull(200);
+    const std::vector<float> after = pull(400);
     EXPECT_GT(rms(after, 0, after.size()), 0.005);
-    EXPECT_NEAR(
-        392.0,
-        dominantFrequency(std::vector<float>(after.begin() + 2205, after.begin() + 2205 + 4096), 44100), 4.0);
+    const size_t from = static_cast<size_t>(sampleRate() / 20);
+    ASSERT_GT(after.size(), from + 4096);
+    EXPECT_NEAR(392.0,
+                dominantFrequency(std::vector<float>(after.begin() + from, after.begin() + from + 4096),
+                                  sampleRate()),
+                4.0);
     midiOutUnprepareHeader(s, &h, sizeof h);
     EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));
     // Closed: the synthesizer is out of the mix.
     const std::vector<float> closed = pull(50);
-    EXPECT_EQ(0.0, rms(closed, 0, closed.size()));
+    EXPECT_EQ(0.0, closed.empty() ? 0.0 : rms(closed, 0, closed.size()));
+}
+
+/// Reads the left channel of a 16-bit stereo WAV file written by the sound output.
+std::vector<float> readWavLeft(const std::string& path, uint32_t* rate) {
+    const std::string bytes = lxtest::readFile(path);
+    std::vector<float> left;
+    size_t pos = 12;
+    while (pos + 8 <= bytes.size()) {
+        uint32_t size;
+        std::memcpy(&size, bytes.data() + pos + 4, 4);
+        if (bytes.compare(pos, 4, "fmt ") == 0) {
+            std::memcpy(rate, bytes.data() + pos + 12, 4);
+        } else if (bytes.compare(pos, 4, "data") == 0) {
+            for (size_t i = pos + 8; i + 4 <= bytes.size() && i < pos + 8 + size; i += 4) {
+                int16_t l;
+                std::memcpy(&l, bytes.data() + i, 2);
+                left.push_back(l / 32768.0f);
+            }
+        }
+        pos += 8 + size + (size & 1);
+    }
+    return left;
+}
+
+TEST_F(MidiFluidTest, MiddleCReachesAWavFileThroughTheRealOutput) {
+    lxtest::TempDir dir;
+    const std::string wav = dir.file("midi.wav");
+    LxPlatformSound::useWavFile(wav.c_str());
+    std::atomic<int> done{0};
+    uint32_t device = MIDI_MAPPER;
+    HMIDISTRM s = nullptr;
+    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOpen(&s, &device, 1, callback, reinterpret_cast<uintptr_t>(&done),
+                                               CALLBACK_FUNCTION));
+    MIDIEVENT records[] = {
+        {0, 0, 0xC0u | (79u << 8)}, {0, 0, 0x90u | (60u << 8) | (110u << 16)}, {96, 0, 0x80u | (60u << 8)}};
+    MIDIHDR h{};
+    h.lpData = reinterpret_cast<char*>(records);
+    h.dwBufferLength = h.dwBytesRecorded = sizeof records;
+    ASSERT_EQ(MMSYSERR_NOERROR, midiOutPrepareHeader(s, &h, sizeof h));
+    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOut(s, &h, sizeof h));
+    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamRestart(s));
+    // The output runs in real time: the buffer comes back once the note-off has been rendered.
+    ASSERT_TRUE(lxtest::waitUntil([&] { return done.load() == 1; }, 10000));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(MMSYSERR_NOERROR, midiOutUnprepareHeader(s, &h, sizeof h));
+    EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));  // the output stops and completes the file
+
+    uint32_t rate = 0;
+    const std::vector<float> left = readWavLeft(wav, &rate);
+    ASSERT_GT(rate, 0u);
+    ASSERT_GT(left.size(), rate / 2) << "at least the half second of the note";
+    // Where the note sounds: the first loud sample, then a window inside the note.
+    size_t onset = 0;
+    while (onset < left.size() && std::fabs(left[onset]) < 0.01f) {
+        ++onset;
+    }
+    ASSERT_LT(onset + rate / 20 + 8192, left.size());
+    const std::vector<float> window(left.begin() + onset + rate / 20,
+                                    left.begin() + onset + rate / 20 + 8192);
+    EXPECT_NEAR(261.6, dominantFrequency(window, rate), 2.0);
 }
 
 TEST_F(MidiFluidTest, OpeningWithoutASoundFontFailsCleanly) {
