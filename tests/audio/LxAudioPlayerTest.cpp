@@ -151,8 +151,10 @@ TEST_F(AudioPlayerTest, LoopingDeliversTheClipAgainWithoutAGap) {
     const size_t want = data.size() * 5 / 2;
     ASSERT_TRUE(pumpUntil(r, [&] { return r->received().size() >= want; }));
     const std::string got = r->received();
-    const std::string expected = data + data + data + data;
-    ASSERT_LE(got.size(), expected.size());
+    std::string expected;
+    while (expected.size() < got.size() + data.size()) {
+        expected += data;
+    }
     EXPECT_EQ(lxtest::checksum(expected.substr(0, got.size())), lxtest::checksum(got));
     EXPECT_GE(r->endOfMediaNotes.load(), 2);
     EXPECT_EQ(LxNode::STARTED, player->getState());
