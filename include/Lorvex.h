@@ -23,7 +23,12 @@
 #include "LxTime.h"
 #include "LxTimeBase.h"
 #include "LxVersion.h"
+#include "LxVersionDetection.h"
 #include "LxVideoRenderer.h"
 #include "LxVrmlSupport.h"
+#include "LxWin32AudioOutputPort.h"
+#include "LxWin32AudioPortConfig.h"
+#include "LxWin32AudioPortData.h"
+#include "LxWin32Mixer.h"
 
 #endif  // LORVEX_H

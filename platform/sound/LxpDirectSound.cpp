@@ -566,7 +566,6 @@ HRESULT Device::CreateSoundBuffer(const DSBUFFERDESC* d, IDirectSoundBuffer** bu
     WAVEFORMATEX format = *d->lpwfxFormat;
     format.nAvgBytesPerSec = format.nSamplesPerSec * format.nBlockAlign;
     format.cbSize = 0;
-    // The size is rounded down to whole sample frames.
     SampleMemory* memory = SampleMemory::create(format, d->dwBufferBytes);
     if (memory == nullptr) {
         return DSERR_OUTOFMEMORY;
@@ -815,7 +814,8 @@ HRESULT SecondaryBuffer::GetCurrentPosition(uint32_t* play, uint32_t* write) {
         const bool playing = (ctl & kCtlPlaying) != 0;
         const uint64_t ahead = static_cast<uint64_t>(v.frequency.load(std::memory_order_relaxed) / 100 + 1) *
                                memory_->blockAlign;
-        *write = playing ? static_cast<uint32_t>((pos + ahead) % memory_->bytes) : pos;
+        *write =
+            playing ? static_cast<uint32_t>((pos + ahead) % (memory_->frames * memory_->blockAlign)) : pos;
     }
     return DS_OK;
 }
@@ -956,6 +956,9 @@ HRESULT SecondaryBuffer::SetCurrentPosition(uint32_t position) {
         return DSERR_INVALIDPARAM;
     }
     position -= position % memory_->blockAlign;
+    if (position >= memory_->frames * memory_->blockAlign) {
+        position = 0;  // inside the partial frame at the end: the next frame is the first
+    }
     std::atomic<uint64_t>& word = voice().ctl;
     uint64_t cur = word.load(std::memory_order_acquire);
     while (!word.compare_exchange_weak(cur, ctlNext(cur, position, cur & (kCtlPlaying | kCtlLooping)),

@@ -283,6 +283,9 @@ void advanceMs(uint32_t ms) {
 double renderedMs() {
     return sim()->renderedMs();
 }
+void catchUp() {
+    sim()->sync();
+}
 OutputFormat outputFormat() {
     return sim()->engine()->outputFormat();
 }

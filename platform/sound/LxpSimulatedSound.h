@@ -60,6 +60,8 @@ void clearCalls();
 /// Renders frames of output / the output of ms milliseconds.
 void advanceFrames(uint32_t frames);
 void advanceMs(uint32_t ms);
+/// Renders the output up to lxp::clock()'s present (with syncToClock set; nothing otherwise).
+void catchUp();
 /// Milliseconds of output rendered so far.
 double renderedMs();
 

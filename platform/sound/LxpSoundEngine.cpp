@@ -88,7 +88,7 @@ SampleMemory* SampleMemory::create(const WAVEFORMATEX& format, uint32_t bytes) {
     m->blockAlign = format.nBlockAlign;
     m->channels = format.nChannels;
     m->frames = bytes / m->blockAlign;
-    m->bytes = m->frames * m->blockAlign;
+    m->bytes = bytes;
     m->raw = new (std::nothrow) uint8_t[m->bytes];
     m->samples = new (std::nothrow) float[static_cast<size_t>(m->frames) * m->channels + 1];
     if (m->raw == nullptr || m->samples == nullptr) {

@@ -57,7 +57,9 @@ class Sink {
     virtual std::string describe() const = 0;
 };
 
-/// Sample memory shared by a buffer and its duplicates. raw is what Lock hands out and is touched
+/// Sample memory shared by a buffer and its duplicates, of exactly the size asked for; the cursor
+/// wraps after the last whole frame (a partial frame at the end is never heard). raw is what Lock
+/// hands out and is touched
 /// only by control threads; samples holds the same frames as float (planar: channel c at
 /// samples + c * frames), converted at Unlock under commitLock, and is what the mixing thread reads.
 struct SampleMemory {

@@ -140,13 +140,18 @@ TEST_F(SoundDevice, BufferDescriptionsAreValidatedAsDirectSoundDoes) {
     EXPECT_EQ(DSERR_BADFORMAT, dev.ds->CreateSoundBuffer(&d, &b, nullptr));
     EXPECT_EQ(nullptr, b);
 
-    // A size that is not whole frames is rounded down; the format reads back in 18 bytes at most.
+    // A size that is not whole frames is kept (the partial frame is never heard); the format reads
+    // back in 18 bytes at most.
     f = pcm(22050, 2, 16);
     d.dwBufferBytes = 4410 * 4 + 3;
     ASSERT_EQ(DS_OK, dev.ds->CreateSoundBuffer(&d, &b, nullptr));
     simsound::BufferInfo info;
     ASSERT_TRUE(simsound::describe(b, &info));
-    EXPECT_EQ(4410u * 4, info.bytes);
+    EXPECT_EQ(4410u * 4 + 3, info.bytes);
+    void* p1 = nullptr;
+    uint32_t n1 = 0;
+    EXPECT_EQ(DS_OK, b->Lock(0, 4410 * 4 + 3, &p1, &n1, nullptr, nullptr, 0));
+    EXPECT_EQ(DS_OK, b->Unlock(p1, n1, nullptr, 0));
     uint8_t raw[24];
     std::memset(raw, 0xEE, sizeof raw);
     uint32_t written = 0;

@@ -1,0 +1,309 @@
+// LxWin32Mixer: the data path. Streaming writes into a port's circular buffer, resident writes
+// from the buffer's start, silence, and the fill level.
+#include "LxWin32Mixer.h"
+
+#include "LxLog.h"
+#include "LxResult.h"
+#include "audio/LxWin32MixerInternal.h"
+#include "platform/clock/LxpClock.h"
+#include "platform/sound/LxpSound.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+using lxmixer::Hold;
+using namespace lxp;
+
+namespace {
+
+void sleepMs(double ms) {
+    if (ms >= 1.0) {
+        lxp::clock().sleep(static_cast<uint32_t>(std::min(ms, 4.0e9)));
+    }
+}
+
+void logLockFailure(HRESULT hr) {
+    if (hr == DSERR_BUFFERLOST) {
+        LxLog::postDebug("LxWin32Mixer: DirectSound buffer lost\n");
+    } else {
+        LxLog::postDebug("LxWin32Mixer: couldn't lock secondary buffer\n");
+    }
+}
+
+}  // namespace
+
+uint32_t LxWin32Mixer::playMillis(LxWin32AudioPortData* rec, double bytes) {
+    // Before its buffer exists a port has no byte rate yet: its own rate and frame size give it.
+    // A tempo of 0 or below (a stopped port) paces at normal speed rather than never returning.
+    double bps = rec->bytesPerSecond;
+    if (bps <= 0) {
+        bps = static_cast<double>(lxmixer::wholeRate(rec->rate)) * rec->bytesPerFrame;
+    }
+    const double tempo = rec->tempo > 0 ? rec->tempo : 1.0;
+    if (!(bps > 0) || !(bytes > 0)) {
+        return 0;
+    }
+    return static_cast<uint32_t>(std::min(std::floor(bytes * 1000.0 / (bps * tempo)), 4.0e9));
+}
+
+long LxWin32Mixer::fillableLocked(LxWin32AudioPortData* rec) {
+    if (rec->soundBuffer == nullptr) {
+        return 0;
+    }
+    uint32_t play = 0;
+    if (FAILED(rec->soundBuffer->GetCurrentPosition(&play, nullptr))) {
+        // A cursor that cannot be read (a lost buffer) reports all room, so that a writer goes
+        // on to Lock, which reports the failure, instead of waiting for room forever.
+        return rec->bufferSize;
+    }
+    const long p = static_cast<long>(play);
+    const long w = rec->writePosition;
+    return p >= w ? p - w : rec->bufferSize - w + p;
+}
+
+long LxWin32Mixer::getFillable(short port) {
+    Hold slot(slotLock(port));
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (state.load() != READY || rec == nullptr) {
+        return -1;
+    }
+    return fillableLocked(rec);
+}
+
+long LxWin32Mixer::getFilled(short port) {
+    Hold slot(slotLock(port));
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (state.load() != READY || rec == nullptr) {
+        return -1;
+    }
+    return rec->bufferSize - fillableLocked(rec);
+}
+
+long LxWin32Mixer::discardFrames(short port) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    return slot.valid() && record(port) != nullptr ? LX_OK : LX_ERR_NO_PORT;
+}
+
+long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset, long frames) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (rec == nullptr) {
+        return LX_ERR_NO_PORT;
+    }
+    const long total = static_cast<long>(rec->bytesPerFrame) * frames;
+    if (rec->duplicates[0] == LX_NO_DUPLICATE &&
+        (rec->gain <= 0.000001f || rec->noChannel || rec->soundBuffer == nullptr)) {
+        // Nobody can hear it: no copy, only the time the samples would take to play.
+        const uint32_t ms = playMillis(rec, static_cast<double>(total));
+        slot.unlock();
+        sleepMs(ms);
+        return LX_OK;
+    }
+    const unsigned char* src = data + byteOffset;
+    const long threshold = static_cast<long>(0.75 * rec->bufferSize);
+    long written = 0;
+    // Gives up when the port lost its channel or buffer, or was closed, while the slot was let go.
+    auto stillThere = [&]() {
+        rec = record(port);
+        return rec != nullptr && !rec->noChannel && rec->soundBuffer != nullptr;
+    };
+    while (written < total) {
+        long fillable = fillableLocked(rec);
+        const long level = rec->bufferSize - fillable;
+        if (rec->isStreaming) {
+            if (level > 0.5 * rec->bytesPerSecond) {
+                LxLog::postDebug("LxWin32Mixer:  buffer level up to %d, resetting!\n",
+                                 static_cast<int>(level));
+                rec->needsReset = 1;
+            }
+        } else if (level > threshold && !rec->needsReset) {
+            const double ms = rec->bytesPerSecond > 0
+                                  ? std::floor(static_cast<double>(level - threshold) / rec->bytesPerSecond *
+                                               1000.0 / (rec->tempo > 0 ? rec->tempo : 1.0))
+                                  : 0.0;
+            slot.unlock();
+            sleepMs(ms);
+            slot.relock();
+            if (!stillThere()) {
+                return LX_ERR_WRITE_ABANDONED;
+            }
+        }
+        if (rec->needsReset) {
+            fillable = rec->bufferSize;
+            rec->writePosition = 0;
+            setPositionAllPorts(rec, 0);
+            rec->needsReset = 0;
+        }
+        if (fillable == 0) {
+            lxp::clock().sleep(50);  // waits for room with the slot lock held
+            continue;
+        }
+        if (rec->soundBuffer == nullptr) {
+            return LX_ERR_WRITE_ABANDONED;  // a duplicated master whose own buffer is gone
+        }
+        const long chunk = std::min(total - written, fillable);
+        void* p1 = nullptr;
+        void* p2 = nullptr;
+        uint32_t n1 = 0;
+        uint32_t n2 = 0;
+        const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
+                                                  static_cast<uint32_t>(chunk), &p1, &n1, &p2, &n2, 0);
+        if (FAILED(hr)) {
+            logLockFailure(hr);
+            return LX_ERR_GENERIC;
+        }
+        std::memcpy(p1, src + written, n1);
+        if (p2 != nullptr && n2 > 0) {
+            std::memcpy(p2, src + written + n1, n2);
+        }
+        rec->soundBuffer->Unlock(p1, n1, p2, n2);
+        const long copied = static_cast<long>(n1) + static_cast<long>(n2);
+        written += copied;
+        if (!rec->playing.load()) {
+            playAllPorts(rec);
+        }
+        rec->writePosition += static_cast<int32_t>(copied);
+        if (rec->writePosition >= rec->bufferSize) {
+            rec->writePosition -= rec->bufferSize;
+        }
+        if (written < total) {
+            const double ms = rec->bytesPerSecond > 0
+                                  ? std::floor(static_cast<double>(copied) / rec->bytesPerSecond * 1000.0 /
+                                                   (rec->tempo > 0 ? rec->tempo : 1.0) -
+                                               50.0)
+                                  : 0.0;
+            slot.unlock();
+            sleepMs(std::max(0.0, ms));
+            slot.relock();
+            if (!stillThere()) {
+                return LX_ERR_WRITE_ABANDONED;
+            }
+        }
+    }
+    return LX_OK;
+}
+
+long LxWin32Mixer::writeResidentFrames(short port, unsigned char* data, long byteOffset, long frames) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (rec == nullptr) {
+        return LX_ERR_NO_PORT;
+    }
+    long bytes = static_cast<long>(rec->bytesPerFrame) * frames;
+    if (rec->writePosition >= rec->bufferSize) {
+        LxLog::postDebug("LxWin32Mixer:  asking to write more bytes after buffer is full, port %d\n", port);
+        return LX_ERR_RESIDENT_FULL;
+    }
+    if (bytes <= 0) {
+        return LX_OK;
+    }
+    if (rec->soundBuffer == nullptr) {
+        return LX_ERR_WRITE_ABANDONED;  // no channel yet, or the buffer was destroyed
+    }
+    // Only the room left is locked: bytes past the buffer's end are dropped, and the buffer ends
+    // exactly full even when one call brings more than the whole buffer holds.
+    bytes = std::min(bytes, static_cast<long>(rec->bufferSize - rec->writePosition));
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    uint32_t n1 = 0;
+    uint32_t n2 = 0;
+    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
+                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
+    if (FAILED(hr)) {
+        if (hr == DSERR_BUFFERLOST) {
+            LxLog::postDebug("LxWin32Mixer: DirectSound buffer lost\n");
+            return LX_ERR_GENERIC;
+        }
+        LxLog::postDebug("LxWin32Mixer: couldn't lock secondary buffer, port %d hr 0x%x\n", port,
+                         static_cast<unsigned>(hr));
+        return LX_ERR_RESIDENT_FULL;
+    }
+    std::memcpy(p1, data + byteOffset, n1);
+    rec->soundBuffer->Unlock(p1, n1, p2, 0);
+    rec->writePosition += static_cast<int32_t>(n1);
+    return LX_OK;
+}
+
+long LxWin32Mixer::fillSilence(short port, long frames) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (rec == nullptr || rec->noChannel) {
+        return LX_ERR_NO_PORT;
+    }
+    LxLog::postDebug("LxWin32Mixer:  fillSilence %d zeros\n", static_cast<int>(frames));
+    const long bytes = (rec->format != LxSample8 ? 2 : 1) * (rec->channels != LxMono ? 2 : 1) * frames;
+    return doFillSilence(port, bytes);
+}
+
+long LxWin32Mixer::fillSilence(short port, const LxTime& duration) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (rec == nullptr || rec->noChannel) {
+        return LX_ERR_NO_PORT;
+    }
+    // Whole sample frames only, so that the write position never lands inside a frame.
+    long bytes = static_cast<long>(std::floor(duration.getValue() * rec->bytesPerSecond));
+    if (rec->bytesPerFrame > 0) {
+        bytes -= bytes % rec->bytesPerFrame;
+    }
+    return doFillSilence(port, bytes);
+}
+
+long LxWin32Mixer::doFillSilence(short port, long bytes) {
+    Hold slot(slotLock(port));
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (bytes <= 0) {
+        LxLog::postDebug("LxWin32Mixer: numBytes <= 0\n");
+        return LX_OK;
+    }
+    if (rec == nullptr || rec->soundBuffer == nullptr) {
+        return LX_ERR_NO_PORT;
+    }
+    const int silence = rec->format == LxSample8 ? 0x80 : 0x00;
+    if (rec->needsReset) {
+        rec->writePosition = 0;
+        setPositionAllPorts(rec, 0);
+        rec->needsReset = 0;
+    }
+    // More silence than the buffer holds fills it once: the rest would overwrite itself.
+    bytes = std::min(bytes, static_cast<long>(rec->bufferSize));
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    uint32_t n1 = 0;
+    uint32_t n2 = 0;
+    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
+                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
+    if (FAILED(hr)) {
+        logLockFailure(hr);
+        return LX_ERR_GENERIC;
+    }
+    std::memset(p1, silence, n1);
+    if (p2 != nullptr && n2 > 0) {
+        std::memset(p2, silence, n2);
+    }
+    rec->writePosition += static_cast<int32_t>(n1 + n2);
+    if (rec->writePosition >= rec->bufferSize) {
+        rec->writePosition -= rec->bufferSize;
+    }
+    rec->soundBuffer->Unlock(p1, n1, p2, n2);
+    if (!rec->playing.load()) {
+        playAllPorts(rec);
+    }
+    return LX_OK;
+}

@@ -1,0 +1,479 @@
+// The mixer's device side: start-up and its failures, the primary buffer and listener, global
+// settings, diagnostics, and the per-port controls with their conversions.
+#include "MixerTestKit.h"
+
+#include "LxLog.h"
+#include "LxPlatformSound.h"
+#include "TestSupport.h"
+#include "platform/dshow/LxpGraphIds.h"
+
+#include <chrono>
+#include <limits>
+#include <thread>
+
+namespace {
+
+using namespace lxp;
+using mixerkit::MixerTest;
+
+LxSimulatedPlatform windows95DirectX1() {
+    LxSimulatedPlatform os;
+    os.platformId = 1;
+    os.buildNumber = 950;
+    os.directInputLoads = false;
+    return os;
+}
+
+TEST(MixerConversions, GainAndPanBecomeDirectSoundUnitsAtTheirEdges) {
+    EXPECT_EQ(0, LxWin32Mixer::gainToVolume(1.0f));
+    EXPECT_EQ(-602, LxWin32Mixer::gainToVolume(0.5f));
+    EXPECT_EQ(-2000, LxWin32Mixer::gainToVolume(0.1f));
+    EXPECT_EQ(-10000, LxWin32Mixer::gainToVolume(0.00001f));
+    EXPECT_LT(LxWin32Mixer::gainToVolume(0.000002f), -10000);  // no lower clamp: the device refuses it
+
+    EXPECT_EQ(0, LxWin32Mixer::panToPanValue(0.0f));
+    EXPECT_EQ(1204, LxWin32Mixer::panToPanValue(0.5f));
+    EXPECT_EQ(-1204, LxWin32Mixer::panToPanValue(-0.5f));
+    EXPECT_LE(LxWin32Mixer::panToPanValue(0.9968f), 10000);
+    EXPECT_GT(LxWin32Mixer::panToPanValue(0.9969f), 10000);
+    EXPECT_LT(LxWin32Mixer::panToPanValue(-0.9969f), -10000);
+    // Where the formula has no value: hard right or left, and the middle for not a number.
+    EXPECT_EQ(10000, LxWin32Mixer::panToPanValue(1.0f));
+    EXPECT_EQ(-10000, LxWin32Mixer::panToPanValue(-1.0f));
+    EXPECT_EQ(10000, LxWin32Mixer::panToPanValue(7.0f));
+    EXPECT_EQ(-10000, LxWin32Mixer::panToPanValue(-std::numeric_limits<float>::infinity()));
+    EXPECT_EQ(0, LxWin32Mixer::panToPanValue(std::numeric_limits<float>::quiet_NaN()));
+}
+
+TEST_F(MixerTest, GainIsClampedMutedAndAppliedAsVolume) {
+    lxtest::requireLog();
+    start();
+    const short p = open(LxMono, LxSample16, 22050, 8820);
+    std::vector<uint8_t> data = mixerkit::ramp16(100, 1);
+    ASSERT_EQ(LX_OK, mixer->writeFrames(p, data.data(), 0, 100));
+    ASSERT_TRUE(mixer->info(p).playing);
+
+    EXPECT_EQ(LX_OK, mixer->setGain(p, 0.5f));
+    EXPECT_EQ(-602, mixer->info(p).volume);
+    EXPECT_EQ(LX_ERR_GAIN_CLAMPED, mixer->setGain(p, 1.5f));
+    EXPECT_EQ(1.0f, mixer->getGain(p));
+    EXPECT_EQ(0, mixer->info(p).volume);
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  gain of 1.500 attempted\n"));
+    // Zero mutes and stops a playing stream that owns its buffer alone.
+    EXPECT_EQ(LX_OK, mixer->setGain(p, 0.0f));
+    EXPECT_EQ(-10000, mixer->info(p).volume);
+    EXPECT_FALSE(mixer->info(p).playing);
+    EXPECT_EQ(LX_ERR_GAIN_CLAMPED, mixer->setGain(p, -0.2f));
+    EXPECT_EQ(0.0f, mixer->getGain(p));
+    EXPECT_EQ(LX_ERR_GAIN_CLAMPED, mixer->setGain(p, std::numeric_limits<float>::quiet_NaN()));
+    EXPECT_EQ(0.0f, mixer->getGain(p));
+    EXPECT_EQ(LX_OK, mixer->setGain(p, 0.00001f));
+    EXPECT_EQ(-10000, mixer->info(p).volume);
+    // Below 0.00001 the device refuses the volume: logged, not reported.
+    EXPECT_EQ(LX_OK, mixer->setGain(p, 0.000005f));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  failed SetVolume 0.000\n"));
+    EXPECT_EQ(-1.0f, mixer->getGain(77));
+    EXPECT_EQ(LX_ERR_NO_PORT, mixer->setGain(77, 1.0f));
+
+    // Before the device is up the values are kept and reach the buffer when it is made.
+    mixer->closeDirectSound(0);
+    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setGain(p, 0.1f));
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
+    EXPECT_EQ(-2000, mixer->info(p).volume);
+}
+
+TEST_F(MixerTest, PanWorksOnlyWithoutThreeDAndLeavesTheRangeUnclamped) {
+    lxtest::requireLog();
+    start();
+    const short p3 = open(LxMono, LxSample16, 22050, 8820);
+    EXPECT_EQ(LX_ERR_PAN_IN_3D, mixer->setPan(p3, 0.5f));
+    mixer.reset();
+
+    // A 3D system with spatialisation off makes pan buffers, and still refuses pan.
+    setUpPlatform(simsound::Config(), LxSimulatedPlatform());
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    ASSERT_EQ(LX_OK, mixer->setSpatializeSounds(0));
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    EXPECT_FALSE(mixer->hasListener());
+    const short q = open(LxMono, LxSample16, 22050, 8820);
+    EXPECT_TRUE(mixer->info(q).flags & DSBCAPS_CTRLPAN);
+    EXPECT_EQ(LX_ERR_PAN_IN_3D, mixer->setPan(q, 0.5f));
+    mixer.reset();
+
+    setUpPlatform(simsound::Config(), windows95DirectX1());
+    start();
+    const short p = open(LxMono, LxSample16, 22050, 8820);
+    EXPECT_EQ(LX_OK, mixer->setPan(p, 0.5f));
+    EXPECT_EQ(1204, mixer->info(p).pan);
+    EXPECT_EQ(0.5f, mixer->getPan(p));
+    EXPECT_EQ(LX_OK, mixer->setPan(p, -1.0f));
+    EXPECT_EQ(-10000, mixer->info(p).pan);
+    EXPECT_EQ(LX_OK, mixer->setPan(p, 0.9969f));  // beyond the device's range: logged only
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  failed to SetPan\n"));
+    EXPECT_EQ(-10000, mixer->info(p).pan);
+    EXPECT_EQ(-69.0f, mixer->getPan(90));
+    EXPECT_EQ(LX_ERR_NO_PORT, mixer->setPan(90, 0.0f));
+}
+
+TEST_F(MixerTest, TempoSetsTheFrequencyAndStopsAtZeroOrBelow) {
+    lxtest::requireLog();
+    start();
+    const short p = open(LxMono, LxSample16, 22050, 8820, 0, 1);
+    ASSERT_EQ(LX_OK, mixer->playPort(p, 1));
+    EXPECT_EQ(LX_OK, mixer->setTempo(p, 2.0f));
+    EXPECT_EQ(44100u, mixer->info(p).frequency);
+    EXPECT_EQ(2.0f, mixer->getTempo(p));
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setTempo(p, 10.0f));  // 220500 Hz: above the device's limit
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  failed to setFrequency\n"));
+    EXPECT_EQ(44100u, mixer->info(p).frequency);
+    EXPECT_EQ(LX_OK, mixer->setTempo(p, 0.0f));
+    EXPECT_FALSE(mixer->info(p).playing);
+    EXPECT_EQ(0, mixer->rec(p)->looping);
+    ASSERT_EQ(LX_OK, mixer->playPort(p, 1));
+    EXPECT_EQ(LX_OK, mixer->setTempo(p, -1.0f));
+    EXPECT_FALSE(mixer->info(p).playing);
+    EXPECT_EQ(LX_ERR_NO_PORT, mixer->setTempo(91, 1.0f));
+    mixer->closeDirectSound(0);
+    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setTempo(p, 0.5f));
+    EXPECT_EQ(-1.0f, mixer->getTempo(p));
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
+    EXPECT_EQ(11025u, mixer->info(p).frequency);
+}
+
+TEST_F(MixerTest, LocationPrioritySpatialisationAreStoredAndReachTheThreeDBuffer) {
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    const short p = open(LxMono, LxSample16, 22050, 8820, 1, 0, false);
+    const float xyz[3] = {1, 2, 3};
+    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setSoundLocation(p, xyz));
+    EXPECT_EQ(nullptr, mixer->getLocation(p));
+    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setPriority(p, 0.7f));
+    EXPECT_EQ(996.0f, mixer->getPriority(p));
+    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setSpatialize(p, 0));
+    EXPECT_EQ(0, mixer->getSpatialize(p));
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+
+    // A 3D buffer made now gets the stored location as deferred settings and then a commit.
+    simsound::clearCalls();
+    ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
+    const std::vector<std::string> calls = simsound::calls();
+    const auto at = [&](const std::string& name) {
+        for (size_t i = 0; i < calls.size(); ++i) {
+            if (calls[i].rfind(name + "#", 0) == 0) {
+                return static_cast<long>(i);
+            }
+        }
+        return -1L;
+    };
+    ASSERT_GE(at("BufferSetPosition"), 0);
+    EXPECT_LT(at("BufferSetPosition"), at("CommitDeferredSettings"));
+    EXPECT_LT(at("BufferSetMode"), at("CommitDeferredSettings"));
+    simsound::BufferInfo info = mixer->info(p);
+    EXPECT_EQ(1.0f, info.position3D[0]);
+    EXPECT_EQ(-3.0f, info.position3D[2]);
+    const float* stored = mixer->getLocation(p);
+    ASSERT_NE(nullptr, stored);
+    EXPECT_EQ(-3.0f, stored[2]);
+
+    const float moved[3] = {-4, 0, 5};
+    EXPECT_EQ(LX_OK, mixer->setSoundLocation(p, moved));
+    EXPECT_EQ(-5.0f, mixer->info(p).position3D[2]);
+    EXPECT_EQ(LX_OK, mixer->setPriority(p, 0.7f));
+    EXPECT_EQ(0.7f, mixer->getPriority(p));
+    EXPECT_EQ(995.0f, mixer->getPriority(92));
+    EXPECT_EQ(LX_OK, mixer->setSpatialize(p, 0));
+    EXPECT_EQ(DS3DMODE_DISABLE, mixer->info(p).mode3D);
+    simsound::failNext(simsound::Op::BufferSetMode);
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setSpatialize(p, 1));
+    simsound::failNext(simsound::Op::BufferSetPosition);
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setSoundLocation(p, xyz));
+    EXPECT_EQ(LX_ERR_NO_PORT, mixer->setSoundLocation(93, xyz));
+}
+
+TEST_F(MixerTest, TheListenerIsKeptWithZNegatedAndAppliedWhenThereIsOne) {
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    const float pos[3] = {1, 2, 3};
+    const float top[3] = {0, 1, 0};
+    const float front[3] = {0, 0, -1};
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setListenerLocation(pos, top, front));  // no listener yet
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    ASSERT_TRUE(mixer->hasListener());
+    std::vector<simsound::DeviceInfo> devices = simsound::devices();
+    ASSERT_EQ(1u, devices.size());
+    const float expected[10] = {1, 2, -3, 0, 0, 1, 0, 1, 0, 0};  // rolloff off
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(expected[i], devices[0].listener[i]) << i;
+    }
+    const float pos2[3] = {0, 0, -7};
+    EXPECT_EQ(LX_OK, mixer->setListenerLocation(pos2, top, front));
+    EXPECT_EQ(7.0f, simsound::devices()[0].listener[2]);
+    simsound::failNext(simsound::Op::CommitDeferredSettings);
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setListenerLocation(pos, top, front));
+}
+
+TEST_F(MixerTest, SettingsChangeOnlyBeforeTheDeviceStarts) {
+    lxtest::requireLog();
+    ASSERT_EQ(LX_ERR_GENERIC, mixer->initMixer());
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    ASSERT_EQ(LX_OK, mixer->setAudibleMode(LxAudibleWithFocus));
+    // Kind 3 is unknown, but only the running device is told.
+    EXPECT_EQ(LX_OK, mixer->setSpeakerConfig(LxSpeakerConfiguration(3, 7)));
+    EXPECT_EQ(3, mixer->getSpeakerConfig().kind);
+    EXPECT_EQ(7, mixer->getSpeakerConfig().value);
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    EXPECT_EQ(0u, simsound::devices()[0].speakerConfig);  // a stored configuration is not applied
+    const short p = open(LxMono, LxSample16, 22050, 8820);
+    EXPECT_EQ(0u, mixer->info(p).flags & DSBCAPS_GLOBALFOCUS);
+
+    EXPECT_EQ(LX_ERR_MIXER_STATE, mixer->setAudibleMode(LxAudibleAlways));
+    EXPECT_EQ(LxAudibleWithFocus, mixer->getAudibleMode());
+    EXPECT_EQ(LX_ERR_MIXER_STATE, mixer->setSpatializeSounds(0));
+    EXPECT_EQ(1, mixer->getSpatializeSounds());
+    EXPECT_EQ(LX_ERR_GENERIC, mixer->setSpeakerConfig(LxSpeakerConfiguration(3, 0)));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer: unknown speaker config 3"));
+    EXPECT_EQ(LX_OK, mixer->setSpeakerConfig(LxSpeakerConfiguration(LxSpeakerConfiguration::HEADPHONES, 0)));
+    EXPECT_EQ(DSSPEAKER_HEADPHONE, simsound::devices()[0].speakerConfig);
+    simsound::failNext(simsound::Op::SetSpeakerConfig);
+    EXPECT_EQ(LX_ERR_GENERIC,
+              mixer->setSpeakerConfig(LxSpeakerConfiguration(LxSpeakerConfiguration::MONO, 0)));
+    EXPECT_TRUE(LxLogSink::contains("Failed to set direct sound speaker configuration err=0x80004005\n"));
+}
+
+struct StartFailure {
+    const char* name;
+    LxSimulatedPlatform os;
+    std::function<void()> inject;
+    long code;
+    const char* message;
+};
+
+TEST_F(MixerTest, StartUpFailuresLeaveTheMixerClosedWithNothingOpen) {
+    lxtest::requireLog();
+    const LxSimulatedPlatform nt5;
+    const LxSimulatedPlatform old = windows95DirectX1();
+    simsound::Config noLibrary;
+    noLibrary.libraryPresent = false;
+    const std::vector<StartFailure> cases = {
+        {"COM", nt5, [] { comtest::failCoInitialize(1); }, LX_ERR_MIXER_COM,
+         "LxWin32Mixer:  failed to initialize COM interface\n"},
+        {"3D object", nt5, [] { comtest::failCreate(CLSID_DirectSound, 1); }, LX_ERR_DSOUND_CREATE,
+         "LxWin32Mixer:  Failed to create directSound3D object\n"},
+        {"Initialize", nt5, [] { simsound::failNext(simsound::Op::Initialize); }, LX_ERR_DSOUND_CREATE,
+         "LxWin32Mixer:  Unable to initialize directSound\n"},
+        {"half duplex", nt5,
+         [] {
+             duplex::setHalfDuplex(true);
+             duplex::tryOpen(duplex::Midi);
+         },
+         LX_ERR_DSOUND_CREATE, "LxWin32Mixer:  Unable to initialize directSound\n"},
+        {"create entry", old, [] { simsound::failNext(simsound::Op::GetDirectSoundCreate); },
+         LX_ERR_DSOUND_CREATE, "LxWin32Mixer:  Failed to create the DirectSound object\n"},
+        {"create", old, [] { simsound::failNext(simsound::Op::DirectSoundCreate); }, LX_ERR_DSOUND_CREATE,
+         "LxWin32Mixer:  Failed to create the DirectSound object\n"},
+        {"cooperative", nt5, [] { simsound::failNext(simsound::Op::SetCooperativeLevel); },
+         LX_ERR_DSOUND_COOPERATIVE, "LxWin32Mixer:  Unable to set the cooperative level\n"},
+        {"primary", nt5, [] { simsound::failNext(simsound::Op::CreatePrimaryBuffer); }, LX_ERR_PRIMARY_BUFFER,
+         "LxWin32Mixer:  Failed to created the primary sound buffer\n"},
+        {"primary play", nt5, [] { simsound::failNext(simsound::Op::Play); }, LX_ERR_PRIMARY_BUFFER,
+         "LxWin32Mixer:  Couldn't start the primary buffer\n"},
+    };
+    for (const StartFailure& c : cases) {
+        SCOPED_TRACE(c.name);
+        setUpPlatform(simsound::Config(), c.os);
+        ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+        const int comBefore = comtest::threadInitCount();
+        LxLogSink::clear();
+        c.inject();
+        EXPECT_EQ(c.code, mixer->initDirectSound());
+        EXPECT_TRUE(LxLogSink::contains(c.message));
+        EXPECT_EQ(LxWin32Mixer::CLOSED, mixer->getState());
+        EXPECT_TRUE(simsound::devices().empty());
+        EXPECT_FALSE(mixer->hasDevice());
+        EXPECT_EQ(comBefore, comtest::threadInitCount());
+        duplex::reset();
+        // The channel switching of the manager relies on a plain retry working.
+        mixer->closeDirectSound(0);
+        EXPECT_EQ(LX_OK, mixer->initDirectSound());
+        EXPECT_EQ(LxWin32Mixer::READY, mixer->getState());
+    }
+    setUpPlatform(noLibrary, old);
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    EXPECT_EQ(LX_ERR_DSOUND_CREATE, mixer->initDirectSound());
+
+    setUpPlatform(simsound::Config(), nt5);
+    comtest::failCoInitialize(1);
+    EXPECT_EQ(LX_ERR_MIXER_COM, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    EXPECT_EQ(LxWin32Mixer::CLOSED, mixer->getState());
+}
+
+TEST_F(MixerTest, DegradedDevicesStillStart) {
+    lxtest::requireLog();
+    // Unreadable capabilities: no format to ask for, so the device's own is read back.
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    simsound::failNext(simsound::Op::GetCaps);
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  Failed to get audio device capabilities\n"));
+    EXPECT_TRUE(
+        LxLogSink::contains("LxWin32Mixer:  Failed to set the primary buffer to desired format, hr = "));
+    EXPECT_EQ(22050u, mixer->primary().nSamplesPerSec);
+    EXPECT_EQ(8u, mixer->primary().wBitsPerSample);
+
+    // No listener: the mixer falls back to pan buffers.
+    simsound::Config cfg;
+    cfg.capsFlags &= ~DSCAPS_PRIMARY8BIT;
+    cfg.minSecondaryRate = 11025;
+    setUpPlatform(cfg, LxSimulatedPlatform());
+    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
+    LxLogSink::clear();
+    simsound::failNext(simsound::Op::QueryListener);
+    ASSERT_EQ(LX_OK, mixer->initDirectSound());
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  Failed to get the 3D listener\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  Device can't handle 8 bit primary buffers\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  Device's minimum sampling rate is 11025\n"));
+    EXPECT_EQ(16u, mixer->primary().wBitsPerSample);
+    const short p = open(LxMono, LxSample16, 22050, 8820);
+    EXPECT_TRUE(mixer->info(p).flags & DSBCAPS_CTRLPAN);
+    EXPECT_EQ(LX_OK, mixer->setPan(p, 0.5f));
+}
+
+class FakeGraph : public ComObject<IUnknown> {
+  public:
+    HRESULT QueryInterface(const IID& iid, void** out) override {
+        if (iid == IID_IGraphBuilder) {
+            *out = this;
+            AddRef();
+            return S_OK;
+        }
+        return queryBase(iid, out);
+    }
+};
+
+class FakeGraphFactory : public ComObject<IClassFactory> {
+  public:
+    HRESULT QueryInterface(const IID& iid, void** out) override {
+        if (iid == IID_IClassFactory) {
+            *out = static_cast<IClassFactory*>(this);
+            AddRef();
+            return S_OK;
+        }
+        return queryBase(iid, out);
+    }
+    HRESULT CreateInstance(IUnknown*, const IID& iid, void** out) override {
+        FakeGraph* g = new FakeGraph();
+        const HRESULT hr = g->QueryInterface(iid, out);
+        g->Release();
+        return hr;
+    }
+    HRESULT LockServer(bool) override { return S_OK; }
+};
+
+TEST_F(MixerTest, DiagnosticsNameThePlatformAndTheFirstRealDevice) {
+    simsound::Config cfg;
+    cfg.devices = {"Primary Sound Driver", "Card Two", "Card Three"};
+    setUpPlatform(cfg, LxSimulatedPlatform());
+    comtest::failCreate(CLSID_FilterGraph, -1);  // no filter graph, whatever is registered
+    start();
+    mixer->setMidiCapable(1);
+    LxDiagnostics d;
+    ASSERT_EQ(LX_OK, mixer->getDiagnostics(d));
+    ASSERT_NE(nullptr, d.soundDevice);
+    EXPECT_STREQ("Card Two", d.soundDevice);
+    EXPECT_STREQ("DirectX", d.soundSystemName);
+    EXPECT_EQ(0x501, d.soundSystemVersion);
+    EXPECT_STREQ("None", d.mediaFrameworkName);
+    EXPECT_EQ(0, d.mediaFrameworkVersion);
+    EXPECT_EQ(1, d.midiCapable);
+
+    // With a filter graph available, on the path without 3D (which enumerates too).
+    const bool ownGraph = !isClassRegistered(CLSID_FilterGraph);
+    if (ownGraph) {
+        FakeGraphFactory* factory = new FakeGraphFactory();
+        registerClass(CLSID_FilterGraph, factory);
+        factory->Release();
+    }
+    setUpPlatform(simsound::Config(), windows95DirectX1());
+    start();
+    LxDiagnostics again;
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(LX_OK, mixer->getDiagnostics(again));
+    EXPECT_LT(lxtest::msSince(t0), 1000.0);
+    EXPECT_STREQ("DirectShow", again.mediaFrameworkName);
+    EXPECT_EQ(1, again.mediaFrameworkVersion);
+    EXPECT_EQ(0x100, again.soundSystemVersion);
+    EXPECT_STREQ("Simulated Sound Card", again.soundDevice);
+    if (ownGraph) {
+        unregisterClass(CLSID_FilterGraph);
+    }
+}
+
+TEST_F(MixerTest, DiagnosticsWaitFiveSecondsWhenNoDeviceIsEnumerated) {
+    lxtest::requireLog();
+    simsound::Config cfg;
+    cfg.devices = {};
+    setUpPlatform(cfg, LxSimulatedPlatform());
+    start();
+    LxDiagnostics d;
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(LX_OK, mixer->getDiagnostics(d));
+    const double waited = lxtest::msSince(t0);
+    EXPECT_GT(waited, 4900.0);
+    EXPECT_LT(waited, 8000.0);
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Mixer:  Failed waiting for enumerate callback\n"));
+    EXPECT_EQ(nullptr, d.soundDevice);
+    EXPECT_STREQ("DirectX", d.soundSystemName);
+}
+
+/// Energy of the left and right halves of a 16-bit stereo WAV file's data, between two times.
+std::pair<double, double> channelEnergy(const std::string& wav, double from, double to) {
+    const size_t first = 44 + static_cast<size_t>(from * 44100) * 4;
+    const size_t last = std::min(wav.size(), 44 + static_cast<size_t>(to * 44100) * 4);
+    double l = 0;
+    double r = 0;
+    for (size_t at = first; at + 4 <= last; at += 4) {
+        int16_t a;
+        int16_t b;
+        std::memcpy(&a, wav.data() + at, 2);
+        std::memcpy(&b, wav.data() + at + 2, 2);
+        l += static_cast<double>(a) * a;
+        r += static_cast<double>(b) * b;
+    }
+    return {l, r};
+}
+
+TEST_F(MixerTest, ASourceMovingFromLeftToRightIsHeardMovingInTheWavFile) {
+    lxtest::TempDir dir;
+    const std::string path = dir.file("moving.wav");
+    LxPlatformSound::useWavFile(path.c_str());
+    start();
+    const float origin[3] = {0, 0, 0};
+    const float up[3] = {0, 1, 0};
+    const float ahead[3] = {0, 0, -1};  // the scene's viewer looks down -z
+    ASSERT_EQ(LX_OK, mixer->setListenerLocation(origin, up, ahead));
+    const short p = open(LxMono, LxSample16, 44100, 882, 0, 1);
+    std::vector<uint8_t> tone(882);
+    for (int i = 0; i < 441; ++i) {
+        const int16_t v = static_cast<int16_t>(12000 * std::sin(2 * M_PI * 1000.0 * i / 44100.0));
+        std::memcpy(&tone[2 * i], &v, 2);
+    }
+    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(p, tone.data(), 0, 441));
+    const float left[3] = {-2, 0, -1};
+    const float right[3] = {2, 0, -1};
+    ASSERT_EQ(LX_OK, mixer->setSoundLocation(p, left));
+    ASSERT_EQ(LX_OK, mixer->playPort(p, 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    ASSERT_EQ(LX_OK, mixer->setSoundLocation(p, right));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    mixer.reset();  // the output stops and the file is complete
+    simsound::use();
+
+    const std::string wav = lxtest::readFile(path);
+    ASSERT_GT(wav.size(), 44u + 44100 * 4 / 2);
+    const double seconds = (wav.size() - 44) / (44100.0 * 4);
+    const auto first = channelEnergy(wav, 0.05, seconds * 0.4);
+    const auto second = channelEnergy(wav, seconds * 0.6, seconds - 0.05);
+    EXPECT_GT(first.first, 4 * first.second) << "heard on the left first";
+    EXPECT_GT(second.second, 4 * second.first) << "then on the right";
+}
+
+}  // namespace
