@@ -1,0 +1,537 @@
+#include "midi/LxWin32MidiParser.h"
+
+#include "LxLog.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+using namespace lxp;
+
+namespace {
+
+constexpr uint32_t kTrackEnded = 0x1;
+constexpr uint32_t kMergeEnd = 0x1;
+constexpr uint32_t kMergeError = 0x2;
+constexpr uint32_t kMergePending = 0x4;
+constexpr uint32_t kRecordSize = sizeof(MIDIEVENT);
+
+// The merge state, one for the process: only one stream is parsed at a time. The mutex makes a
+// parser on one thread (parsing, or closing and dropping its pending event) safe beside another
+// parser being made or destroyed on another; owner tells whose pending event is held.
+struct MergeState {
+    std::mutex mutex;
+    uint32_t flags = 0;
+    LxMidiEvent pending{};
+    const LxWin32MidiParser* owner = nullptr;
+};
+
+MergeState& merge() {
+    static MergeState* m = new MergeState();  // used until the last parser is gone
+    return *m;
+}
+
+uint32_t be32(const uint8_t* p) {
+    return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
+           (static_cast<uint32_t>(p[2]) << 8) | p[3];
+}
+
+uint16_t be16(const uint8_t* p) {
+    return static_cast<uint16_t>((p[0] << 8) | p[1]);
+}
+
+bool readExactly(HANDLE file, void* buffer, uint32_t size) {
+    uint32_t got = 0;
+    return ReadFile(file, buffer, size, &got, nullptr) && got == size;
+}
+
+bool isEndOfTrack(const LxMidiEvent& e) {
+    return e.status == 0xFF && e.data1 == 0x2F;
+}
+
+}  // namespace
+
+LxWin32MidiParser::LxWin32MidiParser(LxMidiParserOwner* player)
+    : player_(player), file_(INVALID_HANDLE_VALUE) {}
+
+LxWin32MidiParser::~LxWin32MidiParser() {
+    closeFile();
+}
+
+void LxWin32MidiParser::freePayload(LxMidiEvent* event) {
+    if (event->payload != nullptr) {
+        std::free(event->payload);
+        event->payload = nullptr;
+        --eventDataBlocks_;
+    }
+}
+
+bool LxWin32MidiParser::seek(uint64_t offset) {
+    int32_t high = static_cast<int32_t>(offset >> 32);
+    const uint32_t low =
+        SetFilePointer(file_, static_cast<int32_t>(static_cast<uint32_t>(offset)), &high, FILE_BEGIN);
+    return !(low == INVALID_SET_FILE_POINTER &&
+             (static_cast<uint64_t>(static_cast<uint32_t>(high)) << 32 | low) != offset);
+}
+
+int LxWin32MidiParser::failOpen() {
+    closeFile();
+    return 0;
+}
+
+int LxWin32MidiParser::openFile(const char* fileName) {
+    closeFile();
+    currentTick_ = 0;
+    fileSize_ = 0;
+    division_ = 0;
+    format_ = 0;
+    numTracks_ = 0;
+    ticksPerBuffer_ = 0;
+    tempo_ = 0;
+
+    file_ = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                        FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file_ == INVALID_HANDLE_VALUE) {
+        LxLog::postDebug("LxWin32MidiParser:  Coudln't open input file\n");
+        return failOpen();
+    }
+    uint32_t sizeHigh = 0;
+    const uint32_t sizeLow = GetFileSize(file_, &sizeHigh);
+    if (sizeLow == INVALID_FILE_SIZE) {
+        LxLog::postDebug("LxWin32MidiParser:  File system error on input file.\n");
+        return failOpen();
+    }
+    fileSize_ = (static_cast<uint64_t>(sizeHigh) << 32) | sizeLow;
+
+    uint8_t chunk[8];
+    if (!readExactly(file_, chunk, 4) || std::memcmp(chunk, "MThd", 4) != 0) {
+        LxLog::postDebug("LxWin32MidiParser:  Failed to read in MThd\n");
+        return failOpen();
+    }
+    uint8_t header[6];
+    if (!readExactly(file_, chunk, 4) || be32(chunk) < 6 || !readExactly(file_, header, 6)) {
+        LxLog::postDebug("LxWin32MidiParser:  Failed to read the header\n");
+        return failOpen();
+    }
+    const uint32_t headerLength = be32(chunk);
+    format_ = be16(header);
+    numTracks_ = be16(header + 2);
+    division_ = be16(header + 4);
+    if (!seek(8 + static_cast<uint64_t>(headerLength))) {
+        LxLog::postDebug("LxWin32MidiParser:  Failed to read the header\n");
+        return failOpen();
+    }
+
+    tracks_ = new (std::nothrow) LxMidiTrack[numTracks_ > 0 ? numTracks_ : 1]();
+    if (tracks_ == nullptr) {
+        LxLog::postDebug("LxWin32MidiParser:  Failed to alloc memory for tracks\n");
+        return failOpen();
+    }
+    uint64_t chunkOffset = 8 + static_cast<uint64_t>(headerLength);
+    for (uint32_t i = 0; i < numTracks_; ++i) {
+        LxMidiTrack* t = &tracks_[i];
+        t->buffer = static_cast<uint8_t*>(std::malloc(kTrackBufferSize));
+        if (t->buffer == nullptr) {
+            LxLog::postDebug("LxWin32MidiParser:  Failed to allocate memory for track\n");
+            return failOpen();
+        }
+        if (!readExactly(file_, chunk, 4) || std::memcmp(chunk, "MTrk", 4) != 0) {
+            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+            return failOpen();
+        }
+        if (!readExactly(file_, chunk, 4)) {
+            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+            return failOpen();
+        }
+        t->length = be32(chunk);
+        t->dataOffset = chunkOffset + 8;
+        const uint32_t first = std::min(t->length, kTrackBufferSize);
+        if (!readExactly(file_, t->buffer, first)) {
+            LxLog::postDebug("LxWin32MidiParser:  Failed reading track from file\n");
+            return failOpen();
+        }
+        t->bufferLeft = first;
+        t->unread = t->length - first;
+        t->refillOffset = t->dataOffset + first;
+        t->readPos = 0;
+        t->runningStatus = 0;
+        t->flags = 0;
+        t->nextEventDue = 0;
+        LxLog::postDebug("LxWin32MidiParser:  Read in track %d\n", static_cast<int>(i));
+        if (t->length > 0) {
+            uint32_t delta = 0;
+            if (!readVarLen(t, &delta)) {
+                LxLog::postDebug("LxWin32MidiParser:  Error reading track nextEventDue\n");
+                return failOpen();
+            }
+            t->nextEventDue = delta;
+        } else {
+            t->flags |= kTrackEnded;
+        }
+        chunkOffset = t->dataOffset + t->length;
+        if (!seek(chunkOffset)) {
+            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+            return failOpen();
+        }
+    }
+    return 1;
+}
+
+void LxWin32MidiParser::closeFile() {
+    {
+        MergeState& m = merge();
+        std::lock_guard<std::mutex> guard(m.mutex);
+        if (m.owner == this) {
+            if (m.flags & kMergePending) {
+                freePayload(&m.pending);
+                m.flags &= ~kMergePending;
+            }
+            m.owner = nullptr;
+        }
+    }
+    if (file_ != INVALID_HANDLE_VALUE) {
+        CloseHandle(file_);
+        file_ = INVALID_HANDLE_VALUE;
+    }
+    if (tracks_ != nullptr) {
+        for (uint32_t i = 0; i < numTracks_; ++i) {
+            std::free(tracks_[i].buffer);
+        }
+        delete[] tracks_;
+        tracks_ = nullptr;
+    }
+}
+
+bool LxWin32MidiParser::refillTrackBuffer(LxMidiTrack* track) {
+    if (track->unread == 0) {
+        return false;
+    }
+    if (!seek(track->refillOffset)) {
+        LxLog::postDebug(
+            "LxWin32MidiParser:  Unable to seek to track buffer location in refillTrackBuffer()\n");
+        return false;
+    }
+    uint32_t got = 0;
+    if (!ReadFile(file_, track->buffer, std::min(track->unread, kTrackBufferSize), &got, nullptr) ||
+        got == 0) {
+        LxLog::postDebug("LxWin32MidiParser:  Read operation failed\n");
+        return false;
+    }
+    track->unread -= got;
+    track->refillOffset += got;
+    track->bufferLeft = got;
+    track->readPos = 0;
+    return true;
+}
+
+bool LxWin32MidiParser::getTrackByte(LxMidiTrack* track, uint8_t* byte) {
+    if (track->bufferLeft == 0 && !refillTrackBuffer(track)) {
+        return false;
+    }
+    *byte = track->buffer[track->readPos++];
+    --track->bufferLeft;
+    return true;
+}
+
+bool LxWin32MidiParser::readVarLen(LxMidiTrack* track, uint32_t* value) {
+    // Values beyond 32 bits (more than the standard's four bytes) saturate rather than wrap, so a
+    // corrupt length can only be too long, never a plausible small one.
+    uint64_t v = 0;
+    uint8_t b = 0;
+    do {
+        if (!getTrackByte(track, &b)) {
+            return false;
+        }
+        v = std::min<uint64_t>((v << 7) | (b & 0x7F), 0xFFFFFFFFu);
+    } while (b & 0x80);
+    *value = static_cast<uint32_t>(v);
+    return true;
+}
+
+uint64_t LxWin32MidiParser::bytesLeft(const LxMidiTrack* track) const {
+    // What is left of the track: its buffer, and its unread bytes as far as the file really holds
+    // them (a chunk length beyond the end of the file must not size an allocation).
+    const uint64_t inFile = fileSize_ > track->refillOffset ? fileSize_ - track->refillOffset : 0;
+    return track->bufferLeft + std::min<uint64_t>(track->unread, inFile);
+}
+
+bool LxWin32MidiParser::readPayload(LxMidiTrack* track, uint32_t length, uint8_t** payload,
+                                    const char* truncated, const char* noMemory) {
+    *payload = nullptr;
+    if (length == 0) {
+        return true;
+    }
+    if (length > bytesLeft(track)) {
+        LxLog::postDebug("%s", truncated);
+        track->flags |= kTrackEnded;
+        return false;
+    }
+    uint8_t* p = static_cast<uint8_t*>(std::malloc(length));
+    if (p == nullptr) {
+        LxLog::postDebug("%s", noMemory);
+        track->flags |= kTrackEnded;
+        return false;
+    }
+    ++eventDataBlocks_;
+    for (uint32_t i = 0; i < length; ++i) {
+        if (!getTrackByte(track, &p[i])) {
+            std::free(p);
+            --eventDataBlocks_;
+            LxLog::postDebug("%s", truncated);
+            track->flags |= kTrackEnded;
+            return false;
+        }
+    }
+    *payload = p;
+    return true;
+}
+
+bool LxWin32MidiParser::readEvent(LxMidiTrack* track, LxMidiEvent* event) {
+    *event = LxMidiEvent{};
+    if ((track->flags & kTrackEnded) || bytesLeft(track) == 0) {
+        return false;
+    }
+    uint8_t status = 0;
+    if (!getTrackByte(track, &status)) {
+        return false;
+    }
+    if (status < 0x80) {
+        if (track->runningStatus == 0) {
+            LxLog::postDebug("LxWin32MidiParser:  Toasted!  We didn't have a running status\n");
+            return false;
+        }
+        event->status = track->runningStatus;
+        event->data1 = status;
+        const uint8_t kind = event->status & 0xF0;
+        if (kind != 0xC0 && kind != 0xD0 && !getTrackByte(track, &event->data2)) {
+            track->flags |= kTrackEnded;
+            LxLog::postDebug("LxWin32MidiParser:  Running status message truncated\n");
+            return false;
+        }
+    } else if (status < 0xF0) {
+        track->runningStatus = status;
+        event->status = status;
+        const uint8_t kind = status & 0xF0;
+        const uint32_t need = (kind == 0xC0 || kind == 0xD0) ? 1 : 2;
+        if (bytesLeft(track) < need) {
+            LxLog::postDebug("LxWin32MidiParser:  Channel message truncated\n");
+            track->flags |= kTrackEnded;
+            return false;
+        }
+        if (!getTrackByte(track, &event->data1) || (need == 2 && !getTrackByte(track, &event->data2))) {
+            LxLog::postDebug("LxWin32MidiParser:  Channel message truncated\n");
+            track->flags |= kTrackEnded;
+            return false;
+        }
+    } else if (status == 0xF0 || status == 0xF7) {
+        event->status = status;
+        if (!readVarLen(track, &event->length)) {
+            LxLog::postDebug("LxWin32MidiParser:  SysEx message truncated\n");
+            track->flags |= kTrackEnded;
+            return false;
+        }
+        if (!readPayload(track, event->length, &event->payload,
+                         "LxWin32MidiParser:  SysEx message truncated\n",
+                         "LxWin32MidiParser:  Failed to malloc memory for event dat\n")) {
+            return false;
+        }
+    } else if (status == 0xFF) {
+        event->status = status;
+        if (!getTrackByte(track, &event->data1)) {
+            LxLog::postDebug("LxWin32MidiParser:  No class for Meta message\n");
+            track->flags |= kTrackEnded;
+            return false;
+        }
+        if (!readVarLen(track, &event->length)) {
+            LxLog::postDebug("LxWin32MidiParser:  Truncated meta length\n");
+            track->flags |= kTrackEnded;
+            return false;
+        }
+        if (!readPayload(track, event->length, &event->payload,
+                         "LxWin32MidiParser:  Truncated Meta message\n",
+                         "LxWin32MidiParser:  Failed to malloc memory for event data\n")) {
+            return false;
+        }
+        if (event->data1 == 0x2F) {
+            track->flags |= kTrackEnded;
+        }
+    } else {
+        return false;  // 0xF1-0xFE are not events of a file
+    }
+    event->tick = track->nextEventDue;
+    if (!(track->flags & kTrackEnded)) {
+        uint32_t delta = 0;
+        if (!readVarLen(track, &delta)) {
+            track->flags |= kTrackEnded;
+            freePayload(event);
+            return false;
+        }
+        track->nextEventDue += delta;
+    }
+    return true;
+}
+
+LxWin32MidiParser::AddResult LxWin32MidiParser::addEvent(LxMidiEvent* event, LxMidiStreamBuffer* buffer) {
+    // The records go at the buffer's base plus what is used; the room is bounded by the data block
+    // as well as by the declared capacity.
+    const uint64_t end = std::min<uint64_t>(static_cast<uint64_t>(buffer->writeBase) + buffer->capacity,
+                                            buffer->header.dwBufferLength);
+    const uint64_t at = static_cast<uint64_t>(buffer->writeBase) + buffer->bytesUsed;
+    auto room = [&]() -> uint64_t { return end > at ? end - at : 0; };
+    if (buffer->bytesUsed == 0) {
+        buffer->startTick = static_cast<uint32_t>(currentTick_);
+    }
+    if (static_cast<uint32_t>(static_cast<uint32_t>(currentTick_) - buffer->startTick) > ticksPerBuffer_) {
+        if (buffer->overLimit) {
+            buffer->overLimit = 0;
+            LxLog::postDebug("LxWin32MidiParser:  buf full #1\n");
+            return BUFFER_FULL;
+        }
+        buffer->overLimit = 1;
+    }
+    auto write = [&](uint32_t delta, uint32_t word) {
+        const MIDIEVENT record{delta, 0, word};
+        std::memcpy(buffer->header.lpData + at, &record, kRecordSize);
+        buffer->bytesUsed += kRecordSize;
+    };
+    // A gap wider than a record's 32 bits is clamped: music that far away is never reached.
+    const uint32_t delta = static_cast<uint32_t>(std::min<int64_t>(event->tick - currentTick_, 0xFFFFFFFFll));
+    const float scale = player_->getParserTempoScale();
+    // A scale of 0 or below would divide by zero: such a rate plays at the file's own tempo.
+    auto scaled = [&](uint32_t tempo) -> uint32_t {
+        const double t = scale > 0.0f ? tempo / static_cast<double>(scale) : tempo;
+        return static_cast<uint32_t>(std::min(t, static_cast<double>(0xFFFFFF)));  // the record holds 24 bits
+    };
+
+    if (player_->takeTempoChanged()) {
+        if (room() < kRecordSize) {
+            LxLog::postDebug("LxWin32MidiParser:  buf ful #2\n");
+            return BUFFER_FULL;
+        }
+        if (tempo_ != 0) {
+            write(0, (MEVT_TEMPO << 24) | scaled(tempo_));
+        }
+    }
+    const uint64_t at2 = static_cast<uint64_t>(buffer->writeBase) + buffer->bytesUsed;
+    auto roomNow = [&]() -> uint64_t { return end > at2 ? end - at2 : 0; };
+    auto writeNow = [&](uint32_t d, uint32_t word) {
+        const MIDIEVENT record{d, 0, word};
+        std::memcpy(buffer->header.lpData + at2, &record, kRecordSize);
+        buffer->bytesUsed += kRecordSize;
+    };
+
+    if (event->status >= 0x80 && event->status < 0xF0) {
+        if (roomNow() < kRecordSize) {
+            LxLog::postDebug("LxWin32MidiParser:  buf ful #3\n");
+            return BUFFER_FULL;
+        }
+        uint32_t data2 = event->data2;
+        if ((event->status & 0xF0) == 0xB0 && event->data1 == 7) {
+            player_->storeChannelVolume(event->status & 0x0F, data2);
+            const float gain = std::min(std::max(player_->getParserGain(), 0.0f), 1.0f);
+            data2 = static_cast<uint32_t>(data2 * gain);
+        }
+        writeNow(delta, event->status | (static_cast<uint32_t>(event->data1) << 8) | (data2 << 16));
+        currentTick_ = event->tick;
+        return ADDED;
+    }
+    if (event->status == 0xFF) {
+        // A tempo event shorter than its three bytes carries no tempo: it is passed over as
+        // other meta events are.
+        if (event->data1 == 0x51 && event->length >= 3) {
+            if (roomNow() < kRecordSize) {
+                LxLog::postDebug("LxWin32MidiParser:  buf ful #4\n");
+                return BUFFER_FULL;
+            }
+            const uint8_t* p = event->payload;
+            tempo_ = (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[1]) << 8) | p[2];
+            writeNow(delta, (MEVT_TEMPO << 24) | scaled(tempo_));
+            // Ticks of 60 ms at this tempo (a zero tempo counts as 1 us per quarter note).
+            ticksPerBuffer_ =
+                static_cast<uint32_t>(static_cast<uint64_t>(division_) * 60000u / std::max(tempo_, 1u));
+            currentTick_ = event->tick;
+            freePayload(event);
+            return ADDED;
+        }
+        freePayload(event);
+        return SKIPPED;
+    }
+    LxLog::postDebug("LxWin32MidiParser:  ignoring sysex event\n");
+    freePayload(event);
+    return ADDED;
+}
+
+int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) {
+    MergeState& m = merge();
+    std::lock_guard<std::mutex> guard(m.mutex);
+    buffer->bytesUsed = 0;
+    if (restart) {
+        if ((m.flags & kMergePending) && m.owner != nullptr) {
+            // Another parser's (or our own) leftover: it belongs to a pass that is over.
+            const_cast<LxWin32MidiParser*>(m.owner)->freePayload(&m.pending);
+        }
+        m.flags = 0;
+        m.pending = LxMidiEvent{};
+        m.owner = this;
+    } else {
+        if (m.owner != this) {
+            // The merge state belongs to another parser's pass: this one has not restarted.
+            return PARSE_FAILED_BEFORE;
+        }
+        if (m.flags & kMergeEnd) {
+            return PARSE_END_REACHED;
+        }
+    }
+    if (m.flags & kMergeError) {
+        return PARSE_FAILED_BEFORE;
+    }
+    if (tracks_ == nullptr) {
+        m.flags |= kMergeError;
+        return PARSE_FAILED_BEFORE;
+    }
+
+    if (m.flags & kMergePending) {
+        m.flags &= ~kMergePending;
+        if (!isEndOfTrack(m.pending)) {
+            const AddResult r = addEvent(&m.pending, buffer);
+            if (r == BUFFER_FULL) {
+                m.flags |= kMergePending;
+                return PARSE_OK;
+            }
+        } else {
+            freePayload(&m.pending);
+        }
+    }
+    for (;;) {
+        LxMidiTrack* next = nullptr;
+        for (uint32_t i = 0; i < numTracks_; ++i) {
+            LxMidiTrack* t = &tracks_[i];
+            if (!(t->flags & kTrackEnded) && (next == nullptr || t->nextEventDue < next->nextEventDue)) {
+                next = t;
+            }
+        }
+        if (next == nullptr) {
+            m.flags |= kMergeEnd;
+            return PARSE_OK;
+        }
+        LxMidiEvent event;
+        if (!readEvent(next, &event)) {
+            LxLog::postDebug("LxWin32MidiParser:  MIDI file is corrupt!\n");
+            m.flags |= kMergeError;
+            return PARSE_CORRUPT;
+        }
+        if (isEndOfTrack(event)) {
+            freePayload(&event);
+            continue;
+        }
+        const AddResult r = addEvent(&event, buffer);
+        if (r == BUFFER_FULL) {
+            LxLog::postDebug("LxWin32MidiParser:  Buffer full adding event to stream\n");
+            m.pending = event;
+            m.flags |= kMergePending;
+            return PARSE_OK;
+        }
+    }
+}

@@ -1,0 +1,132 @@
+// The file model: track lists, last ticks, channels, the tempo map and tickToTime.
+#include "midi/LxWin32NewMidiParser.h"
+
+#include "LxLog.h"
+#include "LxResult.h"
+#include "MidiFiles.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace miditest;
+
+class MidiFileModelTest : public ::testing::Test {
+  protected:
+    std::string write(const std::string& bytes) {
+        const std::string path = dir_.file("m" + std::to_string(n_++) + ".mid");
+        EXPECT_TRUE(lxtest::writeFile(path, bytes));
+        return path;
+    }
+    void TearDown() override { EXPECT_EQ(0, lxp::filetest::openHandles()); }
+
+    lxtest::TempDir dir_;
+    int n_ = 0;
+};
+
+TEST_F(MidiFileModelTest, ReadsTracksChannelsAndLastTicks) {
+    lxtest::requireLog();
+    const std::string file = smf(
+        1, 96,
+        {track(tempoEvent(0, 0x07A120) + textEvent(10, "x")),
+         track(noteOn(0, 0, 60) + vlq(48) + "\x3E\x40" + vlq(0) + "\xF0\x02\x01\xF7" + noteOff(912, 0, 60)),
+         track(noteOn(5, 9, 36) + noteOn(0, 9, 38) + vlq(0) + "\xF4" + noteOn(3, 9, 40))},
+        10);
+    LxWin32NewMidiParser model;
+    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32NewMidiParser:  format = 1, numTracks = 3, division = 96\n"));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32NewMidiParser:  header more than 6 bytes.  ignoring 4 bytes\n"));
+    ASSERT_EQ(3, model.getTrackCount());
+    EXPECT_EQ(nullptr, model.getTrackEvents(3));
+    EXPECT_EQ(10, model.getLastTick(0)) << "the end-of-track event stands at tick 10 too";
+    EXPECT_EQ(960, model.getLastTick(1));
+    const LxMidiEventList* t1 = model.getTrackEvents(1);
+    ASSERT_EQ(5, t1->count);
+    const LxMidiFileEvent* e = t1->cursor;
+    ASSERT_EQ(t1->first, e);
+    EXPECT_EQ(LxMidiFileEvent::CHANNEL, e->kind);
+    e = e->next;
+    EXPECT_EQ(48, e->tick);
+    EXPECT_EQ(0x90, e->message[0]) << "running status";
+    EXPECT_EQ(0x3E, e->message[1]);
+    EXPECT_EQ(LxMidiFileEvent::SYSEX, e->next->kind);
+    EXPECT_EQ(e, e->next->prev);
+    // The stray 0xF4 of track 2 is passed over; the next bytes are read as a new event.
+    EXPECT_EQ(9, model.getLastTick(2) >= 5 ? 9 : -1);
+    for (int c = 0; c < 16; ++c) {
+        EXPECT_EQ(c == 0 || c == 9 ? 1 : 0, model.getChannelsUsed()[c]) << c;
+    }
+    ASSERT_EQ(1u, model.getTempoMap().size()) << "the file's own tempo at tick 0 replaces the default";
+    EXPECT_EQ(500000u, model.getTempoMap()[0].tempo);
+    EXPECT_EQ(5000000000, LxWin32NewMidiParser::tickToTime(960, 96, model.getTempoMap()));
+}
+
+TEST_F(MidiFileModelTest, TempoMapTimesAndTickToTime) {
+    // No tempo at tick 0: the default 500000 stands there. 250000 from tick 192 (in track 2),
+    // 1000000 from tick 288.
+    const std::string file =
+        smf(1, 96, {track(tempoEvent(288, 1000000)), track(tempoEvent(192, 250000) + noteOn(400, 3, 1))});
+    LxWin32NewMidiParser model;
+    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
+    const LxMidiTempoMap& map = model.getTempoMap();
+    ASSERT_EQ(3u, map.size());
+    EXPECT_EQ(0, map[0].tick);
+    EXPECT_EQ(500000u, map[0].tempo);
+    EXPECT_EQ(192, map[1].tick);
+    EXPECT_EQ(1000000000, map[1].startTime);
+    EXPECT_EQ(1250000000, map[2].startTime);
+    const uint32_t d = model.getDivision();
+    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(0, d, map));
+    EXPECT_EQ(500000000, LxWin32NewMidiParser::tickToTime(96, d, map));
+    EXPECT_EQ(1000000000, LxWin32NewMidiParser::tickToTime(192, d, map))
+        << "an entry at the tick is passed over";
+    EXPECT_EQ(1125000000, LxWin32NewMidiParser::tickToTime(240, d, map));
+    EXPECT_EQ(1250000000, LxWin32NewMidiParser::tickToTime(288, d, map));
+    EXPECT_EQ(5250000000, LxWin32NewMidiParser::tickToTime(672, d, map));
+    EXPECT_EQ(592, model.getLastTick(1));
+    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, map)) << "no division, no time";
+    // One entry: tempo / division x tick x 1000, truncated.
+    const LxMidiTempoMap one = {{500000, 0, 0}};
+    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, one));
+}
+
+TEST_F(MidiFileModelTest, MissingTracksAndBadFilesAndCutsNeverReadPastTheEnd) {
+    lxtest::requireLog();
+    LxWin32NewMidiParser model;
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(dir_.file("none.mid").c_str()));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32NewMidiParser:  Couldn't open input file\n"));
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write("RIFF....").c_str()));
+    EXPECT_TRUE(LxLogSink::contains("LxWin32NewMidiParser:  failed to find MThd\n"));
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write(smf(0, 96, {})).c_str())) << "no track";
+    EXPECT_EQ(0, model.getTrackCount());
+
+    // The header promises 4 tracks, the file holds 2: the missing ones are empty.
+    std::string file = smf(1, 96, {track(noteOn(0, 1, 60)), track(noteOn(7, 2, 60))});
+    file[11] = 4;
+    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
+    EXPECT_EQ(4, model.getTrackCount());
+    EXPECT_EQ(7, model.getLastTick(1));
+    EXPECT_EQ(-1, model.getLastTick(2));
+    EXPECT_EQ(nullptr, model.getTrackEvents(3)->first);
+
+    // Every cut of a file: the events read whole are kept, and nothing more.
+    std::string events = tempoEvent(0, 400000) + textEvent(0, "title") + vlq(0) + "\xF0\x03\x01\x02\xF7";
+    for (int i = 0; i < 30; ++i) {
+        events += noteOn(10, i % 16, 40 + i);
+    }
+    const std::string good = smf(1, 96, {track(events), track(noteOn(3, 9, 36))});
+    for (size_t n = 0; n < good.size(); ++n) {
+        LxWin32NewMidiParser cut;
+        const KtResult r = cut.loadFile(write(good.substr(0, n)).c_str());
+        if (n < 14) {
+            EXPECT_EQ(LX_ERR_GENERIC, r) << n;
+            continue;
+        }
+        ASSERT_EQ(LX_OK, r) << n;
+        EXPECT_LE(cut.getLastTick(0), 300) << n;
+        EXPECT_EQ(n == good.size() ? 3 : -1, n < good.size() - 12 ? cut.getLastTick(1) : -1) << n;
+    }
+}
+
+}  // namespace

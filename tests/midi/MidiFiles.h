@@ -1,0 +1,90 @@
+// Standard MIDI File helpers for the parser tests: builders for hand-made files, a reference
+// reader written apart from the library's parsers, a fake player and a stream drain.
+#ifndef LORVEX_TESTS_MIDI_MIDIFILES_H
+#define LORVEX_TESTS_MIDI_MIDIFILES_H
+
+#include "midi/LxWin32MidiParser.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace miditest {
+
+std::string vlq(uint32_t value);
+std::string be32(uint32_t v);
+/// An "MTrk" chunk around events (delta-time/event bytes); endOfTrack appends FF 2F 00.
+std::string track(const std::string& events, bool endOfTrack = true);
+/// A whole file: "MThd" with headerLength (at least 6; extra bytes are zeros), then the chunks.
+std::string smf(int format, int division, const std::vector<std::string>& tracks, uint32_t headerLength = 6);
+std::string noteOn(uint32_t delta, int channel, int key, int velocity = 100);
+std::string noteOff(uint32_t delta, int channel, int key);
+std::string tempoEvent(uint32_t delta, uint32_t usPerQuarter);
+std::string textEvent(uint32_t delta, const std::string& text);
+
+/// A channel event of the reference reader, with its absolute tick and track.
+struct RefEvent {
+    int64_t tick;
+    int track;
+    uint32_t message;  // status | data1 << 8 | data2 << 16
+};
+
+/// A file read by the test's own reader: events of every track and the tempo changes.
+struct RefFile {
+    int format = 0;
+    int division = 0;
+    int tracks = 0;
+    std::vector<RefEvent> events;                      // in file order per track
+    std::vector<std::pair<int64_t, uint32_t>> tempos;  // (tick, us per quarter), file order
+    /// Seconds at tick, from the tempo changes (500000 us per quarter before the first).
+    double seconds(int64_t tick) const;
+};
+/// Reads a well-formed file (no error handling beyond stopping at the end).
+RefFile readReference(const std::string& bytes);
+
+/// The player side of the stream parser, with settings a test sets.
+class FakeOwner : public LxMidiParserOwner {
+  public:
+    std::atomic<float> gain{1.0f};
+    std::atomic<float> tempoScale{1.0f};
+    std::atomic<bool> tempoChanged{false};
+    std::atomic<uint32_t> volumes[16] = {};
+
+    float getParserGain() override { return gain; }
+    float getParserTempoScale() override { return tempoScale; }
+    bool takeTempoChanged() override { return tempoChanged.exchange(false); }
+    void storeChannelVolume(unsigned channel, uint32_t value) override { volumes[channel] = value; }
+};
+
+/// A record of the stream with its buffer's index.
+struct Record {
+    lxp::MIDIEVENT event;
+    int buffer;
+};
+
+/// A stream buffer with its own data, set up as the player does.
+struct StreamBuffer {
+    std::vector<char> data;
+    LxMidiStreamBuffer b{};
+    explicit StreamBuffer(uint32_t capacity = 1024);
+    void reset();
+    std::vector<lxp::MIDIEVENT> records() const;
+};
+
+/// Parses a whole pass (restart, then until the end) with buffers of capacity bytes; returns
+/// the last result (-103 at a clean end) and appends the records to out.
+int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity = 1024,
+          int maxBuffers = 100000);
+
+/// Stream times in microseconds of the short messages of a record list, as a device computes
+/// them from the deltas, the division and the tempo records.
+struct Played {
+    double micros;
+    uint32_t message;
+};
+std::vector<Played> playStream(const std::vector<Record>& records, int division);
+
+}  // namespace miditest
+
+#endif
