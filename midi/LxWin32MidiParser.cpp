@@ -124,6 +124,13 @@ int LxWin32MidiParser::openFile(const char* fileName) {
         return failOpen();
     }
 
+    // Every track takes at least its 8-byte chunk header: a count the file cannot hold would
+    // fail at its first missing "MTrk" anyway, so it fails here, before the array is made.
+    if (static_cast<uint64_t>(numTracks_) * 8 >
+        (fileSize_ > 8 + headerLength ? fileSize_ - 8 - headerLength : 0)) {
+        LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+        return failOpen();
+    }
     tracks_ = new (std::nothrow) LxMidiTrack[numTracks_ > 0 ? numTracks_ : 1]();
     if (tracks_ == nullptr) {
         LxLog::postDebug("LxWin32MidiParser:  Failed to alloc memory for tracks\n");

@@ -10,6 +10,19 @@
 
 using namespace lxp;
 
+namespace {
+
+// start + span nanoseconds; times past the 64-bit range (ticks of centuries) saturate there.
+int64_t addNanos(int64_t start, double span) {
+    const double t = static_cast<double>(start) + span;
+    if (t >= 9.2e18) {
+        return INT64_MAX;
+    }
+    return start + static_cast<int64_t>(span);
+}
+
+}  // namespace
+
 LxWin32NewMidiParser::LxWin32NewMidiParser() : file_(INVALID_HANDLE_VALUE) {}
 
 LxWin32NewMidiParser::~LxWin32NewMidiParser() {
@@ -319,7 +332,7 @@ KtResult LxWin32NewMidiParser::loadFile(const char* fileName) {
         const double span = division_ == 0 ? 0.0
                                            : static_cast<double>(tempoMap_[i].tick - p.tick) *
                                                  (p.tempo / static_cast<double>(division_)) * 1000.0;
-        tempoMap_[i].startTime = p.startTime + static_cast<int64_t>(span);
+        tempoMap_[i].startTime = addNanos(p.startTime, span);
     }
     for (LxMidiEventList& list : tracks_) {
         list.cursor = list.first;
@@ -352,5 +365,5 @@ int64_t LxWin32NewMidiParser::tickToTime(int64_t tick, uint32_t division, const 
     }
     const double span =
         static_cast<double>(tick - entry->tick) * (entry->tempo / static_cast<double>(division)) * 1000.0;
-    return entry->startTime + static_cast<int64_t>(span);
+    return addNanos(entry->startTime, span);
 }
