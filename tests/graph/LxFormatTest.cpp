@@ -154,25 +154,11 @@ TEST(LxVideoFrame, SizesItsBufferByPixelFormatAndOwnsItsFormat) {
     for (int i = 0; i < 8; ++i) {
         EXPECT_EQ(0, frame.getPixelData()[i]);
     }
-    frame.getPixelData()[7] = 0xFF;  // the eighth byte is the frame's (AddressSanitizer checks)
-    EXPECT_EQ(2, frame.getWidth());
-    EXPECT_EQ(2, frame.getHeight());
+    // The eighth byte is the frame's (AddressSanitizer watches), and the pixel format is answered
+    // by the frame's own format.
+    frame.getPixelData()[7] = 0xFF;
     EXPECT_EQ(LxPixel16, frame.getPixelFormat());
     EXPECT_EQ(LxFormat::PushStream, frame.format->getStreamStyle());
-    EXPECT_EQ(0x20000000L, frame.lock());
-    EXPECT_EQ(0x20000000L, frame.unlock());
-    EXPECT_EQ(LxTime(0, 0), frame.getPresentationTime());
-    EXPECT_EQ(0, frame.getMediaTimeIsValid());
-    EXPECT_EQ(1, frame.setPresentationTime(LxTime(1, 5)));
-    EXPECT_EQ(LxTime(1, 5), frame.getPresentationTime());
-    EXPECT_EQ(0, frame.frameFlag);
-
-    LxAudioFrame af;
-    EXPECT_EQ(0, af.filled);
-    EXPECT_EQ(0, af.fillable);
-    EXPECT_EQ(0, af.consumed);
-    EXPECT_EQ(nullptr, af.data);
-    EXPECT_EQ(LxTime(0, 0), af.timeStamp);
 }
 
 TEST(LxDefVideoFrameAllocator, NeedsAVideoFormatAndStopsAtTwoFrames) {

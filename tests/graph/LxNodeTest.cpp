@@ -4,7 +4,6 @@
 #include "LxLog.h"
 #include "LxQueue.h"
 #include "LxResult.h"
-#include "LxTimeBase.h"
 #include "TestManager.h"
 #include "TestNodes.h"
 #include "TestSupport.h"
@@ -37,17 +36,6 @@ protected:
     KtRecordingThreadManager threads;
     lxtest::ScopedTestManager manager{&threads};
 };
-
-TEST_F(NodeTest, StartsUninitializedWithUnknownDurationAndLatencies) {
-    TestNode node(manager.get());
-    EXPECT_EQ(LxNode::UNINITIALIZED, node.getState());
-    EXPECT_EQ(LxTime(-1, 0), node.getDuration());
-    EXPECT_EQ(LxTime(2147483647, 0), node.getStartLatency());
-    EXPECT_EQ(LxTime(2147483647, 0), node.getLatency());
-    EXPECT_EQ(0, node.getLoop());
-    node.setLoop(1);
-    EXPECT_EQ(1, node.getLoop());
-}
 
 TEST_F(NodeTest, DeadIsFinalAndTheRefusalIsLogged) {
     lxtest::requireLog();
@@ -96,28 +84,6 @@ TEST_F(NodeTest, ConnectableLookupIsExactAndTakesTheFirstMatch) {
     EXPECT_EQ(LX_OK, node.listInputs(listed, &count));
     EXPECT_EQ(nullptr, listed);
     EXPECT_EQ(0, count);
-}
-
-TEST_F(NodeTest, ClockOperationsReachTheOwnedClock) {
-    lxtest::requireLog();
-    TestNode node(manager.get());
-    LxTimeBase tb(manager.get());  // a plain time base: reference time stays 0
-    EXPECT_EQ(LX_OK, node.setTimeBase(&tb));
-    EXPECT_TRUE(LxLogSink::contains("LxNode:  setTimeBase ()\n"));
-    EXPECT_EQ(&tb, node.getTimeBase());
-    EXPECT_EQ(LX_OK, node.setMediaTime(LxTime(5, 0)));
-    float rate = 2.0f;
-    EXPECT_EQ(LX_OK, node.setRate(&rate));
-    EXPECT_EQ(2.0f, node.getRate());
-    EXPECT_EQ(LX_OK, node.startAtTime(LxTime(0, 0)));
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, node.setMediaTime(LxTime(1, 0)));
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, node.startAtTime(LxTime(0, 0)));
-    EXPECT_EQ(LxTime(5, 0), node.getMediaTime());
-    EXPECT_EQ(LX_OK, node.stopAtTime(LxTime(10, 0)));
-    EXPECT_EQ(LxTime(10, 0), node.getStopTime());
-    node.stop();
-    EXPECT_EQ(LX_OK, node.setMediaTime(LxTime(1, 0)));
-    EXPECT_EQ(LxTime(1, 0), node.getSyncTime());
 }
 
 TEST_F(NodeTest, QueueListenersGetTheirOwnReferenceInOrderAdded) {

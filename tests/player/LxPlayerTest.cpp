@@ -72,21 +72,6 @@ protected:
     std::atomic<int> destroyed{0};
 };
 
-TEST_F(PlayerTest, InitialisesByItselfOnItsOwnThread) {
-    RecordingListener listener;
-    TestPlayer player(manager.get());
-    ASSERT_EQ(LX_OK, player.setEventListener(&listener));
-    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
-    EXPECT_EQ(LxTime(2, 0), player.getDuration());
-    const auto reqs = threads.requests();
-    ASSERT_GE(reqs.size(), 1u);
-    EXPECT_EQ(4, reqs[0].stackClass);
-    EXPECT_EQ(1, reqs[0].priorityClass);
-    EXPECT_EQ(1, reqs[0].schedulingClass);
-    EXPECT_EQ(-1, player.getNumFrames());
-    EXPECT_EQ(LxTime(), player.getStartLatency());
-}
-
 TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetters) {
     TestPlayer player(manager.get());
     auto* r = attach(player, new TracedRenderer(manager.get(), &destroyed));
@@ -314,27 +299,10 @@ TEST_F(PlayerTest, ANodeThatNeverConfirmsIsGivenUpAfterTheBound) {
     EXPECT_EQ(LxNode::STOPPED, player.getState());
 }
 
-TEST_F(PlayerTest, EndOfMediaStopsOnlyAfterEveryNodeAndThePlayerItself) {
+TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
     RecordingListener listener;
     TestPlayer player(manager.get());
     player.setEventListener(&listener);
-    auto* a = attach(player, new TestRendererNode(manager.get()));
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
-    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
-
-    a->postEndOfMedia();
-    EXPECT_TRUE(lxtest::waitUntil([&] { return player.flagsOf(a).ended; }));
-    EXPECT_EQ(LxNode::STARTED, player.getState());  // the player's own source goes on
-    player.reachOwnEnd();
-    EXPECT_EQ(LxNode::STOPPED, player.getState());
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
-    EXPECT_EQ(LxTime(2, 0), player.getMediaTime());  // parked at the known duration
-    EXPECT_EQ(2000000, a->lastMediaTimeUsec.load());
-}
-
-TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
-    TestPlayer player(manager.get());
     auto* a = attach(player, new TestRendererNode(manager.get()));
     ASSERT_TRUE(reaches(player, LxNode::STOPPED));
     // The second renderer hangs off a second output of the player.
@@ -358,6 +326,9 @@ TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
     EXPECT_TRUE(reaches(player, LxNode::STOPPED));
     EXPECT_EQ(1, a->stops.load());
     EXPECT_EQ(1, b->stops.load());
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
+    EXPECT_EQ(LxTime(2, 0), player.getMediaTime());  // parked at the known duration, nodes too
+    EXPECT_EQ(2000000, a->lastMediaTimeUsec.load());
 }
 
 TEST_F(PlayerTest, LoopingRestartsEveryNodeAtMediaTimeZero) {
