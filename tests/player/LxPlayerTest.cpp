@@ -76,6 +76,11 @@ TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetter
     TestPlayer player(manager.get());
     auto* r = attach(player, new TracedRenderer(manager.get(), &destroyed));
     ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    const auto made = threads.requests();
+    ASSERT_EQ(1u, made.size());  // the player thread, with the classes every player thread gets
+    EXPECT_EQ(4, made[0].stackClass);
+    EXPECT_EQ(1, made[0].priorityClass);
+    EXPECT_EQ(1, made[0].schedulingClass);
 
     // No-reply requests followed at once by getters from the same thread.
     player.setLoop(1);
