@@ -11,6 +11,12 @@ namespace lxtest {
 class TestManager : public LxManager {
 public:
     explicit TestManager(KtThreadManager* tm) : LxManager(tm) {}
+    /// A test manager may simply go out of scope: its locks go with it (closeManager, which also
+    /// works, clears them first).
+    ~TestManager() override {
+        delete channelLock;
+        delete playerListLock;
+    }
 
     long createPlayer(LxDataSource*, LxPlayer** player) override {
         if (player != nullptr) {
