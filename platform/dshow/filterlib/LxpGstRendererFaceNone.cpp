@@ -1,0 +1,11 @@
+// A filter library built without GStreamer has no GStreamer face: its filters are fed through
+// IMemInputPin only (the simulated graph).
+#include "platform/dshow/filterlib/LxpRenderer.h"
+
+namespace lxp {
+
+GstRendererFace* GstRendererFace::create(RendererFilter*) {
+    return nullptr;
+}
+
+}  // namespace lxp

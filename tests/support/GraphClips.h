@@ -1,0 +1,46 @@
+// Test clips for the filter graph, made at test time with ffmpeg and kept in ./clips (the test's
+// working folder) for the tests that follow.
+//
+// Every clip with video shows a frame counter: the picture is split into eight vertical bands, band
+// k (from the left) is white when bit k of the frame number is set and black otherwise.
+// readFrameCounter reads it back from decoded pixels, robustly after lossy compression.
+#ifndef LORVEX_TESTS_SUPPORT_GRAPHCLIPS_H
+#define LORVEX_TESTS_SUPPORT_GRAPHCLIPS_H
+
+#include <cstdint>
+#include <string>
+
+namespace lxtest {
+
+struct Clip {
+    std::string path;  // empty when it could not be made (no ffmpeg)
+    double seconds;    // nominal duration
+    int frames;        // video frames (0: no video)
+    int width;
+    int height;
+    double fps;
+};
+
+/// MPEG-1 system stream: 160x120 MPEG-1 video at 25 fps with the counter, MPEG layer 2 stereo
+/// audio at 44.1 kHz, 2 s.
+Clip mpeg1Clip();
+/// MP3, stereo, 44.1 kHz, 3 s.
+Clip mp3Clip();
+/// QuickTime .mov with MPEG-4 video only (counter), 160x120, 25 fps, 2 s.
+Clip movVideoClip();
+/// MP4 with MPEG-4 video (counter, 25 fps) and AAC audio, 4 s: the clip for seeks and rates.
+Clip mp4CounterClip();
+/// 64 KB of noise named .mpg.
+Clip corruptClip();
+/// A QuickTime file cut off before its index.
+Clip truncatedMovClip();
+/// The MPEG-1 clip cut off after about 60 % of its bytes.
+Clip truncatedMpegClip();
+
+/// The frame number a picture shows; -1 when the bands do not read as clean black and white.
+/// pixels: top-down rows of stride bytes, bytesPerPixel 3 or 4 (any component order).
+int readFrameCounter(const uint8_t* pixels, int width, int height, int stride, int bytesPerPixel);
+
+}  // namespace lxtest
+
+#endif
