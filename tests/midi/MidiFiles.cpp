@@ -151,7 +151,9 @@ void StreamBuffer::reset() {
 
 std::vector<lxp::MIDIEVENT> StreamBuffer::records() const {
     std::vector<lxp::MIDIEVENT> out(b.bytesUsed / sizeof(lxp::MIDIEVENT));
-    std::memcpy(out.data(), data.data() + b.writeBase, out.size() * sizeof(lxp::MIDIEVENT));
+    if (!out.empty()) {
+        std::memcpy(out.data(), data.data() + b.writeBase, out.size() * sizeof(lxp::MIDIEVENT));
+    }
     return out;
 }
 

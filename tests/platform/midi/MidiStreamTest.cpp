@@ -32,7 +32,9 @@ struct Buffer {
     MIDIHDR header{};
 
     explicit Buffer(std::vector<MIDIEVENT> r = {}) : records(std::move(r)) {
-        std::memcpy(data.data(), records.data(), records.size() * sizeof(MIDIEVENT));
+        if (!records.empty()) {
+            std::memcpy(data.data(), records.data(), records.size() * sizeof(MIDIEVENT));
+        }
         header.lpData = data.data();
         header.dwBufferLength = static_cast<uint32_t>(data.size());
         header.dwBytesRecorded = static_cast<uint32_t>(records.size() * sizeof(MIDIEVENT));
