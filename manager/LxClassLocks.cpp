@@ -1,5 +1,7 @@
 #include "manager/LxClassLocks.h"
 
+#include "LxWin32Manager.h"
+
 #include <atomic>
 #include <mutex>
 
@@ -42,6 +44,8 @@ void LxClassLocks::create() {
     gProbeLock = KtMutex::create();
     gExPropsLock = KtMutex::create();
     gEnumLock = KtGateLock::create();
+    LxWin32Manager::midiAccessMutex = gMidiAccessMutex;
+    LxWin32Manager::exPropsLock = gExPropsLock;
     gState.store(kCreated, std::memory_order_release);
 }
 
@@ -51,6 +55,8 @@ void LxClassLocks::destroy() {
         return;
     }
     gState.store(kDestroyed, std::memory_order_release);
+    LxWin32Manager::midiAccessMutex = nullptr;
+    LxWin32Manager::exPropsLock = nullptr;
     delete gMidiAccessMutex;
     gMidiAccessMutex = nullptr;
     delete gProbeLock;

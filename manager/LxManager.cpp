@@ -33,9 +33,7 @@ LxManager::LxManager(KtThreadManager* tm)
 // time base and locks are released by closeManager.
 LxManager::~LxManager() {}
 
-LxManager* LxManager::createManager(KtThreadManager*) {
-    return nullptr;
-}
+
 
 long LxManager::initSubSystem(unsigned long flags) {
     struct Step {
