@@ -211,7 +211,18 @@ class Engine {
 
     /// Times a block took to render, for the mixing-thread tests: the longest since the last reset.
     uint64_t worstBlockNanos() const { return worstBlockNanos_.load(std::memory_order_relaxed); }
-    void resetWorstBlock() { worstBlockNanos_.store(0, std::memory_order_relaxed); }
+    void resetWorstBlock() {
+        worstBlockNanos_.store(0, std::memory_order_relaxed);
+        worstLockWaitNanos_.store(0, std::memory_order_relaxed);
+        lockWaits_.store(0, std::memory_order_relaxed);
+    }
+    /// Times the mixing thread found a buffer's commit lock taken, and its longest wait for one.
+    uint64_t lockWaits() const { return lockWaits_.load(std::memory_order_relaxed); }
+    uint64_t worstLockWaitNanos() const { return worstLockWaitNanos_.load(std::memory_order_relaxed); }
+
+    /// Whether the mixing kernels use the processor's vector instructions (the default where there
+    /// are any) or their portable scalar form; both give the same output. For tests and benchmarks.
+    static void setVectorKernels(bool on);
 
     Sink* sink() { return sink_.get(); }
     std::string describe() const;
@@ -252,7 +263,7 @@ class Engine {
     uint32_t periodRate_ = 0;
 
     // Mixing-thread scratch, sized once.
-    std::vector<float> mixL_, mixR_, mixI_, tmp0_, tmp1_;
+    std::vector<float> mixL_, mixR_, mixI_;
     std::vector<uint8_t> out_;
     struct ListenerBasis {
         bool valid = false;
@@ -260,6 +271,8 @@ class Engine {
     };
     ListenerBasis basis_[kMaxListeners];
     std::atomic<uint64_t> worstBlockNanos_{0};
+    std::atomic<uint64_t> worstLockWaitNanos_{0};
+    std::atomic<uint64_t> lockWaits_{0};
 };
 
 }  // namespace sound

@@ -4,6 +4,7 @@
 
 #include "LxLog.h"
 #include "LxPlatformSound.h"
+#include "FakeFilterGraph.h"
 #include "TestSupport.h"
 #include "platform/dshow/LxpGraphIds.h"
 
@@ -337,42 +338,10 @@ TEST_F(MixerTest, DegradedDevicesStillStart) {
     EXPECT_EQ(LX_OK, mixer->setPan(p, 0.5f));
 }
 
-class FakeGraph : public ComObject<IUnknown> {
-  public:
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (iid == IID_IGraphBuilder) {
-            *out = this;
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
-    }
-};
-
-class FakeGraphFactory : public ComObject<IClassFactory> {
-  public:
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (iid == IID_IClassFactory) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
-    }
-    HRESULT CreateInstance(IUnknown*, const IID& iid, void** out) override {
-        FakeGraph* g = new FakeGraph();
-        const HRESULT hr = g->QueryInterface(iid, out);
-        g->Release();
-        return hr;
-    }
-    HRESULT LockServer(bool) override { return S_OK; }
-};
-
 TEST_F(MixerTest, DiagnosticsNameThePlatformAndTheFirstRealDevice) {
     simsound::Config cfg;
     cfg.devices = {"Primary Sound Driver", "Card Two", "Card Three"};
     setUpPlatform(cfg, LxSimulatedPlatform());
-    comtest::failCreate(CLSID_FilterGraph, -1);  // no filter graph, whatever is registered
     start();
     mixer->setMidiCapable(1);
     LxDiagnostics d;
@@ -386,13 +355,10 @@ TEST_F(MixerTest, DiagnosticsNameThePlatformAndTheFirstRealDevice) {
     EXPECT_EQ(1, d.midiCapable);
 
     // With a filter graph available, on the path without 3D (which enumerates too).
-    const bool ownGraph = !isClassRegistered(CLSID_FilterGraph);
-    if (ownGraph) {
-        FakeGraphFactory* factory = new FakeGraphFactory();
-        registerClass(CLSID_FilterGraph, factory);
-        factory->Release();
-    }
+    comtest::reset();
+    lxtest::FakeFilterGraph graphs;
     setUpPlatform(simsound::Config(), windows95DirectX1());
+    comtest::reset();
     start();
     LxDiagnostics again;
     const auto t0 = std::chrono::steady_clock::now();
@@ -402,9 +368,6 @@ TEST_F(MixerTest, DiagnosticsNameThePlatformAndTheFirstRealDevice) {
     EXPECT_EQ(1, again.mediaFrameworkVersion);
     EXPECT_EQ(0x100, again.soundSystemVersion);
     EXPECT_STREQ("Simulated Sound Card", again.soundDevice);
-    if (ownGraph) {
-        unregisterClass(CLSID_FilterGraph);
-    }
 }
 
 TEST_F(MixerTest, DiagnosticsWaitFiveSecondsWhenNoDeviceIsEnumerated) {

@@ -9,6 +9,7 @@
 #include "LxWin32Mixer.h"
 #include "platform/LxpDuplex.h"
 #include "platform/clock/LxpClock.h"
+#include "platform/dshow/LxpGraphIds.h"
 #include "platform/sound/LxpSimulatedSound.h"
 
 #include <gtest/gtest.h>
@@ -51,11 +52,16 @@ class MixerTest : public ::testing::Test {
         LxResetDXAndWin32VersionCache();
     }
 
-    void setUpPlatform(lxp::simsound::Config sound, const LxSimulatedPlatform& os) {
+    /// clockSynced: buffer operations render the output up to the manual clock (the default);
+    /// otherwise only simsound::advance renders.
+    void setUpPlatform(lxp::simsound::Config sound, const LxSimulatedPlatform& os, bool clockSynced = true) {
         mixer.reset();
         lxp::duplex::reset();
         lxp::comtest::reset();
-        sound.syncToClock = true;
+        // No filter graph unless a test brings its own (FakeFilterGraph): the real backend is
+        // not these tests' business.
+        lxp::comtest::failCreate(lxp::CLSID_FilterGraph, -1);
+        sound.syncToClock = clockSynced;
         lxp::setClock(&clock);
         lxp::simsound::use(sound);
         LxPlatformProbe::useSimulated(os);

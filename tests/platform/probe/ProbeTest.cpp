@@ -3,6 +3,7 @@
 #include "LxLog.h"
 #include "LxPlatformProbe.h"
 #include "LxVersionDetection.h"
+#include "FakeFilterGraph.h"
 #include "TestSupport.h"
 #include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
@@ -116,45 +117,9 @@ TEST_F(VersionDetection, TheWindows95FamilyIsToldApartByBuildDirectInputAndDirec
     EXPECT_TRUE(LxLogSink::contains("GetDXAndWin32Version: could not load dinput, must be less than DX3\n"));
 }
 
-class Graph : public ComObject<IUnknown> {
-  public:
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (iid == IID_IGraphBuilder) {
-            *out = this;
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
-    }
-};
-
-class GraphFactory : public ComObject<IClassFactory> {
-  public:
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (iid == IID_IClassFactory) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
-    }
-    HRESULT CreateInstance(IUnknown*, const IID& iid, void** out) override {
-        Graph* g = new Graph();
-        const HRESULT hr = g->QueryInterface(iid, out);
-        g->Release();
-        return hr;
-    }
-    HRESULT LockServer(bool) override { return S_OK; }
-};
-
 TEST_F(VersionDetection, DirectShowCountsWhenAFilterGraphCanBeCreated) {
     comtest::reset();
-    const bool own = !isClassRegistered(CLSID_FilterGraph);
-    if (own) {
-        GraphFactory* f = new GraphFactory();
-        registerClass(CLSID_FilterGraph, f);
-        f->Release();
-    }
+    lxtest::FakeFilterGraph graphs;
     const int comBefore = comtest::threadInitCount();
     EXPECT_EQ(1u, detect(LxSimulatedPlatform()).dshow);
     EXPECT_EQ(comBefore, comtest::threadInitCount());
@@ -169,9 +134,6 @@ TEST_F(VersionDetection, DirectShowCountsWhenAFilterGraphCanBeCreated) {
     EXPECT_EQ(0u, d.dx);
     EXPECT_EQ(0u, d.platform);
     EXPECT_EQ(0u, d.dshow);
-    if (own) {
-        unregisterClass(CLSID_FilterGraph);
-    }
 }
 
 TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) {

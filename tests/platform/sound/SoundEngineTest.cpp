@@ -219,6 +219,59 @@ TEST_F(SoundEngine, ThreeDSourcesPanByDirectionAndFadeByTheListenersRolloff) {
     b->Release();
 }
 
+/// Renders one busy second: mono, stereo and 3D voices at odd frequencies, one-shot and looping,
+/// with volume, pan, position and frequency changing between blocks. Returns the output bytes.
+std::vector<uint8_t> busySecond() {
+    simsound::Config cfg;
+    cfg.followPrimary = false;
+    cfg.fixedFormat = simsound::OutputFormat{48000, 2, 16};
+    cfg.recordConsumed = false;
+    simsound::use(cfg);
+    Device dev(48000, DSBCAPS_CTRL3D);
+    std::vector<IDirectSoundBuffer*> buffers;
+    for (int k = 0; k < 6; ++k) {
+        const uint16_t channels = k % 2 ? 2 : 1;
+        const uint32_t flags =
+            DSBCAPS_CTRLVOLUME | DSBCAPS_CTRLFREQUENCY | (k >= 4 ? DSBCAPS_CTRL3D : DSBCAPS_CTRLPAN);
+        IDirectSoundBuffer* b = dev.buffer(k < 3 ? 22050 : 44100, channels, 16, 7000u * 2 * channels, flags);
+        std::vector<int16_t> samples(7000u * channels);
+        for (size_t i = 0; i < samples.size(); ++i) {
+            samples[i] =
+                static_cast<int16_t>(9000 * std::sin(i * (0.01 + 0.003 * k)) + 3000 * std::sin(i * 0.37));
+        }
+        soundkit::write(b, 0, samples.data(), static_cast<uint32_t>(samples.size() * 2));
+        b->SetFrequency((k < 3 ? 22050 : 44100) + 1234 * k);
+        b->Play(0, 0, k == 2 ? 0 : DSBPLAY_LOOPING);
+        buffers.push_back(b);
+    }
+    IDirectSound3DBuffer* b3 = nullptr;
+    buffers[4]->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3));
+    for (int step = 0; step < 100; ++step) {
+        simsound::advanceFrames(480);
+        buffers[0]->SetVolume(-(step % 7) * 300);
+        buffers[1]->SetPan((step % 5 - 2) * 2000);
+        b3->SetPosition(std::sin(step * 0.1f) * 3, 0, 1, DS3D_IMMEDIATE);
+        if (step == 50) {
+            buffers[3]->SetFrequency(30000);
+        }
+    }
+    b3->Release();
+    for (IDirectSoundBuffer* b : buffers) {
+        b->Release();
+    }
+    return simsound::outputBytes();
+}
+
+TEST_F(SoundEngine, VectorAndPortableKernelsMixTheSameOutput) {
+    sound::Engine::setVectorKernels(false);
+    const std::vector<uint8_t> portable = busySecond();
+    sound::Engine::setVectorKernels(true);
+    const std::vector<uint8_t> vector = busySecond();
+    ASSERT_EQ(48000u * 4, portable.size());
+    EXPECT_TRUE(portable == vector);
+    EXPECT_GT(soundkit::peak(simsound::outputChannel(0)), 0.3);
+}
+
 class ConstantSource : public MixSource {
   public:
     explicit ConstantSource(float v) : value(v) {}
