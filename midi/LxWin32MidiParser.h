@@ -7,6 +7,7 @@
 #include "platform/file/LxpFile.h"
 #include "platform/midi/LxpMidi.h"
 
+#include <atomic>
 #include <cstdint>
 
 /// What the stream parser reads from and writes to its player. The MIDI player implements it;
@@ -125,7 +126,8 @@ class LxWin32MidiParser {
     int64_t currentTick_ = 0;
     uint32_t ticksPerBuffer_ = 0;
     uint32_t tempo_ = 0;
-    long eventDataBlocks_ = 0;
+    // Changed by the parser that drops another parser's leftover pending event at its restart too.
+    std::atomic<long> eventDataBlocks_{0};
 };
 
 #endif
