@@ -2,6 +2,8 @@
 
 #include "LxWin32Manager.h"
 
+#include "LxWin32Manager.h"
+
 #include <atomic>
 #include <mutex>
 

@@ -1,9 +1,10 @@
 // Platform version detection over the probe layer: every outcome it tells apart, its cache, and
 // the class-wide locks it runs under.
+#include "FakeFilterGraph.h"
 #include "LxLog.h"
 #include "LxPlatformProbe.h"
 #include "LxVersionDetection.h"
-#include "FakeFilterGraph.h"
+#include "LxWin32Manager.h"
 #include "TestSupport.h"
 #include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
@@ -203,6 +204,8 @@ TEST(ClassLocks, ExistFromLoadAsDistinctLocksWithTheGateClosed) {
     EXPECT_NE(b, c);
     EXPECT_NE(a, c);
     EXPECT_EQ(a, LxClassLocks::midiAccessMutex());
+    EXPECT_EQ(a, LxWin32Manager::midiAccessMutex);
+    EXPECT_EQ(c, LxWin32Manager::exPropsLock);
     // Re-entrant, as the manager's lock order needs.
     c->lock();
     c->lock();
