@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The main job: builds Lorvex and lorvex-play, makes a short demo clip and plays it into a WAV file.
+# The main job: builds Lorvex and lorvex-play, makes a short demo clip with espeak-ng and plays it
+# the way a browser would into a WAV file, printing the player's summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,4 +10,7 @@ cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DLORVEX_BUILD_T
 cmake --build build/release -j "$(nproc)"
 
 mkdir -p out
+espeak-ng -w out/demo.wav "Lorvex plays this sentence the way a three D browser plays a sound clip."
 ./build/release/tools/lorvex-play/lorvex-play --version
+./build/release/tools/lorvex-play/lorvex-play --verbose --output wav:out/demo-played.wav --start 0.5 out/demo.wav
+echo "The played sound is in out/demo-played.wav"
