@@ -84,7 +84,9 @@ class MidiFluidTest : public ::testing::Test {
         simsound::clearOutput();
         for (int i = 0; i < ms / 10; ++i) {
             simsound::advanceMs(10);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));  // let the device thread run
+            // At most twice real time, so that the device thread hands messages over within the
+            // synthesizer's 40 ms look-ahead even on a loaded machine.
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         return simsound::outputChannel(0);
     }
