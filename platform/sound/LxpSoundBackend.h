@@ -76,6 +76,8 @@ class Backend {
     virtual bool tapConsumed() { return false; }
     /// Whether "DSOUND.DLL" can be loaded.
     virtual bool libraryPresent() { return true; }
+    /// The process ends: a running output stops and finishes what it wrote.
+    virtual void finish() {}
 };
 
 /// The backend new objects are made on (the host's choice, LxPlatformSound.h).

@@ -42,6 +42,12 @@ class RealBackend : public Backend {
         return engine_;
     }
     HRESULT intercept(Op, uint32_t) override { return S_OK; }
+    void finish() override {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (engine_) {
+            engine_->shutdown();
+        }
+    }
     std::vector<std::string> deviceDescriptions() override {
         return {"Lorvex software mixer (" + engine()->describe() + ")"};
     }
@@ -68,6 +74,12 @@ std::shared_ptr<Backend>& backendSlot() {
     return *b;
 }
 
+/// A host that ends without releasing its sound objects still gets a complete WAV file: the
+/// output that is current when the process exits is finished then.
+struct FinishAtExit {
+    ~FinishAtExit();
+} gFinishAtExit;
+
 void choose(const std::shared_ptr<Backend>& backend) {
     setCurrentBackend(backend);
     registerDeviceClass();
@@ -83,6 +95,19 @@ std::shared_ptr<Backend> currentBackend() {
     }
     return backendSlot();
 }
+
+namespace {
+FinishAtExit::~FinishAtExit() {
+    std::shared_ptr<Backend> b;
+    {
+        std::lock_guard<std::mutex> guard(gBackendMutex);
+        b = backendSlot();
+    }
+    if (b) {
+        b->finish();
+    }
+}
+}  // namespace
 
 void setCurrentBackend(const std::shared_ptr<Backend>& backend) {
     std::lock_guard<std::mutex> guard(gBackendMutex);

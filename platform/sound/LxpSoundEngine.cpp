@@ -228,7 +228,7 @@ std::string Engine::describe() const {
 
 void Engine::addUser() {
     std::lock_guard<std::mutex> guard(controlMutex_);
-    if (++users_ == 1) {
+    if (++users_ == 1 && !shutDown_) {
         if (!sinkOpen_ && sink_) {
             sink_->open(outputFormat());
             sinkOpen_ = true;
@@ -250,6 +250,16 @@ void Engine::removeUser() {
             sinkOpen_ = false;
         }
         reclaimLocked(threaded_);
+    }
+}
+
+void Engine::shutdown() {
+    std::lock_guard<std::mutex> guard(controlMutex_);
+    shutDown_ = true;
+    stopThread();
+    if (threaded_ && sinkOpen_ && sink_) {
+        sink_->close();
+        sinkOpen_ = false;
     }
 }
 

@@ -181,6 +181,9 @@ class Engine {
     void addUser();
     void removeUser();
     int users();
+    /// Stops the mixing thread and finishes the output for good (a WAV file gets its final sizes);
+    /// later users and releases change nothing. For the process's exit.
+    void shutdown();
 
     /// A new voice for memory (taking a reference on it, and ownership of tap), stopped at position 0
     /// at the memory's rate; -1 when every slot is taken (tap then stays the caller's). Control
@@ -247,6 +250,7 @@ class Engine {
     std::mutex controlMutex_;  // voice and listener allocation, users, sources; never the mixer's
     int users_ = 0;
     bool sinkOpen_ = false;
+    bool shutDown_ = false;
     std::thread thread_;
     std::atomic<bool> running_{false};
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 
 namespace {
@@ -97,6 +98,24 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     EXPECT_EQ(second.dataSize + 36, second.riffSize);
     EXPECT_EQ(8192, second.samples.back());
     EXPECT_EQ(first.samples[100], second.samples[100]);
+}
+
+TEST(SoundOutputDeathTest, AnOutputLeftRunningAtExitStillLeavesACompleteFile) {
+    lxtest::TempDir dir;
+    const std::string path = dir.file("left.wav");
+    EXPECT_EXIT(
+        {
+            LxPlatformSound::useWavFile(path.c_str());
+            IDirectSound* ds = nullptr;
+            DirectSoundCreate(nullptr, &ds, nullptr);
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            std::exit(0);  // nothing released
+        },
+        ::testing::ExitedWithCode(0), "");
+    const Wav w = readWav(path);
+    EXPECT_GT(w.dataSize, 0u);
+    EXPECT_EQ(w.samples.size() * 2, w.dataSize);
+    EXPECT_EQ(w.dataSize + 36, w.riffSize);
 }
 
 /// Frames a looping buffer's cursor moved in about ms of real time (at most one wrap).
