@@ -140,7 +140,8 @@ TEST_F(MidiParserTest, BuffersCloseByTimeAndByRoomAndCarryTheNextEventOver) {
     // Room: 3 records per buffer; the refused event is pending and starts the next buffer with
     // its full delta from the last record of the buffer before.
     {
-        std::string events = tempoEvent(0, 500000) + noteOn(1, 0, 60) + noteOn(1, 0, 61) + tempoEvent(5, 400000);
+        std::string events =
+            tempoEvent(0, 500000) + noteOn(1, 0, 60) + noteOn(1, 0, 61) + tempoEvent(5, 400000);
         for (int i = 0; i < 5; ++i) {
             events += noteOn(1, 0, 62 + i);
         }
