@@ -6,6 +6,7 @@
 #include "LxAudioOutputPort.h"
 #include "LxAudioPlayer.h"
 #include "LxAudioRendererNode.h"
+#include "LxBaseVideoRenderer.h"
 #include "LxClock.h"
 #include "LxConnectable.h"
 #include "LxDataSource.h"
