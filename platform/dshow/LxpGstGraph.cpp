@@ -36,6 +36,8 @@ namespace {
 
 /// How long Render waits for the pipeline to preroll before it gives up.
 constexpr int kRenderTimeoutMs = 15000;
+/// How long Render waits without any new element or stream before it takes decoding as failed.
+constexpr int kStallMs = 4000;
 /// How far before the target a program or transport stream is sought: the mux delay (up to about a
 /// second) and a group of pictures.
 constexpr GstClockTime kSeekMargin = 2 * GST_SECOND;
@@ -460,6 +462,7 @@ class GstGraph : public FilterGraphBase {
         {
             std::lock_guard<std::mutex> guard(gmutex_);
             late = rendered_;
+            lastActivity_ = std::chrono::steady_clock::now();
             if (!stream.decoded) {
                 ++undecodable_;
             }
@@ -630,9 +633,12 @@ class GstGraph : public FilterGraphBase {
     static void onElementAdded(GstBin*, GstBin*, GstElement* element, gpointer self) {
         GstElementFactory* factory = gst_element_get_factory(element);
         const gchar* name = factory != nullptr ? GST_OBJECT_NAME(factory) : "";
+        GstGraph* graph = static_cast<GstGraph*>(self);
         if (g_strcmp0(name, "mpegpsdemux") == 0 || g_strcmp0(name, "tsdemux") == 0) {
-            static_cast<GstGraph*>(self)->marginSeeks_ = true;
+            graph->marginSeeks_ = true;
         }
+        std::lock_guard<std::mutex> guard(graph->gmutex_);
+        graph->lastActivity_ = std::chrono::steady_clock::now();
     }
 
     static GstPadProbeReturn onDecodedData(GstPad* pad, GstPadProbeInfo* info, gpointer self) {
@@ -658,6 +664,7 @@ class GstGraph : public FilterGraphBase {
     bool errorPosted_ = false;
     int undecodable_ = 0;
     std::atomic<bool> marginSeeks_{false};
+    std::chrono::steady_clock::time_point lastActivity_;
     GstClockTime origin_ = 0;  // stream time of media time 0 (owner's thread after Render)
 };
 

@@ -380,7 +380,8 @@ class SimGraph : public FilterGraphBase {
         int64_t count = 0;
         int64_t frequency = 0;
         if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
-            return static_cast<int64_t>(static_cast<double>(count) * 1e9 / static_cast<double>(frequency));
+            // In whole and fractional seconds, so that large counts keep their last digit.
+            return count / frequency * 1000000000LL + count % frequency * 1000000000LL / frequency;
         }
         int64_t seconds = 0;
         int32_t ms = 0;

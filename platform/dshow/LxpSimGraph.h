@@ -3,7 +3,9 @@
 // Nothing is decoded: Render connects the streams a script describes to the renderer filters in
 // the graph, and a streaming thread delivers made-up samples to them at their media times, paced by
 // lxp::clock() (install a ManualClock to run through a clip in virtual time), with EC_COMPLETE
-// when every rendered stream has ended. Every call the graph receives is logged, and the calls that
+// when every rendered stream has ended. The streaming thread sleeps on that clock: with a
+// ManualClock that does not advance on sleep, advance it (or switch it to advancing) before
+// releasing a running graph, or the release waits for it. Every call the graph receives is logged, and the calls that
 // can fail can be made to fail.
 //
 // Sample contents, for tests that check what arrived:

@@ -1,0 +1,222 @@
+// The layer's plumbing: registering the filter library, creating graphs by class id with and
+// without GStreamer, the decoder class, pixel layouts, name conversions and the enumerators.
+#include "LxPlatformGraph.h"
+#include "platform/dshow/LxpGraphBase.h"
+#include "platform/dshow/LxpGraphConfig.h"
+#include "platform/dshow/LxpSimGraph.h"
+
+#include "GraphTestKit.h"
+
+namespace {
+
+using namespace lxp;
+
+class GraphLibrary : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(SUCCEEDED(CoInitialize(nullptr))); }
+    void TearDown() override {
+        graphtest::refuseFilterRegistration(false);
+        graphtest::simulateGStreamerMissing(false);
+        LxPlatformGraph::useGStreamer();
+        LxPlatformGraph::setVideoPixelFormat(LxPixel32Alt);
+        CoUninitialize();
+    }
+    static HRESULT create(const CLSID& clsid, const IID& iid, IUnknown** out) {
+        return CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, iid, reinterpret_cast<void**>(out));
+    }
+};
+
+// Runs first in this executable: nothing has registered the filter library yet.
+TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
+    IUnknown* object = nullptr;
+    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_LxAudioRenderer, IID_ILxRenderer, &object));
+    EXPECT_FALSE(isClassRegistered(CLSID_LxVideoRenderer));
+
+    KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
+    ASSERT_NE(nullptr, module) << "libqlm13_dshow.so beside liblorvex.so";
+    typedef HRESULT (*EntryFn)();
+    EntryFn reg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
+    EntryFn unreg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllUnregisterServer"));
+    ASSERT_NE(nullptr, reg);
+    ASSERT_NE(nullptr, unreg);
+    EXPECT_EQ(nullptr, KtWin32Library::GetProcAddress(module, "_ZN3lxp14RendererFilterC1ENS_12RendererKindE15LxPixelFormat_s"))
+        << "only the entry points are exported";
+
+    graphtest::refuseFilterRegistration(true);
+    EXPECT_EQ(static_cast<HRESULT>(0x80040201u), reg());
+    EXPECT_FALSE(isClassRegistered(CLSID_LxAudioRenderer));
+    EXPECT_FALSE(isClassRegistered(CLSID_LxVideoRenderer));
+    graphtest::refuseFilterRegistration(false);
+    EXPECT_EQ(S_OK, reg());
+    KtWin32Library::FreeLibrary(module);
+
+    // The factories outlive the loader's handle.
+    for (const CLSID* clsid : {&CLSID_LxAudioRenderer, &CLSID_LxVideoRenderer}) {
+        ASSERT_EQ(S_OK, create(*clsid, IID_ILxRenderer, &object));
+        IBaseFilter* filter = nullptr;
+        EXPECT_EQ(S_OK, object->QueryInterface(IID_IBaseFilter, reinterpret_cast<void**>(&filter)));
+        FILTER_INFO info;
+        ASSERT_EQ(S_OK, filter->QueryFilterInfo(&info));
+        EXPECT_EQ(nullptr, info.pGraph);
+        EXPECT_EQ(std::wstring(clsid == &CLSID_LxAudioRenderer ? L"LxAudioRenderer" : L"LxVideoRenderer"),
+                  std::wstring(info.achName));
+        filter->Release();
+        object->Release();
+    }
+    IClassFactory* factory = nullptr;
+    ASSERT_EQ(S_OK, CoGetClassObject(CLSID_LxAudioRenderer, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
+                                     reinterpret_cast<void**>(&factory)));
+    EXPECT_EQ(static_cast<HRESULT>(0x80040110u), factory->CreateInstance(reinterpret_cast<IUnknown*>(factory),
+                                                                         IID_ILxRenderer, reinterpret_cast<void**>(&object)));
+    factory->Release();
+
+    module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
+    unreg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllUnregisterServer"));
+    EXPECT_EQ(S_OK, unreg());
+    EXPECT_FALSE(isClassRegistered(CLSID_LxAudioRenderer));
+    reg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
+    EXPECT_EQ(S_OK, reg());
+    KtWin32Library::FreeLibrary(module);
+}
+
+TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
+    IUnknown* graph = nullptr;
+    if (LxPlatformGraph::gstreamerAvailable()) {
+        ASSERT_EQ(S_OK, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
+        graph->Release();
+    }
+    graphtest::simulateGStreamerMissing(true);
+    EXPECT_FALSE(LxPlatformGraph::gstreamerAvailable());
+    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
+    EXPECT_EQ(nullptr, graph);
+    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, &graph));
+
+    // The simulated backend does not need GStreamer.
+    LxPlatformGraph::useSimulated();
+    EXPECT_TRUE(LxPlatformGraph::usesSimulated());
+    ASSERT_EQ(S_OK, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
+    IMediaControl* control = nullptr;
+    IMediaSeeking* seeking = nullptr;
+    IMediaEvent* events = nullptr;
+    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaControl, reinterpret_cast<void**>(&control)));
+    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaSeeking, reinterpret_cast<void**>(&seeking)));
+    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaEvent, reinterpret_cast<void**>(&events)));
+    GUID format = GUID_NULL;
+    seeking->GetTimeFormat(&format);
+    EXPECT_EQ(TIME_FORMAT_MEDIA_TIME, format);
+    int32_t code = 0;
+    LONG_PTR p1 = 0;
+    LONG_PTR p2 = 0;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(E_ABORT, events->GetEvent(&code, &p1, &p2, 0));
+    EXPECT_EQ(E_ABORT, events->GetEvent(&code, &p1, &p2, 100));
+    EXPECT_GE(lxtest::msSince(start), 90);
+    EXPECT_EQ(VFW_E_WRONG_STATE, control->Run()) << "nothing rendered yet";
+
+    // The decoder filter the player adds for MPEG audio: a filter without pins.
+    IBaseFilter* decoder = nullptr;
+    ASSERT_EQ(S_OK, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, reinterpret_cast<IUnknown**>(&decoder)));
+    IGraphBuilder* builder = static_cast<IGraphBuilder*>(static_cast<IUnknown*>(graph));
+    EXPECT_EQ(S_OK, builder->AddFilter(decoder, L"MPEG Layer 3 Codec"));
+    EXPECT_EQ(E_INVALIDARG, builder->AddFilter(decoder, L"again"));
+    IEnumPins* pins = nullptr;
+    IPin* pin = nullptr;
+    decoder->EnumPins(&pins);
+    EXPECT_EQ(S_FALSE, pins->Next(1, &pin, nullptr));
+    pins->Release();
+    IEnumFilters* filters = nullptr;
+    builder->EnumFilters(&filters);
+    IBaseFilter* listed[2] = {nullptr, nullptr};
+    uint32_t fetched = 0;
+    EXPECT_EQ(S_FALSE, filters->Next(2, listed, &fetched));
+    EXPECT_EQ(1u, fetched);
+    EXPECT_EQ(decoder, listed[0]);
+    listed[0]->Release();
+    EXPECT_EQ(S_OK, filters->Reset());
+    EXPECT_EQ(S_FALSE, filters->Skip(2));
+    filters->Release();
+    EXPECT_EQ(S_OK, builder->RemoveFilter(decoder));
+    EXPECT_EQ(VFW_E_NOT_FOUND, builder->RemoveFilter(decoder));
+    decoder->Release();
+
+    events->Release();
+    seeking->Release();
+    control->Release();
+    graph->Release();
+    CoUninitialize();
+    EXPECT_EQ(CO_E_NOTINITIALIZED, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
+    CoInitialize(nullptr);
+}
+
+TEST_F(GraphLibrary, TheVideoRendererDeliversTheChosenPixelLayout) {
+    EXPECT_FALSE(LxPlatformGraph::setVideoPixelFormat(LxPixel16));
+    EXPECT_EQ(LxPixel32Alt, LxPlatformGraph::videoPixelFormat());
+    ASSERT_TRUE(LxPlatformGraph::setVideoPixelFormat(LxPixel24Alt));
+    LxPlatformGraph::useSimulated();
+    simgraph::reset();
+    simgraph::Script script;
+    script.outcome = simgraph::Outcome::VideoOnly;
+    script.width = 7;
+    script.height = 2;
+    simgraph::setScript(script);
+    lxtest::TempDir dir;
+    const std::string clip = dir.file("c.mov");
+    lxtest::writeFile(clip, "x");
+    {
+        lxtest::GraphRig rig;
+        ASSERT_TRUE(rig.create());
+        ASSERT_EQ(S_OK, rig.render(clip));
+        ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
+        const LxpVideoSpec spec = rig.videoSink.pictures()[0].spec;
+        EXPECT_EQ(LxPixel24Alt, spec.pixelFormat);
+        EXPECT_EQ(3, spec.bytesPerPixel);
+        EXPECT_EQ(24, spec.stride);  // 21 bytes of pixels padded to 24
+    }
+    simgraph::reset();
+}
+
+TEST(GraphText, NamesSurviveTheRoundTripThroughWideStrings) {
+    const char* names[] = {"/tmp/clip.mpg", "/tmp/K\xC3\xA4se \xE2\x82\xAC.mov", "/tmp/bad\xFF\xC3(.mp3", ""};
+    for (const char* name : names) {
+        SCOPED_TRACE(name);
+        const int32_t wideLength = MultiByteToWideChar(CP_ACP, 0, name, -1, nullptr, 0);
+        ASSERT_GT(wideLength, 0);
+        std::vector<WCHAR> wide(static_cast<size_t>(wideLength));
+        ASSERT_EQ(wideLength, MultiByteToWideChar(CP_ACP, 0, name, -1, wide.data(), wideLength));
+        EXPECT_EQ(0, wide.back());
+        char back[256];
+        int32_t usedDefault = -1;
+        const int32_t n = WideCharToMultiByte(CP_ACP, 0, wide.data(), -1, back, sizeof back, nullptr, &usedDefault);
+        ASSERT_EQ(static_cast<int32_t>(std::strlen(name)) + 1, n);
+        EXPECT_STREQ(name, back);
+        EXPECT_EQ(0, usedDefault);
+    }
+    WCHAR euro[2];
+    EXPECT_EQ(1, MultiByteToWideChar(CP_ACP, 0, "\xE2\x82\xAC", 3, euro, 2));
+    EXPECT_EQ(0x20AC, euro[0]);
+    EXPECT_EQ(0, MultiByteToWideChar(CP_ACP, 0, "abc", -1, euro, 2)) << "too small a buffer";
+    EXPECT_EQ(0, MultiByteToWideChar(1252, 0, "abc", -1, nullptr, 0)) << "only the ANSI page and UTF-8";
+
+    WCHAR fixed[4];
+    copyName(fixed, 4, L"LxAudioRenderer");
+    EXPECT_EQ(std::wstring(L"LxA"), std::wstring(fixed));
+    EXPECT_EQ(std::string("LxVideoRenderer"), narrowName(L"LxVideoRenderer"));
+}
+
+TEST(GraphText, MediaTypesCopyTheirFormatBlock) {
+    AM_MEDIA_TYPE a = makeMajorType(MEDIATYPE_Audio);
+    a.cbFormat = sizeof(WAVEFORMATEX);
+    a.pbFormat = static_cast<uint8_t*>(CoTaskMemAlloc(a.cbFormat));
+    std::memset(a.pbFormat, 7, a.cbFormat);
+    AM_MEDIA_TYPE b;
+    ASSERT_EQ(S_OK, CopyMediaType(&b, &a));
+    EXPECT_NE(a.pbFormat, b.pbFormat);
+    EXPECT_EQ(0, std::memcmp(a.pbFormat, b.pbFormat, a.cbFormat));
+    FreeMediaType(a);
+    EXPECT_EQ(nullptr, a.pbFormat);
+    EXPECT_EQ(0u, a.cbFormat);
+    FreeMediaType(b);
+}
+
+}  // namespace

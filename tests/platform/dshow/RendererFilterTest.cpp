@@ -1,0 +1,335 @@
+// The renderer filters on their own: format acceptance, what each state does with samples, the
+// queue's back-pressure, flushes, end of stream and the gate.
+#include "platform/dshow/LxpGraphBase.h"
+#include "platform/dshow/filterlib/LxpRenderer.h"
+
+#include "GraphTestKit.h"
+
+#include <thread>
+
+namespace {
+
+using namespace lxp;
+using lxtest::RecordingSink;
+
+/// A sample with its own bytes.
+class TestSample : public ComObject<IMediaSample> {
+public:
+    TestSample(std::vector<uint8_t> bytes, REFERENCE_TIME start) : bytes_(std::move(bytes)), start_(start) {}
+    HRESULT QueryInterface(const IID& iid, void** out) override { return queryBase(iid, out); }
+    HRESULT GetPointer(uint8_t** p) override {
+        *p = bytes_.data();
+        return S_OK;
+    }
+    int32_t GetActualDataLength() override { return static_cast<int32_t>(bytes_.size()); }
+    HRESULT GetTime(REFERENCE_TIME* s, REFERENCE_TIME* e) override {
+        *s = start_;
+        *e = start_ + 1;
+        return S_OK;
+    }
+    HRESULT IsDiscontinuity() override { return S_FALSE; }
+
+private:
+    std::vector<uint8_t> bytes_;
+    REFERENCE_TIME start_;
+};
+
+/// Stands in for the graph: records what the filter notifies.
+class EventRecorder : public ComObject<IFilterGraph>, public IMediaEventSink {
+public:
+    HRESULT QueryInterface(const IID& iid, void** out) override {
+        if (iid == IID_IMediaEventSink) {
+            *out = static_cast<IMediaEventSink*>(this);
+            ComObject<IFilterGraph>::AddRef();
+            return S_OK;
+        }
+        return queryBase(iid, out);
+    }
+    uint32_t AddRef() override { return ComObject<IFilterGraph>::AddRef(); }
+    uint32_t Release() override { return ComObject<IFilterGraph>::Release(); }
+    HRESULT AddFilter(IBaseFilter*, const WCHAR*) override { return E_NOTIMPL; }
+    HRESULT RemoveFilter(IBaseFilter*) override { return E_NOTIMPL; }
+    HRESULT EnumFilters(IEnumFilters**) override { return E_NOTIMPL; }
+    HRESULT Notify(int32_t code, LONG_PTR, LONG_PTR param2) override {
+        std::lock_guard<std::mutex> guard(mutex);
+        codes.push_back(code);
+        senders.push_back(param2);
+        return S_OK;
+    }
+    std::vector<int32_t> snapshot() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return codes;
+    }
+
+    std::mutex mutex;
+    std::vector<int32_t> codes;
+    std::vector<LONG_PTR> senders;
+};
+
+AM_MEDIA_TYPE pcm(int channels, int bits, int rate = 22050) {
+    LxpAudioSpec spec = {bits, channels, rate};
+    return audioMediaType(spec);
+}
+
+class Renderer : public ::testing::Test {
+protected:
+    void SetUp() override {
+        graph = new EventRecorder();
+        upstream = new BasicFilter(L"Upstream");
+        out = upstream->addPin(L"Out", PINDIR_OUTPUT);
+    }
+    void TearDown() override {
+        for (RendererFilter* f : filters) {
+            f->SetSink(nullptr);
+            f->Stop();
+            f->JoinFilterGraph(nullptr, nullptr);
+            f->Release();
+        }
+        upstream->Release();
+        graph->Release();
+    }
+    RendererFilter* make(RendererKind kind, LxPixelFormat_s pixels = LxPixel32Alt) {
+        RendererFilter* f = new RendererFilter(kind, pixels);
+        f->JoinFilterGraph(graph, L"R");
+        f->SetSink(&sink);
+        filters.push_back(f);
+        return f;
+    }
+    /// A 16-bit stereo renderer connected and in the given state.
+    RendererFilter* audioIn(FILTER_STATE state) {
+        RendererFilter* f = make(RendererKind::Audio);
+        AM_MEDIA_TYPE type = pcm(2, 16);
+        EXPECT_EQ(S_OK, f->receiveConnection(out, &type));
+        FreeMediaType(type);
+        if (state == State_Paused) {
+            f->Pause();
+        } else if (state == State_Running) {
+            f->Run(0);
+        }
+        return f;
+    }
+    static HRESULT send(RendererFilter* f, int16_t first, REFERENCE_TIME start, size_t bytes = 40) {
+        std::vector<uint8_t> data(bytes, 0);
+        data[0] = static_cast<uint8_t>(first & 0xFF);
+        data[1] = static_cast<uint8_t>((first >> 8) & 0xFF);
+        TestSample* s = new TestSample(data, start);
+        const HRESULT hr = f->receive(s);
+        s->Release();
+        return hr;
+    }
+
+    EventRecorder* graph = nullptr;
+    BasicFilter* upstream = nullptr;
+    BasicPin* out = nullptr;
+    RecordingSink sink;
+    std::vector<RendererFilter*> filters;
+};
+
+TEST_F(Renderer, TakesOnlyFormatsItCanDeliver) {
+    RendererFilter* audio = make(RendererKind::Audio);
+    AM_MEDIA_TYPE partial = makeMajorType(MEDIATYPE_Audio);
+    EXPECT_EQ(S_OK, audio->queryAccept(&partial));
+    for (int channels : {1, 2}) {
+        for (int bits : {8, 16}) {
+            AM_MEDIA_TYPE t = pcm(channels, bits);
+            EXPECT_EQ(S_OK, audio->queryAccept(&t)) << channels << " " << bits;
+            FreeMediaType(t);
+        }
+    }
+    AM_MEDIA_TYPE wide = pcm(6, 16);
+    AM_MEDIA_TYPE deep = pcm(2, 24);
+    AM_MEDIA_TYPE video = makeMajorType(MEDIATYPE_Video);
+    EXPECT_EQ(S_FALSE, audio->queryAccept(&wide));
+    EXPECT_EQ(S_FALSE, audio->queryAccept(&deep));
+    EXPECT_EQ(S_FALSE, audio->queryAccept(&video));
+    EXPECT_EQ(VFW_E_TYPE_NOT_ACCEPTED, audio->receiveConnection(out, &deep));
+    FreeMediaType(wide);
+    FreeMediaType(deep);
+
+    AM_MEDIA_TYPE mono8 = pcm(1, 8, 11025);
+    ASSERT_EQ(S_OK, audio->receiveConnection(out, &mono8));
+    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, audio->receiveConnection(out, &mono8));
+    LxpAudioSpec spec;
+    ASSERT_EQ(S_OK, audio->GetAudioSpec(&spec));
+    EXPECT_EQ(1, spec.blockAlign());
+    EXPECT_EQ(11025, spec.samplesPerSecond);
+    AM_MEDIA_TYPE agreed;
+    ASSERT_EQ(S_OK, audio->connectionMediaType(&agreed));
+    EXPECT_EQ(MEDIASUBTYPE_PCM, agreed.subtype);
+    EXPECT_EQ(0, std::memcmp(agreed.pbFormat, mono8.pbFormat, sizeof(WAVEFORMATEX)));
+    FreeMediaType(agreed);
+    FreeMediaType(mono8);
+    EXPECT_EQ(S_OK, audio->disconnect());
+    EXPECT_EQ(S_FALSE, audio->GetAudioSpec(&spec));
+
+    // The video renderer takes its own pixel layout only; odd widths get rows padded to four bytes.
+    RendererFilter* rgb = make(RendererKind::Video, LxPixel24Alt);
+    LxpVideoSpec want = makeVideoSpec(5, 3, LxPixel24Alt, 400000);
+    LxpVideoSpec other = makeVideoSpec(5, 3, LxPixel32Alt, 400000);
+    AM_MEDIA_TYPE wantType = videoMediaType(want);
+    AM_MEDIA_TYPE otherType = videoMediaType(other);
+    EXPECT_EQ(S_FALSE, rgb->queryAccept(&otherType));
+    EXPECT_EQ(S_FALSE, rgb->queryAccept(&partial));
+    ASSERT_EQ(S_OK, rgb->receiveConnection(out, &wantType));
+    LxpVideoSpec got;
+    ASSERT_EQ(S_OK, rgb->GetVideoSpec(&got));
+    EXPECT_EQ(16, got.stride);
+    EXPECT_EQ(3, got.height);
+    EXPECT_EQ(E_NOINTERFACE, rgb->GetAudioSpec(&spec));
+    FreeMediaType(wantType);
+    FreeMediaType(otherType);
+
+    char* name = reinterpret_cast<char*>(1);
+    LxOutputConnectable* output = reinterpret_cast<LxOutputConnectable*>(1);
+    EXPECT_EQ(E_NOTIMPL, rgb->GetOutputConnectable(nullptr, &name, &output));
+    EXPECT_EQ(nullptr, name);
+    EXPECT_EQ(nullptr, output);
+}
+
+TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
+    RendererFilter* f = audioIn(State_Stopped);
+    EXPECT_EQ(VFW_E_WRONG_STATE, send(f, 1, 0));
+
+    // Paused: the queue may overflow; a state change must never wait on it.
+    sink.hold(true);
+    f->Pause();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(S_OK, send(f, static_cast<int16_t>(i), i));
+    }
+    // Running: Receive waits for room.
+    f->Run(0);
+    std::atomic<bool> returned{false};
+    std::thread producer([&] {
+        send(f, 100, 100);
+        returned = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(returned.load()) << "a full queue holds a running graph back";
+    sink.hold(false);
+    producer.join();
+    ASSERT_TRUE(sink.waitFor([&] { return sink.audioLocked().size() == 21; }));
+    const std::vector<RecordingSink::Audio> got = sink.audio();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(i, got[static_cast<size_t>(i)].firstSample);
+    }
+    EXPECT_EQ(100, got[20].firstSample);
+
+    // A pause releases a producer waiting for room, and so does a stop.
+    for (FILTER_STATE release : {State_Paused, State_Stopped}) {
+        sink.hold(true);
+        f->Run(0);
+        returned = false;
+        std::thread blocked([&] {
+            for (int i = 0; i < 30; ++i) {
+                send(f, 7, 0);
+            }
+            returned = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(returned.load());
+        if (release == State_Paused) {
+            f->Pause();
+        } else {
+            f->Stop();
+        }
+        blocked.join();
+        sink.hold(false);
+    }
+}
+
+TEST_F(Renderer, FlushDropsTheQueueReleasesTheProducerAndMakesAQueuedEndStale) {
+    RendererFilter* f = audioIn(State_Running);
+    sink.hold(true);
+    std::atomic<int> sent{0};
+    std::thread producer([&] {
+        for (int i = 0; i < 12; ++i) {
+            send(f, static_cast<int16_t>(i), i);
+            ++sent;
+        }
+        f->endOfStream();
+    });
+    ASSERT_TRUE(lxtest::waitUntil([&] { return sent.load() >= 8; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_LT(sent.load(), 12);
+    f->beginFlush();
+    producer.join();  // every Receive returned at once
+    f->endFlush();
+    sink.hold(false);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LE(sink.audioCount(), 1u) << "at most the sample being delivered when the flush came";
+    EXPECT_EQ(1, sink.flushCount());
+    // The end of stream sent during the flush does not count; the graph heard of the flush.
+    EXPECT_EQ(std::vector<int32_t>{EC_LXP_RENDERER_FLUSHED}, graph->snapshot());
+
+    // After the flush: samples, then the end, in order, and one EC_COMPLETE naming the filter.
+    sink.clear();
+    EXPECT_EQ(S_OK, send(f, 50, 0));
+    EXPECT_EQ(S_OK, send(f, 51, 1));
+    EXPECT_EQ(S_OK, f->endOfStream());
+    ASSERT_TRUE(lxtest::waitUntil([&] { return graph->snapshot().size() == 2; }));
+    EXPECT_EQ(EC_COMPLETE, graph->snapshot()[1]);
+    EXPECT_EQ(reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(f)), graph->senders[1]);
+    EXPECT_EQ(2u, sink.audioCount());
+    EXPECT_EQ(1, sink.eosCount());
+    // A stopped filter ignores an end of stream.
+    f->Stop();
+    EXPECT_EQ(S_FALSE, f->endOfStream());
+}
+
+TEST_F(Renderer, TheGateDecidesEachDeliveryAndBuffersAreCutToWholeSampleFrames) {
+    RendererFilter* f = audioIn(State_Running);
+    std::atomic<int> gateCalls{0};
+    sink.gate = [&] { return (gateCalls++ % 2) == 0; };  // open, closed, open, ...
+    for (int i = 0; i < 4; ++i) {
+        send(f, static_cast<int16_t>(i), i * 10, 42);  // 42 bytes: ten 4-byte frames and a half
+    }
+    f->endOfStream();
+    ASSERT_TRUE(sink.waitFor([&] { return sink.eosLocked() == 1; }));
+    const std::vector<RecordingSink::Audio> got = sink.audio();
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ(0, got[0].firstSample);
+    EXPECT_EQ(2, got[1].firstSample);
+    EXPECT_EQ(20, got[1].start);
+    EXPECT_EQ(40u, got[0].bytes);
+    EXPECT_EQ(4, gateCalls.load()) << "once per sample, not for the end of stream";
+
+    // A video sample shorter than a picture is not delivered.
+    RendererFilter* v = make(RendererKind::Video, LxPixel32);
+    LxpVideoSpec spec = makeVideoSpec(4, 4, LxPixel32, 0);
+    AM_MEDIA_TYPE type = videoMediaType(spec);
+    BasicPin* out2 = upstream->addPin(L"Out2", PINDIR_OUTPUT);
+    ASSERT_EQ(S_OK, v->receiveConnection(out2, &type));
+    FreeMediaType(type);
+    sink.gate = nullptr;
+    v->Run(0);
+    TestSample* shortSample = new TestSample(std::vector<uint8_t>(63, 1), 0);
+    TestSample* full = new TestSample(std::vector<uint8_t>(64, 1), 5);
+    v->receive(shortSample);
+    v->receive(full);
+    shortSample->Release();
+    full->Release();
+    ASSERT_TRUE(sink.waitFor([&] { return sink.picturesLocked().size() == 1; }));
+    EXPECT_EQ(5, sink.pictures()[0].start);
+}
+
+TEST_F(Renderer, DetachingTheSinkWaitsForTheDeliveryInProgress) {
+    RendererFilter* f = audioIn(State_Running);
+    sink.hold(true);
+    send(f, 1, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the delivery is blocked in the sink
+    std::atomic<bool> detached{false};
+    std::thread detacher([&] {
+        f->SetSink(nullptr);
+        detached = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(detached.load());
+    sink.hold(false);
+    detacher.join();
+    EXPECT_EQ(1u, sink.audioCount());
+    send(f, 2, 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(1u, sink.audioCount()) << "nothing reaches a detached sink";
+}
+
+}  // namespace

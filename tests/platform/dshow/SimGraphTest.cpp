@@ -1,0 +1,338 @@
+// The simulated graph with the filter library's renderers: scripted outcomes, the graph's state
+// machine, positions in virtual time, seeks, rate, EC_COMPLETE bookkeeping, failures and the log.
+#include "LxPlatformGraph.h"
+#include "platform/clock/LxpClock.h"
+#include "platform/dshow/LxpSimGraph.h"
+
+#include "GraphTestKit.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+
+using namespace lxp;
+using lxtest::GraphRig;
+using lxtest::RecordingSink;
+namespace sim = lxp::simgraph;
+
+class SimGraph : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { registered_ = lxtest::registerFilterLibrary(); }
+    void SetUp() override {
+        ASSERT_TRUE(registered_);
+        LxPlatformGraph::useSimulated();
+        sim::reset();
+        ASSERT_TRUE(SUCCEEDED(CoInitialize(nullptr)));
+        clip_ = dir_.file("clip.mpg");
+        lxtest::writeFile(clip_, "any bytes: the simulated graph does not read them");
+        setClock(&clock_);
+    }
+    void TearDown() override {
+        setClock(nullptr);
+        CoUninitialize();
+        sim::reset();
+        LxPlatformGraph::useGStreamer();
+    }
+    sim::Script script(sim::Outcome outcome) {
+        sim::Script s;
+        s.outcome = outcome;
+        s.durationSeconds = 2.0;
+        s.frameCount = 50;
+        s.width = 8;
+        s.height = 6;
+        return s;
+    }
+
+    static bool registered_;
+    lxtest::TempDir dir_;
+    std::string clip_;
+    ManualClock clock_;
+};
+
+bool SimGraph::registered_ = false;
+
+TEST_F(SimGraph, RenderConnectsWhatTheScriptSaysAndFailsAsItSays) {
+    struct Case {
+        sim::Outcome outcome;
+        HRESULT render;
+        bool audio;
+        bool video;
+    };
+    const Case cases[] = {{sim::Outcome::AudioOnly, S_OK, true, false},
+                          {sim::Outcome::VideoOnly, S_OK, false, true},
+                          {sim::Outcome::AudioVideo, S_OK, true, true},
+                          {sim::Outcome::None, S_OK, false, false},
+                          {sim::Outcome::Failure, VFW_E_UNKNOWN_FILE_TYPE, false, false}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.outcome));
+        sim::Script s = script(c.outcome);
+        s.renderFailure = VFW_E_UNKNOWN_FILE_TYPE;
+        sim::setScriptForFile(clip_, s);
+        GraphRig rig;
+        ASSERT_TRUE(rig.create());
+        EXPECT_EQ(c.render, rig.render(clip_));
+        EXPECT_EQ(c.audio, GraphRig::isConnected(rig.audio));
+        EXPECT_EQ(c.video, GraphRig::isConnected(rig.video));
+        EXPECT_EQ(c.video ? S_OK : S_FALSE, rig.seeking->IsFormatSupported(&TIME_FORMAT_FRAME));
+        if (FAILED(c.render)) {
+            EXPECT_EQ(VFW_E_WRONG_STATE, rig.control->Pause());
+        }
+    }
+    // Failures injected into the calls that build the graph.
+    sim::setScriptForFile(clip_, script(sim::Outcome::AudioVideo));
+    sim::failNext(sim::Op::AddSourceFilter, 1, E_OUTOFMEMORY);
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    EXPECT_EQ(E_OUTOFMEMORY, rig.render(clip_));
+    EXPECT_EQ(nullptr, rig.source);
+    sim::failNext(sim::Op::Render, 1, VFW_E_CANNOT_RENDER);
+    EXPECT_EQ(VFW_E_CANNOT_RENDER, rig.render(clip_));
+    IEnumPins* pins = nullptr;
+    IPin* pin = nullptr;
+    rig.source->EnumPins(&pins);
+    pins->Next(1, &pin, nullptr);
+    pins->Release();
+    EXPECT_EQ(S_OK, rig.graph->Render(pin)) << "a failed Render leaves the graph as it was";
+    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, rig.graph->Render(pin));
+    pin->Release();
+}
+
+TEST_F(SimGraph, DurationAndFramesFollowTheScriptInEitherTimeFormat) {
+    sim::Script s = script(sim::Outcome::AudioVideo);
+    s.durationSeconds = 3.0;
+    s.frameCount = 90;
+    sim::setScript(s);
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    LONGLONG v = 0;
+    ASSERT_EQ(S_OK, rig.seeking->GetDuration(&v));
+    EXPECT_EQ(3 * UNITS, v);
+    ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
+    GUID format;
+    rig.seeking->GetTimeFormat(&format);
+    EXPECT_EQ(TIME_FORMAT_FRAME, format);
+    ASSERT_EQ(S_OK, rig.seeking->GetDuration(&v));
+    EXPECT_EQ(90, v);
+    // 30 fps: frame 45 is 1.5 s, and a relative move of -15 frames lands at 1.0 s.
+    LONGLONG frame = 45;
+    ASSERT_EQ(S_OK, rig.seeking->SetPositions(&frame, AM_SEEKING_AbsolutePositioning, nullptr, 0));
+    frame = -15;
+    ASSERT_EQ(S_OK, rig.seeking->SetPositions(&frame, AM_SEEKING_RelativePositioning, nullptr, 0));
+    ASSERT_EQ(S_OK, rig.seeking->GetCurrentPosition(&v));
+    EXPECT_EQ(30, v);
+    ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_MEDIA_TIME));
+    ASSERT_EQ(S_OK, rig.seeking->GetCurrentPosition(&v));
+    EXPECT_EQ(UNITS, v);
+    EXPECT_EQ(E_INVALIDARG, rig.seeking->SetTimeFormat(&TIME_FORMAT_SAMPLE));
+    EXPECT_EQ(E_INVALIDARG, rig.seeking->SetPositions(&v, AM_SEEKING_IncrementalPositioning, nullptr, 0));
+
+    s.durationKnown = false;
+    sim::setScript(s);
+    GraphRig unknown;
+    ASSERT_TRUE(unknown.create());
+    ASSERT_EQ(S_OK, unknown.render(clip_));
+    EXPECT_TRUE(FAILED(unknown.seeking->GetDuration(&v)));
+}
+
+TEST_F(SimGraph, PauseCuesThenRunDeliversEverySampleInOrderAndOneComplete) {
+    sim::setScript(script(sim::Outcome::AudioVideo));
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    OAFilterState state = -1;
+    EXPECT_EQ(S_OK, rig.control->GetState(2000, &state));
+    EXPECT_EQ(State_Paused, state);
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
+    ASSERT_TRUE(rig.audioSink.waitFor([&] { return rig.audioSink.audioLocked().size() == 1; }));
+    EXPECT_EQ(0u, rig.videoSink.pictures()[0].simulated);
+
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    ASSERT_GE(rig.waitComplete(10000), 0);  // virtual time: the clock runs as the thread sleeps
+    const std::vector<RecordingSink::Picture> pictures = rig.videoSink.pictures();
+    ASSERT_EQ(50u, pictures.size());
+    for (uint32_t i = 0; i < 50; ++i) {
+        EXPECT_EQ(i, pictures[i].simulated);
+        EXPECT_EQ(static_cast<REFERENCE_TIME>(i) * 400000, pictures[i].start);
+    }
+    EXPECT_EQ(LxPixel32Alt, pictures[0].spec.pixelFormat);
+    EXPECT_EQ(32, pictures[0].spec.stride);
+    const std::vector<RecordingSink::Audio> audio = rig.audioSink.audio();
+    int64_t sample = 0;
+    for (const RecordingSink::Audio& a : audio) {
+        EXPECT_EQ(static_cast<int>(sample & 0x7FFF), a.firstSample);
+        EXPECT_EQ(sample * UNITS / 22050, a.start);
+        sample += static_cast<int64_t>(a.bytes / 4);
+    }
+    EXPECT_EQ(44100, sample);
+    EXPECT_TRUE(audio[0].discontinuity);
+    EXPECT_EQ(1, rig.audioSink.eosCount());
+    EXPECT_EQ(1, rig.videoSink.eosCount());
+    int32_t code = 0;
+    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 100));
+    // Virtual time stands still once nothing sleeps: at the last frame's time at least.
+    EXPECT_GE(rig.position(), 49 * 400000);
+}
+
+TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
+    clock_.setAutoAdvanceOnSleep(false);
+    sim::Script s = script(sim::Outcome::VideoOnly);
+    sim::setScript(s);
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
+    clock_.advanceMs(500);
+    // Frames 0..12 start at or before 0.5 s.
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 13; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(13u, rig.videoSink.pictureCount());
+    EXPECT_EQ(5000000, rig.position());
+
+    ASSERT_EQ(S_OK, rig.seeking->SetRate(2.0));
+    EXPECT_EQ(5000000, rig.position()) << "a rate change keeps the position";
+    clock_.advanceMs(250);
+    EXPECT_EQ(10000000, rig.position());
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().back().simulated == 25; }));
+
+    // Paused, the clock moves but the clip does not.
+    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    const size_t held = rig.videoSink.pictureCount();
+    clock_.advanceMs(1000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(held, rig.videoSink.pictureCount());
+    EXPECT_EQ(10000000, rig.position());
+}
+
+TEST_F(SimGraph, SeeksFlushAndRestartAtThePositionAndAStaleCompleteIsWithdrawn) {
+    sim::setScript(script(sim::Outcome::AudioVideo));
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    ASSERT_GE(rig.waitComplete(10000), 0);
+
+    // Ended and paused at the end: a seek withdraws nothing the caller has not read...
+    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    rig.videoSink.clear();
+    ASSERT_EQ(S_OK, rig.seekTo(1.0));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
+    EXPECT_EQ(25u, rig.videoSink.pictures()[0].simulated);
+    EXPECT_GE(rig.videoSink.flushCount(), 1);
+
+    // ...and an EC_COMPLETE the caller has not read yet does not survive a seek (the player would
+    // take it for the end of the new position).
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    const auto start = std::chrono::steady_clock::now();
+    while (lxtest::msSince(start) < 5000 && rig.videoSink.eosCount() < 1) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the complete is queued now
+    clock_.setAutoAdvanceOnSleep(false);
+    rig.videoSink.clear();
+    ASSERT_EQ(S_OK, rig.seekTo(0.5));
+    int32_t code = 0;
+    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 0));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
+    EXPECT_EQ(12u, rig.videoSink.pictures()[0].simulated);
+    EXPECT_EQ(5000000, rig.position());
+    clock_.advanceMs(3000);
+    EXPECT_GE(rig.waitComplete(10000), 0);
+    EXPECT_EQ(49u, rig.videoSink.pictures().back().simulated);
+}
+
+TEST_F(SimGraph, TheCallLogAndInjectedFailuresLeaveTheGraphWhereItWas) {
+    sim::setScript(script(sim::Outcome::AudioVideo));
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    sim::failNext(sim::Op::Run, 1, E_FAIL);
+    EXPECT_EQ(E_FAIL, rig.control->Run());
+    OAFilterState state = -1;
+    rig.control->GetState(0, &state);
+    EXPECT_EQ(State_Stopped, state);
+    sim::failNext(sim::Op::SetPositions, 1, E_UNEXPECTED);
+    EXPECT_EQ(E_UNEXPECTED, rig.seekTo(1.0));
+    EXPECT_EQ(0, rig.position());
+    sim::failNext(sim::Op::SetRate, 1, E_FAIL);
+    EXPECT_EQ(E_FAIL, rig.seeking->SetRate(2.0));
+    double rate = 0;
+    rig.seeking->GetRate(&rate);
+    EXPECT_EQ(1.0, rate);
+    sim::failNext(sim::Op::GetDuration, 1, E_FAIL);
+    LONGLONG d = 0;
+    EXPECT_EQ(E_FAIL, rig.seeking->GetDuration(&d));
+    sim::failNext(sim::Op::SetTimeFormat, 1, E_FAIL);
+    EXPECT_EQ(E_FAIL, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
+    sim::failNext(sim::Op::Pause, 2, E_FAIL);
+    EXPECT_EQ(E_FAIL, rig.control->Pause());
+    EXPECT_EQ(E_FAIL, rig.control->Run()) << "running a stopped graph pauses it first";
+    EXPECT_TRUE(SUCCEEDED(rig.control->Pause()));
+    EXPECT_EQ(S_OK, rig.seeking->SetRate(1.5));
+    EXPECT_EQ(S_OK, rig.control->Stop());
+
+    const std::vector<std::string> expected = {
+        "AddFilter(LxAudioRenderer)", "AddFilter(LxVideoRenderer)", "AddSourceFilter(" + clip_ + ")", "Render",
+        "Run", "SetPositions(10000000,-)", "SetRate(2.000)", "GetDuration", "SetTimeFormat(FRAME)", "Pause",
+        "Run", "Pause", "Pause", "SetRate(1.500)", "Stop"};
+    EXPECT_EQ(expected, sim::calls());
+}
+
+TEST_F(SimGraph, CompleteWaitsForEveryConnectedRendererOnly) {
+    sim::Script s = script(sim::Outcome::AudioVideo);
+    s.audioBufferSeconds = 0.5;
+    sim::setScript(s);
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(clip_));
+    // A renderer still delivering its last frame holds EC_COMPLETE back, whatever the others did.
+    std::atomic<bool> release{false};
+    rig.videoSink.gate = [&] {
+        if (rig.videoSink.pictureCount() == 49) {
+            lxtest::waitUntil([&] { return release.load(); }, 5000);
+        }
+        return true;
+    };
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audioSink.eosCount() == 1; }));
+    int32_t code = 0;
+    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 100));
+    release = true;
+    EXPECT_GE(rig.waitComplete(5000), 0);
+    rig.videoSink.gate = nullptr;
+
+    // Without its video renderer the graph completes on audio alone; a connected renderer leaves
+    // only a stopped graph.
+    EXPECT_EQ(VFW_E_NOT_STOPPED, rig.graph->RemoveFilter(rig.video));
+    ASSERT_EQ(S_OK, rig.control->Stop());
+    ASSERT_EQ(S_OK, rig.graph->RemoveFilter(rig.video));
+    EXPECT_FALSE(GraphRig::isConnected(rig.video));
+    EXPECT_EQ(VFW_E_NOT_FOUND, rig.graph->RemoveFilter(rig.video));
+    rig.audioSink.clear();
+    rig.videoSink.clear();
+    ASSERT_EQ(S_OK, rig.seekTo(0));
+    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    EXPECT_GE(rig.waitComplete(5000), 0);
+    EXPECT_EQ(0u, rig.videoSink.pictureCount());
+    EXPECT_EQ(1, rig.audioSink.eosCount());
+}
+
+TEST_F(SimGraph, AGraphReleasedWhileItsStreamIsBlockedGoesAwayAtOnce) {
+    sim::setScript(script(sim::Outcome::AudioVideo));
+    const auto start = std::chrono::steady_clock::now();
+    {
+        GraphRig rig;
+        ASSERT_TRUE(rig.create());
+        ASSERT_EQ(S_OK, rig.render(clip_));
+        rig.videoSink.hold(true);
+        rig.audioSink.hold(true);
+        ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_LT(lxtest::msSince(start), 1000);
+}
+
+}  // namespace
