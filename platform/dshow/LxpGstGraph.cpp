@@ -37,7 +37,7 @@ namespace {
 /// How long Render waits for the pipeline to preroll before it gives up.
 constexpr int kRenderTimeoutMs = 15000;
 /// How long Render waits without any new element or stream before it takes decoding as failed.
-constexpr int kStallMs = 4000;
+constexpr int kStallMs = 3000;
 /// How far before the target a program or transport stream is sought: the mux delay (up to about a
 /// second) and a group of pictures.
 constexpr GstClockTime kSeekMargin = 2 * GST_SECOND;
@@ -128,9 +128,19 @@ class GstGraph : public FilterGraphBase {
         }
         {
             std::unique_lock<std::mutex> lock(gmutex_);
-            if (SUCCEEDED(hr) && !done_.wait_for(lock, std::chrono::milliseconds(kRenderTimeoutMs),
-                                                 [&] { return asyncDone_ || renderError_; })) {
-                hr = VFW_E_TIMEOUT;
+            const auto start = std::chrono::steady_clock::now();
+            lastActivity_ = start;
+            while (SUCCEEDED(hr) && !asyncDone_ && !renderError_) {
+                done_.wait_for(lock, std::chrono::milliseconds(100));
+                const auto now = std::chrono::steady_clock::now();
+                if (now - lastActivity_ > std::chrono::milliseconds(kStallMs)) {
+                    // decodebin swallows an error that a demuxer raises while it is being set up,
+                    // and the pipeline then waits for ever: nothing new for a while is failure.
+                    LxLog::postDebug("LxpGstGraph: decoding stalled\n");
+                    hr = VFW_E_CANNOT_RENDER;
+                } else if (now - start > std::chrono::milliseconds(kRenderTimeoutMs)) {
+                    hr = VFW_E_TIMEOUT;
+                }
             }
             if (renderError_) {
                 hr = renderResult_;

@@ -5,8 +5,8 @@
 // lxp::clock() (install a ManualClock to run through a clip in virtual time), with EC_COMPLETE
 // when every rendered stream has ended. The streaming thread sleeps on that clock: with a
 // ManualClock that does not advance on sleep, advance it (or switch it to advancing) before
-// releasing a running graph, or the release waits for it. Every call the graph receives is logged, and the calls that
-// can fail can be made to fail.
+// releasing a running graph, or the release waits for it. Every call the graph receives is logged, and the
+// calls that can fail can be made to fail.
 //
 // Sample contents, for tests that check what arrived:
 // - video frame n: every byte is n & 0xFF, except the first four, which hold n (32 bits, little

@@ -12,7 +12,7 @@ namespace {
 using namespace lxp;
 
 class GraphLibrary : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_TRUE(SUCCEEDED(CoInitialize(nullptr))); }
     void TearDown() override {
         graphtest::refuseFilterRegistration(false);
@@ -39,7 +39,8 @@ TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
     EntryFn unreg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllUnregisterServer"));
     ASSERT_NE(nullptr, reg);
     ASSERT_NE(nullptr, unreg);
-    EXPECT_EQ(nullptr, KtWin32Library::GetProcAddress(module, "_ZN3lxp14RendererFilterC1ENS_12RendererKindE15LxPixelFormat_s"))
+    EXPECT_EQ(nullptr, KtWin32Library::GetProcAddress(
+                           module, "_ZN3lxp14RendererFilterC1ENS_12RendererKindE15LxPixelFormat_s"))
         << "only the entry points are exported";
 
     graphtest::refuseFilterRegistration(true);
@@ -66,8 +67,9 @@ TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
     IClassFactory* factory = nullptr;
     ASSERT_EQ(S_OK, CoGetClassObject(CLSID_LxAudioRenderer, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
                                      reinterpret_cast<void**>(&factory)));
-    EXPECT_EQ(static_cast<HRESULT>(0x80040110u), factory->CreateInstance(reinterpret_cast<IUnknown*>(factory),
-                                                                         IID_ILxRenderer, reinterpret_cast<void**>(&object)));
+    EXPECT_EQ(static_cast<HRESULT>(0x80040110u),
+              factory->CreateInstance(reinterpret_cast<IUnknown*>(factory), IID_ILxRenderer,
+                                      reinterpret_cast<void**>(&object)));
     factory->Release();
 
     module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
@@ -187,7 +189,8 @@ TEST(GraphText, NamesSurviveTheRoundTripThroughWideStrings) {
         EXPECT_EQ(0, wide.back());
         char back[256];
         int32_t usedDefault = -1;
-        const int32_t n = WideCharToMultiByte(CP_ACP, 0, wide.data(), -1, back, sizeof back, nullptr, &usedDefault);
+        const int32_t n =
+            WideCharToMultiByte(CP_ACP, 0, wide.data(), -1, back, sizeof back, nullptr, &usedDefault);
         ASSERT_EQ(static_cast<int32_t>(std::strlen(name)) + 1, n);
         EXPECT_STREQ(name, back);
         EXPECT_EQ(0, usedDefault);

@@ -14,7 +14,7 @@ using lxtest::RecordingSink;
 
 /// A sample with its own bytes.
 class TestSample : public ComObject<IMediaSample> {
-public:
+  public:
     TestSample(std::vector<uint8_t> bytes, REFERENCE_TIME start) : bytes_(std::move(bytes)), start_(start) {}
     HRESULT QueryInterface(const IID& iid, void** out) override { return queryBase(iid, out); }
     HRESULT GetPointer(uint8_t** p) override {
@@ -29,14 +29,14 @@ public:
     }
     HRESULT IsDiscontinuity() override { return S_FALSE; }
 
-private:
+  private:
     std::vector<uint8_t> bytes_;
     REFERENCE_TIME start_;
 };
 
 /// Stands in for the graph: records what the filter notifies.
 class EventRecorder : public ComObject<IFilterGraph>, public IMediaEventSink {
-public:
+  public:
     HRESULT QueryInterface(const IID& iid, void** out) override {
         if (iid == IID_IMediaEventSink) {
             *out = static_cast<IMediaEventSink*>(this);
@@ -72,7 +72,7 @@ AM_MEDIA_TYPE pcm(int channels, int bits, int rate = 22050) {
 }
 
 class Renderer : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         graph = new EventRecorder();
         upstream = new BasicFilter(L"Upstream");

@@ -17,7 +17,7 @@ using lxtest::RecordingSink;
 namespace sim = lxp::simgraph;
 
 class SimGraph : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() { registered_ = lxtest::registerFilterLibrary(); }
     void SetUp() override {
         ASSERT_TRUE(registered_);
@@ -274,10 +274,21 @@ TEST_F(SimGraph, TheCallLogAndInjectedFailuresLeaveTheGraphWhereItWas) {
     EXPECT_EQ(S_OK, rig.seeking->SetRate(1.5));
     EXPECT_EQ(S_OK, rig.control->Stop());
 
-    const std::vector<std::string> expected = {
-        "AddFilter(LxAudioRenderer)", "AddFilter(LxVideoRenderer)", "AddSourceFilter(" + clip_ + ")", "Render",
-        "Run", "SetPositions(10000000,-)", "SetRate(2.000)", "GetDuration", "SetTimeFormat(FRAME)", "Pause",
-        "Run", "Pause", "Pause", "SetRate(1.500)", "Stop"};
+    const std::vector<std::string> expected = {"AddFilter(LxAudioRenderer)",
+                                               "AddFilter(LxVideoRenderer)",
+                                               "AddSourceFilter(" + clip_ + ")",
+                                               "Render",
+                                               "Run",
+                                               "SetPositions(10000000,-)",
+                                               "SetRate(2.000)",
+                                               "GetDuration",
+                                               "SetTimeFormat(FRAME)",
+                                               "Pause",
+                                               "Run",
+                                               "Pause",
+                                               "Pause",
+                                               "SetRate(1.500)",
+                                               "Stop"};
     EXPECT_EQ(expected, sim::calls());
 }
 
