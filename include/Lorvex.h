@@ -30,6 +30,7 @@
 #include "LxWin32AudioOutputPort.h"
 #include "LxWin32AudioPortConfig.h"
 #include "LxWin32AudioPortData.h"
+#include "LxWin32AudioRenderer.h"
 #include "LxWin32Mixer.h"
 
 #endif  // LORVEX_H
