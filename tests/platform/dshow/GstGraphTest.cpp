@@ -65,6 +65,49 @@ TEST_F(GstGraph, EachClipConnectsTheRenderersItHasStreamsFor) {
         EXPECT_EQ(640, video.stride);
         EXPECT_EQ(400000, video.frameDuration);
 
+        // The walk the player's diagnostics make: source -> decoder -> renderers.
+        IEnumFilters* filters = nullptr;
+        ASSERT_EQ(S_OK, rig.graph->EnumFilters(&filters));
+        std::vector<std::wstring> names;
+        IBaseFilter* f = nullptr;
+        while (filters->Next(1, &f, nullptr) == S_OK) {
+            FILTER_INFO info;
+            f->QueryFilterInfo(&info);
+            names.push_back(info.achName);
+            if (info.pGraph != nullptr) {
+                info.pGraph->Release();
+            }
+            f->Release();
+        }
+        filters->Release();
+        EXPECT_EQ(
+            (std::vector<std::wstring>{L"LxAudioRenderer", L"LxVideoRenderer", L"FilterSource", L"Decoder"}),
+            names);
+        IEnumPins* pins = nullptr;
+        IPin* videoIn = nullptr;
+        rig.video->EnumPins(&pins);
+        pins->Next(1, &videoIn, nullptr);
+        pins->Release();
+        IPin* decoderOut = nullptr;
+        ASSERT_EQ(S_OK, videoIn->ConnectedTo(&decoderOut));
+        PIN_INFO pinInfo;
+        ASSERT_EQ(S_OK, decoderOut->QueryPinInfo(&pinInfo));
+        EXPECT_EQ(PINDIR_OUTPUT, pinInfo.dir);
+        EXPECT_EQ(std::wstring(L"Video"), std::wstring(pinInfo.achName));
+        FILTER_INFO decoderInfo;
+        pinInfo.pFilter->QueryFilterInfo(&decoderInfo);
+        EXPECT_EQ(std::wstring(L"Decoder"), std::wstring(decoderInfo.achName));
+        decoderInfo.pGraph->Release();
+        pinInfo.pFilter->Release();
+        AM_MEDIA_TYPE type;
+        ASSERT_EQ(S_OK, videoIn->ConnectionMediaType(&type));
+        EXPECT_EQ(MEDIATYPE_Video, type.majortype);
+        EXPECT_EQ(MEDIASUBTYPE_LxRGB32Alt, type.subtype);
+        EXPECT_EQ(FORMAT_VideoInfo, type.formattype);
+        FreeMediaType(type);
+        decoderOut->Release();
+        videoIn->Release();
+
         LONGLONG duration = 0;
         ASSERT_EQ(S_OK, rig.seeking->GetDuration(&duration));
         EXPECT_NEAR(2.0, seconds(duration), 0.1);
@@ -127,6 +170,33 @@ TEST_F(GstGraph, BrokenFilesFailCleanlyAndQuickly) {
     EXPECT_EQ(HRESULT_FILE_NOT_FOUND,
               rig.graph->AddSourceFilter(L"/nonexistent/clip.mpg", L"FilterSource", &source));
     EXPECT_EQ(nullptr, source);
+}
+
+TEST_F(GstGraph, SeeksInAnMpegSystemStreamLandOnTheFrameDespiteTheMuxDelay) {
+    // The stream's time stamps start at the mux delay (about half a second) and its demuxer seeks
+    // by the system clock, which runs ahead of the pictures; media time 0 is still frame 0.
+    GraphRig rig;
+    ASSERT_TRUE(rig.create());
+    ASSERT_EQ(S_OK, rig.render(lxtest::mpeg1Clip().path));
+    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
+    EXPECT_EQ(0, rig.videoSink.pictures()[0].start);
+    EXPECT_EQ(0, rig.videoSink.pictures()[0].counter);
+    const double targets[] = {1.5, 0.3, 1.0, 1.96, 0.0};
+    for (double t : targets) {
+        SCOPED_TRACE(t);
+        rig.videoSink.clear();
+        rig.audioSink.clear();
+        ASSERT_EQ(S_OK, rig.seekTo(t));
+        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
+        const lxtest::RecordingSink::Picture p = rig.videoSink.pictures()[0];
+        EXPECT_EQ(static_cast<int>(t * 25 + 1e-6), p.counter);
+        EXPECT_NEAR(std::floor(t * 25 + 1e-6) / 25, seconds(p.start), 0.001);
+        if (t < 1.9) {
+            ASSERT_TRUE(rig.audioSink.waitFor([&] { return !rig.audioSink.audioLocked().empty(); }));
+            EXPECT_NEAR(t, seconds(rig.audioSink.audio()[0].start), 0.0005) << "audio starts at the position";
+        }
+    }
 }
 
 TEST_F(GstGraph, PauseCuesOneFrameAfterTheGateOpensAndSeeksLandOnTheFrame) {

@@ -205,6 +205,15 @@ TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(held, rig.videoSink.pictureCount());
     EXPECT_EQ(10000000, rig.position());
+
+    // Stopped, nothing arrives; pausing again cues at the position the graph stopped at.
+    ASSERT_EQ(S_OK, rig.control->Stop());
+    rig.videoSink.clear();
+    EXPECT_EQ(10000000, rig.position());
+    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
+    EXPECT_EQ(25u, rig.videoSink.pictures()[0].simulated);
+    clock_.setAutoAdvanceOnSleep(true);
 }
 
 TEST_F(SimGraph, SeeksFlushAndRestartAtThePositionAndAStaleCompleteIsWithdrawn) {
