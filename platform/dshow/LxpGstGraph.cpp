@@ -45,6 +45,13 @@ constexpr GstClockTime kSeekMargin = 2 * GST_SECOND;
 std::once_flag gInitOnce;
 bool gInitOk = false;
 
+// Graphs alive in the process. When the last one goes, GStreamer's streaming and state-change
+// threads are ended too instead of idling in GLib's pools, so that a process that has finished
+// playing clips has no threads left behind. Taken around creation, so that no pipeline can start
+// while the pools are being emptied.
+std::mutex gLiveMutex;
+int gLive = 0;
+
 void initGStreamer() {
     GError* error = nullptr;
     if (!gst_init_check(nullptr, nullptr, &error)) {
@@ -76,7 +83,10 @@ HRESULT errorToResult(GError* error) {
 
 class GstGraph : public FilterGraphBase {
   public:
-    GstGraph() : FilterGraphBase("GStreamer") {}
+    GstGraph() : FilterGraphBase("GStreamer") {
+        std::lock_guard<std::mutex> guard(gLiveMutex);
+        ++gLive;
+    }
 
   protected:
     HRESULT createSource(const std::string& path, const std::wstring& name, BasicFilter** source) override {
@@ -265,6 +275,11 @@ class GstGraph : public FilterGraphBase {
             f->Release();
         }
         teardown();
+        std::lock_guard<std::mutex> guard(gLiveMutex);
+        if (--gLive == 0) {
+            gst_task_cleanup_all();
+            g_thread_pool_stop_unused_threads();
+        }
     }
 
   private:
