@@ -41,15 +41,16 @@ class ProbeRenderer : public LxWin32AudioRenderer {
 
     struct Fields {
         int32_t bufferSize, frameBytes, bytesPerSecond, bytesPerFrame, lowWaterMark;
-        char isResident, residentDone, residentStarted, eomDone, draining, tailPending, hasWritten;
+        char isResident, residentDone, residentStarted, eomDone, draining, tailPending, hasWritten,
+            silentPacing, resetPending;
         int16_t portCount, framesCreated;
         LxNodeState state;
     };
     Fields fields() {
         waitNotify.lock();
-        Fields f{bufferSize,  frameBytes,   bytesPerSecond,  bytesPerFrame, lowWaterMark,
-                 isResident,  residentDone, residentStarted, eomDone,       draining,
-                 tailPending, hasWritten,   portCount,       framesCreated, getCurrentState()};
+        Fields f{bufferSize,   frameBytes,      bytesPerSecond, bytesPerFrame, lowWaterMark,     isResident,
+                 residentDone, residentStarted, eomDone,        draining,      tailPending,      hasWritten,
+                 silentPacing, resetPending,    portCount,      framesCreated, getCurrentState()};
         waitNotify.unlock();
         return f;
     }
@@ -155,21 +156,28 @@ class RendererSimTest : public ::testing::Test {
     /// its buffer to keep at least ahead of what plays (or have nothing left to write), so the
     /// comparison judges the renderer's data path and not the test's pace.
     void play(ProbeRenderer* r, int ms, double ahead = 0.3) {
+        play(std::vector<ProbeRenderer*>{r}, ms, ahead);
+    }
+    void play(const std::vector<ProbeRenderer*>& renderers, int ms, double ahead = 0.3) {
         for (int t = 0; t < ms; t += 10) {
-            ASSERT_TRUE(lxtest::waitUntil([&] {
-                const ProbeRenderer::Fields f = r->fields();
-                if (f.isResident) {
-                    // A resident clip is read in a few passes; it must all be in before it plays.
-                    return f.residentDone || f.state != LxNode::STARTED;
-                }
-                if (f.state != LxNode::STARTED || f.draining || f.eomDone) {
-                    return true;
-                }
-                // A buffer never written reports itself full: only a written one has a level.
-                return f.hasWritten && r->port(0)->getFilled() >= static_cast<long>(ahead * f.bytesPerSecond);
-            })) << "the renderer did not keep its buffer filled";
+            for (ProbeRenderer* r : renderers) {
+                ASSERT_TRUE(lxtest::waitUntil([&] { return ready(r, ahead); }))
+                    << "the renderer did not keep its buffer filled";
+            }
             lxp::simsound::advanceMs(10);
         }
+    }
+    static bool ready(ProbeRenderer* r, double ahead) {
+        const ProbeRenderer::Fields f = r->fields();
+        if (f.isResident) {
+            // A resident clip is read in a few passes; it must all be in before it plays.
+            return f.residentDone || f.state != LxNode::STARTED;
+        }
+        if (f.state != LxNode::STARTED || f.draining || f.eomDone) {
+            return true;
+        }
+        // A buffer never written reports itself full: only a written one has a level.
+        return f.hasWritten && r->port(0)->getFilled() >= static_cast<long>(ahead * f.bytesPerSecond);
     }
 
     /// Starts p now and waits until its renderer has written its first samples.
