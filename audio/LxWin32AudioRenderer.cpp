@@ -625,7 +625,11 @@ long LxWin32AudioRenderer::setUp() {
     int32_t size;
     char resident;
     if (d > 0.0 && d < 2.0) {
-        size = static_cast<int32_t>(std::ceil(d * bps));
+        // In whole numbers: a duration such as 1.9 s is not exact in binary, and its product
+        // with the byte rate must not round up past the clip.
+        const int64_t usec = duration.usec();
+        size = static_cast<int32_t>(static_cast<int64_t>(duration.sec()) * bps +
+                                    (usec * bps + 999999) / 1000000);
         if ((size % 2) != 0 && (bpf % 2) == 0) {
             LxLog::postDebug("LxWin32AudioRenderer:  adding one to buffer size to make even\n");
             ++size;
@@ -650,7 +654,7 @@ long LxWin32AudioRenderer::setUp() {
     isResident = resident;
     frameBytes = static_cast<int32_t>(std::ceil(0.5 * bps));
     poolLock->unlock();
-    lowWaterMark = static_cast<int32_t>(std::floor(0.075 * bps));
+    lowWaterMark = static_cast<int32_t>(static_cast<int64_t>(bps) * 75 / 1000);  // 75 ms
     LxLog::postDebug("LxWin32AudioRenderer:  lowWaterMark = %d\n", static_cast<int>(lowWaterMark));
 
     portConfig = new (std::nothrow)

@@ -27,6 +27,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -74,6 +75,17 @@ class ProbeRenderer : public LxWin32AudioRenderer {
     }
 };
 
+/// The concrete manager, with the arbitration's registration refusable at will.
+class RefusingManager : public LxWin32Manager {
+  public:
+    using LxWin32Manager::LxWin32Manager;
+    long requestPortChannel(LxAudioOutputPort* port, const LxTime& time) override {
+        return refuse.load() ? LX_ERR_CHANNEL_TYPE_UNAVAILABLE
+                             : LxWin32Manager::requestPortChannel(port, time);
+    }
+    std::atomic<bool> refuse{false};
+};
+
 /// A fresh simulated platform (sound card with a manual output, MIDI recorder, no filter graph)
 /// and a started manager.
 class RendererSimTest : public ::testing::Test {
@@ -94,8 +106,7 @@ class RendererSimTest : public ::testing::Test {
         LxResetDXAndWin32VersionCache();
         LxWin32Mixer::resetClassStateForTests();
         LxWin32Manager::resetExclusivityForTests();
-        manager = LxManager::createManager(&threads);
-        ASSERT_NE(nullptr, manager);
+        manager = win32 = new RefusingManager(&threads);
         manager->setWindow(&window);
         ASSERT_EQ(LX_OK, manager->initSubSystem(INIT_TIMERS | INIT_AUDIO));
         mixer = static_cast<LxWin32Mixer*>(manager->getMixer());
@@ -195,6 +206,7 @@ class RendererSimTest : public ::testing::Test {
     KtRecordingThreadManager threads;
     LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
     LxManager* manager = nullptr;
+    RefusingManager* win32 = nullptr;
     LxWin32Mixer* mixer = nullptr;
     LxTimeBase* timeBase = nullptr;
     lxtest::TempDir dir;
