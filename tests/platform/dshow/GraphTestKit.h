@@ -83,10 +83,14 @@ class RecordingSink : public lxp::LxpRendererSink {
         ++eos_;
         changed_.notify_all();
     }
+    /// Like a consumer, forgets what it was given before the flush (a seek can flush twice: the
+    /// pipeline hands the seek to the demuxer once per sink).
     void beginFlush() override {
         std::lock_guard<std::mutex> guard(mutex_);
         ++flushes_;
         flushing_ = true;
+        video_.clear();
+        audio_.clear();
         changed_.notify_all();
     }
     void endFlush() override {

@@ -319,7 +319,6 @@ TEST_F(GstGraph, RateChangeKeepsThePositionAndSpeedsUpThePictures) {
     const double before = seconds(rig.position());
     EXPECT_NEAR(1.0, before, 0.25);
     const auto start = std::chrono::steady_clock::now();
-    const size_t delivered = rig.videoSink.pictureCount();
     ASSERT_EQ(S_OK, rig.seeking->SetRate(2.0));
     double rate = 0;
     EXPECT_EQ(S_OK, rig.seeking->GetRate(&rate));
@@ -330,8 +329,8 @@ TEST_F(GstGraph, RateChangeKeepsThePositionAndSpeedsUpThePictures) {
     EXPECT_GT(completeMs, 1100);
     EXPECT_LT(completeMs, 2300);
     const std::vector<lxtest::RecordingSink::Picture> pictures = rig.videoSink.pictures();
-    ASSERT_GT(pictures.size(), delivered);
-    EXPECT_NEAR(before * 25, pictures[delivered].counter, 4) << "the rate change did not restart the clip";
+    ASSERT_FALSE(pictures.empty());  // from the rate change on (the sink forgets at the flush)
+    EXPECT_NEAR(before * 25, pictures[0].counter, 4) << "the rate change did not restart the clip";
     EXPECT_EQ(99, pictures.back().counter);
     EXPECT_LT(lxtest::msSince(start), 3000);
     EXPECT_EQ(E_INVALIDARG, rig.seeking->SetRate(0.0));
