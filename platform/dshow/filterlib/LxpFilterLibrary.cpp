@@ -2,7 +2,7 @@
 // DllRegisterServer, which registers them in the process's COM class registry.
 //
 // The library stays loaded once loaded (it is linked with -z nodelete): its factories live in the
-// registry after the loader that registered them has freed its handle, as the design's probe does.
+// registry after the loader that registered them has freed its handle, as the manager's probe does.
 #include "LxLog.h"
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/filterlib/LxpRenderer.h"

@@ -62,7 +62,7 @@ class GstMediaSample : public ComObject<IMediaSample> {
         return mapped_;
     }
 
-    /// Maps a video frame and packs its rows at the spec's stride when they differ.
+    /// Maps a video frame and packs its rows at the filter's stride when they differ.
     bool mapVideo(GstVideoInfo* info, const LxpVideoSpec& spec) {
         GstVideoFrame frame;
         if (!gst_video_frame_map(&frame, info, buffer_, GST_MAP_READ)) {

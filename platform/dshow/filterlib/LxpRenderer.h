@@ -30,10 +30,10 @@ enum class RendererKind { Audio, Video };
 
 /// The subtype and bytes per pixel of a pixel format; false for layouts the filter cannot deliver.
 bool pixelFormatInfo(LxPixelFormat_s format, GUID* subtype, int32_t* bytesPerPixel);
-/// The spec of a picture of that size (rows padded to four bytes).
+/// The format of a picture of that size (rows padded to four bytes).
 LxpVideoSpec makeVideoSpec(int32_t width, int32_t height, LxPixelFormat_s format,
                            REFERENCE_TIME frameDuration);
-/// Complete media types for a spec (format block included; the caller frees it).
+/// Complete media types for a format (format block included; the caller frees it).
 AM_MEDIA_TYPE audioMediaType(const LxpAudioSpec& spec);
 AM_MEDIA_TYPE videoMediaType(const LxpVideoSpec& spec);
 
