@@ -107,6 +107,7 @@ class LxBaseVideoRenderer : public LxVideoRenderer {
     // --- The renderer's lock (re-entrant; the renderer's thread sleeps on it).
     void lock();
     void unlock();
+    /// Waits on the lock up to ms milliseconds; the caller holds it.
     KtResult wait(unsigned long ms);
     /// Wakes every waiter. Takes the lock itself, so any thread may call it.
     void notifyAll();

@@ -418,15 +418,15 @@ void LxBaseVideoRenderer::prefetch() {
 
 long LxBaseVideoRenderer::startAtTime(LxTime t) {
     LxLog::postDebug("LxBaseVideoRenderer:  startAtTime ()\n");
+    // The state changes before the start is reported, so that whoever acts on the event finds
+    // the renderer started (a stop right after it must flush).
     renderLock.lock();
     const long result = LxNode::startAtTime(t);
     const LxTime media = clock->getMediaTime();
-    renderLock.unlock();
-    postEvent(new (std::nothrow) LxStartEvent(this, media, t));
-    renderLock.lock();
     setCurrentState(STARTED);
     wakeLocked();
     renderLock.unlock();
+    postEvent(new (std::nothrow) LxStartEvent(this, media, t));
     return result;
 }
 
