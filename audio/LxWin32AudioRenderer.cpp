@@ -27,7 +27,7 @@ constexpr uint32_t kFirstFramePollMs = 2;
 /// How long after its start a clip counts as waiting for its first frame.
 constexpr double kFirstFrameWindow = 1.0;
 /// A producer that is ahead of a playing clip waits for an empty frame at most this long.
-const LxTime kStartedPoolWait(0, 20000);
+const LxTime kStartedPoolWait(0, 10000);
 /// One streaming write copies at most this much sound, so that a write the mixer decides to
 /// time instead of copy (its channel went away a moment ago) cannot hold the lock for long.
 constexpr double kMaxWriteSeconds = 0.1;

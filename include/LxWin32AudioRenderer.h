@@ -79,7 +79,7 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
 
     // ---- Producer side (the producer's thread). ----
     /// A frame from the pool (creating up to six in all). While the clip plays, a producer waits
-    /// here at most 20 ms whatever its timeout: one that is that far ahead of the sound loses
+    /// here at most 10 ms whatever its timeout: one that is that far ahead of the sound loses
     /// nothing by going back to its own queues, where a stop request must reach it quickly.
     LxFrame* getEmptyFrame(const LxTime& timeout) override;
     void putEmptyFrame(LxFrame* frame) override;
