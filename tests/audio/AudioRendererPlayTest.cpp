@@ -190,30 +190,10 @@ TEST_F(RendererPlayTest, RateTwoPlaysAnOctaveUpInHalfTheTime) {
 // heard in full after the gap.
 TEST_F(RendererPlayTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap) {
     lxtest::requireLog();
-    lxtest::TestNode producer(manager);
-    LxAudioOutputConnectable out;
-    ASSERT_EQ(LX_OK, out.initFormats(LxSample16, LxMono, 22050.0f, 2, LxFormat::PullStream, 0));
-    ASSERT_EQ(LX_OK, out.initConnectable(&producer));
-    auto r = std::make_unique<ProbeRenderer>(manager, mixer);
-    ASSERT_EQ(LX_OK, manager->connect(&out, r.get()));
-    ASSERT_EQ(LX_OK, r->setTimeBase(timeBase));
-    r->setDuration(LxTime(-1, 0));
+    ManualProducer producer(manager, mixer, timeBase);
+    ProbeRenderer* r = producer.renderer.get();
     ASSERT_EQ(0, r->fields().isResident) << "an unknown length streams";
-
-    // Half-second frames of a ramp that never repeats within the test.
-    int next = 0;
-    auto feed = [&](int frames) {
-        for (int i = 0; i < frames; ++i) {
-            auto* f = static_cast<LxAudioFrame*>(r->getEmptyFrame(LxTime(1, 0)));
-            ASSERT_NE(nullptr, f);
-            auto* s = reinterpret_cast<int16_t*>(f->data);
-            for (int k = 0; k < f->fillable; ++k, ++next) {
-                s[k] = static_cast<int16_t>(1000 + (next % 20000));
-            }
-            f->filled = f->fillable;
-            out.queueFrame(f);
-        }
-    };
+    auto feed = [&](int frames) { producer.feed(frames); };
     feed(2);
     ASSERT_EQ(LX_OK, r->startAtTime(timeBase->getRefTime()));
     ASSERT_TRUE(lxtest::waitUntil([&] { return r->fields().hasWritten != 0; }));
@@ -242,7 +222,7 @@ TEST_F(RendererPlayTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap)
     const std::vector<int16_t> heardOut = toInt16(simsound::outputChannel(0));
     std::vector<int16_t> ramp(44100);
     for (int k = 0; k < 44100; ++k) {
-        ramp[k] = static_cast<int16_t>(1000 + (k % 20000));
+        ramp[k] = ManualProducer::rampAt(k);
     }
     long first = -1;
     EXPECT_EQ(0u,

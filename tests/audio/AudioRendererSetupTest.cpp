@@ -237,4 +237,20 @@ TEST_F(RendererSetupTest, ThePoolHoldsSixFramesAndHandsBackReturnedOnesEmptied) 
     }
 }
 
+// A backward clock has a negative lead until it starts: it is waited for by its size, so the
+// clip starts on time (read as an unsigned count it would be a wait of weeks).
+TEST_F(RendererSetupTest, ABackwardClockIsWaitedForUntilItsStart) {
+    ManualProducer producer(manager, mixer, timeBase);
+    ProbeRenderer* r = producer.renderer.get();
+    float back = -1.0f;
+    ASSERT_EQ(LX_OK, r->setRate(&back));
+    producer.feed(2);
+    const LxTime start(timeBase->getRefTime().getValue() + 0.3);
+    ASSERT_EQ(LX_OK, r->startAtTime(start));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(0, r->fields().hasWritten) << "written before the clock started";
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r->fields().hasWritten != 0; }, 3000)) << "never started";
+    EXPECT_GE(timeBase->getRefTime().getValue(), start.getValue() - 0.005);
+}
+
 }  // namespace

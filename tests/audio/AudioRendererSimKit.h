@@ -75,6 +75,39 @@ class ProbeRenderer : public LxWin32AudioRenderer {
     }
 };
 
+/// A producer the test drives by hand: a pull-style 16-bit mono output at 22050 Hz connected to
+/// a renderer of its own, fed with half-second frames of a ramp that does not repeat within a test.
+struct ManualProducer {
+    ManualProducer(LxManager* manager, LxWin32Mixer* mixer, LxTimeBase* timeBase) : node(manager) {
+        out.initFormats(LxSample16, LxMono, 22050.0f, 2, LxFormat::PullStream, 0);
+        out.initConnectable(&node);
+        renderer = std::make_unique<ProbeRenderer>(manager, mixer);
+        EXPECT_EQ(LX_OK, manager->connect(&out, renderer.get()));
+        EXPECT_EQ(LX_OK, renderer->setTimeBase(timeBase));
+        renderer->setDuration(LxTime(-1, 0));
+    }
+    ~ManualProducer() { renderer.reset(); }  // the renderer goes before the output it pulls from
+
+    static int16_t rampAt(int i) { return static_cast<int16_t>(1000 + (i % 20000)); }
+    void feed(int frames) {
+        for (int i = 0; i < frames; ++i) {
+            auto* f = static_cast<LxAudioFrame*>(renderer->getEmptyFrame(LxTime(1, 0)));
+            ASSERT_NE(nullptr, f);
+            auto* s = reinterpret_cast<int16_t*>(f->data);
+            for (int k = 0; k < f->fillable; ++k, ++next) {
+                s[k] = rampAt(next);
+            }
+            f->filled = f->fillable;
+            out.queueFrame(f);
+        }
+    }
+
+    lxtest::TestNode node;
+    LxAudioOutputConnectable out;
+    std::unique_ptr<ProbeRenderer> renderer;
+    int next = 0;
+};
+
 /// The concrete manager, with the arbitration's registration refusable at will.
 class RefusingManager : public LxWin32Manager {
   public:

@@ -1,0 +1,1 @@
+lorvex_add_benchmark(audio_renderer SOURCES AudioRendererBench.cpp)
