@@ -31,6 +31,7 @@
 #include "LxWin32AudioPortConfig.h"
 #include "LxWin32AudioPortData.h"
 #include "LxWin32AudioRenderer.h"
+#include "LxWin32MidiPlayer.h"
 #include "LxWin32Mixer.h"
 
 #endif  // LORVEX_H

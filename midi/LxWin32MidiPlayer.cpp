@@ -1,0 +1,879 @@
+// LxWin32MidiPlayer: loading a MIDI clip, the channel protocol, the stream and its two buffers.
+#include "LxWin32MidiPlayer.h"
+
+#include "LxDataSource.h"
+#include "LxEvent.h"
+#include "LxLog.h"
+#include "LxManager.h"
+#include "LxQueue.h"
+#include "LxResult.h"
+#include "LxTimeBase.h"
+#include "LxWin32Manager.h"
+#include "midi/LxWin32MidiParser.h"
+#include "midi/LxWin32NewMidiParser.h"
+#include "platform/midi/LxpMidi.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+
+using lxp::HMIDISTRM;
+using lxp::MIDIHDR;
+using lxp::MMSYSERR_NOERROR;
+
+namespace {
+
+// The General MIDI power-on channel volume, also used for channels of a clip whose file model
+// could not be read: a used channel left at 0 would be silent for the whole clip.
+constexpr uint32_t kDefaultChannelVolume = 100;
+
+// parseNewBuffer's result when the data had already ended before the call.
+constexpr int kParseEndReached = LxWin32MidiParser::PARSE_END_REACHED;
+
+}  // namespace
+
+/// The parser's view of the player: the settings it reads and the volume table it writes, all
+/// atomics, as the parser runs on the device's callback thread too.
+class LxWin32MidiPlayer::ParserLink : public LxMidiParserOwner {
+  public:
+    explicit ParserLink(LxWin32MidiPlayer* p) : player(p) {}
+    float getParserGain() override { return player->gain.load(); }
+    float getParserTempoScale() override { return player->tempoScale.load(); }
+    bool takeTempoChanged() override { return player->tempoChanged.exchange(false); }
+    void storeChannelVolume(unsigned channel, uint32_t value) override {
+        if (channel < 16) {
+            player->channelVolumes[channel].store(value);
+        }
+    }
+
+  private:
+    LxWin32MidiPlayer* player;
+};
+
+LxWin32MidiPlayer::LxWin32MidiPlayer(LxManager* m, LxDataSource* source)
+    : LxPlayer(m, source),
+      LxAudioOutputPort(),
+      stream(nullptr),
+      parser(nullptr),
+      deviceId(lxp::MIDI_MAPPER),
+      gain(1.0f),
+      tempoScale(1.0f),
+      tempoChanged(false),
+      streamBuffers(nullptr),
+      buffersDone(2),
+      current(0),
+      headersPrepared(0),
+      streamState(STREAM_RUNNING),
+      active(0),
+      fileOpen(0),
+      priority(0.0f),
+      streamStarted(0),
+      endOfDataPending(false),
+      inactivePending(false),
+      holdingChannel(0),
+      parserLink(nullptr) {
+    channelType = LxMidiChannel;
+    channelHeld = 0;
+    for (auto& v : channelVolumes) {
+        v.store(kDefaultChannelVolume);
+    }
+    streamBuffers = new (std::nothrow) LxMidiStreamBuffer[2]();
+    parserLink = new (std::nothrow) ParserLink(this);
+    startThread(&LxWin32MidiPlayer::callRunLoop);
+}
+
+LxWin32MidiPlayer::~LxWin32MidiPlayer() {
+    LxLog::postDebug("LxWin32MidiPlayer:  LxWin32MidiPlayer:  destructor\n");
+    waitAndShutdown();
+    // Normally the thread's shutdown() has released all of it already.
+    lock();
+    stopStreamLocked();
+    unlock();
+    delete parser;
+    parser = nullptr;
+    if (streamBuffers != nullptr) {
+        for (int i = 0; i < 2; ++i) {
+            std::free(streamBuffers[i].header.lpData);
+        }
+        delete[] streamBuffers;
+        streamBuffers = nullptr;
+    }
+    delete parserLink;
+    parserLink = nullptr;
+}
+
+long LxWin32MidiPlayer::callRunLoop(void* player) {
+    static_cast<LxWin32MidiPlayer*>(player)->run();
+    return 0;
+}
+
+void LxWin32MidiPlayer::deviceCallback(lxp::MidiStreamObject* handle, uint32_t message, uintptr_t instance,
+                                       uintptr_t param1, uintptr_t) {
+    reinterpret_cast<LxWin32MidiPlayer*>(instance)->handleMidiCallback(handle, message, param1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The port
+
+long LxWin32MidiPlayer::setSoundLocation(const float*) {
+    return LX_OK;
+}
+
+const float* LxWin32MidiPlayer::getLocation() const {
+    return nullptr;
+}
+
+long LxWin32MidiPlayer::setGain(float g) {
+    LxLog::postDebug("LxWin32MidiPlayer:  setGain %5.3f\n", static_cast<double>(g));
+    if (!(g >= 0.0f && g <= 1.0f)) {  // NaN included
+        return LX_ERR_GENERIC;
+    }
+    gain.store(g);
+    if (getCurrentState() != STARTED) {
+        return LX_ERR_GENERIC;  // applied by the next start
+    }
+    LxSetGainEvent* event = new (std::nothrow) LxSetGainEvent(this, g);
+    if (event == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    nodeEventQueue->send(event);
+    return LX_OK;
+}
+
+long LxWin32MidiPlayer::setPan(float) {
+    return LX_OK;
+}
+
+float LxWin32MidiPlayer::getPan() const {
+    return 0.0f;
+}
+
+float LxWin32MidiPlayer::getGain() const {
+    return gain.load();
+}
+
+long LxWin32MidiPlayer::setPriority(float p) {
+    priority.store(p);
+    return LX_OK;
+}
+
+float LxWin32MidiPlayer::getPriority() const {
+    return priority.load();
+}
+
+long LxWin32MidiPlayer::setSpatialize(char) {
+    return LX_OK;
+}
+
+char LxWin32MidiPlayer::getSpatialize() const {
+    return 0;
+}
+
+char LxWin32MidiPlayer::hasChannel() const {
+    return holdingChannel.load();
+}
+
+long LxWin32MidiPlayer::grantChannel() {
+    LxLog::postDebug("LxWin32MidiPlayer:  we are told that we can acquire the channel\n");
+    lock();
+    holdingChannel.store(1);
+    channelHeld = 1;
+    if (active) {
+        startStreamLocked();
+    }
+    unlock();
+    return LX_OK;
+}
+
+long LxWin32MidiPlayer::revokeChannel() {
+    LxLog::postDebug("LxWin32MidiPlayer:  we are told we have to give up our channel\n");
+    lock();
+    holdingChannel.store(0);
+    channelHeld = 0;
+    // The player still wants to sound: a later grant plays the clip again from its start. A
+    // stream left open by a refused stop goes too: a port without the channel holds no device.
+    if (active || stream.load() != nullptr) {
+        stopStreamLocked();
+    }
+    unlock();
+    return LX_OK;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Player operations
+
+long LxWin32MidiPlayer::getNewAudioPort(LxAudioOutputPort** port) {
+    if (port == nullptr) {
+        return LX_ERR_GENERIC;
+    }
+    *port = this;
+    return LX_OK;
+}
+
+long LxWin32MidiPlayer::setRateAll(float* rate) {
+    LxLog::postDebug("LxWin32MidiPlayer:  setRateAll %5.3f\n",
+                     rate != nullptr ? static_cast<double>(*rate) : 0.0);
+    const long result = LxPlayer::setRateAll(rate);
+    if (result != LX_OK) {
+        return result;
+    }
+    setTempoScale(*rate);
+    return LX_OK;
+}
+
+void LxWin32MidiPlayer::handleNodeEvent(LxEvent* event) {
+    if (event->getEventType() == LxSetGainEventType) {
+        setAllChannelVolume();
+        event->unref();
+        return;
+    }
+    event->ref();
+    LxPlayer::handleNodeEvent(event);
+    event->unref();
+}
+
+long LxWin32MidiPlayer::stopAll() {
+    if (active) {
+        active = 0;
+        stopStreamLocked();
+        // The caller holds the signal: the manager hears of it from the player thread.
+        inactivePending.store(true);
+    }
+    return LxPlayer::stopAll();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The stream
+
+void LxWin32MidiPlayer::setTempoScale(float scale) {
+    tempoScale.store(scale);
+    if (getCurrentState() == STARTED && stream.load() != nullptr) {
+        tempoChanged.store(true);
+    }
+}
+
+long LxWin32MidiPlayer::getChannelVolume(unsigned long channel) const {
+    return channel < 16 ? static_cast<long>(channelVolumes[channel].load()) : -1;
+}
+
+bool LxWin32MidiPlayer::sendChannelVolume(unsigned c) {
+    HMIDISTRM s = stream.load();
+    if (getCurrentState() != STARTED || s == nullptr) {
+        return false;
+    }
+    uint32_t value = static_cast<uint32_t>(static_cast<float>(channelVolumes[c].load()) * gain.load());
+    value = std::min<uint32_t>(value, 127);  // a data byte; only a broken file stores more
+    const uint32_t message = (value << 16) | 0x0700u | 0xB0u | c;
+    if (lxp::midiOutShortMsg(s, message) != MMSYSERR_NOERROR) {
+        LxLog::postDebug("LxWin32MidiPlayer:  Failed to set channel volume\n");
+        return false;
+    }
+    return true;
+}
+
+long LxWin32MidiPlayer::setAllChannelVolume() {
+    LxLog::postDebug("LxWin32MidiPlayer:  setAllChannelVolume()");
+    lock();
+    for (unsigned c = 0; c < 16; ++c) {
+        sendChannelVolume(c);
+    }
+    unlock();
+    return LX_OK;
+}
+
+long LxWin32MidiPlayer::setChannelVolume(unsigned long channel) {
+    if (channel >= 16) {
+        return LX_ERR_GENERIC;
+    }
+    lock();
+    const bool sent = sendChannelVolume(static_cast<unsigned>(channel));
+    unlock();
+    return sent ? LX_OK : LX_ERR_GENERIC;
+}
+
+int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart, bool* sendFailed) {
+    LxMidiStreamBuffer& b = streamBuffers[i];
+    HMIDISTRM s = stream.load();
+    b.writeBase = 0;
+    b.capacity = kStreamBufferBytes;
+    b.startTick = 0;
+    b.overLimit = 0;
+    b.bytesUsed = 0;
+    b.header.dwBufferLength = kStreamBufferBytes;
+    if ((b.header.dwFlags & lxp::MHDR_PREPARED) == 0) {
+        b.header.dwFlags = 0;
+    }
+    const int parsed = parser->parseNewBuffer(restart, &b);
+    if (parsed != 0 && parsed != kParseEndReached) {
+        LxLog::postDebug("LxWin32MidiPlayer:  Initial parse pass failed\n");
+        return parsed;
+    }
+    b.header.dwBytesRecorded = b.bytesUsed;
+    if ((b.header.dwFlags & lxp::MHDR_PREPARED) == 0 &&
+        lxp::midiOutPrepareHeader(s, &b.header, sizeof(MIDIHDR)) != MMSYSERR_NOERROR) {
+        LxLog::postDebug("LxWin32MidiPlayer:  Failed to prepare buffer headers\n");
+        return LxWin32MidiParser::PARSE_ADD_FAILED;
+    }
+    if (lxp::midiStreamOut(s, &b.header, sizeof(MIDIHDR)) != MMSYSERR_NOERROR) {
+        LxLog::postDebug("LxWin32MidiPlayer:  Failed to send out MIDI stream\n");
+        *sendFailed = true;
+        return LxWin32MidiParser::PARSE_ADD_FAILED;
+    }
+    buffersDone.fetch_sub(1);
+    return parsed;
+}
+
+long LxWin32MidiPlayer::initPlayer() {
+    LxLog::postDebug("LxWin32MidiPlayer:  initPlayer()\n");
+    lock();
+    bool ok = true;
+    if (!fileOpen) {
+        LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
+        const char* name = pull != nullptr ? pull->getLocalFileName() : nullptr;
+        if (parser == nullptr || name == nullptr || parser->openFile(name) != 1) {
+            unlock();
+            return 0;
+        }
+        fileOpen = 1;
+    }
+    if (stream.load() == nullptr) {
+        HMIDISTRM s = nullptr;
+        KtMutex* access = LxWin32Manager::midiAccessMutex;
+        if (access != nullptr) {
+            access->lock();
+        }
+        const lxp::MMRESULT opened =
+            lxp::midiStreamOpen(&s, &deviceId, 1, &LxWin32MidiPlayer::deviceCallback,
+                                reinterpret_cast<uintptr_t>(this), lxp::CALLBACK_FUNCTION);
+        if (access != nullptr) {
+            access->unlock();
+        }
+        if (opened != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to open midi stream\n");
+            ok = false;
+        } else {
+            stream.store(s);
+            buffersDone.store(2);
+            headersPrepared = 0;
+            streamState.store(STREAM_RUNNING);
+        }
+    }
+    if (ok) {
+        for (int i = 0; ok && i < 2; ++i) {
+            if (streamBuffers == nullptr) {
+                ok = false;
+            } else if (streamBuffers[i].header.lpData == nullptr) {
+                streamBuffers[i].header.lpData = static_cast<char*>(std::calloc(kStreamBufferBytes, 1));
+                ok = streamBuffers[i].header.lpData != nullptr;
+            }
+        }
+        if (!ok) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to allocate memory for streamBuffers\n");
+        }
+    }
+    if (ok) {
+        lxp::MIDIPROPTIMEDIV division{sizeof(lxp::MIDIPROPTIMEDIV), parser->getDivision()};
+        if (lxp::midiStreamProperty(stream.load(), reinterpret_cast<uint8_t*>(&division),
+                                    lxp::MIDIPROP_SET | lxp::MIDIPROP_TIMEDIV) != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to set the time division\n");
+            ok = false;
+        }
+    }
+    if (ok) {
+        // With the stop wait's lock held, a buffer the device hands back early is counted only
+        // after it was counted out here.
+        stopWait.lock();
+        current = 0;
+        bool sendFailed = false;
+        for (int i = 0; i < 2; ++i) {
+            const int parsed = fillAndQueueLocked(i, i == 0, &sendFailed);
+            if (parsed == kParseEndReached) {
+                break;
+            }
+            if (parsed != 0) {
+                ok = false;
+                break;
+            }
+        }
+        stopWait.unlock();
+        if (sendFailed) {
+            active = 0;
+        }
+    }
+    if (!ok) {
+        // Everything opened here goes again, so that a later grant or start begins afresh and no
+        // stream is left holding the single MIDI device.
+        stopStreamLocked();
+        unlock();
+        return 0;
+    }
+    headersPrepared = 1;
+    unlock();
+    return 1;
+}
+
+long LxWin32MidiPlayer::startMidi() {
+    lock();
+    if (stream.load() == nullptr && initPlayer() != 1) {
+        LxLog::postDebug("LxWin32MidiPlayer:  failed to initialize the MIDI player\n");
+        unlock();
+        return 0;
+    }
+    stopWait.lock();
+    streamState.store(STREAM_RUNNING);
+    stopWait.unlock();
+    long result = 1;
+    if (lxp::midiStreamRestart(stream.load()) != MMSYSERR_NOERROR) {
+        LxLog::postDebug("LxWin32MidiPlayer:  failed to restart the stream\n");
+        result = 0;
+    }
+    streamStarted = 1;
+    setAllChannelVolume();
+    unlock();
+    return result;
+}
+
+void LxWin32MidiPlayer::startStreamLocked() {
+    // The same decision may arrive twice (from the grant made inside the manager's answer and
+    // from the answer itself): the stream is started once.
+    if (streamStarted) {
+        return;
+    }
+    // A stream left open by a stop the device refused is closed first, so that the clip starts
+    // again from its beginning.
+    if (stream.load() != nullptr) {
+        stopStreamLocked();
+    }
+    startMidi();
+}
+
+long LxWin32MidiPlayer::stopMidi(char tellManager) {
+    lock();
+    const long result = stopStreamLocked();
+    unlock();
+    if (tellManager && result == LX_OK && manager != nullptr) {
+        LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
+        manager->updatePortChannel(this, LxTime::zero(), 0);
+    }
+    return result;
+}
+
+long LxWin32MidiPlayer::stopStreamLocked() {
+    HMIDISTRM s = stream.load();
+    streamStarted = 0;
+    if (s != nullptr) {
+        bool mustWait = false;
+        stopWait.lock();
+        if (streamState.load() != STREAM_STOPPED) {
+            // Set before the device is stopped, so that the callback does not queue a buffer
+            // again into the stopped stream. A stop also overrides a pending end of data.
+            if (buffersDone.load() >= 2) {
+                streamState.store(STREAM_STOPPED);
+            } else {
+                streamState.store(STREAM_STOPPING);
+                mustWait = true;
+            }
+        }
+        stopWait.unlock();
+        // Stopped and reset even when no buffer is out: both end every sounding note.
+        if (lxp::midiStreamStop(s) != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to stop MIDI stream\n");
+            return LX_ERR_GENERIC;
+        }
+        if (lxp::midiOutReset(s) != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to reset MIDI stream\n");
+            return LX_ERR_GENERIC;
+        }
+        if (mustWait) {
+            stopWait.lock();
+            while (streamState.load() != STREAM_STOPPED) {
+                stopWait.wait(KT_INFINITE);
+            }
+            stopWait.unlock();
+        }
+    }
+    streamState.store(STREAM_RUNNING);
+    // This stream's end of data (if the callback reported one) is no longer news.
+    endOfDataPending.store(false);
+    if (fileOpen) {
+        if (parser != nullptr) {
+            parser->closeFile();
+        }
+        fileOpen = 0;
+    }
+    freeBuffers();
+    if (s != nullptr) {
+        if (lxp::midiStreamClose(s) != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to close MIDI stream\n");
+        }
+        stream.store(nullptr);
+        buffersDone.store(2);
+    }
+    return LX_OK;
+}
+
+void LxWin32MidiPlayer::freeBuffers() {
+    lock();
+    HMIDISTRM s = stream.load();
+    bool keep[2] = {false, false};
+    for (int i = 0; streamBuffers != nullptr && i < 2; ++i) {
+        MIDIHDR& h = streamBuffers[i].header;
+        if (s != nullptr && (h.dwFlags & lxp::MHDR_PREPARED) != 0 &&
+            lxp::midiOutUnprepareHeader(s, &h, sizeof(MIDIHDR)) != MMSYSERR_NOERROR) {
+            LxLog::postDebug("LxWin32MidiPlayer:  Failed to unprepare MIDI header\n");
+            keep[i] = (h.dwFlags & lxp::MHDR_INQUEUE) != 0;  // the device still reads it
+        }
+    }
+    headersPrepared = 0;
+    for (int i = 0; streamBuffers != nullptr && i < 2; ++i) {
+        if (!keep[i]) {
+            std::free(streamBuffers[i].header.lpData);
+            streamBuffers[i].header.lpData = nullptr;
+            streamBuffers[i].header.dwFlags = 0;
+        }
+    }
+    unlock();
+}
+
+void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintptr_t parameter) {
+    if (message != lxp::MOM_DONE) {
+        return;
+    }
+    LxLog::postDebug("LxWin32MidiPlayer:  MOM_DONE\n");
+    // The refill runs here, on the device's thread, without the signal: it takes only the stop
+    // wait's lock, which no one holds for long, and allocates nothing but the wake-up at the end
+    // of the data.
+    stopWait.lock();
+    if (streamState.load() == STREAM_STOPPED) {
+        LxLog::postDebug("LxWin32MidiPlayer:    CALLBACKDEAD\n");
+        stopWait.unlock();
+        return;
+    }
+    buffersDone.fetch_add(1);
+    if (streamState.load() == STREAM_RUNNING && getCurrentState() == STARTED && parser != nullptr &&
+        streamBuffers != nullptr) {
+        const MIDIHDR* back = reinterpret_cast<const MIDIHDR*>(parameter);
+        const int i = back == &streamBuffers[1].header ? 1 : back == &streamBuffers[0].header ? 0 : current;
+        LxMidiStreamBuffer& b = streamBuffers[i];
+        b.writeBase = 0;
+        b.capacity = kStreamBufferBytes;
+        b.startTick = 0;
+        b.bytesUsed = 0;
+        b.overLimit = 0;
+        const int parsed = parser->parseNewBuffer(false, &b);
+        if (parsed == 0) {
+            b.header.dwBytesRecorded = b.bytesUsed;
+            if (lxp::midiStreamOut(static_cast<HMIDISTRM>(handle), &b.header, sizeof(MIDIHDR)) ==
+                MMSYSERR_NOERROR) {
+                current = 1 - i;
+                buffersDone.fetch_sub(1);
+            } else {
+                LxLog::postDebug("LxWin32MidiPlayer:  Failed to send out MIDI stream buffer\n");
+                parser->closeFile();
+            }
+        } else if (parsed == kParseEndReached) {
+            streamState.store(STREAM_DATA_END);
+        } else {
+            LxLog::postDebug("LxWin32MidiPlayer:  parseNewBuffer() failed from MIDI callback\n");
+            parser->closeFile();
+        }
+    }
+    if (buffersDone.load() == 2) {
+        if (streamState.load() == STREAM_STOPPING) {
+            streamState.store(STREAM_STOPPED);
+            stopWait.notifyAll();
+        } else if (streamState.load() == STREAM_DATA_END) {
+            // Both buffers have played out. Closing the stream and reporting the end are the
+            // player thread's: it holds the signal for them and may call the manager after.
+            streamState.store(STREAM_STOPPED);
+            endOfDataPending.store(true);
+            if (LxEvent* wake = new (std::nothrow) LxEvent(this)) {
+                nodeEventQueue->send(wake);
+            }
+        }
+    }
+    stopWait.unlock();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The player thread
+
+long LxWin32MidiPlayer::readFileModel(const char* fileName) {
+    LxWin32NewMidiParser* model = new (std::nothrow) LxWin32NewMidiParser();
+    if (model == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    // A file the model cannot read leaves the duration unknown and the channel volumes as they
+    // are; the stream parser then decides whether the clip can be played.
+    if (fileName != nullptr && model->loadFile(fileName) == LX_OK) {
+        LxLog::postDebug("LxWin32MidiPlayer:  loaded the file.  We have %d tracks\n",
+                         static_cast<int>(model->getTrackCount()));
+        int64_t lastTick = 0;
+        for (long i = 0; i < model->getTrackCount(); ++i) {
+            lastTick = std::max(lastTick, model->getLastTick(i));
+        }
+        const int64_t ns =
+            LxWin32NewMidiParser::tickToTime(lastTick, model->getDivision(), model->getTempoMap());
+        const LxTime length(static_cast<double>(ns) * 1e-9);
+        LxLog::postDebug("LxWin32MidiPlayer:  duration is %5.3f secs\n", length.getValue());
+        lock();
+        const LxTime old = duration;
+        duration = length;
+        unlock();
+        postEvent(new (std::nothrow) LxDurationChangedEvent(this, old, length));
+        const uint8_t* used = model->getChannelsUsed();
+        for (int c = 0; c < 16; ++c) {
+            channelVolumes[c].store(used[c] ? kDefaultChannelVolume : 0);
+        }
+    }
+    delete model;
+    return LX_OK;
+}
+
+long LxWin32MidiPlayer::loadClip() {
+    LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
+    const char* fileName = pull != nullptr ? pull->getLocalFileName() : nullptr;
+    const long modelResult = readFileModel(fileName);
+    if (modelResult != LX_OK) {
+        return modelResult;
+    }
+    if (parserLink == nullptr || streamBuffers == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    LxWin32MidiParser* p = new (std::nothrow) LxWin32MidiParser(parserLink);
+    if (p == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    lock();
+    parser = p;
+    unlock();
+    if (fileName == nullptr || p->openFile(fileName) != 1) {
+        return LX_ERR_MIDI_OPEN;
+    }
+    LxLog::postDebug("LxWin32MidiPlayer:  telling manager we want a channel\n");
+    lock();
+    fileOpen = 1;
+    unlock();
+    const long result = manager != nullptr ? manager->requestPortChannel(this, LxTime::zero())
+                                           : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
+    if (result == LX_ERR_CHANNEL_TYPE_UNAVAILABLE) {
+        LxLog::postDebug("LxWin32MidiPlayer: manager told us can't render MIDI\n");
+        return LX_ERR_MIDI_RENDER;
+    }
+    return LX_OK;
+}
+
+unsigned long LxWin32MidiPlayer::leadWait() {
+    lock();
+    const LxTime media = clock->getMediaTime();
+    const LxTime sync = clock->getSyncTime();
+    const float rate = clock->getRate();
+    const LxTime latency = startLatency;
+    unlock();
+    const long lead = static_cast<long>((media.getValue() - sync.getValue() - latency.getValue()) * 1000.0);
+    if (lead == 0) {
+        return 0;
+    }
+    // The lead is media time, which the clock covers at |rate| media milliseconds per
+    // millisecond; a negative lead (a backward clock) is waited for by its size, not read as an
+    // unsigned count of weeks.
+    double ms = std::fabs(static_cast<double>(lead));
+    if (rate != 0.0f) {
+        ms /= std::fabs(static_cast<double>(rate));
+    }
+    return static_cast<unsigned long>(std::min(std::max(ms, 1.0), 4294967294.0));
+}
+
+unsigned long LxWin32MidiPlayer::stopTimeWait() {
+    lock();
+    LxTimeBase* tb = timeBase;
+    const LxTime stop = clock->getStopTime();
+    unlock();
+    if (tb == nullptr || stop == LxTime::maxTime()) {
+        return KT_INFINITE;
+    }
+    // Nothing else wakes the loop while the music plays, so it sleeps until the stop time.
+    const double ms = (stop.getValue() - tb->getRefTime().getValue()) * 1000.0;
+    return static_cast<unsigned long>(std::min(std::max(ms, 1.0), 4294967294.0));
+}
+
+void LxWin32MidiPlayer::goActive() {
+    lock();
+    if (active) {
+        unlock();
+        return;
+    }
+    LxLog::postDebug("LxWin32MidiPlayer:  Just moving to started\n");
+    postEvent(new (std::nothrow) LxActiveEvent(this));
+    LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going active\n");
+    // Set before the manager is asked, so that a grant made while it decides (on this thread or
+    // another) starts the stream itself.
+    active = 1;
+    const LxTime now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
+    unlock();
+    if (manager != nullptr) {
+        manager->updatePortChannel(this, now, 1);
+    }
+    lock();
+    if (active && holdingChannel.load() && getCurrentState() == STARTED) {
+        startStreamLocked();
+    }
+    unlock();
+}
+
+void LxWin32MidiPlayer::autoStop() {
+    LxLog::postDebug("LxWin32MidiPlayer:  auto-stopping\n");
+    lock();
+    const bool wasActive = active != 0;
+    // Cleared first: a grant arriving while the manager is told must not start the music again.
+    active = 0;
+    if (wasActive) {
+        stopStreamLocked();
+    }
+    unlock();
+    if (wasActive && manager != nullptr) {
+        LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
+        manager->updatePortChannel(this, LxTime::zero(), 0);
+    }
+    lock();
+    ownEndReached = 1;
+    handleStopTime(this);
+    unlock();
+}
+
+void LxWin32MidiPlayer::finishEndOfData() {
+    if (!endOfDataPending.load()) {
+        return;
+    }
+    lock();
+    // A stop or revoke that closed the stream meanwhile has made the report stale.
+    if (!endOfDataPending.exchange(false)) {
+        unlock();
+        return;
+    }
+    active = 0;  // cleared before the manager is told, as in autoStop
+    stopStreamLocked();
+    unlock();
+    if (manager != nullptr) {
+        LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
+        manager->updatePortChannel(this, LxTime::zero(), 0);
+    }
+    lock();
+    ownEndReached = 1;
+    handleEOM(this);  // loops by starting again, which makes the port active on the next pass
+    signal.notifyAll();
+    unlock();
+}
+
+void LxWin32MidiPlayer::tellManagerIfStopped() {
+    if (inactivePending.exchange(false) && manager != nullptr) {
+        LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
+        manager->updatePortChannel(this, LxTime::zero(), 0);
+    }
+}
+
+void LxWin32MidiPlayer::run() {
+    LxLog::postDebug("LxWin32MidiPlayer:  in run loop\n");
+    unsigned long w = 0;
+    for (;;) {
+        lock();
+        if (apiQueue->poll() || nodeEventQueue->poll()) {
+            processEventQueues();
+            unlock();
+        } else if (getCurrentState() == DEAD) {
+            unlock();
+            break;
+        } else {
+            unlock();
+            waitForEventOrTime(w);
+        }
+        tellManagerIfStopped();
+        finishEndOfData();
+
+        LxNodeState s = getCurrentState();
+        if (s == DEAD) {
+            w = 0;  // the next pass answers what is still queued and leaves
+            continue;
+        }
+        if (s == UNINITIALIZED) {
+            setCurrentState(INITIALIZING);
+            if (dataSource != nullptr) {
+                dataSource->connect();
+                dataSource->start();
+            }
+            s = getCurrentState();
+        }
+        if (s == INITIALIZING) {
+            LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
+            if (pull != nullptr && !pull->dataAvailable()) {
+                w = 100;
+                continue;
+            }
+            const long result = loadClip();
+            if (result != LX_OK) {
+                catastrophicError(result);
+                break;
+            }
+            postEvent(new (std::nothrow) LxInitializedEvent(this, LX_INITIALIZED_AUDIO));
+            setCurrentState(STOPPED);
+            w = KT_INFINITE;
+            continue;
+        }
+        if (s == STOPPED) {
+            w = KT_INFINITE;
+            continue;
+        }
+        if (s != STARTED) {
+            LxLog::postDebug("LxWin32MidiPlayer:  entered state %d and we didn't expect it\n",
+                             static_cast<int>(s));
+            w = KT_INFINITE;
+            continue;
+        }
+
+        lock();
+        const char ended = ownEndReached;
+        unlock();
+        if (ended) {
+            w = KT_INFINITE;
+            continue;
+        }
+        w = leadWait();
+        if (w > 0) {
+            continue;
+        }
+        lock();
+        LxTimeBase* tb = timeBase;
+        const bool stopNow = tb != nullptr && tb->getRefTime() >= clock->getStopTime();
+        unlock();
+        if (tb == nullptr) {
+            LxLog::postDebug("LxWin32MidiPlayer:  timeBase is NULL!\n");
+        } else if (stopNow) {
+            autoStop();
+            w = KT_INFINITE;
+            continue;
+        }
+        goActive();
+        w = stopTimeWait();
+    }
+    LxLog::postDebug("LxWin32MidiPlayer:  Goodbye cruel world!\n");
+    LxLog::postDebug("LxWin32MidiPlayer:  releasing port channel\n");
+    if (manager != nullptr) {
+        manager->releasePortChannel(this);
+    }
+    genericShutdown();
+    shutdown();
+    lock();
+    threadRunning = 0;
+    signal.notifyAll();
+    unlock();
+}
+
+void LxWin32MidiPlayer::shutdown() {
+    lock();
+    stopStreamLocked();
+    LxWin32MidiParser* p = parser;
+    parser = nullptr;
+    unlock();
+    delete p;
+}
