@@ -4,6 +4,7 @@
 #include "LxLog.h"
 #include "LxResult.h"
 #include "LxWin32Manager.h"
+#include "LxWin32MidiPlayer.h"
 
 #include <cstring>
 #include <new>
@@ -22,7 +23,10 @@ long LxWin32Manager::createPlayer(LxDataSource* source, LxPlayer** out) {
     }
     LxLog::postDebug("LxWin32Manager:  creating player for MIME: %s\n", name);
     LxPlayer* player = nullptr;
-    if (std::strcmp(name, "application/x-sva") == 0) {
+    if (std::strcmp(name, "music/midi") == 0 || std::strcmp(name, "x-music/x-midi") == 0) {
+        LxLog::postDebug("LxWin32Manager:  creating a MIDI player\n");
+        player = new (std::nothrow) LxWin32MidiPlayer(this, source);
+    } else if (std::strcmp(name, "application/x-sva") == 0) {
         LxLog::postDebug("LxWin32Manager:  attempting to load RMA core dll\n");
         KtModule library = KtWin32Library::LoadWin32Library("lx12_rmaplayer.dll");
         if (library == nullptr) {
