@@ -27,7 +27,7 @@
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/midi/LxpMidiSim.h"
 
-#include "../audio/RendererTestKit.h"
+#include "../audio/RendererKit.h"
 
 #include <gtest/gtest.h>
 
@@ -74,7 +74,7 @@ class RendererWavTest : public ::testing::Test {
         ASSERT_EQ(LX_OK, manager->initSubSystem(INIT_TIMERS | INIT_AUDIO));
         timeBase = manager->getMasterTimeBase();
 
-        framesBefore = lxtest::dataOf(lxtest::readFile(wavPath)).size() / 4;
+        framesBefore = samples16(wavPath, 2, 0).size();
         const double a = timeBase->getRefTime().getValue();
         ASSERT_EQ(LX_OK, static_cast<LxWin32Mixer*>(manager->getMixer())->initDirectSound());
         const double b = timeBase->getRefTime().getValue();
@@ -109,18 +109,12 @@ class RendererWavTest : public ::testing::Test {
         return p;
     }
 
-    /// Ends the manager (which completes the file) and reads one channel of what was heard.
+    /// Ends the manager (which completes the file) and reads what was heard.
     void finish() {
         manager->closeManager();
         manager = nullptr;
-        const std::vector<int16_t> all = samples16FromData(lxtest::dataOf(lxtest::readFile(wavPath)));
-        left = channelOf(all, 2, 0);
-        right = channelOf(all, 2, 1);
-    }
-    static std::vector<int16_t> samples16FromData(const std::string& data) {
-        std::vector<int16_t> s(data.size() / 2);
-        std::memcpy(s.data(), data.data(), s.size() * 2);
-        return s;
+        left = samples16(wavPath, 2, 0);
+        right = samples16(wavPath, 2, 1);
     }
 
     long indexAt(double refSeconds) const {
@@ -171,16 +165,15 @@ TEST_F(RendererWavTest, AClipStartsOnTimeIsHeardWholeAndEndsInSilence) {
     sleepSeconds(0.8);
     finish();
 
-    const std::vector<int16_t> all = samples16(path);
-    const std::vector<int16_t> clipL = channelOf(all, 2, 0);
-    const std::vector<int16_t> clipR = channelOf(all, 2, 1);
+    const std::vector<int16_t> clipL = samples16(path, 2, 0);
+    const std::vector<int16_t> clipR = samples16(path, 2, 1);
     const long onset = onsetNear(left, clipL, start.getValue());
     const double error = (timeAt(onset) - start.getValue()) * 1000.0;
     std::printf("[ measured ] onset %+.1f ms from the time asked for\n", error);
     EXPECT_NEAR(0.0, error, 20.0) << "started off time";
     long first = -1;
-    EXPECT_EQ(0u, mismatches(left, onset, clipL, 1, &first)) << "left: first wrong sample at " << first;
-    EXPECT_EQ(0u, mismatches(right, onset, clipR, 1, &first)) << "right: first wrong sample at " << first;
+    EXPECT_EQ(0u, mismatches(left, onset, clipL, &first)) << "left: first wrong sample at " << first;
+    EXPECT_EQ(0u, mismatches(right, onset, clipR, &first)) << "right: first wrong sample at " << first;
     const size_t end = onset + clipL.size();
     EXPECT_LE(peak(left, end, end + kRate / 2), 1) << "sound after the clip's end";
     EXPECT_GE(left.size(), end + kRate / 2) << "the file ends too early";
@@ -207,13 +200,10 @@ TEST_F(RendererWavTest, ALoopRunsThreePeriodsWithoutSeamsAndAStopSilencesItAtOnc
 
     const std::vector<int16_t> clip = samples16(path);
     const long onset = onsetNear(left, clip, start.getValue());
-    std::vector<int16_t> periods;
-    for (int i = 0; i < 3; ++i) {
-        periods.insert(periods.end(), clip.begin(), clip.end());
-    }
+    std::vector<int16_t> periods = repeat(clip, 3);
     periods.insert(periods.end(), clip.begin(), clip.begin() + kRate / 4);  // into the fourth
     long first = -1;
-    EXPECT_EQ(0u, mismatches(left, onset, periods, 1, &first))
+    EXPECT_EQ(0u, mismatches(left, onset, periods, &first))
         << "first wrong sample at " << first << " (period " << (first < 0 ? 0 : first / clip.size() + 1)
         << ")";
     const long silentFrom = endOfSound(left, 2);
@@ -271,8 +261,8 @@ TEST_F(RendererWavTest, RateTwoPlaysAnOctaveUpAndAStopTimeCutsTheClipThere) {
     std::printf("[ measured ] stop time heard %+.1f ms from the time asked for\n", stopError);
     EXPECT_NEAR(0.0, stopError, 20.0);
     long first = -1;
-    EXPECT_EQ(0u, mismatches(left, onset, std::vector<int16_t>(clip.begin(), clip.begin() + (end - onset)), 1,
-                             &first))
+    EXPECT_EQ(
+        0u, mismatches(left, onset, std::vector<int16_t>(clip.begin(), clip.begin() + (end - onset)), &first))
         << "first wrong sample at " << first;
 }
 

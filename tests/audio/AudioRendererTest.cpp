@@ -1,0 +1,518 @@
+// The audio renderer over the simulated sound card: a concrete manager, WAVE players on sox
+// clips, and an output the test advances itself, so what is heard compares sample for sample
+// while the renderer and player threads run in real time.
+#include "LxAudioPlayer.h"
+#include "LxDataSource.h"
+#include "LxLog.h"
+#include "LxPlatformMidi.h"
+#include "LxPlatformProbe.h"
+#include "LxTimeBase.h"
+#include "LxVersionDetection.h"
+#include "LxWin32AudioOutputPort.h"
+#include "LxWin32AudioRenderer.h"
+#include "LxWin32Manager.h"
+#include "LxWin32Mixer.h"
+#include "RendererKit.h"
+#include "TestNodes.h"
+#include "platform/com/LxpCom.h"
+#include "platform/dshow/LxpGraphIds.h"
+#include "platform/kt/KtRecordingThreadManager.h"
+#include "platform/midi/LxpMidiSim.h"
+#include "platform/sound/LxpSimulatedSound.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+namespace {
+
+using namespace rendererkit;
+namespace simsound = lxp::simsound;
+
+/// The renderer with its fields readable under its own lock.
+class ProbeRenderer : public LxWin32AudioRenderer {
+  public:
+    using LxWin32AudioRenderer::LxWin32AudioRenderer;
+    using LxWin32AudioRenderer::setDuration;
+    struct Fields {
+        int32_t bufferSize, frameBytes, bytesPerSecond, lowWaterMark;
+        char isResident, residentDone, residentStarted, eomDone, draining, hasWritten, silentPacing,
+            resetPending, threadRunning;
+        int16_t portCount, framesCreated;
+        LxNodeState state;
+    };
+    Fields fields() {
+        waitNotify.lock();
+        const Fields f{bufferSize,    frameBytes,   bytesPerSecond,  lowWaterMark,
+                       isResident,    residentDone, residentStarted, eomDone,
+                       draining,      hasWritten,   silentPacing,    resetPending,
+                       threadRunning, portCount,    framesCreated,   getCurrentState()};
+        waitNotify.unlock();
+        return f;
+    }
+    LxWin32AudioOutputPort* port(int i) {
+        waitNotify.lock();
+        LxWin32AudioOutputPort* p = i < portCount ? ports[i] : nullptr;
+        waitNotify.unlock();
+        return p;
+    }
+};
+
+/// The concrete manager, with the arbitration's registration refusable at will.
+class RefusingManager : public LxWin32Manager {
+  public:
+    using LxWin32Manager::LxWin32Manager;
+    long requestPortChannel(LxAudioOutputPort* port, const LxTime& time) override {
+        return refuse ? LX_ERR_CHANNEL_TYPE_UNAVAILABLE : LxWin32Manager::requestPortChannel(port, time);
+    }
+    std::atomic<bool> refuse{false};
+};
+
+class AudioRendererTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!lxtest::haveTool("sox")) {
+            GTEST_SKIP() << "sox is not installed (scripts/install-deps.sh test installs it)";
+        }
+        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
+        lxp::midisim::reset();
+        lxp::comtest::reset();
+        lxp::comtest::failCreate(lxp::CLSID_FilterGraph, -1);  // the factory makes the WAVE player
+        simsound::Config sound;
+        sound.syncToClock = false;
+        simsound::use(sound);
+        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
+        LxResetDXAndWin32VersionCache();
+        LxWin32Mixer::resetClassStateForTests();
+        LxWin32Manager::resetExclusivityForTests();
+        manager = new RefusingManager(&threads);
+        manager->setWindow(&window);
+        ASSERT_EQ(LX_OK, manager->initSubSystem(INIT_TIMERS | INIT_AUDIO));
+        mixer = static_cast<LxWin32Mixer*>(manager->getMixer());
+        timeBase = manager->getMasterTimeBase();
+    }
+    void TearDown() override {
+        if (manager != nullptr) {
+            manager->closeManager();
+        }
+        EXPECT_EQ(0, simsound::liveBuffers()) << "sound buffers outlived the manager";
+        EXPECT_EQ(0, threads.liveThreads()) << "threads outlived the manager";
+        LxPlatformProbe::useSystem();
+        LxResetDXAndWin32VersionCache();
+        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+        lxp::comtest::reset();
+    }
+
+    std::string clip(const std::string& name, int channels, double seconds, const std::string& effect) {
+        const std::string path = soxClip16(dir, name, 44100, channels, seconds, effect);
+        EXPECT_FALSE(path.empty());
+        return path;
+    }
+    /// A renderer given a pull-style format, then the duration (which sets it up).
+    std::unique_ptr<ProbeRenderer> renderer(LxSampleFormat_s sf, LxAudioChannels_s ch, float rate,
+                                            char streaming, double seconds) {
+        auto r = std::make_unique<ProbeRenderer>(manager, mixer);
+        LxAudioFormat* format = new LxAudioFormat(sf, ch, rate, streaming, LxFormat::PullStream);
+        EXPECT_EQ(LX_OK, r->setFormat(format));
+        format->unref();  // the renderer holds its own reference
+        r->setDuration(LxTime(seconds));
+        return r;
+    }
+    /// A WAVE player from the factory on path, initialised, with a ProbeRenderer behind its
+    /// "Audio" and the master time base (which sets the renderer up).
+    LxPlayer* player(const std::string& path, ProbeRenderer** r,
+                     lxtest::RecordingListener* events = nullptr) {
+        sources.push_back(std::make_unique<LxFilenameDataSource>(path.c_str()));
+        LxPlayer* p = nullptr;
+        EXPECT_EQ(LX_OK, manager->createPlayer(sources.back().get(), &p));
+        EXPECT_NE(nullptr, dynamic_cast<LxAudioPlayer*>(p));
+        if (events != nullptr) {
+            p->setEventListener(events);
+        }
+        EXPECT_TRUE(lxtest::waitUntil([&] { return p->getState() == LxNode::STOPPED; }));
+        LxOutputConnectable* out = nullptr;
+        p->getOutputConnectable("Audio", &out);
+        *r = new ProbeRenderer(manager, mixer);
+        EXPECT_EQ(LX_OK, manager->connect(out, *r));
+        EXPECT_EQ(LX_CONNECTED_AUDIO, manager->connectAllUnconnected(p)) << "no second renderer";
+        EXPECT_EQ(LX_OK, p->setTimeBase(timeBase));
+        return p;
+    }
+    /// Starts p now; returns once its renderer has written its first samples, loaded its resident
+    /// clip, or started a loaded one again.
+    void start(LxPlayer* p, ProbeRenderer* r) {
+        const bool replay = r->fields().residentDone;
+        ASSERT_EQ(LX_OK, p->startAtTime(timeBase->getRefTime()));
+        ASSERT_TRUE(lxtest::waitUntil([&] {
+            const ProbeRenderer::Fields f = r->fields();
+            return replay ? f.residentStarted != 0 : f.hasWritten || f.residentDone;
+        }));
+    }
+    /// Renders ms of output 10 ms at a time, each step once every renderer has kept ahead of the
+    /// output (a buffer never written reports itself full, so only a written one counts): the
+    /// comparison then judges the renderer's data path, not the test's pace.
+    void play(std::vector<ProbeRenderer*> rs, int ms) {
+        for (int t = 0; t < ms; t += 10) {
+            for (ProbeRenderer* r : rs) {
+                ASSERT_TRUE(lxtest::waitUntil([&] {
+                    const ProbeRenderer::Fields f = r->fields();
+                    if (f.isResident || f.state != LxNode::STARTED || f.draining || f.eomDone) {
+                        return !f.isResident || f.residentDone || f.state != LxNode::STARTED;
+                    }
+                    return f.hasWritten && r->port(0)->getFilled() >= f.bytesPerSecond * 3 / 10;
+                })) << "the renderer did not keep its buffer filled";
+            }
+            simsound::advanceMs(10);
+        }
+    }
+    static std::vector<int16_t> heard(int ch = 0) {
+        std::vector<int16_t> out;
+        for (float f : simsound::outputChannel(ch)) {
+            out.push_back(
+                static_cast<int16_t>(std::lround(std::max(-32768.0f, std::min(32767.0f, f * 32768.0f)))));
+        }
+        return out;
+    }
+    /// The output is ref, from its first sample, then at least `silence` samples of silence.
+    static void expectClipThenSilence(const std::vector<int16_t>& out, const std::vector<int16_t>& ref,
+                                      size_t silence) {
+        long first = -1;
+        EXPECT_EQ(0u, mismatches(out, 0, ref, &first))
+            << "first wrong sample at " << first << " of " << ref.size();
+        EXPECT_GE(out.size(), ref.size() + silence);
+        EXPECT_LE(peak(out, ref.size(), ref.size() + silence), 1) << "sound after the clip's end";
+    }
+
+    KtRecordingThreadManager threads;
+    LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
+    RefusingManager* manager = nullptr;
+    LxWin32Mixer* mixer = nullptr;
+    LxTimeBase* timeBase = nullptr;
+    lxtest::TempDir dir;
+    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+};
+
+TEST_F(AudioRendererTest, BuffersAndFramesAreSizedFromTheClipOnce) {
+    struct {
+        LxSampleFormat_s sf;
+        LxAudioChannels_s ch;
+        float rate;
+        char streaming;
+        double seconds;
+        char resident;
+        int32_t bufferSize, frameBytes, lowWaterMark;
+    } const cases[] = {
+        {LxSample16, LxStereo, 44100, 0, 1.0, 1, 176400, 88200, 13230},   // exactly the clip
+        {LxSample16, LxStereo, 44100, 0, 2.0, 0, 264600, 88200, 13230},   // 2 s streams: 1.5 s
+        {LxSample16, LxStereo, 44100, 0, -1.0, 0, 264600, 88200, 13230},  // unknown length streams
+        {LxSample8, LxMono, 11025, 0, 3.0, 0, 16538, 5513, 826},          // 16537.5 rounds up
+        {LxSample16, LxMono, 11025, 0, 3.0, 0, 33076, 11025, 1653},       // odd made even
+        {LxSample8, LxStereo, 8000, 0, 1.9, 1, 30400, 8000, 1200},        // 1.9 s is inexact
+        {LxSample16, LxStereo, 22050, 1, 10.0, 0, 529200, 44100, 6615},   // a streaming source: 6 s
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.rate << " Hz, " << c.seconds << " s");
+        auto r = renderer(c.sf, c.ch, c.rate, c.streaming, c.seconds);
+        const ProbeRenderer::Fields f = r->fields();
+        EXPECT_EQ(c.resident, f.isResident);
+        EXPECT_EQ(c.bufferSize, f.bufferSize);
+        EXPECT_EQ(c.frameBytes, f.frameBytes);
+        EXPECT_EQ(c.lowWaterMark, f.lowWaterMark);
+        EXPECT_EQ(6, f.framesCreated);
+        EXPECT_EQ(1, simsound::liveBuffers()) << "one master port and buffer";
+        // A later duration (a player that learns its length) changes nothing of the set-up.
+        r->setDuration(LxTime(c.seconds + 5.0));
+        EXPECT_EQ(c.bufferSize, r->fields().bufferSize);
+        EXPECT_EQ(6, r->fields().framesCreated);
+        EXPECT_EQ(1, simsound::liveBuffers());
+    }
+}
+
+// The first port is the master; further ones are duplicates with channels of their own, up to 32;
+// a port the arbitration refuses, and every port of a renderer that goes, leaves nothing behind.
+TEST_F(AudioRendererTest, PortsAreTheMasterThenUpToThirtyOneDuplicatesAndNothingOutlivesThem) {
+    lxtest::requireLog();
+    auto early = std::make_unique<ProbeRenderer>(manager, mixer);
+    LxAudioOutputPort* port = nullptr;
+    EXPECT_EQ(LX_ERR_GENERIC, early->getNewAudioPort(&port)) << "no port before the set-up";
+    ASSERT_EQ(LX_OK, manager->setSpatializeSounds(1));  // duplicates need buffers with 3D control
+    auto r = renderer(LxSample16, LxMono, 22050, 0, 1.0);
+    ASSERT_EQ(LX_OK, r->getNewAudioPort(&port));
+    EXPECT_EQ(r->port(0), port);
+    for (int i = 2; i <= LxWin32AudioRenderer::kMaxPorts; ++i) {
+        LxAudioOutputPort* dup = nullptr;
+        ASSERT_EQ(LX_OK, r->getNewAudioPort(&dup)) << "port " << i;
+        EXPECT_TRUE(dup != port && dup->hasChannel()) << "port " << i;
+    }
+    EXPECT_TRUE(
+        LxLogSink::contains("LxWin32AudioRenderer:  Created a total of 2 ports for this audio clip\n"));
+    EXPECT_EQ(LX_ERR_GENERIC, r->getNewAudioPort(&port)) << "a 33rd port";
+    EXPECT_EQ(nullptr, port);
+    EXPECT_EQ(32, simsound::liveBuffers());
+    r.reset();
+    EXPECT_EQ(0, simsound::liveBuffers()) << "the renderer's ports kept their buffers";
+
+    r = renderer(LxSample16, LxMono, 22050, 0, 1.0);
+    EXPECT_TRUE(r->port(0)->hasChannel()) << "the channels came back";
+    ASSERT_EQ(LX_OK, r->getNewAudioPort(&port));
+    manager->refuse = true;
+    EXPECT_EQ(LX_ERR_GENERIC, r->getNewAudioPort(&port));
+    EXPECT_EQ(1, simsound::liveBuffers()) << "the refused port's buffer was kept";
+    auto dead = renderer(LxSample16, LxMono, 22050, 0, 1.0);
+    EXPECT_EQ(LxNode::DEAD, dead->fields().state) << "a refused master";
+    EXPECT_TRUE(lxtest::waitUntil([&] { return dead->fields().threadRunning == 0; }));
+}
+
+// Streaming (2.5 s) and resident (1 s) clips: every sample once, in order, then silence; the
+// player reports the end and stops. A resident clip started again plays from its buffer.
+TEST_F(AudioRendererTest, StreamingAndResidentClipsAreHeardWholeThenSilence) {
+    for (const double seconds : {2.5, 1.0}) {
+        SCOPED_TRACE(seconds);
+        simsound::clearOutput();
+        const std::string path = clip(seconds > 2 ? "long.wav" : "short.wav", 2, seconds, "whitenoise");
+        lxtest::RecordingListener events;
+        ProbeRenderer* r = nullptr;
+        LxPlayer* p = player(path, &r, &events);
+        EXPECT_EQ(seconds < 2 ? 1 : 0, r->fields().isResident);
+        start(p, r);
+        play({r}, static_cast<int>(seconds * 1000) + 600);
+        EXPECT_TRUE(lxtest::waitUntil([&] { return events.count(LxEndOfMediaEventType) == 1; }));
+        EXPECT_TRUE(lxtest::waitUntil([&] { return p->getState() == LxNode::STOPPED; }));
+        for (int ch = 0; ch < 2; ++ch) {
+            expectClipThenSilence(heard(ch), samples16(path, 2, ch), 22050);
+        }
+        if (seconds < 2) {
+            simsound::clearOutput();
+            start(p, r);
+            play({r}, 1200);
+            expectClipThenSilence(heard(0), samples16(path, 2, 0), 4410);
+        }
+        manager->destroyPlayer(p);
+    }
+}
+
+// A looping resident clip repeats from its buffer (the producer's frames are not needed any more);
+// a stop silences it before stop() returns; a restart at another media time plays from there.
+TEST_F(AudioRendererTest, ResidentLoopsStopAtOnceAndRestartAtTheNewPosition) {
+    lxtest::requireLog();
+    const std::string path = clip("beat.wav", 1, 0.5, "whitenoise");
+    ProbeRenderer* r = nullptr;
+    LxPlayer* p = player(path, &r);
+    p->setLoop(1);
+    start(p, r);
+    play({r}, 1600);
+    p->stop();
+    play({r}, 200);
+    const std::vector<int16_t> clip1 = samples16(path);
+    std::vector<int16_t> out = heard();
+    long first = -1;
+    EXPECT_EQ(0u, mismatches(out, 0, repeat(clip1, 3), &first)) << "first wrong sample at " << first;
+    EXPECT_LE(peak(out, 44100 * 16 / 10 + 441, out.size()), 1) << "heard after stop()";
+    EXPECT_TRUE(LxLogSink::contains("LxAR:  pull and toss\n"));
+
+    simsound::clearOutput();
+    p->setLoop(0);
+    ASSERT_EQ(LX_OK, p->setMediaTime(LxTime(0, 250000)));  // the buffer is the clip: it plays whole
+    start(p, r);
+    play({r}, 700);
+    expectClipThenSilence(heard(), clip1, 4410);
+}
+
+TEST_F(AudioRendererTest, AStreamingStopSilencesAtOnceAndARestartPlaysFromTheNewPosition) {
+    const std::string path = clip("stop.wav", 1, 4.0, "whitenoise");
+    ProbeRenderer* r = nullptr;
+    LxPlayer* p = player(path, &r);
+    start(p, r);
+    play({r}, 1000);
+    p->stop();
+    play({r}, 300);
+    const std::vector<int16_t> all = samples16(path);
+    std::vector<int16_t> out = heard();
+    long first = -1;
+    EXPECT_EQ(0u, mismatches(out, 0, std::vector<int16_t>(all.begin(), all.begin() + 44100), &first));
+    EXPECT_LE(peak(out, 44100, out.size()), 1) << "heard after stop()";
+
+    simsound::clearOutput();
+    ASSERT_EQ(LX_OK, p->setMediaTime(LxTime(2, 500000)));
+    start(p, r);
+    play({r}, 2000);
+    expectClipThenSilence(heard(), std::vector<int16_t>(all.begin() + 110250, all.end()), 4410);
+}
+
+// A producer that falls behind: once the level is below the low-water mark the renderer pads
+// with silence, so the buffer never plays its old samples again; late frames follow the gap whole.
+TEST_F(AudioRendererTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap) {
+    lxtest::TestNode node(manager);
+    LxAudioOutputConnectable out;
+    out.initFormats(LxSample16, LxMono, 22050.0f, 2, LxFormat::PullStream, 0);
+    out.initConnectable(&node);
+    auto r = std::make_unique<ProbeRenderer>(manager, mixer);
+    ASSERT_EQ(LX_OK, manager->connect(&out, r.get()));
+    ASSERT_EQ(LX_OK, r->setTimeBase(timeBase));
+    r->setDuration(LxTime(-1, 0));
+    int next = 0;
+    auto feed = [&](int frames) {
+        for (int i = 0; i < frames; ++i) {
+            auto* f = static_cast<LxAudioFrame*>(r->getEmptyFrame(LxTime(1, 0)));
+            for (int k = 0; k < f->fillable; ++k, ++next) {
+                reinterpret_cast<int16_t*>(f->data)[k] = static_cast<int16_t>(1000 + next);
+            }
+            f->filled = f->fillable;
+            out.queueFrame(f);
+        }
+    };
+    // The output moves on only while the renderer keeps three quarters of its low-water mark:
+    // a missed pass on a loaded machine must not fail the test, a renderer that never pads must.
+    const long keep = r->fields().lowWaterMark * 3 / 4;
+    auto advance = [&](int ms) {
+        for (int t = 0; t < ms; t += 10) {
+            ASSERT_TRUE(lxtest::waitUntil([&] { return r->port(0)->getFilled() > keep; })) << "ran dry";
+            simsound::advanceMs(10);
+        }
+    };
+    feed(2);
+    ASSERT_EQ(LX_OK, r->startAtTime(timeBase->getRefTime()));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r->fields().hasWritten != 0; }));
+    advance(2200);
+    feed(2);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r->port(0)->getFilled() > 11025; }));
+    advance(1200);
+    r->stop();
+
+    ASSERT_EQ(22050u, simsound::outputFormat().rate) << "the output follows the clip: samples compare 1:1";
+    const std::vector<int16_t> heardOut = heard();
+    std::vector<int16_t> ramp(44100);
+    for (int k = 0; k < 44100; ++k) {
+        ramp[k] = static_cast<int16_t>(1000 + k);
+    }
+    long first = -1;
+    EXPECT_EQ(0u, mismatches(heardOut, 0, std::vector<int16_t>(ramp.begin(), ramp.begin() + 22050), &first));
+    const long resumed = firstAbove(heardOut, 500, 22050);
+    EXPECT_GT(resumed, 22050 + 11025) << "no gap while the producer was late";
+    EXPECT_LE(peak(heardOut, 22050, resumed), 1) << "old buffer contents heard in the gap";
+    EXPECT_EQ(0u,
+              mismatches(heardOut, resumed, std::vector<int16_t>(ramp.begin() + 22050, ramp.end()), &first))
+        << "the late frames are not heard whole; first wrong sample at " << first;
+}
+
+// A backward clock has a negative lead until it starts: waited for by its size, the clip starts
+// on time (read as an unsigned count it would be weeks).
+TEST_F(AudioRendererTest, ABackwardClockIsWaitedForUntilItsStart) {
+    auto r = renderer(LxSample16, LxMono, 22050, 0, 3.0);
+    ASSERT_EQ(LX_OK, r->setTimeBase(timeBase));
+    float back = -1.0f;
+    ASSERT_EQ(LX_OK, r->setRate(&back));
+    const LxTime at(timeBase->getRefTime().getValue() + 0.3);
+    ASSERT_EQ(LX_OK, r->startAtTime(at));
+    r->notifyEndOfMedia();  // nothing to play: the end is reached as soon as the clock starts
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(0, r->fields().eomDone) << "went on before the clock started";
+    EXPECT_TRUE(lxtest::waitUntil([&] { return r->fields().eomDone != 0; }, 3000)) << "never started";
+    EXPECT_GE(timeBase->getRefTime().getValue(), at.getValue() - 0.005);
+}
+
+// With two channels, the weakest of three clips waits silently and comes in, at once, when a
+// stronger one stops. Each clip is a tone of its own.
+TEST_F(AudioRendererTest, TheWeakestOfThreeClipsWaitsSilentlyAndComesInWhenAStrongerStops) {
+    ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(2));
+    struct Voice {
+        LxPlayer* p;
+        ProbeRenderer* r;
+        LxAudioOutputPort* port;
+    } v[3];
+    const int hz[3] = {440, 660, 990};
+    const float priority[3] = {0.9f, 0.6f, 0.3f};
+    for (int i = 0; i < 3; ++i) {
+        v[i].p =
+            player(clip(std::to_string(hz[i]) + ".wav", 1, 3.0, "sine " + std::to_string(hz[i])), &v[i].r);
+        ASSERT_EQ(LX_OK, v[i].p->getNewAudioPort(&v[i].port));
+        v[i].port->setPriority(priority[i]);
+    }
+    for (int i : {0, 2, 1}) {  // the weakest starts before the middle one, and must still give way
+        start(v[i].p, v[i].r);
+    }
+    EXPECT_TRUE(v[0].port->hasChannel() && v[1].port->hasChannel());
+    EXPECT_FALSE(v[2].port->hasChannel());
+    auto power = [](int f) { return tonePower(heard(), 8820, 13230, f, 44100.0); };
+    play({v[0].r, v[1].r, v[2].r}, 500);
+    EXPECT_TRUE(power(440) > 0.01 && power(660) > 0.01);
+    EXPECT_LT(power(990), 0.0001) << "heard beyond the channel limit";
+
+    v[0].p->stop();
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        const ProbeRenderer::Fields f = v[2].r->fields();  // written into its new channel
+        return v[2].port->hasChannel() && !f.silentPacing && !f.resetPending;
+    })) << "the freed channel did not go to the waiting clip";
+    simsound::clearOutput();
+    play({v[1].r, v[2].r}, 500);
+    EXPECT_LT(power(440), 0.0001) << "the stopped clip is still heard";
+    EXPECT_TRUE(power(660) > 0.01 && power(990) > 0.01) << "the waiting clip did not come in";
+}
+
+// destroyPlayer on a playing clip: silent at once; its buffer and threads are gone when it returns,
+// and its channel goes to the clip that waits.
+TEST_F(AudioRendererTest, DestroyingAPlayingPlayerSilencesItAndGivesEverythingBack) {
+    ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
+    ProbeRenderer* r1 = nullptr;
+    ProbeRenderer* r2 = nullptr;
+    LxPlayer* first = player(clip("a.wav", 1, 3.0, "sine 440"), &r1);
+    LxPlayer* second = player(clip("b.wav", 1, 3.0, "sine 660"), &r2);
+    start(first, r1);
+    start(second, r2);
+    play({r1, r2}, 300);
+    const int buffers = simsound::liveBuffers();
+    const int threadCount = threads.liveThreads();
+    ASSERT_EQ(LX_OK, manager->destroyPlayer(first));
+    EXPECT_EQ(buffers - 1, simsound::liveBuffers());
+    EXPECT_EQ(threadCount - 2, threads.liveThreads()) << "the player and renderer threads";
+    simsound::clearOutput();
+    simsound::advanceMs(30);  // the waiting clip may come in already; the destroyed one is gone
+    EXPECT_LT(tonePower(heard(), 0, 1323, 440.0, 44100.0), 0.005) << "still heard";
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r2->port(0)->hasChannel() && !r2->fields().silentPacing; }));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return !r2->fields().resetPending; }));
+    simsound::clearOutput();
+    play({r2}, 400);
+    EXPECT_GT(tonePower(heard(), 4410, 13230, 660.0, 44100.0), 0.01) << "the freed channel was not given on";
+}
+
+// Two sound sources of one clip, far left at full gain and far right at half gain: both output
+// channels hold the clip, one at twice the level of the other. A port the mixer cannot duplicate
+// is refused with the mixer's code and leaves nothing behind.
+TEST_F(AudioRendererTest, TwoPortsOfOneClipSoundAtTheirOwnPlacesAndGains) {
+    ASSERT_EQ(LX_OK, manager->setSpatializeSounds(1));  // duplicates need buffers with 3D control
+    const std::string path = clip("noise.wav", 1, 2.5, "whitenoise");
+    ProbeRenderer* r = nullptr;
+    LxPlayer* p = player(path, &r);
+    LxAudioOutputPort* a = nullptr;
+    LxAudioOutputPort* b = nullptr;
+    ASSERT_EQ(LX_OK, p->getNewAudioPort(&a));
+    ASSERT_EQ(LX_OK, p->getNewAudioPort(&b));
+    const int buffers = simsound::liveBuffers();
+    simsound::failNext(lxp::sound::Op::DuplicateSoundBuffer);
+    LxAudioOutputPort* c = nullptr;
+    EXPECT_EQ(LX_ERR_GENERIC, p->getNewAudioPort(&c));
+    EXPECT_EQ(buffers, simsound::liveBuffers());
+    EXPECT_EQ(2, r->fields().portCount);
+
+    const float left[3] = {-5.0f, 0.0f, 0.0f};
+    const float right[3] = {5.0f, 0.0f, 0.0f};
+    a->setSoundLocation(left);
+    b->setSoundLocation(right);
+    b->setGain(0.5f);
+    start(p, r);
+    play({r}, 1500);
+    const std::vector<int16_t> mono = samples16(path);
+    double scores[2];
+    int peaks[2];
+    for (int ch = 0; ch < 2; ++ch) {
+        EXPECT_EQ(0, bestOffset(heard(ch), mono, 4096, 0, 64, &scores[ch]));
+        EXPECT_GT(scores[ch], 0.99) << "channel " << ch << " does not hold the clip";
+        peaks[ch] = peak(heard(ch), 0, 44100);
+    }
+    EXPECT_NEAR(2.0, double(std::max(peaks[0], peaks[1])) / std::max(1, std::min(peaks[0], peaks[1])), 0.15);
+}
+
+}  // namespace
