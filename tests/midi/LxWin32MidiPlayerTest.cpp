@@ -1,0 +1,534 @@
+// The MIDI player on a real manager over the simulated MIDI device in virtual time: the merged
+// stream's timing at three rates, gain, rate changes, looping, stop, the channel on a half-duplex
+// card, bad files and device failures.
+#include "LxWin32MidiPlayer.h"
+
+#include "FakeAudioPort.h"
+#include "LxDataSource.h"
+#include "LxLog.h"
+#include "LxPlatformMidi.h"
+#include "LxPlatformProbe.h"
+#include "LxResult.h"
+#include "LxTimeBase.h"
+#include "LxVersionDetection.h"
+#include "LxWin32Manager.h"
+#include "LxWin32Mixer.h"
+#include "MidiFiles.h"
+#include "TestNodes.h"
+#include "TestSupport.h"
+#include "platform/LxpDuplex.h"
+#include "platform/file/LxpFile.h"
+#include "platform/midi/LxpMidiSim.h"
+#include "platform/sound/LxpSimulatedSound.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <thread>
+
+namespace {
+
+using namespace miditest;
+namespace midisim = lxp::midisim;
+using Message = midisim::Message;
+
+uint32_t msg(int status, int d1, int d2 = 0) {
+    return status | d1 << 8 | d2 << 16;
+}
+std::string cc(uint32_t delta, int channel, int number, int value) {
+    return vlq(delta) + std::string{static_cast<char>(0xB0 | channel), static_cast<char>(number),
+                                    static_cast<char>(value)};
+}
+bool isNoteOn(uint32_t m) {
+    return (m & 0xF0) == 0x90 && (m >> 16) != 0;
+}
+
+/// A file source that reports no data until the test has attached its listener, so that no
+/// event of the player's load is missed.
+class GatedSource : public LxFilenameDataSource {
+  public:
+    GatedSource(const std::string& path, const char* content)
+        : LxFilenameDataSource(path.c_str()), content_(content) {}
+    char dataAvailable() override { return ready.load(); }
+    const char* getContentName() override {
+        return content_ != nullptr ? content_ : LxFilenameDataSource::getContentName();
+    }
+    std::atomic<bool> ready{false};
+
+  private:
+    const char* content_;
+};
+
+struct Clip {
+    std::unique_ptr<GatedSource> source;
+    LxPlayer* player = nullptr;
+    LxWin32MidiPlayer* midi = nullptr;
+    lxtest::RecordingListener events;
+};
+
+class MidiPlayerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        lxp::simsound::use();
+        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
+        midisim::reset();
+        lxp::duplex::reset();
+        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
+        LxResetDXAndWin32VersionCache();
+        LxWin32Mixer::resetClassStateForTests();
+        LxWin32Manager::resetExclusivityForTests();
+    }
+    void TearDown() override {
+        for (auto& c : clips_) {
+            manager_->destroyPlayer(c->player);
+        }
+        clips_.clear();
+        if (manager_ != nullptr) {
+            manager_->closeManager();
+        }
+        EXPECT_EQ(0, lxp::midiLiveDeviceThreads()) << "every stream is closed";
+        EXPECT_EQ(0, lxp::filetest::openHandles()) << "every file is closed";
+        lxp::duplex::reset();
+        LxPlatformProbe::useSystem();
+        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+    }
+
+    void startManager(bool halfDuplex = false) {
+        lxp::duplex::setHalfDuplex(halfDuplex);
+        manager_ = LxManager::createManager(&threads_);
+        manager_->setWindow(&window_);
+        ASSERT_EQ(LX_OK, manager_->initSubSystem(INIT_TIMERS | INIT_AUDIO));
+        midisim::clearMessages();
+    }
+
+    std::string file(const std::string& name, const std::string& bytes) {
+        const std::string path = dir_.file(name);
+        EXPECT_TRUE(lxtest::writeFile(path, bytes));
+        return path;
+    }
+    std::string abc(const std::string& name, const std::string& tune) {
+        const std::string src = file(name + ".abc", tune);
+        const std::string mid = dir_.file(name + ".mid");
+        EXPECT_EQ(0, lxtest::run("abc2midi '" + src + "' -o '" + mid + "' -silent >/dev/null 2>&1"));
+        return mid;
+    }
+
+    /// Creates the player through the factory and waits until it has loaded (or died).
+    Clip& load(const std::string& path, const char* content = nullptr) {
+        clips_.push_back(std::make_unique<Clip>());
+        Clip& c = *clips_.back();
+        c.source = std::make_unique<GatedSource>(path, content);
+        EXPECT_EQ(LX_OK, manager_->createPlayer(c.source.get(), &c.player));
+        c.midi = dynamic_cast<LxWin32MidiPlayer*>(c.player);
+        EXPECT_NE(nullptr, c.midi);
+        c.player->setEventListener(&c.events);
+        c.source->ready = true;
+        EXPECT_TRUE(lxtest::waitUntil([&] {
+            return c.events.count(LxInitializedEventType) + c.events.count(LxCatastrophicErrorEventType) > 0;
+        }));
+        c.player->setTimeBase(manager_->getMasterTimeBase());
+        return c;
+    }
+
+    /// Messages since index from: those of the stream buffers, or those sent directly whose
+    /// status and first data byte match kind (0x07B0 channel volume, 0x7BB0 all notes off).
+    static std::vector<Message> since(size_t from, bool fromStream, uint32_t kind = 0) {
+        const std::vector<Message> all = midisim::messages();
+        std::vector<Message> out;
+        for (size_t i = from; i < all.size(); ++i) {
+            if (all[i].fromStream == fromStream && (fromStream || (all[i].message & 0xFFF0) == kind)) {
+                out.push_back(all[i]);
+            }
+        }
+        return out;
+    }
+    static std::vector<Message> volumes(size_t from) { return since(from, false, 0x07B0); }
+    static size_t mark() { return midisim::messages().size(); }
+
+    /// Starts the player now and waits until the device plays: the device time of the start.
+    int64_t start(Clip& c) {
+        const size_t from = mark();
+        EXPECT_EQ(LX_OK, c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime()));
+        EXPECT_TRUE(lxtest::waitUntil([&] { return volumes(from).size() >= 16; }));
+        return midisim::nowMicros();
+    }
+    KtDefaultThreadManager threads_;
+    LxWin32Window window_;
+    LxManager* manager_ = nullptr;
+    lxtest::TempDir dir_;
+    std::vector<std::unique_ptr<Clip>> clips_;
+};
+
+// Two voices with program and controller changes, three tempi; many buffers long.
+const char* kTune =
+    "X:1\nT:Multi\nM:3/4\nL:1/8\nQ:1/4=100\n%%MIDI control 7 90\nK:G\nV:1\n%%MIDI program 73\n"
+    "GABc dB|[Q:1/4=140]e2 d2 B2|c2 A2 F2|G6|[Q:1/4=70]GABc dB|e2 d2 B2|]\nV:2\n%%MIDI program 32\n"
+    "G,2 D,2 G,2|C,2 E,2 C,2|D,2 F,2 A,2|G,6|G,2 D,2 G,2|C,2 E,2 C,2|]\n";
+
+TEST_F(MidiPlayerTest, PlaysEveryEventInTimeOrderAtTheTempoMapsTimesAtThreeRates) {
+    if (!lxtest::haveTool("abc2midi")) {
+        GTEST_SKIP() << "abc2midi (package abcmidi) is not installed";
+    }
+    startManager();
+    const std::string mid = abc("tune", kTune);
+    const RefFile ref = readReference(lxtest::readFile(mid));
+    ASSERT_GE(ref.tempos.size(), 3u);
+    std::vector<RefEvent> expected = ref.events;
+    std::stable_sort(expected.begin(), expected.end(), [](const RefEvent& a, const RefEvent& b) {
+        return a.tick < b.tick || (a.tick == b.tick && a.track < b.track);
+    });
+    const double length = ref.seconds(expected.back().tick);
+
+    Clip& c = load(mid);
+    for (float rate : {1.0f, 0.5f, 2.0f}) {
+        SCOPED_TRACE(rate);
+        float r = rate;
+        ASSERT_EQ(LX_OK, c.player->setRate(&r));
+        const size_t from = mark();
+        const size_t eoms = c.events.count(LxEndOfMediaEventType);
+        const int64_t t0 = start(c);
+        const int64_t end = t0 + static_cast<int64_t>(length / rate * 1e6);
+        // The end is reported once the last buffer is back, which is when its last event played.
+        midisim::advanceMicros(end - midisim::nowMicros() - 1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_EQ(eoms, c.events.count(LxEndOfMediaEventType));
+        midisim::advanceMs(200);
+        ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == eoms + 1; }));
+        EXPECT_EQ(LxNode::STOPPED, c.player->getState());
+
+        const std::vector<Message> played = since(from, true);
+        ASSERT_EQ(expected.size(), played.size());
+        for (size_t i = 0; i < played.size(); ++i) {
+            EXPECT_EQ(expected[i].message, played[i].message) << i;
+            // Scaled tempi are whole microseconds per quarter note.
+            EXPECT_NEAR(ref.seconds(expected[i].tick) / rate, (played[i].playMicros - t0) / 1e6, 1e-3) << i;
+            EXPECT_EQ(played[i].dueMicros, played[i].playMicros) << "the device never ran dry, event " << i;
+        }
+    }
+}
+
+std::string twoChannelClip() {
+    // Channels 0 and 9 only; channel 0 turns its volume to 90 at 2.5 s, after the first two
+    // buffers. The clip lasts 3 s.
+    return smf(1, 96,
+               {track(tempoEvent(0, 500000) + noteOn(0, 0, 60) + noteOff(96, 0, 60) + noteOn(96, 0, 62) +
+                      noteOff(96, 0, 62) + cc(192, 0, 7, 90) + noteOn(0, 0, 64) + noteOff(96, 0, 64)),
+                track(noteOn(0, 9, 36) + noteOff(96, 9, 36))});
+}
+
+TEST_F(MidiPlayerTest, GainScalesEveryChannelVolumeAndIsCheckedForRange) {
+    startManager();
+    Clip& c = load(file("two.mid", twoChannelClip()));
+    ASSERT_EQ(1u, c.events.count(LxDurationChangedEventType));
+    EXPECT_EQ(3.0, c.events.entries().front().newDuration.getValue());
+    EXPECT_EQ(3.0, c.player->getDuration().getValue());
+    EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(1.5f));
+    EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(-0.1f));
+    EXPECT_EQ(1.0f, c.midi->getGain()) << "out of range changes nothing";
+    EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(0.5f)) << "stored for the next start";
+    EXPECT_EQ(0.5f, c.midi->getGain());
+
+    size_t from = mark();
+    start(c);
+    std::map<int, int> sent;
+    for (const Message& m : volumes(from)) {
+        sent[m.message & 0x0F] = m.message >> 16;
+    }
+    for (int ch = 0; ch < 16; ++ch) {
+        EXPECT_EQ(ch == 0 || ch == 9 ? 50 : 0, sent[ch]) << "channel " << ch;
+    }
+    midisim::advanceMs(2600);
+    bool sawController = false;
+    for (const Message& m : since(from, true)) {
+        if (m.message == msg(0xB0, 7, 45)) {
+            sawController = true;
+        }
+    }
+    EXPECT_TRUE(sawController) << "the file's 90 reaches the device as 45";
+
+    from = mark();
+    EXPECT_EQ(LX_OK, c.midi->setGain(1.0f));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return volumes(from).size() >= 16; }));
+    for (const Message& m : volumes(from)) {
+        const int ch = m.message & 0x0F;
+        EXPECT_EQ(ch == 0 ? 90 : ch == 9 ? 100 : 0, static_cast<int>(m.message >> 16)) << "channel " << ch;
+    }
+}
+
+TEST_F(MidiPlayerTest, RateChangeWhilePlayingReachesTheDeviceWithTheNextBuffer) {
+    startManager();
+    std::string notes;
+    for (int i = 0; i < 40; ++i) {
+        notes += noteOn(i == 0 ? 0 : 24, 0, 60) + noteOff(24, 0, 60);  // a note every 250 ms
+    }
+    Clip& c = load(file("even.mid", smf(0, 96, {track(tempoEvent(0, 500000) + notes)})));
+    const size_t from = mark();
+    start(c);
+    midisim::advanceMs(2000);
+    float rate = 2.0f;
+    ASSERT_EQ(LX_OK, c.player->setRate(&rate));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return c.midi->getTempoScale() == 2.0f; }));
+    midisim::advanceMs(8000);
+    // Every gap between onsets is 250 ms before the change and 125 ms after it, but one.
+    std::vector<int64_t> gaps;
+    int64_t last = -1;
+    for (const Message& m : since(from, true)) {
+        if (isNoteOn(m.message)) {
+            gaps.push_back(last < 0 ? 0 : (m.playMicros - last + 500) / 1000);
+            last = m.playMicros;
+        }
+    }
+    ASSERT_EQ(40u, gaps.size());
+    const long k = std::find(gaps.begin(), gaps.end(), 125) - gaps.begin();
+    EXPECT_GE(k, 9) << "the rate was changed after the note at 2 s";
+    EXPECT_LE(k, 12) << "within two buffers";
+    EXPECT_GE(std::count(gaps.begin() + 1, gaps.begin() + k, 250), k - 2);
+    EXPECT_EQ(40 - k, std::count(gaps.begin() + k, gaps.end(), 125));
+}
+
+TEST_F(MidiPlayerTest, LoopingStartsAgainWithNoNoteLeftSounding) {
+    startManager();
+    // Two overlapping notes; the file ends with the second one's note-off.
+    Clip& c = load(file("loop.mid", smf(0, 96,
+                                        {track(tempoEvent(0, 500000) + noteOn(0, 0, 60) + noteOn(48, 0, 64) +
+                                               noteOff(48, 0, 60) + noteOff(96, 0, 64))})));
+    c.player->setLoop(1);
+    const size_t from = mark();
+    const int64_t t0 = start(c);
+    midisim::advanceMs(1100);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return volumes(from).size() >= 32; })) << "second pass started";
+    const int64_t t1 = midisim::nowMicros();
+    EXPECT_EQ(0u, c.events.count(LxEndOfMediaEventType)) << "a looping clip does not end";
+    c.player->setLoop(0);  // this pass is the last
+    midisim::advanceMs(1100);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == 1; }));
+
+    std::vector<Message> first;
+    std::vector<Message> second;
+    std::map<int, int> sounding;
+    for (const Message& m : since(from, true)) {
+        if (m.playMicros >= t1) {
+            for (const auto& k : second.empty() ? sounding : std::map<int, int>{}) {
+                EXPECT_EQ(0, k.second) << "key " << k.first << " still sounds when the clip starts again";
+            }
+            second.push_back(m);
+        } else {
+            first.push_back(m);
+        }
+        sounding[(m.message >> 8) & 0x7F] += isNoteOn(m.message) ? 1 : ((m.message & 0xF0) == 0x80 ? -1 : 0);
+    }
+    ASSERT_EQ(4u, first.size());
+    ASSERT_EQ(first.size(), second.size());
+    for (size_t i = 0; i < first.size(); ++i) {
+        EXPECT_EQ(first[i].message, second[i].message);
+        EXPECT_EQ(first[i].playMicros - t0, second[i].playMicros - t1);
+    }
+}
+
+std::string longNoteClip() {
+    // A 5-second note, then short ones; the stream buffers reach at most into the third.
+    return smf(0, 96,
+               {track(tempoEvent(0, 500000) + noteOn(0, 0, 60) + noteOff(960, 0, 60) + noteOn(0, 0, 62) +
+                      noteOff(96, 0, 62) + noteOn(0, 0, 64) + noteOff(96, 0, 64) + noteOn(0, 0, 67) +
+                      noteOff(96, 0, 67))});
+}
+
+TEST_F(MidiPlayerTest, StopSilencesReturnsBothBuffersAndTheNextStartBeginsAgain) {
+    startManager();
+    Clip& c = load(file("long.mid", longNoteClip()));
+    start(c);
+    midisim::advanceMs(1000);
+    const size_t from = mark();
+    c.player->stop();
+    EXPECT_GE(since(from, false, 0x7BB0).size(), 16u) << "all notes off";
+    EXPECT_EQ(2, c.midi->getBuffersDone());
+    EXPECT_EQ(0, lxp::midiLiveDeviceThreads()) << "the stream is closed";
+    EXPECT_EQ(0, lxp::filetest::openHandles()) << "the clip is closed";
+    midisim::advanceMs(6000);
+    EXPECT_TRUE(since(from, true).empty()) << "nothing plays after the stop";
+
+    const size_t again = mark();
+    const int64_t t0 = start(c);
+    midisim::advanceMs(10);
+    const std::vector<Message> played = since(again, true);
+    ASSERT_FALSE(played.empty());
+    EXPECT_EQ(msg(0x90, 60, 100), played.front().message) << "from the first note";
+    EXPECT_EQ(t0, played.front().playMicros);
+}
+
+TEST_F(MidiPlayerTest, HalfDuplexCardSampledAudioTakesTheChannelAndGivesItBack) {
+    startManager(true);
+    Clip& c = load(file("long.mid", longNoteClip()));
+    start(c);
+    midisim::advanceMs(500);
+    lxtest::FakeAudioPort sampled(LxRawChannel, 1.0f);
+    const LxTime now = manager_->getMasterTimeBase()->getRefTime();
+    ASSERT_EQ(LX_OK, manager_->requestPortChannel(&sampled, now));
+    ASSERT_EQ(LX_OK, manager_->updatePortChannel(&sampled, now, 1));  // waits: RAW is not running
+    EXPECT_EQ(1, lxp::duplex::openCount(lxp::duplex::Midi));
+    const size_t from = mark();
+    ASSERT_EQ(LX_OK, manager_->updatePortChannel(&sampled, now, 1));  // pre-empts the music
+    EXPECT_EQ(1, sampled.hasChannel());
+    EXPECT_EQ(0, c.midi->hasChannel());
+    EXPECT_GE(since(from, false, 0x7BB0).size(), 16u) << "all notes off";
+    EXPECT_EQ(0, lxp::duplex::openCount(lxp::duplex::Midi)) << "closed before sampled audio opened";
+    EXPECT_EQ(1, lxp::duplex::openCount(lxp::duplex::SampledAudio));
+    midisim::advanceMs(1000);
+    EXPECT_TRUE(since(from, true).empty());
+
+    const size_t back = mark();
+    manager_->releasePortChannel(&sampled);
+    EXPECT_EQ(1, c.midi->hasChannel());
+    EXPECT_EQ(0, lxp::duplex::openCount(lxp::duplex::SampledAudio));
+    EXPECT_EQ(16u, volumes(back).size()) << "started again inside the grant";
+    const int64_t t0 = midisim::nowMicros();
+    midisim::advanceMs(10);
+    const std::vector<Message> played = since(back, true);
+    ASSERT_FALSE(played.empty());
+    EXPECT_EQ(msg(0x90, 60, 100), played.front().message) << "from the beginning of the clip";
+    EXPECT_EQ(t0, played.front().playMicros);
+}
+
+// The arbitration takes and gives the channel on another thread while the player thread stops,
+// starts, changes gain and rate and the device returns buffers: every order of locks that these
+// threads take must be one order (ThreadSanitizer checks it; a deadlock hangs the test).
+TEST_F(MidiPlayerTest, ChannelTakenAndGivenBackWhilePlayingNeverDeadlocks) {
+    startManager(true);
+    Clip& c = load(file("long.mid", longNoteClip()));
+    c.player->setLoop(1);
+    start(c);
+    auto takeAndGiveBack = [this](lxtest::FakeAudioPort* sampled) {
+        const LxTime now = manager_->getMasterTimeBase()->getRefTime();
+        manager_->requestPortChannel(sampled, now);
+        manager_->updatePortChannel(sampled, now, 1);
+        manager_->updatePortChannel(sampled, now, 1);
+        manager_->releasePortChannel(sampled);
+    };
+    lxtest::FakeAudioPort sampled(LxRawChannel, 1.0f);
+    std::atomic<bool> done{false};
+    std::thread arbitration([&] {
+        for (int i = 0; i < 25; ++i) {
+            takeAndGiveBack(&sampled);
+        }
+        done = true;
+    });
+    for (int i = 0; !done; ++i) {
+        midisim::advanceMs(7);
+        c.midi->setGain(i % 2 ? 0.5f : 1.0f);
+        if (i % 7 == 0) {
+            c.player->stop();
+            c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime());
+        }
+    }
+    arbitration.join();
+    // A player that asked to sound while sampled audio held the card waits for a sampled port to
+    // let go; one more round, after the player has asked, settles who holds the channel.
+    c.player->stop();
+    c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime());
+    c.player->getState();  // answered on the pass after the one that asked the manager
+    takeAndGiveBack(&sampled);
+    EXPECT_EQ(1, c.midi->hasChannel()) << "the channel came back";
+    EXPECT_EQ(LxNode::STARTED, c.player->getState());
+    const size_t from = mark();
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        midisim::advanceMs(10);
+        return !since(from, true).empty();
+    })) << "still playing";
+    c.player->stop();
+}
+
+TEST_F(MidiPlayerTest, FilesThatCannotBeOpenedFailWith0x433AndLeakNothing) {
+    startManager();
+    const std::string good =
+        smf(1, 96,
+            {track(tempoEvent(0, 500000) + noteOn(0, 0, 60) + noteOff(96, 0, 60)), track(noteOn(0, 1, 64))});
+    std::vector<std::string> bad;
+    for (size_t cut = 0; cut < good.size(); ++cut) {
+        bad.push_back(good.substr(0, cut));
+    }
+    std::string longer = good;
+    longer[21] = 0x40;  // the first track claims more bytes than the file holds
+    bad.push_back(longer);
+    bad.push_back("RIFF" + good.substr(4));
+    for (size_t i = 0; i < bad.size(); ++i) {
+        SCOPED_TRACE(i);
+        Clip& c = load(file("bad" + std::to_string(i) + ".mid", bad[i]));
+        const auto entries = c.events.entries();
+        ASSERT_FALSE(entries.empty());
+        EXPECT_EQ(LxCatastrophicErrorEventType, entries.back().type);
+        EXPECT_EQ(LX_ERR_MIDI_OPEN, entries.back().result);
+    }
+    Clip& missing = load(dir_.file("none.mid"));
+    EXPECT_EQ(LX_ERR_MIDI_OPEN, missing.events.entries().back().result);
+    EXPECT_EQ(0, lxp::filetest::openHandles());
+}
+
+// Failures after loading leave the player STARTED and silent; a stop always comes back.
+TEST_F(MidiPlayerTest, FailuresWhilePlayingSilenceThePlayerAndAStopNeverHangs) {
+    lxtest::requireLog();
+    startManager();
+    Clip& c = load(file("long.mid", longNoteClip()));
+    midisim::failNext(midisim::Open, lxp::MMSYSERR_ALLOCATED);
+    size_t from = mark();
+    ASSERT_EQ(LX_OK, c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime()));
+    ASSERT_TRUE(lxtest::waitUntil(
+        [] { return LxLogSink::contains("LxWin32MidiPlayer:  failed to initialize the MIDI player\n"); }));
+    midisim::advanceMs(500);
+    EXPECT_TRUE(since(from, true).empty());
+    EXPECT_EQ(LxNode::STARTED, c.player->getState());
+    c.player->stop();
+
+    start(c);
+    midisim::advanceMs(100);
+    midisim::failNext(midisim::Stop, lxp::MMSYSERR_ERROR);
+    c.player->stop();  // returns although the device kept both buffers
+    EXPECT_TRUE(LxLogSink::contains("LxWin32MidiPlayer:  Failed to stop MIDI stream\n"));
+    from = mark();
+    midisim::advanceMs(6000);
+    for (const Message& m : since(from, true)) {
+        EXPECT_NE(msg(0x90, 67, 100), m.message) << "no buffer refilled after the stop";
+    }
+    EXPECT_EQ(LxWin32MidiPlayer::STREAM_STOPPED, c.midi->getStreamState());
+
+    // A track without its end fails in the device's callback when its data runs out.
+    std::string notes;
+    for (int i = 0; i < 40; ++i) {
+        notes += noteOn(i == 0 ? 0 : 24, 0, 60) + noteOff(24, 0, 60);
+    }
+    Clip& noEnd =
+        load(file("noend.mid", smf(0, 96, {track(tempoEvent(0, 500000) + noteOn(0, 0, 64) + notes, false)})));
+    from = mark();
+    start(noEnd);
+    midisim::advanceMs(12000);
+    EXPECT_TRUE(LxLogSink::contains("LxWin32MidiPlayer:  parseNewBuffer() failed from MIDI callback\n"));
+    size_t played = 0;
+    for (const Message& m : since(from, true)) {
+        played += isNoteOn(m.message);
+    }
+    EXPECT_GT(played, 30u);
+    EXPECT_LT(played, 41u) << "the buffer that met the damage is dropped";
+    EXPECT_EQ(LxNode::STARTED, noEnd.player->getState()) << "run dry, not ended";
+    from = mark();
+    noEnd.player->stop();
+    EXPECT_GE(since(from, false, 0x7BB0).size(), 16u) << "its last note-off was never read";
+}
+
+TEST_F(MidiPlayerTest, FactoryNamesAndAManagerWithoutMidi) {
+    lxtest::requireLog();
+    midisim::failNext(midisim::Open, lxp::MIDIERR_NODEVICE, 2);
+    startManager();
+    const std::string path = file("x.mid", twoChannelClip());
+    Clip& a = load(path, "music/midi");
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Manager:  creating a MIDI player\n"));
+    EXPECT_EQ(LX_ERR_MIDI_RENDER, a.events.entries().back().result) << "the system has no MIDI";
+    Clip& b = load(path, "x-music/x-midi");
+    EXPECT_EQ(LX_ERR_MIDI_RENDER, b.events.entries().back().result);
+    LxAudioOutputPort* port = nullptr;
+    EXPECT_EQ(LX_OK, b.player->getNewAudioPort(&port));
+    EXPECT_EQ(static_cast<LxAudioOutputPort*>(b.midi), port);
+    EXPECT_EQ(LxMidiChannel, port->getChannelType());
+}
+
+}  // namespace
