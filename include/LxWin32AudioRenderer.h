@@ -100,7 +100,7 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     /// the node DEAD. Player thread. Always 1.
     long setDuration(const LxTime& duration) override;
 
-    // The design's fields, in order.
+    // The renderer's state. threadRunning, the flags and the sizes are guarded by waitNotify.
     char threadRunning;
     LxWin32Mixer* mixer;
     LxAudioFormat* acceptedFormat;
@@ -129,7 +129,7 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     char eomReceived;
     char eomDone;
 
-    // Beyond the design's fields, all guarded by waitNotify unless said otherwise.
+    // Further state, guarded by waitNotify unless said otherwise.
     /// The frame being written: what the buffer had no room for stays here for the next pass.
     LxAudioFrame* currentFrame;
     /// The ports were told they want to play (updatePortChannel with 1) since the last stop.
