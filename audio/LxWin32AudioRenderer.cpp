@@ -149,29 +149,7 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
 
 LxWin32AudioRenderer::~LxWin32AudioRenderer() {
     LxLog::postDebug("LxWin32AudioRenderer:  destructor\n");
-    waitNotify.lock();
-    if (getCurrentState() == STARTED) {
-        handleStop();
-        setCurrentState(STOPPED);
-    }
-    if (tailPending) {
-        stopAllPorts();
-        tailPending = 0;
-    }
-    const char running = threadRunning;
-    if (running) {
-        setCurrentState(DEAD);
-        waitNotify.notifyAll();
-    }
-    waitNotify.unlock();
-    KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
-    if (thread != nullptr && tm != nullptr) {
-        if (running) {
-            tm->waitForThread(thread, KT_INFINITE);
-        }
-        tm->releaseThread(thread);
-    }
-    thread = nullptr;
+    stopThread();
 
     waitNotify.lock();
     // Ports registered after the thread left (or when it never ran) go out of the arbitration
@@ -225,6 +203,33 @@ LxWin32AudioRenderer::~LxWin32AudioRenderer() {
     inputs = nullptr;
     inputCount = 0;
     delete poolLock;
+}
+
+void LxWin32AudioRenderer::stopThread() {
+    waitNotify.lock();
+    if (getCurrentState() == STARTED) {
+        handleStop();
+        setCurrentState(STOPPED);
+    }
+    if (tailPending) {
+        stopAllPorts();
+        tailPending = 0;
+    }
+    const char running = threadRunning;
+    if (running) {
+        setCurrentState(DEAD);
+        waitNotify.notifyAll();
+    }
+    KtThread* t = thread;
+    thread = nullptr;
+    waitNotify.unlock();
+    KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
+    if (t != nullptr && tm != nullptr) {
+        if (running) {
+            tm->waitForThread(t, KT_INFINITE);
+        }
+        tm->releaseThread(t);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

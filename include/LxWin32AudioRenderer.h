@@ -93,6 +93,10 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     static constexpr int kPoolFrames = 6;
 
   protected:
+    /// Silences the clip and ends the renderer thread (DEAD); later calls do nothing. The
+    /// destructor calls it; a subclass calls it first in its own destructor, so that the thread
+    /// never runs while the object is taken apart. Not on the renderer thread.
+    void stopThread();
     /// Accepts DEAD, STOPPED, PREFETCHING and STARTED.
     char onChangeState(LxNodeState newState) override;
     /// Records the duration and, the first time only, sets the renderer up: resident or

@@ -37,6 +37,7 @@ class ProbeRenderer : public LxWin32AudioRenderer {
   public:
     using LxWin32AudioRenderer::LxWin32AudioRenderer;
     using LxWin32AudioRenderer::setDuration;
+    ~ProbeRenderer() override { stopThread(); }
     struct Fields {
         int32_t bufferSize, frameBytes, bytesPerSecond, lowWaterMark;
         char isResident, residentDone, residentStarted, eomDone, draining, hasWritten, silentPacing,
