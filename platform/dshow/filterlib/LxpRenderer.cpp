@@ -1,7 +1,9 @@
 #include "platform/dshow/filterlib/LxpRenderer.h"
 
 #include "LxLog.h"
+#include "platform/dshow/filterlib/LxpConnectableSink.h"
 
+#include <chrono>
 #include <cstring>
 #include <cwchar>
 
@@ -12,6 +14,9 @@ namespace lxp {
 // Video arrives on time, so two frames are plenty.
 constexpr size_t kAudioQueue = 8;
 constexpr size_t kVideoQueue = 2;
+// How long GetOutputConnectable waits for a format that comes with the first data.
+constexpr int kSpecWaitMs = 2000;
+constexpr int kSpecPollMs = 5;
 
 bool pixelFormatInfo(LxPixelFormat_s format, GUID* subtype, int32_t* bytesPerPixel) {
     switch (format) {
@@ -177,6 +182,8 @@ RendererFilter::RendererFilter(RendererKind kind, LxPixelFormat_s pixelFormat)
       stoppedFlush_(false),
       quit_(false),
       delivering_(false),
+      inSink_(false),
+      outputMade_(false),
       sink_(nullptr),
       origin_(0) {
     thread_ = std::thread([this] { deliveryLoop(); });
@@ -241,7 +248,7 @@ void RendererFilter::dropQueueLocked(std::deque<Item>* dropped) {
 HRESULT RendererFilter::setState(FILTER_STATE state) {
     std::deque<Item> dropped;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        std::unique_lock<std::mutex> guard(mutex_);
         if (state == State_Stopped && state_ != State_Stopped) {
             // Nothing queued before the stop may arrive after it, and a delivery blocked on the
             // consumer gives up.
@@ -259,6 +266,13 @@ HRESULT RendererFilter::setState(FILTER_STATE state) {
         }
         state_ = state;
         notFull_.notify_all();
+        // A stopped filter is quiet: the delivery under way (told to give up by the flush above)
+        // is waited for, so that whoever stopped the graph may destroy what the sink feeds. A
+        // delivery still waiting at the gate is not: it finds the filter stopped and drops its
+        // sample.
+        if (state == State_Stopped && std::this_thread::get_id() != thread_.get_id()) {
+            idle_.wait(guard, [&] { return !inSink_; });
+        }
     }
     for (Item& item : dropped) {
         if (item.sample != nullptr) {
@@ -324,16 +338,53 @@ HRESULT RendererFilter::JoinFilterGraph(IFilterGraph* graph, const WCHAR* name) 
     return S_OK;
 }
 
-HRESULT RendererFilter::GetOutputConnectable(LxAMPlayer*, char** name, LxOutputConnectable** output) {
-    if (name != nullptr) {
-        *name = nullptr;
+HRESULT RendererFilter::GetOutputConnectable(LxAMPlayer* player, char** name, LxOutputConnectable** output) {
+    if (name == nullptr || output == nullptr) {
+        return E_POINTER;
     }
-    if (output != nullptr) {
-        *output = nullptr;
+    *name = nullptr;
+    *output = nullptr;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (peer_ == nullptr) {
+            return VFW_E_NOT_CONNECTED;
+        }
+        if (outputMade_) {
+            return VFW_E_ALREADY_CONNECTED;  // the one output belongs to whoever asked first
+        }
     }
-    // The output connectables are fed through an LxpRendererSink; the adapter that creates them
-    // for the DirectShow player comes with that player.
-    return E_NOTIMPL;
+    // A connection made with a partial type learns its format from the first data, which the
+    // graph sends while rendering; give it a moment in case it is still on its way.
+    LxpAudioSpec audio = {};
+    LxpVideoSpec video = {};
+    bool known = false;
+    for (int waited = 0; !known; waited += kSpecPollMs) {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            known = haveSpec_;
+            audio = audio_;
+            video = video_;
+        }
+        if (!known) {
+            if (waited >= kSpecWaitMs) {
+                LxLog::postDebug("LxpRenderer: the connection's format is not known\n");
+                return VFW_E_TIMEOUT;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(kSpecPollMs));
+        }
+    }
+    LxOutputConnectable* made = kind_ == RendererKind::Audio ? createAudioOutput(this, player, audio)
+                                                             : createVideoOutput(this, player, video);
+    if (made == nullptr) {
+        return E_OUTOFMEMORY;
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        outputMade_ = true;
+    }
+    *name = const_cast<char*>(kind_ == RendererKind::Audio ? "Audio" : "Video");
+    *output = made;
+    return S_OK;
 }
 
 HRESULT RendererFilter::SetSink(LxpRendererSink* sink) {
@@ -603,11 +654,15 @@ void RendererFilter::deliveryLoop() {
         const LxpVideoSpec video = video_;
         delivering_ = true;
         if (item.sample == nullptr) {
+            // An end queued before a flush or a stop is stale: the sink does not hear of it.
+            const bool current = sink != nullptr && item.generation == generation_ && state_ != State_Stopped;
+            inSink_ = current;
             lock.unlock();
-            if (sink != nullptr) {
+            if (current) {
                 sink->endOfStream();
             }
             lock.lock();
+            inSink_ = false;
             // A flush since the end was queued makes it stale; the graph counts it only if not.
             if (item.generation == generation_ && state_ != State_Stopped && graphSink_ != nullptr) {
                 graphSink_->Notify(EC_COMPLETE, S_OK,
@@ -618,12 +673,14 @@ void RendererFilter::deliveryLoop() {
             bool go = sink != nullptr && sink->gateWait();
             lock.lock();
             go = go && item.generation == generation_ && state_ != State_Stopped;
+            inSink_ = go;
             lock.unlock();
             if (go) {
                 deliver(sink, item.sample, audioKnown, audio, video);
             }
             item.sample->Release();
             lock.lock();
+            inSink_ = false;
         }
         delivering_ = false;
         idle_.notify_all();

@@ -6,7 +6,8 @@
 // its LxpRendererSink, waiting on the sink's gate before each delivery. While stopped the filter
 // drops what it gets; while paused it takes samples without ever blocking the graph (the cue);
 // while running Receive blocks when the queue is full, until there is room, a flush or a state
-// change. End of stream goes to the sink and then to the graph (EC_COMPLETE).
+// change. End of stream goes to the sink and then to the graph (EC_COMPLETE). When Stop returns, no
+// delivery is inside the sink, and none enters it until the filter is paused or run again.
 #ifndef LORVEX_PLATFORM_DSHOW_FILTERLIB_RENDERER_H
 #define LORVEX_PLATFORM_DSHOW_FILTERLIB_RENDERER_H
 
@@ -124,6 +125,10 @@ class RendererFilter : public IBaseFilter,
     bool stoppedFlush_;  // the sink was told to flush when the filter stopped
     bool quit_;
     bool delivering_;
+    /// A delivery has passed the gate and is inside the sink (Stop waits for it to end).
+    bool inSink_;
+    /// GetOutputConnectable has made this filter's output.
+    bool outputMade_;
     LxpRendererSink* sink_;
     std::unique_ptr<GstRendererFace> face_;
     std::atomic<REFERENCE_TIME> origin_;

@@ -1,5 +1,6 @@
 // The renderer filters on their own: format acceptance, what each state does with samples, the
 // queue's back-pressure, flushes, end of stream and the gate.
+#include "LxConnectable.h"
 #include "platform/dshow/LxpGraphBase.h"
 #include "platform/dshow/filterlib/LxpRenderer.h"
 
@@ -179,11 +180,16 @@ TEST_F(Renderer, TakesOnlyFormatsItCanDeliver) {
     FreeMediaType(wantType);
     FreeMediaType(otherType);
 
-    char* name = reinterpret_cast<char*>(1);
-    LxOutputConnectable* output = reinterpret_cast<LxOutputConnectable*>(1);
-    EXPECT_EQ(E_NOTIMPL, rgb->GetOutputConnectable(nullptr, &name, &output));
-    EXPECT_EQ(nullptr, name);
-    EXPECT_EQ(nullptr, output);
+    // The connected renderer makes its output once.
+    char* name = nullptr;
+    LxOutputConnectable* output = nullptr;
+    ASSERT_EQ(S_OK, rgb->GetOutputConnectable(nullptr, &name, &output));
+    EXPECT_STREQ("Video", name);
+    ASSERT_NE(nullptr, output);
+    LxOutputConnectable* second = nullptr;
+    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, rgb->GetOutputConnectable(nullptr, &name, &second));
+    EXPECT_EQ(nullptr, second);
+    delete output;
 }
 
 TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
