@@ -3,6 +3,7 @@
 #define LORVEX_H
 
 #include "Kt.h"
+#include "LxAMPlayer.h"
 #include "LxAudioOutputPort.h"
 #include "LxAudioPlayer.h"
 #include "LxAudioRendererNode.h"

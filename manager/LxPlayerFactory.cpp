@@ -1,4 +1,5 @@
 // The player factory: a data source's content name picks the player class.
+#include "LxAMPlayer.h"
 #include "LxAudioPlayer.h"
 #include "LxDataSource.h"
 #include "LxLog.h"
@@ -39,6 +40,9 @@ long LxWin32Manager::createPlayer(LxDataSource* source, LxPlayer** out) {
             return LX_ERR_GENERIC;
         }
         player = create(this, source);  // the library stays loaded: its players use its code
+    } else if (directShowAvailable) {
+        LxLog::postDebug("LxWin32Manager:  creating an ActiveMovie player\n");
+        player = new (std::nothrow) LxAMPlayer(this, source);
     } else {
         LxLog::postDebug("LxWin32Manager:  creating an non-ActiveMovie AudioPlayer\n");
         player = new (std::nothrow) LxAudioPlayer(this, source);

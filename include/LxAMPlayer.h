@@ -1,0 +1,140 @@
+// LxAMPlayer.h - the player of every clip that is neither WAVE nor MIDI (MPEG audio and video,
+// QuickTime, MP4 and the like), built on a DirectShow-shaped filter graph.
+#ifndef LX_AM_PLAYER_H
+#define LX_AM_PLAYER_H
+
+#include "Kt.h"
+#include "LxPlayer.h"
+#include "LxTime.h"
+
+#include <atomic>
+#include <cstdint>
+
+class LxDataSource;
+class LxManager;
+class LxOutputConnectable;
+
+namespace lxp {
+class IBaseFilter;
+class IGraphBuilder;
+class ILxRenderer;
+class IMediaControl;
+class IMediaEvent;
+class IMediaSeeking;
+class IPin;
+}  // namespace lxp
+
+/// Plays a local file through a filter graph whose ends are the filter library's renderer
+/// filters. Those filters hand decoded audio (pull style) and video (push style) to the player's
+/// "Audio" and "Video" outputs, which the manager connects to its default renderers.
+///
+/// Threads. The player's thread builds and drives the graph: every graph call below runs there
+/// (requests from other threads reach it through the request queue). The filter library's
+/// delivery threads call only filterGateWait and getStreamEpoch. The graph is paused to cue,
+/// run once the start time has come, paused on a stop, seeked, looped inside the graph and polled
+/// for its end.
+class LxAMPlayer : public LxPlayer {
+  public:
+    /// Starts the player's thread, which initialises the player from the source by itself.
+    LxAMPlayer(LxManager* manager, LxDataSource* dataSource);
+    /// Ends the thread (the graph is stopped and released there), then destroys the renderers and
+    /// the two outputs. Not on the player's thread.
+    ~LxAMPlayer() override;
+
+    /// For the renderer filters, before each delivery: waits up to 1000 ms for the filter gate to
+    /// be open (it is closed while the graph pauses or stops). 1 when open, 0x201 otherwise (also
+    /// once the player is shutting down). Any thread.
+    KtResult filterGateWait();
+
+    /// Counts the times the player moved the graph to a position that does not continue what the
+    /// renderer filters delivered before (a seek, a stop, a loop restart, a resume). A graph flush
+    /// that does not change it (a rate change) re-delivers samples the outputs already hold. Any
+    /// thread.
+    uint32_t getStreamEpoch() const { return streamEpoch.load(); }
+
+    // Overrides of the player's operations; each runs on the player's thread with the signal held.
+    /// The clock and nodes first; then the graph is seeked to t (to 0 for t past 7000 s).
+    long setTimeAll(LxTime t) override;
+    /// The clock and nodes first; a graph with video is re-rated (positive rates only).
+    long setRateAll(float* rate) override;
+    /// A started graph is paused first; after the nodes stop, the graph is seeked to the clock's
+    /// media time and what the outputs held from before is dropped.
+    long stopAll() override;
+
+  protected:
+    static long callPlayerRunLoop(void* player);
+    void run() override;
+    void handleSuspend() override;
+    /// Stops the graph, destroys the renderers and releases every graph interface. Runs on the
+    /// player's thread as it leaves its loop (or on the destroying thread when none ran).
+    void shutdown() override;
+
+    // Graph construction; player's thread.
+    bool CreateGraphBuilder();
+    bool AddSourceFilter();
+    /// 1 both renderers stayed, 0x432 audio only, 0x431 video only, 0x201 neither, 0x2A4 the
+    /// source could not be rendered.
+    long addRenderers();
+    long connectRendererToSource();
+    /// Whether the filter's first pin is connected.
+    char checkForConnection(lxp::IBaseFilter* filter);
+    void initializeOutputConnectable();
+    void updateDurationFromMedia();
+
+    // Graph control; player's thread. 1, or 0x201 after the failure message.
+    long pauseFilterGraph();
+    long startFilterGraph();
+    long stopFilterGraph();
+    long seekFilterGraph(LxTime t);
+
+    // Diagnostics: they only post messages.
+    void enumerateFilters();
+    void walkTheGraph(lxp::IBaseFilter* filter);
+    void printPinInfo(lxp::IPin* pin);
+    void printFilterInfo(lxp::IBaseFilter* filter);
+
+    lxp::IGraphBuilder* graph;
+    lxp::IBaseFilter* sourceFilter;
+    lxp::IMediaControl* mediaControl;
+    lxp::IMediaSeeking* mediaSeeking;
+    lxp::IMediaEvent* mediaEvent;
+    lxp::IBaseFilter* audioRendererFilter;
+    lxp::ILxRenderer* audioRendererObject;
+    lxp::IBaseFilter* videoRendererFilter;
+    lxp::ILxRenderer* videoRendererObject;
+    lxp::IBaseFilter* mpegAudioDecoder;
+    char shortClip;
+    char hasAudio;
+    char hasVideo;
+    /// Created open. Read by delivery threads through filterGateWait.
+    std::atomic<KtGateLock*> filterGate;
+    char graphRunning;
+
+  private:
+    // One pass of the loop in a state; each returns the wait before the next pass (ms).
+    unsigned long initializeGraphStep();
+    unsigned long prefetchStep();
+    unsigned long startedStep();
+    /// The wait for a start that lies stall media milliseconds ahead at rate.
+    static unsigned long stallWait(long stall, float rate);
+    /// Moves the graph to t after bumping the stream epoch.
+    long reposition(LxTime t);
+    /// Releases an interface, posting message with the count left when message is not null.
+    template <class T>
+    void releaseInterface(T*& object, const char* message);
+    void deleteOutputs();
+
+    /// The outputs the renderer filters made (owned; deleted after the renderers).
+    LxOutputConnectable* audioOutput;
+    LxOutputConnectable* videoOutput;
+    /// The player's thread initialised COM (and uninitialises it at shutdown).
+    char comInitialized;
+    std::atomic<uint32_t> streamEpoch;
+    /// Delivery threads inside filterGateWait, so that the gate outlives them.
+    std::atomic<int> gateUsers;
+
+    LxAMPlayer(const LxAMPlayer&) = delete;
+    LxAMPlayer& operator=(const LxAMPlayer&) = delete;
+};
+
+#endif  // LX_AM_PLAYER_H

@@ -1,0 +1,203 @@
+// The filter-graph player's initialisation on the simulated graph: what each clip turns into
+// (initialized code, duration, frame count, outputs), the failures that stop a player at load, and
+// the calls a stopped player makes on its graph for seeks and rates.
+#include "AMTestKit.h"
+
+#include "platform/dshow/LxpGraphIds.h"
+#include "platform/dshow/LxpRendererFilter.h"
+
+namespace {
+
+using amtest::Rig;
+using lxp::simgraph::Outcome;
+using lxp::simgraph::Script;
+using lxtest::RecordingListener;
+
+Script script(Outcome outcome, double seconds = 4.0, int frames = 100) {
+    Script s;
+    s.outcome = outcome;
+    s.durationSeconds = seconds;
+    s.frameCount = frames;
+    return s;
+}
+
+std::vector<std::string> outputNames(LxAMPlayer* p) {
+    char** names = nullptr;
+    short count = 0;
+    p->listOutputs(names, &count);
+    std::vector<std::string> out;
+    for (short i = 0; i < count; ++i) {
+        out.push_back(names[i]);
+    }
+    return out;
+}
+
+TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    struct Case {
+        Outcome outcome;
+        long code;
+        long frames;
+        std::vector<std::string> outputs;
+    };
+    const Case cases[] = {{Outcome::AudioVideo, 0xE3, 100, {"Audio", "Video"}},
+                          {Outcome::AudioOnly, 0xE1, -1, {"Audio"}},
+                          {Outcome::VideoOnly, 0xE2, 100, {"Video"}}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.code);
+        lxp::simgraph::reset();
+        RecordingListener listener;
+        LxAMPlayer* p = rig.open(rig.clip(script(c.outcome)), &listener);
+        ASSERT_TRUE(lxtest::waitUntil([&] { return p->getState() == LxNode::STOPPED; }));
+        const auto events = listener.entries();
+        ASSERT_EQ(2u, events.size());
+        EXPECT_EQ(LxDurationChangedEventType, events[0].type) << "the duration comes before the announcement";
+        EXPECT_EQ(LxTime(-1, 0), events[0].oldDuration);
+        EXPECT_EQ(LxTime(4, 0), events[0].newDuration);
+        EXPECT_EQ(LxInitializedEventType, events[1].type);
+        EXPECT_EQ(c.code, events[1].result);
+        EXPECT_EQ(LxTime(4, 0), p->getDuration());
+        EXPECT_EQ(c.frames, p->getNumFrames());
+        EXPECT_EQ(c.outputs, outputNames(p));
+        // A renderer that nothing feeds leaves the graph (it was added before rendering).
+        EXPECT_EQ(c.outcome == Outcome::AudioOnly, Rig::find("RemoveFilter(LxVideoRenderer)") >= 0);
+        EXPECT_EQ(c.outcome == Outcome::VideoOnly, Rig::find("RemoveFilter(LxAudioRenderer)") >= 0);
+        EXPECT_LT(Rig::find("AddFilter(LxAudioRenderer)"), Rig::find("Render"));
+        EXPECT_LT(Rig::find("AddFilter(LxVideoRenderer)"), Rig::find("Render"));
+        EXPECT_EQ(-1, Rig::find("AddFilter(MPEG Layer 3 Codec)")) << "only for audio/mpeg content";
+        rig.destroy(p);
+    }
+
+    // Durations are whole seconds and the microseconds of the fraction; a source that cannot
+    // tell its length initialises without announcing one.
+    RecordingListener odd;
+    Script s = script(Outcome::VideoOnly, 1.2345678, 31);
+    LxAMPlayer* p = rig.open(rig.clip(s), &odd);
+    EXPECT_EQ(LxTime(1, 234567), p->getDuration());
+    EXPECT_EQ(31, p->getNumFrames());
+    RecordingListener unknown;
+    s.durationKnown = false;
+    p = rig.open(rig.clip(s), &unknown);
+    EXPECT_EQ(0xE2, amtest::resultOf(unknown, LxInitializedEventType));
+    EXPECT_EQ(0u, unknown.count(LxDurationChangedEventType));
+    EXPECT_EQ(LxTime(-1, 0), p->getDuration());
+}
+
+TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    struct Case {
+        const char* what;
+        std::function<std::string()> arrange;
+        long code;
+    };
+    const Case cases[] = {
+        {"a clip no renderer takes", [&] { return rig.clip(script(Outcome::None)); }, 0x201},
+        {"a clip that cannot be rendered", [&] { return rig.clip(script(Outcome::Failure)); }, 0x2A4},
+        {"a file that is not there", [&] { return rig.dir.file("missing.mpg"); }, 0x443},
+        {"no filter graph",
+         [&] {
+             lxp::comtest::failCreate(lxp::CLSID_FilterGraph, 1);
+             return rig.clip(script(Outcome::AudioVideo));
+         },
+         0x442},
+        {"neither renderer filter",
+         [&] {
+             lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
+             lxp::comtest::failCreate(lxp::CLSID_LxVideoRenderer, 1);
+             return rig.clip(script(Outcome::AudioVideo));
+         },
+         0x441},
+        {"no COM on the player's thread",
+         [&] {
+             lxp::comtest::failCoInitialize(1);
+             return rig.clip(script(Outcome::AudioVideo));
+         },
+         0x440},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        lxp::comtest::reset();
+        RecordingListener listener;
+        const auto start = std::chrono::steady_clock::now();
+        LxAMPlayer* p = rig.open(c.arrange(), &listener);
+        EXPECT_EQ(c.code, amtest::resultOf(listener, LxCatastrophicErrorEventType));
+        EXPECT_EQ(0u, listener.count(LxInitializedEventType));
+        EXPECT_EQ(LxNode::DEAD, p->getState());
+        EXPECT_EQ(0x202, p->startAtTime(LxTime::zero())) << "a dead player refuses requests";
+        rig.destroy(p);
+        EXPECT_LT(lxtest::msSince(start), 3000.0);
+    }
+
+    // One renderer class missing: the clip plays with the other.
+    lxp::comtest::reset();
+    lxtest::requireLog();
+    lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &listener);
+    EXPECT_EQ(0xE2, amtest::resultOf(listener, LxInitializedEventType));
+    EXPECT_TRUE(LxLogSink::contains("LxAMPlayer:  Failed to create instance of audio renderer\n"));
+    EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
+}
+
+TEST(AMPlayerInit, MpegAudioContentGetsTheDecoderWhichLeavesWithAnUnusedAudioRenderer) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener audio;
+    rig.open(rig.clip(script(Outcome::AudioOnly), ".mpa"), &audio);
+    EXPECT_EQ(0xE1, amtest::resultOf(audio, LxInitializedEventType));
+    const long decoder = Rig::find("AddFilter(MPEG Layer 3 Codec)");
+    ASSERT_GE(decoder, 0);
+    EXPECT_LT(Rig::find("AddFilter(LxAudioRenderer)"), decoder);
+    EXPECT_LT(decoder, Rig::find("Render")) << "the graph builder is to use it";
+    EXPECT_EQ(-1, Rig::find("RemoveFilter(MPEG Layer 3 Codec)"));
+
+    lxp::simgraph::reset();
+    RecordingListener video;
+    rig.open(rig.clip(script(Outcome::VideoOnly), ".mpa"), &video);
+    EXPECT_EQ(0xE2, amtest::resultOf(video, LxInitializedEventType));
+    const long renderer = Rig::find("RemoveFilter(LxAudioRenderer)");
+    ASSERT_GE(renderer, 0);
+    EXPECT_GT(Rig::find("RemoveFilter(MPEG Layer 3 Codec)"), renderer);
+}
+
+TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphAsDesigned) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    lxtest::requireLog();
+    RecordingListener l1;
+    LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &l1);
+    rig.connect(p);
+
+    size_t mark = Rig::callCount();
+    EXPECT_EQ(LX_OK, p->setMediaTime(LxTime(10000, 0)));
+    EXPECT_GE(Rig::find("SetPositions(0,-)", mark), 0) << "times past 7000 s are never sent to the graph";
+    mark = Rig::callCount();
+    EXPECT_EQ(LX_OK, p->setMediaTime(LxTime(1, 250000)));
+    EXPECT_GE(Rig::find("SetPositions(12500000,-)", mark), 0) << "(s x 1000000 + us) x 10";
+    EXPECT_EQ(LxTime(1, 250000), p->getMediaTime());
+
+    mark = Rig::callCount();
+    for (float rate : {-1.0f, 0.0f}) {
+        float r = rate;
+        EXPECT_EQ(LX_OK, p->setRate(&r));
+    }
+    EXPECT_EQ(2u, LxLogSink::count("LxAMPlayer: rate <= 0.0\n"));
+    float two = 2.0f;
+    EXPECT_EQ(LX_OK, p->setRate(&two));
+    const std::vector<std::string> calls = lxp::simgraph::calls();
+    const std::vector<std::string> rates(calls.begin() + static_cast<long>(mark), calls.end());
+    EXPECT_EQ(std::vector<std::string>{"SetRate(2.000)"}, rates) << "the graph plays forward only";
+
+    // Audio alone follows the rate in its renderer, not in the graph.
+    RecordingListener l2;
+    LxAMPlayer* a = rig.open(rig.clip(script(Outcome::AudioOnly)), &l2);
+    rig.connect(a);
+    mark = Rig::callCount();
+    EXPECT_EQ(LX_OK, a->setRate(&two));
+    EXPECT_EQ(2.0f, rig.audio->lastRate.load());
+    EXPECT_EQ(mark, Rig::callCount());
+}
+
+}  // namespace

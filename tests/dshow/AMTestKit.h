@@ -1,0 +1,205 @@
+// A rig for the filter-graph player on the simulated graph: a test manager, a real-time time base,
+// the filter library registered, scripted clips, and consumers for the player's two outputs (a
+// test audio renderer that is pulled by the test, and the real video renderer).
+#ifndef LORVEX_TESTS_DSHOW_AMTESTKIT_H
+#define LORVEX_TESTS_DSHOW_AMTESTKIT_H
+
+#include "LxAMPlayer.h"
+#include "LxBaseVideoRenderer.h"
+#include "LxDataSource.h"
+#include "LxEvent.h"
+#include "LxLog.h"
+#include "LxPlatformGraph.h"
+#include "LxResult.h"
+#include "LxTimeBase.h"
+#include "TestNodes.h"
+#include "TestRenderer.h"
+#include "TestSupport.h"
+#include "platform/com/LxpCom.h"
+#include "platform/dshow/LxpSimGraph.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace amtest {
+
+/// Loads the filter library as the manager does and registers its classes (once per process).
+inline bool registerFilterLibrary() {
+    static const bool ok = [] {
+        KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
+        if (module == nullptr) {
+            return false;
+        }
+        typedef lxp::HRESULT (*RegisterFn)();
+        RegisterFn reg =
+            reinterpret_cast<RegisterFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
+        const bool registered = reg != nullptr && lxp::SUCCEEDED(reg());
+        KtWin32Library::FreeLibrary(module);
+        return registered;
+    }();
+    return ok;
+}
+
+/// An audio renderer for the player's "Audio" output that reports its end of media as soon as
+/// the producer tells it (as a renderer with nothing left to play would).
+class EndingRenderer : public lxtest::TestRendererNode {
+  public:
+    explicit EndingRenderer(LxManager* m) : TestRendererNode(m, 6, 8820) {}
+    void notifyEndOfMedia() override {
+        TestRendererNode::notifyEndOfMedia();
+        if (getCurrentState() == STARTED && !lastLoop.load()) {
+            postEndOfMedia();
+        }
+    }
+};
+
+/// The 16-bit samples of channel 0 in what a test renderer received (stereo).
+inline std::vector<int> channel0(const std::string& bytes) {
+    std::vector<int> out;
+    for (size_t i = 0; i + 3 < bytes.size(); i += 4) {
+        out.push_back(static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8);
+    }
+    return out;
+}
+
+/// Where a sequence of simulated samples (n & 0x7FFF) breaks: the index of the first sample that
+/// does not follow its predecessor by one (or wrap to 0 when allowed), or -1.
+inline long firstBreak(const std::vector<int>& s, bool allowRestart) {
+    for (size_t i = 1; i < s.size(); ++i) {
+        const bool next = s[i] == ((s[i - 1] + 1) & 0x7FFF);
+        if (!next && !(allowRestart && s[i] == 0)) {
+            return static_cast<long>(i);
+        }
+    }
+    return -1;
+}
+
+class Rig {
+  public:
+    Rig() {
+        LxPlatformGraph::useSimulated();
+        lxp::simgraph::reset();
+        lxp::comtest::reset();
+        registered = registerFilterLibrary();
+        timeBase = new LxWin32TimeBase(manager.get());
+    }
+    ~Rig() {
+        for (LxAMPlayer* p : players) {
+            delete p;
+        }
+        delete timeBase;
+        lxp::simgraph::reset();
+        lxp::comtest::reset();
+        LxPlatformGraph::useGStreamer();
+    }
+
+    /// A file (any bytes) that the simulated graph plays by script.
+    std::string clip(const lxp::simgraph::Script& script, const std::string& extension = ".mpg") {
+        const std::string path = dir.file("clip" + std::to_string(clips++) + extension);
+        lxtest::writeFile(path, "not decoded");
+        lxp::simgraph::setScriptForFile(path, script);
+        return path;
+    }
+
+    /// A player for path; waits until it has initialised (or failed). The rig destroys it.
+    LxAMPlayer* open(const std::string& path, lxtest::RecordingListener* listener) {
+        sources.push_back(std::make_unique<LxFilenameDataSource>(path.c_str()));
+        LxAMPlayer* p = new LxAMPlayer(manager.get(), sources.back().get());
+        players.push_back(p);
+        p->setEventListener(listener);
+        EXPECT_TRUE(lxtest::waitUntil([&] {
+            return listener->count(LxInitializedEventType) + listener->count(LxCatastrophicErrorEventType) >
+                   0;
+        })) << "the player neither initialised nor failed";
+        return p;
+    }
+
+    /// Destroys a player the rig made (to time or check its end).
+    void destroy(LxAMPlayer* p) {
+        players.erase(std::remove(players.begin(), players.end(), p), players.end());
+        delete p;
+    }
+
+    /// Connects the player's outputs to a test audio renderer and the real video renderer, as the
+    /// manager connects its defaults, and gives it the time base.
+    void connect(LxAMPlayer* p) {
+        LxOutputConnectable* out = nullptr;
+        audio = nullptr;
+        video = nullptr;
+        if (p->getOutputConnectable("Audio", &out) == LX_OK && out != nullptr) {
+            audio = new EndingRenderer(manager.get());
+            EXPECT_EQ(LX_OK, manager->connect(out, audio));
+        }
+        out = nullptr;
+        if (p->getOutputConnectable("Video", &out) == LX_OK && out != nullptr) {
+            video = new LxBaseVideoRenderer(manager.get());
+            LxInputConnectable* in = nullptr;
+            video->getInputConnectable("Video", &in);
+            EXPECT_EQ(LX_OK, manager->connect(out, in));
+        }
+        EXPECT_EQ(LX_OK, p->setTimeBase(timeBase));
+    }
+
+    double now() { return timeBase->getRefTime().getValue(); }
+
+    /// The frame number (simulated: the first four bytes) the video renderer gives for media time
+    /// t, or -1 without a frame.
+    long frameAt(double t) {
+        LxFrame* f = video != nullptr ? video->attachFrameFromTime(LxTime(t), LxTime::zero()) : nullptr;
+        LxVideoFrame* v = dynamic_cast<LxVideoFrame*>(f);
+        long n = -1;
+        if (v != nullptr) {
+            const uint8_t* p = v->getPixelData();
+            n = static_cast<long>(p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24);
+            lastFrameTime = v->getPresentationTime().getValue();
+        }
+        if (f != nullptr) {
+            video->releaseFrame(f);
+        }
+        return n;
+    }
+
+    /// Position of the first call c in the simulated graphs' log at or after index from (-1: none).
+    static long find(const std::string& c, size_t from = 0) {
+        const std::vector<std::string> calls = lxp::simgraph::calls();
+        for (size_t i = from; i < calls.size(); ++i) {
+            if (calls[i] == c) {
+                return static_cast<long>(i);
+            }
+        }
+        return -1;
+    }
+    static size_t callCount() { return lxp::simgraph::calls().size(); }
+
+    bool registered = false;
+    KtDefaultThreadManager threads;
+    lxtest::ScopedTestManager manager{&threads};
+    LxTimeBase* timeBase = nullptr;
+    lxtest::TempDir dir;
+    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+    std::vector<LxAMPlayer*> players;
+    EndingRenderer* audio = nullptr;  // owned by the player once connected
+    LxBaseVideoRenderer* video = nullptr;
+    double lastFrameTime = -1.0;
+    int clips = 0;
+};
+
+/// The result of the first event of type, or -1.
+inline long resultOf(lxtest::RecordingListener& l, LxEventType_s type) {
+    for (const auto& e : l.entries()) {
+        if (e.type == type) {
+            return e.result;
+        }
+    }
+    return -1;
+}
+
+}  // namespace amtest
+
+#endif
