@@ -484,7 +484,17 @@ LxTime LxBaseVideoRenderer::getStopTime() {
 
 long LxBaseVideoRenderer::setRate(float* rate) {
     renderLock.lock();
-    const long r = LxNode::setRate(rate);
+    long r;
+    if (getCurrentState() == STARTED) {
+        // A running clock refuses a new rate: it is stopped, given the rate and started again now,
+        // so that media time goes on without a jump (as the player's and the audio renderer's).
+        clock->stop();
+        r = clock->setRate(rate);
+        LxTimeBase* tb = clock->getTimeBase();
+        clock->startAtTime(tb != nullptr ? tb->getRefTime() : LxTime::zero());
+    } else {
+        r = LxNode::setRate(rate);
+    }
     renderLock.unlock();
     return r;
 }
