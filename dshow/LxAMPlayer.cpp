@@ -804,6 +804,14 @@ unsigned long LxAMPlayer::startedStep() {
                 reposition(LxTime::zero());
                 startFilterGraph();
             } else {
+                // A renderer that reached an end while the clip still looped took it for a loop
+                // point and waits for more: it hears again that nothing follows.
+                for (LxOutputConnectable* out : {audioOutput, videoOutput}) {
+                    LxInputConnectable* in = out != nullptr ? out->connectedTo() : nullptr;
+                    if (in != nullptr) {
+                        in->notifyEndOfMedia();
+                    }
+                }
                 lock();
                 ownEndReached = 1;
                 graphRunning = 0;

@@ -139,6 +139,7 @@ class Rig {
         out = nullptr;
         if (p->getOutputConnectable("Video", &out) == LX_OK && out != nullptr) {
             video = new LxBaseVideoRenderer(manager.get());
+            shownFrame = -1;
             LxInputConnectable* in = nullptr;
             video->getInputConnectable("Video", &in);
             EXPECT_EQ(LX_OK, manager->connect(out, in));
@@ -148,21 +149,21 @@ class Rig {
 
     double now() { return timeBase->getRefTime().getValue(); }
 
-    /// The frame number (simulated: the first four bytes) the video renderer gives for media time
-    /// t, or -1 without a frame.
+    /// The frame number (simulated: the first four bytes) of the picture a host painting at media
+    /// time t shows: the one the video renderer gives, or the last one when it gives none. -1
+    /// before the first.
     long frameAt(double t) {
         LxFrame* f = video != nullptr ? video->attachFrameFromTime(LxTime(t), LxTime::zero()) : nullptr;
         LxVideoFrame* v = dynamic_cast<LxVideoFrame*>(f);
-        long n = -1;
         if (v != nullptr) {
             const uint8_t* p = v->getPixelData();
-            n = static_cast<long>(p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24);
+            shownFrame = static_cast<long>(p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24);
             lastFrameTime = v->getPresentationTime().getValue();
         }
         if (f != nullptr) {
             video->releaseFrame(f);
         }
-        return n;
+        return shownFrame;
     }
 
     /// Position of the first call c in the simulated graphs' log at or after index from (-1: none).
@@ -187,6 +188,7 @@ class Rig {
     EndingRenderer* audio = nullptr;  // owned by the player once connected
     LxBaseVideoRenderer* video = nullptr;
     double lastFrameTime = -1.0;
+    long shownFrame = -1;
     int clips = 0;
 };
 

@@ -16,10 +16,10 @@ namespace lxp {
 namespace {
 
 // A producer waits for the consumer's empty frames in short steps, so that a flush or a stop gets
-// it out quickly. A picture that finds no frame within kVideoFrameWait is dropped: a host that
-// does not paint must not hold up the graph (and with it the sound and the end of the clip).
+// it out quickly. A picture that finds no free frame within one step is dropped: a host that does
+// not paint for a while must not hold up the graph (and with it the sound and the clip's end).
 const LxTime kEmptyFrameStep(0, 20000);
-constexpr int kVideoFrameSteps = 5;
+constexpr int kVideoFrameSteps = 1;
 
 LxTime toLxTime(REFERENCE_TIME units) {
     return LxTime(static_cast<int32_t>(units / UNITS), static_cast<int32_t>(units % UNITS / 10));

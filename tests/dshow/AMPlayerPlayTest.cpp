@@ -1,0 +1,312 @@
+// The filter-graph player playing on the simulated graph in real time: cue and start at the
+// clock's time, what the outputs hand the renderers (every audio sample once and in order, the
+// picture of the media time), rate 0 and resume, suspend, loops inside the graph, the end, stops,
+// and destruction from every state while other threads send requests.
+#include "AMTestKit.h"
+
+#include <atomic>
+#include <cmath>
+
+namespace {
+
+using amtest::Rig;
+using lxp::simgraph::Outcome;
+using lxp::simgraph::Script;
+using lxtest::RecordingListener;
+
+constexpr double kFps = 25.0;
+constexpr int kRate = 22050;
+
+Script clipOf(Outcome outcome, double seconds) {
+    Script s;
+    s.outcome = outcome;
+    s.durationSeconds = seconds;
+    s.frameCount = static_cast<int>(std::lround(seconds * kFps));
+    return s;
+}
+
+void sleepMs(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+/// Pulls the test renderer's audio every few milliseconds for ms.
+void pullFor(Rig& rig, int ms) {
+    const auto start = std::chrono::steady_clock::now();
+    while (lxtest::msSince(start) < ms) {
+        rig.audio->pull();
+        sleepMs(5);
+    }
+}
+
+/// The reference time at which the call c first appears in the log after mark (polled).
+double whenLogged(Rig& rig, const std::string& c, size_t mark, int timeoutMs = 5000) {
+    double at = -1.0;
+    lxtest::waitUntil(
+        [&] {
+            if (Rig::find(c, mark) >= 0) {
+                at = rig.now();
+                return true;
+            }
+            return false;
+        },
+        timeoutMs);
+    return at;
+}
+
+long count(const std::string& c, size_t from) {
+    long n = 0;
+    for (long at = Rig::find(c, from); at >= 0; at = Rig::find(c, static_cast<size_t>(at) + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSampleInPlace) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 3.0)), &listener);
+    rig.connect(p);
+
+    p->prefetch();
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxPrefetchCompleteEventType) == 1; }));
+    EXPECT_EQ(LxNode::PREFETCHED, p->getState());
+    EXPECT_GE(Rig::find("Pause"), 0);
+    EXPECT_TRUE(rig.video->hasPendingFrame()) << "the cue reached the video renderer";
+    EXPECT_EQ(0, rig.frameAt(0.0));
+
+    const size_t mark = Rig::callCount();
+    const double start = rig.now() + 1.5;
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(start)));
+    EXPECT_EQ(-1, Rig::find("Run", mark)) << "not before the start time";
+    const double ranAt = whenLogged(rig, "Run", mark);
+    EXPECT_GE(ranAt, start - 0.005);
+    EXPECT_LT(ranAt, start + 0.06);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxActiveEventType) == 1; }));
+
+    // Painted every 10 ms, the picture is the one whose interval holds the media time.
+    int painted = 0;
+    while (rig.now() < start + 1.2) {
+        rig.audio->pull();
+        const double t = rig.now() - start;
+        const long n = rig.frameAt(t);
+        if (n >= 0) {
+            ++painted;
+            EXPECT_LE(std::abs(n - static_cast<long>(std::floor(t * kFps))), 1) << "at " << t;
+        }
+        sleepMs(10);
+    }
+    EXPECT_GT(painted, 20);
+    pullFor(rig, 50);
+    const std::vector<int> samples = amtest::channel0(rig.audio->received());
+    ASSERT_GT(samples.size(), static_cast<size_t>(kRate));
+    EXPECT_EQ(0, samples.front());
+    EXPECT_EQ(-1, amtest::firstBreak(samples, false)) << "every sample once, in order";
+}
+
+TEST(AMPlayerPlay, RateZeroAndSuspendHoldTheGraphAndALaterRateOrResumeRunsItAgain) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 4.0)), &listener);
+    rig.connect(p);
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
+    pullFor(rig, 300);
+
+    size_t mark = Rig::callCount();
+    float zero = 0.0f;
+    ASSERT_EQ(LX_OK, p->setRate(&zero));
+    EXPECT_GE(whenLogged(rig, "Pause", mark), 0.0);
+    EXPECT_EQ(-1, Rig::find("SetRate(0.000)", mark));
+    EXPECT_EQ(LxNode::STARTED, p->getState());
+    pullFor(rig, 60);
+    const long held = rig.frameAt(1000.0);
+    pullFor(rig, 200);
+    EXPECT_EQ(held, rig.frameAt(1000.0)) << "no pictures while the clock stands";
+
+    mark = Rig::callCount();
+    float one = 1.0f;
+    ASSERT_EQ(LX_OK, p->setRate(&one));
+    EXPECT_GE(Rig::find("SetRate(1.000)", mark), 0);
+    EXPECT_GE(whenLogged(rig, "Run", mark), 0.0);
+    pullFor(rig, 200);
+    EXPECT_GT(rig.frameAt(1000.0), held);
+
+    // Suspended, the graph pauses; resumed, it goes to the clock's time and runs.
+    mark = Rig::callCount();
+    p->suspend();
+    EXPECT_GE(whenLogged(rig, "Pause", mark), 0.0);
+    const size_t actives = listener.count(LxActiveEventType);
+    mark = Rig::callCount();
+    p->resume();
+    const long run = static_cast<long>(whenLogged(rig, "Run", mark) >= 0 ? Rig::find("Run", mark) : -1);
+    ASSERT_GE(run, 0);
+    const std::vector<std::string> calls = lxp::simgraph::calls();
+    EXPECT_EQ(0u, calls[static_cast<size_t>(run) - 1].rfind("SetPositions(", 0)) << "a seek comes first";
+    EXPECT_EQ(actives, listener.count(LxActiveEventType)) << "resuming is not a new start";
+}
+
+TEST(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 0.5)), &listener);
+    rig.connect(p);
+    p->setLoop(1);
+    const size_t mark = Rig::callCount();
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
+    pullFor(rig, 1400);
+
+    EXPECT_GE(count("SetPositions(0,-)", mark), 2);
+    EXPECT_EQ(0u, listener.count(LxEndOfMediaEventType));
+    EXPECT_EQ(LxNode::STARTED, p->getState());
+    EXPECT_EQ(1u, listener.count(LxActiveEventType));
+    const std::vector<int> samples = amtest::channel0(rig.audio->received());
+    EXPECT_EQ(-1, amtest::firstBreak(samples, true));
+    const int last = static_cast<int>(0.5 * kRate) - 1;
+    int passes = 0;
+    for (size_t i = 1; i < samples.size(); ++i) {
+        if (samples[i] == 0) {
+            EXPECT_EQ(last, samples[i - 1]) << "each pass ends with the clip's last sample";
+            ++passes;
+        }
+    }
+    EXPECT_GE(passes, 2);
+
+    p->setLoop(0);
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        rig.audio->pull();
+        return listener.count(LxEndOfMediaEventType) == 1;
+    }));
+    EXPECT_EQ(LxNode::STOPPED, p->getState());
+}
+
+TEST(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 2.0)), &listener);
+    rig.connect(p);
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
+    pullFor(rig, 500);
+
+    size_t mark = Rig::callCount();
+    p->stop();
+    EXPECT_EQ(LxNode::STOPPED, p->getState());
+    const LxTime at = p->getMediaTime();
+    const int64_t units = (static_cast<int64_t>(at.sec()) * 1000000 + at.usec()) * 10;
+    const long pause = Rig::find("Pause", mark);
+    const long seek = Rig::find("SetPositions(" + std::to_string(units) + ",-)", mark);
+    ASSERT_GE(pause, 0);
+    EXPECT_GT(seek, pause) << "paused, then sought to the clock's media time";
+
+    // What the renderers hold now is the cue of that position, nothing from before the stop.
+    rig.audio->clearReceived();
+    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audio->pull() > 0; }, 2000));
+    const std::vector<int> cue = amtest::channel0(rig.audio->received());
+    EXPECT_EQ(static_cast<int>(units * kRate / 10000000) & 0x7FFF, cue.front());
+    EXPECT_EQ(static_cast<long>(std::floor(at.getValue() * kFps + 1e-9)), rig.frameAt(at.getValue()));
+
+    // Started again, it goes on from there to the end, which stops it at the duration.
+    mark = Rig::callCount();
+    const double restart = rig.now();
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(restart)));
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        rig.audio->pull();
+        return listener.count(LxEndOfMediaEventType) == 1;
+    }));
+    const double ended = rig.now();
+    EXPECT_NEAR(2.0 - at.getValue(), ended - restart, 0.3);
+    EXPECT_EQ(LxNode::STOPPED, p->getState());
+    EXPECT_EQ(LxTime(2, 0), p->getMediaTime());
+    const std::vector<int> rest = amtest::channel0(rig.audio->received());
+    EXPECT_EQ(-1, amtest::firstBreak(rest, false));
+    EXPECT_EQ((2 * kRate - 1) & 0x7FFF, rest.back()) << "the last sample arrived";
+}
+
+TEST(AMPlayerPlay, ARateChangeWhilePlayingNeitherRepeatsNorLosesAudio) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 2.0)), &listener);
+    rig.connect(p);
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
+    pullFor(rig, 400);
+    const size_t mark = Rig::callCount();
+    float two = 2.0f;
+    ASSERT_EQ(LX_OK, p->setRate(&two));
+    EXPECT_GE(Rig::find("SetRate(2.000)", mark), 0);
+    long previous = -1;
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        rig.audio->pull();
+        const long n = rig.frameAt(1000.0);
+        EXPECT_GE(n, previous) << "pictures never go back";
+        previous = std::max(previous, n);
+        return listener.count(LxEndOfMediaEventType) == 1;
+    }));
+    const std::vector<int> samples = amtest::channel0(rig.audio->received());
+    EXPECT_EQ(-1, amtest::firstBreak(samples, false))
+        << "the graph's repeat after the rate change is skipped";
+    EXPECT_EQ((2 * kRate - 1) & 0x7FFF, samples.back());
+}
+
+TEST(AMPlayerPlay, PlayersGoAwayPromptlyFromEveryStateWhileOtherThreadsSendRequests) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    const std::string path = rig.clip(clipOf(Outcome::AudioVideo, 2.0));
+    for (int state = 0; state < 5; ++state) {
+        SCOPED_TRACE(state);
+        RecordingListener listener;
+        rig.sources.push_back(std::make_unique<LxFilenameDataSource>(path.c_str()));
+        LxAMPlayer* p = new LxAMPlayer(rig.manager.get(), rig.sources.back().get());
+        p->setEventListener(&listener);
+        std::atomic<bool> stop{false};
+        std::vector<std::thread> hosts;
+        if (state > 0) {
+            EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) == 1; }));
+            rig.connect(p);
+            if (state == 2) {
+                p->prefetch();
+            } else if (state >= 3) {
+                p->startAtTime(LxTime(rig.now()));
+            }
+            if (state == 4) {
+                // Two host threads drive the player while the graph plays.
+                for (int h = 0; h < 2; ++h) {
+                    hosts.emplace_back([&, h] {
+                        for (int i = 0; !stop.load(); ++i) {
+                            float r = (i + h) % 3 == 0 ? 0.0f : 1.0f + 0.5f * h;
+                            p->setRate(&r);
+                            if (i % 5 == 0) {
+                                p->stop();
+                                p->setMediaTime(LxTime(0.1 * (i % 7)));
+                                p->startAtTime(LxTime(rig.now()));
+                            }
+                            // One thread paints, the other pulls the sound, as a host's would.
+                            if (h == 0) {
+                                rig.frameAt(0.04 * i);
+                            } else {
+                                rig.audio->pull();
+                            }
+                            sleepMs(3);
+                        }
+                    });
+                }
+            }
+            if (state == 4) {
+                sleepMs(300);
+            } else {
+                pullFor(rig, 300);
+            }
+        }
+        stop = true;
+        for (std::thread& t : hosts) {
+            t.join();
+        }
+        const auto before = std::chrono::steady_clock::now();
+        delete p;
+        EXPECT_LT(lxtest::msSince(before), 1500.0);
+    }
+}
+
+}  // namespace
