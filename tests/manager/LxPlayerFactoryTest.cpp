@@ -1,0 +1,173 @@
+// The player factory: content names to player classes, the optional plug-in, and the fallback to
+// the WAVE player when no filter graph can be used.
+#include "LxAMPlayer.h"
+#include "LxAudioPlayer.h"
+#include "LxDataSource.h"
+#include "LxEvent.h"
+#include "LxLog.h"
+#include "LxPlatformGraph.h"
+#include "LxPlatformMidi.h"
+#include "LxPlatformProbe.h"
+#include "LxResult.h"
+#include "LxTimeBase.h"
+#include "LxVersionDetection.h"
+#include "LxWin32Manager.h"
+#include "LxWin32MidiPlayer.h"
+#include "LxWin32Mixer.h"
+#include "platform/LxpDuplex.h"
+#include "platform/com/LxpCom.h"
+#include "platform/dshow/LxpGraphConfig.h"
+#include "platform/dshow/LxpRendererFilter.h"
+#include "platform/midi/LxpMidiSim.h"
+#include "platform/sound/LxpSimulatedSound.h"
+
+#include "TestNodes.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+// A source that names any content type.
+class NamedSource : public LxPullDataSource {
+  public:
+    explicit NamedSource(const char* contentName, const char* file = "/nonexistent/clip")
+        : name_(contentName), file_(file) {}
+    long connect() override { return 1; }
+    long close() override { return 1; }
+    long start() override { return 1; }
+    long stop() override { return 1; }
+    const char* getURL() override { return file_.c_str(); }
+    const char* getContentName() override { return name_.c_str(); }
+    char dataAvailable() override { return 1; }
+    long getPosition() override { return 0; }
+    long setPosition(long) override { return 1; }
+    long read(char*, long*) override { return LX_ERR_GENERIC; }
+    const char* getLocalFileName() override { return file_.c_str(); }
+
+  private:
+    std::string name_;
+    std::string file_;
+};
+
+class FactoryTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        lxp::simsound::use();
+        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
+        lxp::midisim::reset();
+        lxp::duplex::reset();
+        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
+        LxResetDXAndWin32VersionCache();
+        LxWin32Mixer::resetClassStateForTests();
+        LxWin32Manager::resetExclusivityForTests();
+        KtWin32Library::clearSearchDirectories();
+        // The simulated graph keeps GStreamer (and GLib's threads) out of this threaded test.
+        LxPlatformGraph::useSimulated();
+    }
+    void TearDown() override {
+        lxp::graphtest::simulateGStreamerMissing(false);
+        lxp::graphtest::refuseFilterRegistration(false);
+        LxPlatformGraph::useGStreamer();
+        LxPlatformProbe::useSystem();
+        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+        LxResetDXAndWin32VersionCache();
+        KtWin32Library::clearSearchDirectories();
+    }
+
+    LxWin32Manager* startManager() {
+        LxWin32Manager* m = static_cast<LxWin32Manager*>(LxManager::createManager(&threads));
+        EXPECT_EQ(LX_OK, m->initSubSystem(INIT_TIMERS | INIT_AUDIO));
+        return m;
+    }
+
+    // The class the factory picks for a content name (the player is destroyed again).
+    template <class Expected>
+    bool makes(LxWin32Manager* m, const char* contentName) {
+        NamedSource source(contentName);
+        LxPlayer* player = nullptr;
+        if (m->createPlayer(&source, &player) != LX_OK || player == nullptr) {
+            return false;
+        }
+        const bool right = dynamic_cast<Expected*>(player) != nullptr;
+        EXPECT_EQ(LX_OK, m->verifyPlayer(player)) << "the factory registers what it makes";
+        m->destroyPlayer(player);
+        return right;
+    }
+
+    KtDefaultThreadManager threads;
+};
+
+TEST_F(FactoryTest, ContentNamesReachTheirPlayers) {
+    LxWin32Manager* m = startManager();
+    ASSERT_TRUE(m->isDirectShowAvailable());
+    EXPECT_TRUE(makes<LxWin32MidiPlayer>(m, "music/midi"));
+    EXPECT_TRUE(makes<LxWin32MidiPlayer>(m, "x-music/x-midi"));
+    EXPECT_TRUE(makes<LxAMPlayer>(m, "audio/wav")) << "WAVE goes to the filter graph when it is usable";
+    EXPECT_TRUE(makes<LxAMPlayer>(m, "video/mpeg"));
+    EXPECT_TRUE(makes<LxAMPlayer>(m, "video/quicktime"));
+    EXPECT_TRUE(makes<LxAMPlayer>(m, "text/html")) << "unknown content goes to a general player";
+    EXPECT_TRUE(makes<LxAMPlayer>(m, "MUSIC/MIDI")) << "names compare case-sensitively";
+    m->closeManager();
+}
+
+TEST_F(FactoryTest, WithoutAFilterGraphEverythingButMidiGoesToTheWavePlayer) {
+    LxPlatformGraph::useGStreamer();
+    lxp::graphtest::simulateGStreamerMissing(true);
+    LxWin32Manager* m = startManager();
+    EXPECT_FALSE(m->isDirectShowAvailable());
+    EXPECT_TRUE(makes<LxAudioPlayer>(m, "audio/wav"));
+    EXPECT_TRUE(makes<LxAudioPlayer>(m, "video/mpeg"));
+    EXPECT_TRUE(makes<LxWin32MidiPlayer>(m, "music/midi"));
+    m->closeManager();
+}
+
+TEST_F(FactoryTest, FilterLibraryThatRefusesToRegisterMeansNoFilterGraph) {
+    lxtest::requireLog();
+    lxp::unregisterClass(lxp::CLSID_LxAudioRenderer);  // as if this process never registered it
+    lxp::unregisterClass(lxp::CLSID_LxVideoRenderer);
+    lxp::graphtest::refuseFilterRegistration(true);
+    LxWin32Manager* m = startManager();
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Manager: failed to register qlm13_dshow.dll\n"));
+    EXPECT_FALSE(m->isDirectShowAvailable());
+    EXPECT_TRUE(makes<LxAudioPlayer>(m, "audio/x-wav"));
+    m->closeManager();
+
+    lxp::graphtest::refuseFilterRegistration(false);
+    LxResetDXAndWin32VersionCache();
+    LxWin32Manager::resetExclusivityForTests();
+    m = startManager();
+    EXPECT_TRUE(LxLogSink::contains("LxWin32Manager: registered qlm13_dshow.dll\n"));
+    EXPECT_TRUE(m->isDirectShowAvailable());
+    m->closeManager();
+}
+
+TEST_F(FactoryTest, PluginAbsentLeavesTheOutParameterAlone) {
+    LxWin32Manager* m = startManager();
+    NamedSource source("application/x-sva");
+    LxPlayer* untouched = reinterpret_cast<LxPlayer*>(0x1234);
+    LxPlayer* player = untouched;
+    EXPECT_EQ(LX_ERR_GENERIC, m->createPlayer(&source, &player));
+    EXPECT_EQ(untouched, player);
+    m->closeManager();
+}
+
+TEST_F(FactoryTest, PluginPresentMakesAWorkingPlayer) {
+    KtWin32Library::addSearchDirectory(LORVEX_TEST_PLUGIN_DIR);
+    LxWin32Manager* m = startManager();
+    NamedSource source("application/x-sva");
+    LxPlayer* player = nullptr;
+    ASSERT_EQ(LX_OK, m->createPlayer(&source, &player));
+    ASSERT_NE(nullptr, player);
+    EXPECT_EQ(LX_OK, m->verifyPlayer(player));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return player->getState() == LxNode::STOPPED; }));
+    EXPECT_EQ(LX_OK, player->setTimeBase(m->getMasterTimeBase()));
+    EXPECT_EQ(LX_OK, player->startAtTime(m->getMasterTimeBase()->getRefTime()));
+    EXPECT_EQ(LxNode::STARTED, player->getState());
+    EXPECT_EQ(LX_OK, m->destroyPlayer(player));
+    m->closeManager();
+}
+
+}  // namespace
