@@ -421,6 +421,9 @@ int main(int argc, char** argv) {
     }
     LxWin32Window window;
     manager->setWindow(&window);
+    // Sounds are placed in 3D, as a browser's Sound nodes are; the mixer takes this setting only
+    // before audio starts.
+    manager->setSpatializeSounds(1);
     const long started = manager->initSubSystem(INIT_TIMERS | INIT_AUDIO | INIT_VIDEO);
     if (started != LX_OK) {
         fail("cannot start the media sub-systems: %s (0x%lx)", LxResultDescription(started), started);
