@@ -196,7 +196,10 @@ TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
     EXPECT_EQ(5000000, rig.position()) << "a rate change keeps the position";
     clock_.advanceMs(250);
     EXPECT_EQ(10000000, rig.position());
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().back().simulated == 25; }));
+    ASSERT_TRUE(rig.videoSink.waitFor([&] {
+        const auto& p = rig.videoSink.picturesLocked();
+        return !p.empty() && p.back().simulated == 25;
+    }));
 
     // Paused, the clock moves but the clip does not.
     ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
