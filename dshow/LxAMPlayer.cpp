@@ -30,8 +30,9 @@ using namespace lxp;
 const LxTime kLatestSeek(7000, 0);
 // How long a delivery thread waits for the filter gate.
 constexpr unsigned long kGateWaitMs = 1000;
-// How often the graph is polled for its events while it plays.
+// How often the graph is polled for its events while it plays, and near its end.
 constexpr unsigned long kGraphPollMs = 100;
+constexpr unsigned long kEndPollMs = 5;
 // A clip shorter than this is a short clip.
 const LxTime kShortClip(2, 0);
 
@@ -821,7 +822,27 @@ unsigned long LxAMPlayer::startedStep() {
         }
         mediaEvent->FreeEventParams(code, param1, param2);
     }
-    return kGraphPollMs;
+    return nextPoll(rate);
+}
+
+unsigned long LxAMPlayer::nextPoll(float rate) {
+    // Polled every 100 ms, and sooner when the clip's end is nearer than that: a loop restarts
+    // the graph once its end is seen, so every millisecond the end goes unseen is a millisecond
+    // the clip runs late from then on.
+    lock();
+    const LxTime length = duration;
+    const char paused = suspended;
+    unlock();
+    LONGLONG position = 0;
+    if (!graphRunning || paused || rate <= 0.0f || length < LxTime::zero() || mediaSeeking == nullptr ||
+        FAILED(mediaSeeking->GetCurrentPosition(&position))) {
+        return kGraphPollMs;
+    }
+    const double left = static_cast<double>(toGraphTime(length) - position) / 10000.0 / rate;
+    if (left >= static_cast<double>(kGraphPollMs)) {
+        return kGraphPollMs;
+    }
+    return left > static_cast<double>(kEndPollMs) ? static_cast<unsigned long>(left) + 1 : kEndPollMs;
 }
 
 unsigned long LxAMPlayer::stallWait(long stall, float rate) {

@@ -115,6 +115,8 @@ class LxAMPlayer : public LxPlayer {
     unsigned long initializeGraphStep();
     unsigned long prefetchStep();
     unsigned long startedStep();
+    /// The wait before the graph is polled again while it plays at rate.
+    unsigned long nextPoll(float rate);
     /// The wait for a start that lies stall media milliseconds ahead at rate.
     static unsigned long stallWait(long stall, float rate);
     /// Moves the graph to t after bumping the stream epoch.

@@ -10,6 +10,13 @@
 
 namespace lxp {
 
+namespace {
+// How soon after the end a seek to the start, and a Run after that seek, must come for the run
+// to count as the clip's next loop. A player that loops does both at once; a host that restarts
+// a finished clip waits for the end to reach it first, and its restart keeps its own timing.
+constexpr int64_t kSeamlessLoopNs = 250 * 1000 * 1000;
+}  // namespace
+
 std::string narrowName(const WCHAR* name) {
     if (name == nullptr || *name == 0) {
         return std::string();
@@ -295,6 +302,9 @@ FilterGraphBase::FilterGraphBase(const char* backendName)
       anchorPosition_(0),
       anchorNs_(0),
       moving_(false),
+      timelineNs_(0),
+      completedNs_(-1),
+      loopSeekNs_(-1),
       stopPosition_(-1),
       knownDuration_(-1),
       completePosted_(false),
@@ -611,6 +621,12 @@ HRESULT FilterGraphBase::Run() {
         // Set before the backend runs so that a clock start it reports counts from now on.
         std::lock_guard<std::mutex> guard(mutex_);
         state_ = State_Running;
+        const int64_t now = nowNs();
+        // A clip sought back to its start right after it completed, and run again at once, is
+        // looping: its second pass belongs right after the end of the first, however long the
+        // pause, the seek and the cue in between took.
+        timelineNs_ = loopSeekNs_ >= 0 && now - loopSeekNs_ <= kSeamlessLoopNs ? completedNs_ : now;
+        loopSeekNs_ = -1;
     }
     hr = run();
     if (FAILED(hr)) {
@@ -635,6 +651,8 @@ HRESULT FilterGraphBase::Stop() {
         }
         anchorPosition_ = positionLocked();
         moving_ = false;
+        completedNs_ = -1;
+        loopSeekNs_ = -1;
     }
     setFilterStates(State_Stopped);
     const HRESULT hr = stop();
@@ -836,6 +854,12 @@ HRESULT FilterGraphBase::SetPositions(LONGLONG* current, uint32_t currentFlags, 
         if (currentMode != AM_SEEKING_NoPositioning) {
             anchorPosition_ = newPosition;
             moving_ = false;
+            const int64_t nowTime = nowNs();
+            timelineNs_ = nowTime;  // a running graph plays newPosition from now on
+            loopSeekNs_ = state == State_Paused && newPosition == 0 && completedNs_ >= 0 &&
+                                  nowTime - completedNs_ <= kSeamlessLoopNs
+                              ? nowTime
+                              : -1;
         }
         if (state == State_Stopped) {
             return S_OK;  // applied when the graph is cued
@@ -873,6 +897,7 @@ HRESULT FilterGraphBase::SetRate(double rate) {
         position = positionLocked();
         anchorPosition_ = position;
         anchorNs_ = nowNs();
+        timelineNs_ = anchorNs_;
         rate_ = rate;
         stop = stopPosition_;
         if (state == State_Stopped) {
@@ -902,12 +927,15 @@ HRESULT FilterGraphBase::GetRate(double* rate) {
     return S_OK;
 }
 
-void FilterGraphBase::startClock() {
+int64_t FilterGraphBase::startClock() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (state_ == State_Running) {
-        anchorNs_ = nowNs();
-        moving_ = true;
+    if (state_ != State_Running) {
+        return 0;
     }
+    const int64_t now = nowNs();
+    anchorNs_ = timelineNs_;
+    moving_ = true;
+    return now - anchorNs_;
 }
 
 FILTER_STATE FilterGraphBase::graphState() {
@@ -1002,6 +1030,13 @@ void FilterGraphBase::checkCompleteLocked() {
         }
     }
     completePosted_ = true;
+    // The clip's end is where its duration falls on the timeline: a stream that ends a little
+    // before the others still loops at the duration the player wraps its clock at.
+    completedNs_ = nowNs();
+    if (moving_ && knownDuration_ >= 0 && rate_ > 0.0) {
+        completedNs_ = anchorNs_ + static_cast<int64_t>(static_cast<double>(knownDuration_ - anchorPosition_) *
+                                                        100.0 / rate_);
+    }
     events_.push_back({EC_COMPLETE, S_OK, 0});
     eventArrived_.notify_all();
 }

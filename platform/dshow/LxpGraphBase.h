@@ -176,8 +176,12 @@ class FilterGraphBase : public IGraphBuilder,
     // Services for backends.
 
     void postEvent(int32_t code, LONG_PTR param1, LONG_PTR param2);
-    /// Media time starts moving now from the current position at the current rate.
-    void startClock();
+    /// Media time starts moving from the current position at the current rate. It is taken to have
+    /// started when it was asked to (the Run, the seek or the rate change that a running graph
+    /// restarts for) rather than now; returns how long ago that was in nanoseconds, which the
+    /// backend makes up by presenting that much earlier (later when negative: a loop whose
+    /// first pass ended before its duration).
+    int64_t startClock();
     /// The current position in media time (100 ns), clamped to the duration when known.
     REFERENCE_TIME currentPosition();
     FILTER_STATE graphState();
@@ -225,6 +229,12 @@ class FilterGraphBase : public IGraphBuilder,
     REFERENCE_TIME anchorPosition_;
     int64_t anchorNs_;
     bool moving_;
+    // When media time should have started to move at its anchor (see startClock()).
+    int64_t timelineNs_;
+    // When the graph last completed (-1: not since the last stop), and when it was sought back
+    // to its start soon after (-1: not): a Run soon after that continues the clip seamlessly.
+    int64_t completedNs_;
+    int64_t loopSeekNs_;
     REFERENCE_TIME stopPosition_;   // -1: the end of the clip
     REFERENCE_TIME knownDuration_;  // -1: not known yet
     std::deque<Event> events_;

@@ -20,6 +20,7 @@
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpGstSinkFilter.h"
 
+#include <gst/base/gstbasesink.h>
 #include <gst/gst.h>
 
 #include <atomic>
@@ -607,13 +608,32 @@ class GstGraph : public FilterGraphBase {
                     GstState newState = GST_STATE_VOID_PENDING;
                     gst_message_parse_state_changed(message, nullptr, &newState, nullptr);
                     if (newState == GST_STATE_PLAYING) {
-                        startClock();
+                        presentEarlier(startClock());
                     }
                 }
                 break;
             default:
                 break;
         }
+    }
+
+    /// Media time started moving lateNs before the pipeline got going again (a cue after a seek
+    /// takes time): every sink presents that much earlier, so that the pictures belong to the
+    /// time they were asked for. What is already late goes through at once for the renderer to
+    /// drop. A negative lateness presents later. Each restart of the running time sets the
+    /// offset afresh.
+    void presentEarlier(int64_t lateNs) {
+        GstIterator* it = gst_bin_iterate_recurse(GST_BIN(pipeline_));
+        GValue item = G_VALUE_INIT;
+        while (gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+            GstElement* e = GST_ELEMENT(g_value_get_object(&item));
+            if (GST_IS_BASE_SINK(e)) {
+                gst_base_sink_set_ts_offset(GST_BASE_SINK(e), -static_cast<GstClockTimeDiff>(lateNs));
+            }
+            g_value_reset(&item);
+        }
+        g_value_unset(&item);
+        gst_iterator_free(it);
     }
 
     void teardown() {
