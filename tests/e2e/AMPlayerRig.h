@@ -25,6 +25,7 @@
 #include "TestNodes.h"
 #include "TestSupport.h"
 #include "platform/com/LxpCom.h"
+#include "platform/dshow/LxpGraphConfig.h"
 #include "platform/midi/LxpMidiSim.h"
 
 #include "../audio/RendererKit.h"
@@ -85,10 +86,11 @@ class AMPlayerE2E : public ::testing::Test {
         if (!LxPlatformGraph::gstreamerAvailable()) {
             GTEST_SKIP() << "GStreamer cannot start here";
         }
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
+        LxPlatformSetMidiBackend(synthesizer ? LX_MIDI_FLUIDSYNTH : LX_MIDI_SIMULATED);
         lxp::midisim::reset();
         lxp::comtest::reset();
         LxPlatformGraph::useGStreamer();
+        lxp::graphtest::simulateGStreamerMissing(!filterGraph);
         LxPlatformProbe::useSystem();
         LxResetDXAndWin32VersionCache();
         LxWin32Mixer::resetClassStateForTests();
@@ -100,7 +102,7 @@ class AMPlayerE2E : public ::testing::Test {
         ASSERT_NE(nullptr, manager);
         manager->setWindow(&window);
         ASSERT_EQ(LX_OK, manager->initSubSystem(INIT_TIMERS | INIT_AUDIO));
-        ASSERT_TRUE(static_cast<LxWin32Manager*>(manager)->isDirectShowAvailable());
+        ASSERT_EQ(filterGraph, static_cast<LxWin32Manager*>(manager)->isDirectShowAvailable());
         timeBase = manager->getMasterTimeBase();
         framesBefore = rendererkit::samples16(wavPath, 2, 0).size();
         const double a = now();
@@ -115,6 +117,7 @@ class AMPlayerE2E : public ::testing::Test {
             manager->closeManager();
         }
         sources.clear();
+        lxp::graphtest::simulateGStreamerMissing(false);
         LxPlatformSound::useNullOutput();
         LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
     }
@@ -268,6 +271,8 @@ class AMPlayerE2E : public ::testing::Test {
         return static_cast<long>(framesBefore) + static_cast<long>((ref - outputStart) * kWavRate);
     }
 
+    bool filterGraph = true;   // false: the manager starts as if GStreamer could not
+    bool synthesizer = false;  // MIDI on FluidSynth (the manager's start-up opens it) or simulated
     KtDefaultThreadManager threads;
     LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
     LxManager* manager = nullptr;
