@@ -105,6 +105,7 @@ LxAMPlayer::LxAMPlayer(LxManager* manager, LxDataSource* source)
       videoOutput(nullptr),
       comInitialized(0),
       streamEpoch(0),
+      soughtSinceLoad(0),
       gateUsers(0) {
     if (source == nullptr || source->getSourceType() != LxDataSource::PullSource) {
         LxLog::postDebug("LxAMPlayer:  cannot deal with push data source!\n");
@@ -463,6 +464,7 @@ long LxAMPlayer::reposition(LxTime t) {
     // Raised before the seek flushes the graph, so that the outputs see the new epoch together
     // with the flush and do not take the samples that follow for a repeat of what they hold.
     ++streamEpoch;
+    soughtSinceLoad = 1;
     return seekFilterGraph(t);
 }
 
@@ -728,6 +730,11 @@ unsigned long LxAMPlayer::prefetchStep() {
     unlock();
     if (!started) {
         LxLog::postDebug("LxAMPlayer: prefetching\n");
+        if (!soughtSinceLoad) {
+            // The graph was cued while the clip loaded, before the renderers were connected, and
+            // a paused graph cues nothing new: cue it again where the clock stands.
+            reposition(clock->getMediaTime());
+        }
         pauseFilterGraph();  // the cue: the renderer filters receive their first samples
         lock();
         prefetchStarted = 1;

@@ -132,6 +132,9 @@ class LxAMPlayer : public LxPlayer {
     /// The player's thread initialised COM (and uninitialises it at shutdown).
     char comInitialized;
     std::atomic<uint32_t> streamEpoch;
+    // Whether the graph has been sought since it was built (player thread only): the cue made
+    // while the clip loaded went out before anything was connected to the outputs.
+    char soughtSinceLoad;
     /// Delivery threads inside filterGateWait, so that the gate outlives them.
     std::atomic<int> gateUsers;
 

@@ -1,6 +1,7 @@
-// Clips played end to end by the filter-graph player on GStreamer, through the manager's factory
-// and default renderers, with the sound written to a WAV file in real time and a host thread that
-// paints the video renderer's frames and reads the frame counter each one shows.
+// Clips played end to end through the manager's factory and default renderers, with the sound
+// written to a WAV file in real time (WavScene) and, for the filter-graph player on GStreamer, a
+// host thread that paints the video renderer's frames and reads the frame counter each one shows
+// (AMPlayerE2E).
 //
 // Mapping the WAV file to reference time (as the audio renderer's WAV test does): the sound-card
 // test at start-up wrote the file's first F0 frames; the rig then opens the output at a reference
@@ -77,13 +78,12 @@ inline long resultOfInit(lxtest::RecordingListener& l) {
     return -1;
 }
 
-class AMPlayerE2E : public ::testing::Test {
+/// A manager whose sound goes to a WAV file in real time, with the file's frames mapped to
+/// reference time (see the file comment). Derived fixtures set the flags in their constructor.
+class WavScene : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!lxtest::haveTool("ffmpeg")) {
-            GTEST_SKIP() << "ffmpeg makes the clips (scripts/install-deps.sh test installs it)";
-        }
-        if (!LxPlatformGraph::gstreamerAvailable()) {
+        if (filterGraph && !LxPlatformGraph::gstreamerAvailable()) {
             GTEST_SKIP() << "GStreamer cannot start here";
         }
         LxPlatformSetMidiBackend(synthesizer ? LX_MIDI_FLUIDSYNTH : LX_MIDI_SIMULATED);
@@ -112,7 +112,6 @@ class AMPlayerE2E : public ::testing::Test {
     }
 
     void TearDown() override {
-        stopPainting();
         if (manager != nullptr) {
             manager->closeManager();
         }
@@ -120,9 +119,52 @@ class AMPlayerE2E : public ::testing::Test {
         lxp::graphtest::simulateGStreamerMissing(false);
         LxPlatformSound::useNullOutput();
         LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+        lxp::comtest::reset();
     }
 
     double now() { return timeBase->getRefTime().getValue(); }
+
+    /// Closes the manager (which completes the WAV file) and reads channel ch of what was heard.
+    std::vector<int16_t> finishSound(int ch = 0) {
+        if (manager != nullptr) {
+            manager->closeManager();
+            manager = nullptr;
+        }
+        return rendererkit::samples16(wavPath, 2, ch);
+    }
+    double timeAtFrame(long index) const {
+        return outputStart + (index - static_cast<long>(framesBefore)) / double(kWavRate);
+    }
+    long frameAtTime(double ref) const {
+        return static_cast<long>(framesBefore) + static_cast<long>((ref - outputStart) * kWavRate);
+    }
+
+    bool filterGraph = true;   // false: the manager starts as if GStreamer could not
+    bool synthesizer = false;  // MIDI on FluidSynth (the manager's start-up opens it) or simulated
+    KtDefaultThreadManager threads;
+    LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
+    LxManager* manager = nullptr;
+    LxTimeBase* timeBase = nullptr;
+    lxtest::TempDir dir;
+    std::string wavPath;
+    size_t framesBefore = 0;
+    double outputStart = 0.0;
+    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+};
+
+class AMPlayerE2E : public WavScene {
+  protected:
+    void SetUp() override {
+        if (!lxtest::haveTool("ffmpeg")) {
+            GTEST_SKIP() << "ffmpeg makes the clips (scripts/install-deps.sh test installs it)";
+        }
+        WavScene::SetUp();
+    }
+
+    void TearDown() override {
+        stopPainting();
+        WavScene::TearDown();
+    }
 
     /// A player for path from the manager's factory; waits until it initialised or failed.
     LxPlayer* open(const std::string& path, lxtest::RecordingListener* listener, bool connect = true) {
@@ -257,31 +299,10 @@ class AMPlayerE2E : public ::testing::Test {
         EXPECT_LE(worst, 1) << what;
     }
 
-    /// Closes the manager (which completes the WAV file) and reads channel 0 of what was heard.
     std::vector<int16_t> finishSound() {
         stopPainting();
-        manager->closeManager();
-        manager = nullptr;
-        return rendererkit::samples16(wavPath, 2, 0);
+        return WavScene::finishSound();
     }
-    double timeAtFrame(long index) const {
-        return outputStart + (index - static_cast<long>(framesBefore)) / double(kWavRate);
-    }
-    long frameAtTime(double ref) const {
-        return static_cast<long>(framesBefore) + static_cast<long>((ref - outputStart) * kWavRate);
-    }
-
-    bool filterGraph = true;   // false: the manager starts as if GStreamer could not
-    bool synthesizer = false;  // MIDI on FluidSynth (the manager's start-up opens it) or simulated
-    KtDefaultThreadManager threads;
-    LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
-    LxManager* manager = nullptr;
-    LxTimeBase* timeBase = nullptr;
-    lxtest::TempDir dir;
-    std::string wavPath;
-    size_t framesBefore = 0;
-    double outputStart = 0.0;
-    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
 
     std::mutex mutex;
     ClockMap map{0, 0, 0, 0};

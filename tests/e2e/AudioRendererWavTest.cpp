@@ -9,87 +9,31 @@
 // own start time, so frame F0 + k of the file was mixed at reference time t0 + k / 44100 (the
 // time base and the engine's pacing read the same monotonic clock). A buffer that starts playing
 // at time T is heard from the first block mixed after T: up to one 10 ms block late.
+#include "AMPlayerRig.h"
 #include "LxAudioPlayer.h"
-#include "LxDataSource.h"
-#include "LxEvent.h"
-#include "LxPlatformMidi.h"
-#include "LxPlatformProbe.h"
-#include "LxPlatformSound.h"
-#include "LxResult.h"
-#include "LxTimeBase.h"
-#include "LxVersionDetection.h"
-#include "LxWin32Manager.h"
-#include "LxWin32Mixer.h"
-#include "TestNodes.h"
-#include "TestSupport.h"
 #include "WaveFiles.h"
-#include "platform/com/LxpCom.h"
-#include "platform/dshow/LxpGraphIds.h"
-#include "platform/midi/LxpMidiSim.h"
-
-#include "../audio/RendererKit.h"
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdio>
-#include <memory>
-#include <thread>
 
 namespace {
 
 using namespace rendererkit;
 
-constexpr int kRate = 44100;
-
-void sleepSeconds(double s) {
-    std::this_thread::sleep_for(std::chrono::microseconds(static_cast<long>(s * 1e6)));
-}
+constexpr int kRate = amtest::kWavRate;
+using amtest::sleepSeconds;
 
 LxTime later(const LxTime& t, double seconds) {
     return LxTime(t.getValue() + seconds);
 }
 
-class RendererWavTest : public ::testing::Test {
+// No filter graph here: the factory makes the WAVE player.
+class RendererWavTest : public amtest::WavScene {
   protected:
+    RendererWavTest() { filterGraph = false; }
+
     void SetUp() override {
         if (!lxtest::haveTool("sox")) {
             GTEST_SKIP() << "sox is not installed (scripts/install-deps.sh test installs it)";
         }
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        lxp::midisim::reset();
-        // The factory must make the WAVE player, not the filter-graph player.
-        lxp::comtest::reset();
-        lxp::comtest::failCreate(lxp::CLSID_FilterGraph, -1);
-        LxPlatformProbe::useSystem();
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
-        wavPath = dir.file("heard.wav");
-        LxPlatformSound::useWavFile(wavPath.c_str());
-
-        manager = LxManager::createManager(&threads);
-        ASSERT_NE(nullptr, manager);
-        manager->setWindow(&window);
-        ASSERT_EQ(LX_OK, manager->initSubSystem(INIT_TIMERS | INIT_AUDIO));
-        timeBase = manager->getMasterTimeBase();
-
-        framesBefore = samples16(wavPath, 2, 0).size();
-        const double a = timeBase->getRefTime().getValue();
-        ASSERT_EQ(LX_OK, static_cast<LxWin32Mixer*>(manager->getMixer())->initDirectSound());
-        const double b = timeBase->getRefTime().getValue();
-        outputStart = (a + b) / 2.0;
-        EXPECT_LT(b - a, 0.005) << "opening the output took long: the time mapping is uncertain";
-    }
-
-    void TearDown() override {
-        if (manager != nullptr) {
-            manager->closeManager();
-        }
-        sources.clear();
-        LxPlatformSound::useNullOutput();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
-        lxp::comtest::reset();
+        WavScene::SetUp();
     }
 
     /// A WAVE player on path from the manager's factory, initialised, with the default renderer
@@ -111,23 +55,14 @@ class RendererWavTest : public ::testing::Test {
 
     /// Ends the manager (which completes the file) and reads what was heard.
     void finish() {
-        manager->closeManager();
-        manager = nullptr;
-        left = samples16(wavPath, 2, 0);
-        right = samples16(wavPath, 2, 1);
-    }
-
-    long indexAt(double refSeconds) const {
-        return static_cast<long>(framesBefore) + static_cast<long>((refSeconds - outputStart) * kRate);
-    }
-    double timeAt(long index) const {
-        return outputStart + (index - static_cast<long>(framesBefore)) / double(kRate);
+        left = finishSound(0);
+        right = finishSound(1);
     }
 
     /// Where the clip's first samples are heard, searched 300 ms either side of the time asked
     /// for; fails the test when the clip is not found there.
     long onsetNear(const std::vector<int16_t>& out, const std::vector<int16_t>& clip, double refSeconds) {
-        const long expected = indexAt(refSeconds);
+        const long expected = frameAtTime(refSeconds);
         double score = 0.0;
         const long at =
             bestOffset(out, clip, 2048, expected - kRate * 3 / 10, expected + kRate * 3 / 10, &score);
@@ -135,15 +70,6 @@ class RendererWavTest : public ::testing::Test {
         return at;
     }
 
-    KtDefaultThreadManager threads;
-    LxWin32Window window{reinterpret_cast<LxHwnd>(0x1234)};
-    LxManager* manager = nullptr;
-    LxTimeBase* timeBase = nullptr;
-    lxtest::TempDir dir;
-    std::string wavPath;
-    size_t framesBefore = 0;
-    double outputStart = 0.0;
-    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
     std::vector<int16_t> left;
     std::vector<int16_t> right;
 };
@@ -168,7 +94,7 @@ TEST_F(RendererWavTest, AClipStartsOnTimeIsHeardWholeAndEndsInSilence) {
     const std::vector<int16_t> clipL = samples16(path, 2, 0);
     const std::vector<int16_t> clipR = samples16(path, 2, 1);
     const long onset = onsetNear(left, clipL, start.getValue());
-    const double error = (timeAt(onset) - start.getValue()) * 1000.0;
+    const double error = (timeAtFrame(onset) - start.getValue()) * 1000.0;
     std::printf("[ measured ] onset %+.1f ms from the time asked for\n", error);
     EXPECT_NEAR(0.0, error, 20.0) << "started off time";
     long first = -1;
@@ -207,7 +133,7 @@ TEST_F(RendererWavTest, ALoopRunsThreePeriodsWithoutSeamsAndAStopSilencesItAtOnc
         << "first wrong sample at " << first << " (period " << (first < 0 ? 0 : first / clip.size() + 1)
         << ")";
     const long silentFrom = endOfSound(left, 2);
-    const double late = (timeAt(silentFrom) - stopCalled) * 1000.0;
+    const double late = (timeAtFrame(silentFrom) - stopCalled) * 1000.0;
     std::printf("[ measured ] sound ended %+.1f ms after stop() was called\n", late);
     EXPECT_LE(late, 50.0) << "the stop was not heard within 50 ms";
     EXPECT_GE(late, -12.0) << "the sound ended before the stop";
@@ -241,12 +167,12 @@ TEST_F(RendererWavTest, RateTwoPlaysAnOctaveUpAndAStopTimeCutsTheClipThere) {
     finish();
 
     // The tone: on time, half a second long, at 880 Hz.
-    const long toneOnset = firstAbove(left, 300, indexAt(toneStart.getValue() - 0.1));
+    const long toneOnset = firstAbove(left, 300, frameAtTime(toneStart.getValue() - 0.1));
     ASSERT_GE(toneOnset, 0);
-    std::printf("[ measured ] tone onset %+.1f ms\n", (timeAt(toneOnset) - toneStart.getValue()) * 1000.0);
-    EXPECT_NEAR(toneStart.getValue(), timeAt(toneOnset), 0.02);
+    std::printf("[ measured ] tone onset %+.1f ms\n", (timeAtFrame(toneOnset) - toneStart.getValue()) * 1000.0);
+    EXPECT_NEAR(toneStart.getValue(), timeAtFrame(toneOnset), 0.02);
     const long toneEnd = endOfSound(
-        std::vector<int16_t>(left.begin(), left.begin() + indexAt(noiseStart.getValue() - 0.05)), 300);
+        std::vector<int16_t>(left.begin(), left.begin() + frameAtTime(noiseStart.getValue() - 0.05)), 300);
     EXPECT_NEAR(0.5, double(toneEnd - toneOnset) / kRate, 0.015)
         << "one second at rate 2 lasts half a second";
     EXPECT_GT(tonePower(left, toneOnset + 2205, 13230, 880.0, kRate), 0.01);
@@ -257,7 +183,7 @@ TEST_F(RendererWavTest, RateTwoPlaysAnOctaveUpAndAStopTimeCutsTheClipThere) {
     const std::vector<int16_t> clip = samples16(noise);
     const long onset = onsetNear(left, clip, noiseStart.getValue());
     const long end = endOfSound(left, 2);
-    const double stopError = (timeAt(end) - noiseStop.getValue()) * 1000.0;
+    const double stopError = (timeAtFrame(end) - noiseStop.getValue()) * 1000.0;
     std::printf("[ measured ] stop time heard %+.1f ms from the time asked for\n", stopError);
     EXPECT_NEAR(0.0, stopError, 20.0);
     long first = -1;
