@@ -409,6 +409,10 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
+    if (!options.framesDir.empty() && ::mkdir(options.framesDir.c_str(), 0755) != 0 && errno != EEXIST) {
+        fail("cannot make the frames folder %s: %s", options.framesDir.c_str(), std::strerror(errno));
+        return 1;
+    }
     if (!configureOutput(options.output)) {
         return 1;
     }
