@@ -20,6 +20,15 @@
 
 namespace mixerkit {
 
+/// Windows 95 with DirectX 1: no 3D sound.
+inline LxSimulatedPlatform directX1() {
+    LxSimulatedPlatform os;
+    os.platformId = 1;
+    os.buildNumber = 950;
+    os.directInputLoads = false;
+    return os;
+}
+
 /// Reaches the mixer's records and buffers.
 class TestMixer : public LxWin32Mixer {
   public:

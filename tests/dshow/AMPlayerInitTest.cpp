@@ -63,9 +63,6 @@ TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
         // A renderer that nothing feeds leaves the graph (it was added before rendering).
         EXPECT_EQ(c.outcome == Outcome::AudioOnly, Rig::find("RemoveFilter(LxVideoRenderer)") >= 0);
         EXPECT_EQ(c.outcome == Outcome::VideoOnly, Rig::find("RemoveFilter(LxAudioRenderer)") >= 0);
-        EXPECT_LT(Rig::find("AddFilter(LxAudioRenderer)"), Rig::find("Render"));
-        EXPECT_LT(Rig::find("AddFilter(LxVideoRenderer)"), Rig::find("Render"));
-        EXPECT_EQ(-1, Rig::find("AddFilter(MPEG Layer 3 Codec)")) << "only for audio/mpeg content";
         rig.destroy(p);
     }
 
@@ -132,40 +129,16 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
 
     // One renderer class missing: the clip plays with the other.
     lxp::comtest::reset();
-    lxtest::requireLog();
     lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
     RecordingListener listener;
     LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &listener);
     EXPECT_EQ(0xE2, amtest::resultOf(listener, LxInitializedEventType));
-    EXPECT_TRUE(LxLogSink::contains("LxAMPlayer:  Failed to create instance of audio renderer\n"));
     EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
-}
-
-TEST(AMPlayerInit, MpegAudioContentGetsTheDecoderWhichLeavesWithAnUnusedAudioRenderer) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener audio;
-    rig.open(rig.clip(script(Outcome::AudioOnly), ".mpa"), &audio);
-    EXPECT_EQ(0xE1, amtest::resultOf(audio, LxInitializedEventType));
-    const long decoder = Rig::find("AddFilter(MPEG Layer 3 Codec)");
-    ASSERT_GE(decoder, 0);
-    EXPECT_LT(Rig::find("AddFilter(LxAudioRenderer)"), decoder);
-    EXPECT_LT(decoder, Rig::find("Render")) << "the graph builder is to use it";
-    EXPECT_EQ(-1, Rig::find("RemoveFilter(MPEG Layer 3 Codec)"));
-
-    lxp::simgraph::reset();
-    RecordingListener video;
-    rig.open(rig.clip(script(Outcome::VideoOnly), ".mpa"), &video);
-    EXPECT_EQ(0xE2, amtest::resultOf(video, LxInitializedEventType));
-    const long renderer = Rig::find("RemoveFilter(LxAudioRenderer)");
-    ASSERT_GE(renderer, 0);
-    EXPECT_GT(Rig::find("RemoveFilter(MPEG Layer 3 Codec)"), renderer);
 }
 
 TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphAsDesigned) {
     Rig rig;
     ASSERT_TRUE(rig.registered);
-    lxtest::requireLog();
     RecordingListener l1;
     LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &l1);
     rig.connect(p);
@@ -183,7 +156,6 @@ TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphAsDesigned) {
         float r = rate;
         EXPECT_EQ(LX_OK, p->setRate(&r));
     }
-    EXPECT_EQ(2u, LxLogSink::count("LxAMPlayer: rate <= 0.0\n"));
     float two = 2.0f;
     EXPECT_EQ(LX_OK, p->setRate(&two));
     const std::vector<std::string> calls = lxp::simgraph::calls();

@@ -53,14 +53,6 @@ double whenLogged(Rig& rig, const std::string& c, size_t mark, int timeoutMs = 5
     return at;
 }
 
-long count(const std::string& c, size_t from) {
-    long n = 0;
-    for (long at = Rig::find(c, from); at >= 0; at = Rig::find(c, static_cast<size_t>(at) + 1)) {
-        ++n;
-    }
-    return n;
-}
-
 TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSampleInPlace) {
     Rig rig;
     ASSERT_TRUE(rig.registered);
@@ -157,7 +149,9 @@ TEST(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared
     ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
     pullFor(rig, 1400);
 
-    EXPECT_GE(count("SetPositions(0,-)", mark), 2);
+    const long firstLoop = Rig::find("SetPositions(0,-)", mark);
+    ASSERT_GE(firstLoop, 0);
+    EXPECT_GE(Rig::find("SetPositions(0,-)", static_cast<size_t>(firstLoop) + 1), 0) << "two loops at least";
     EXPECT_EQ(0u, listener.count(LxEndOfMediaEventType));
     EXPECT_EQ(LxNode::STARTED, p->getState());
     EXPECT_EQ(1u, listener.count(LxActiveEventType));
@@ -265,39 +259,37 @@ TEST(AMPlayerPlay, PlayersGoAwayPromptlyFromEveryStateWhileOtherThreadsSendReque
         if (state > 0) {
             EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) == 1; }));
             rig.connect(p);
-            if (state == 2) {
-                p->prefetch();
-            } else if (state >= 3) {
-                p->startAtTime(LxTime(rig.now()));
-            }
-            if (state == 4) {
-                // Two host threads drive the player while the graph plays.
-                for (int h = 0; h < 2; ++h) {
-                    hosts.emplace_back([&, h] {
-                        for (int i = 0; !stop.load(); ++i) {
-                            float r = (i + h) % 3 == 0 ? 0.0f : 1.0f + 0.5f * h;
-                            p->setRate(&r);
-                            if (i % 5 == 0) {
-                                p->stop();
-                                p->setMediaTime(LxTime(0.1 * (i % 7)));
-                                p->startAtTime(LxTime(rig.now()));
-                            }
-                            // One thread paints, the other pulls the sound, as a host's would.
-                            if (h == 0) {
-                                rig.frameAt(0.04 * i);
-                            } else {
-                                rig.audio->pull();
-                            }
-                            sleepMs(3);
-                        }
-                    });
+        }
+        if (state == 2) {
+            p->prefetch();
+        } else if (state >= 3) {
+            p->startAtTime(LxTime(rig.now()));
+        }
+        // Last, two host threads drive the player while the graph plays.
+        for (int h = 0; state == 4 && h < 2; ++h) {
+            hosts.emplace_back([&, h] {
+                for (int i = 0; !stop.load(); ++i) {
+                    float r = (i + h) % 3 == 0 ? 0.0f : 1.0f + 0.5f * h;
+                    p->setRate(&r);
+                    if (i % 5 == 0) {
+                        p->stop();
+                        p->setMediaTime(LxTime(0.1 * (i % 7)));
+                        p->startAtTime(LxTime(rig.now()));
+                    }
+                    // One thread paints, the other pulls the sound, as a host's would.
+                    if (h == 0) {
+                        rig.frameAt(0.04 * i);
+                    } else {
+                        rig.audio->pull();
+                    }
+                    sleepMs(3);
                 }
-            }
-            if (state == 4) {
-                sleepMs(300);
-            } else {
-                pullFor(rig, 300);
-            }
+            });
+        }
+        if (state == 4) {
+            sleepMs(300);
+        } else if (state > 0) {
+            pullFor(rig, 300);
         }
         stop = true;
         for (std::thread& t : hosts) {

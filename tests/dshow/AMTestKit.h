@@ -158,7 +158,6 @@ class Rig {
         if (v != nullptr) {
             const uint8_t* p = v->getPixelData();
             shownFrame = static_cast<long>(p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24);
-            lastFrameTime = v->getPresentationTime().getValue();
         }
         if (f != nullptr) {
             video->releaseFrame(f);
@@ -187,7 +186,6 @@ class Rig {
     std::vector<LxAMPlayer*> players;
     EndingRenderer* audio = nullptr;  // owned by the player once connected
     LxBaseVideoRenderer* video = nullptr;
-    double lastFrameTime = -1.0;
     long shownFrame = -1;
     int clips = 0;
 };

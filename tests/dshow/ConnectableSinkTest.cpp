@@ -1,6 +1,6 @@
 // The outputs a renderer filter makes for the player, fed through the filter's sink: how audio is
-// gathered into the consumer's frames, how pictures are unpadded and stamped, what a flush keeps,
-// and that a stopped filter has left its consumer alone.
+// gathered into the consumer's frames, how pictures are unpadded and stamped, and that a stopped
+// filter has left its consumer alone.
 #include "LxBaseVideoRenderer.h"
 #include "LxConnectable.h"
 #include "LxLog.h"
@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -144,14 +145,9 @@ TEST_F(Outputs, AudioIsGatheredIntoChunksStampedWithTheirFirstSampleAndTheRestGo
     short n = 0;
     o->listFormats(formats, &n);
     ASSERT_EQ(1, n);
-    LxAudioFormat* offered = static_cast<LxAudioFormat*>(formats[0]);
-    EXPECT_EQ(LxSample8, offered->getSampleFormat());
-    EXPECT_EQ(LxMono, offered->getChannels());
-    EXPECT_EQ(8000.0f, offered->getSamplingRate());
-    EXPECT_EQ(LxFormat::PullStream, offered->getStreamStyle());
-    EXPECT_EQ(0, offered->getIsStreaming()) << "no half second of silence before the first frame";
+    EXPECT_EQ(0, static_cast<LxAudioFormat*>(formats[0])->getIsStreaming())
+        << "no half second of silence before the first frame";
     delete[] formats;
-
     auto* consumer = new lxtest::TestRendererNode(manager.get(), 8, 1000);
     consumers.push_back(consumer);
     ASSERT_EQ(LX_OK, manager->connect(o, consumer));
@@ -164,19 +160,22 @@ TEST_F(Outputs, AudioIsGatheredIntoChunksStampedWithTheirFirstSampleAndTheRestGo
         }
         send(f, bytes, first * 1250LL, (first + count) * 1250LL);
     };
+    std::vector<Taken> got;
+    auto takeUntil = [&](const std::function<bool()>& done) {
+        return lxtest::waitUntil([&] {
+            for (const Taken& t : take(o)) {
+                got.push_back(t);
+            }
+            return done();
+        });
+    };
     buffer(0, 300);
     buffer(300, 300);
     lxtest::waitUntil([&] { return consumer->framesCreated.load() == 1; });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_TRUE(take(o).empty()) << "75 ms is not worth a frame yet";
     buffer(600, 300);
-    std::vector<Taken> got;
-    ASSERT_TRUE(lxtest::waitUntil([&] {
-        for (const Taken& t : take(o)) {
-            got.push_back(t);
-        }
-        return !got.empty();
-    }));
+    ASSERT_TRUE(takeUntil([&] { return !got.empty(); }));
     ASSERT_EQ(1u, got.size());
     EXPECT_EQ(0, got[0].first);
     EXPECT_EQ(900, got[0].filled);
@@ -185,12 +184,7 @@ TEST_F(Outputs, AudioIsGatheredIntoChunksStampedWithTheirFirstSampleAndTheRestGo
     buffer(900, 1500);
     EXPECT_EQ(S_OK, f->endOfStream());
     got.clear();
-    ASSERT_TRUE(lxtest::waitUntil([&] {
-        for (const Taken& t : take(o)) {
-            got.push_back(t);
-        }
-        return consumer->endOfMediaNotes.load() == 1;
-    }));
+    ASSERT_TRUE(takeUntil([&] { return consumer->endOfMediaNotes.load() == 1; }));
     for (const Taken& t : take(o)) {
         got.push_back(t);
     }
@@ -201,36 +195,6 @@ TEST_F(Outputs, AudioIsGatheredIntoChunksStampedWithTheirFirstSampleAndTheRestGo
     EXPECT_EQ(500, got[1].filled) << "the end sends what is left";
     EXPECT_EQ(static_cast<uint8_t>(1900), got[1].first);
     EXPECT_DOUBLE_EQ(0.2375, got[1].stamp);
-}
-
-TEST_F(Outputs, AFlushOfTheOutputsGivesBackOnlyWhatCameBeforeTheGraphsLatestFlush) {
-    RendererFilter* f = nullptr;
-    LxOutputConnectable* o = audioOutput({16, 2, 8000}, &f);
-    auto* consumer = new lxtest::TestRendererNode(manager.get(), 8, 3200);
-    consumers.push_back(consumer);
-    ASSERT_EQ(LX_OK, manager->connect(o, consumer));
-    send(f, std::vector<uint8_t>(3200, 1), 0, 1000000);
-    ASSERT_TRUE(lxtest::waitUntil([&] { return consumer->framesCreated.load() == 1; }));
-    f->beginFlush();  // a seek: what follows belongs to the new position
-    f->endFlush();
-    send(f, std::vector<uint8_t>(3200, 2), 20000000, 21000000);
-    ASSERT_TRUE(lxtest::waitUntil([&] { return consumer->framesCreated.load() == 2; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    o->flush();
-    const std::vector<Taken> left = take(o);
-    ASSERT_EQ(1u, left.size());
-    EXPECT_EQ(2, left[0].first);
-    EXPECT_EQ(2.0, left[0].stamp);
-
-    // Nothing that was on its way when the graph flushed arrives after it.
-    f->Pause();
-    send(f, std::vector<uint8_t>(1600, 3), 30000000, 30500000);
-    f->beginFlush();
-    f->endFlush();
-    f->Run(0);
-    EXPECT_EQ(S_OK, f->endOfStream());
-    ASSERT_TRUE(lxtest::waitUntil([&] { return consumer->endOfMediaNotes.load() == 1; }));
-    EXPECT_TRUE(take(o).empty());
 }
 
 TEST_F(Outputs, PicturesArriveUnpaddedWithTheirTimesAndAFullConsumerDropsThemRatherThanStall) {
@@ -274,31 +238,6 @@ TEST_F(Outputs, PicturesArriveUnpaddedWithTheirTimesAndAFullConsumerDropsThemRat
     for (int i = 0; i < 18; ++i) {
         EXPECT_EQ(32 + i / 9 * 16 + i % 9, p[i]) << "byte " << i;
     }
-    renderer->releaseFrame(frame);
-}
-
-TEST_F(Outputs, AFlushOfTheVideoOutputEmptiesTheRendererButPutsTheCueBack) {
-    RendererFilter* f = nullptr;
-    const LxpVideoSpec spec = makeVideoSpec(4, 4, LxPixel32Alt, 0);
-    LxOutputConnectable* o = videoOutput(spec, &f);
-    auto* renderer = new LxBaseVideoRenderer(manager.get());
-    consumers.push_back(renderer);
-    LxInputConnectable* in = nullptr;
-    renderer->getInputConnectable("Video", &in);
-    ASSERT_EQ(LX_OK, manager->connect(o, in));
-    f->Pause();
-    send(f, std::vector<uint8_t>(64, 7), 70000000, 70400000);  // from before a stop
-    ASSERT_TRUE(lxtest::waitUntil([&] { return renderer->getQueuedFrameCount() == 1; }));
-    f->beginFlush();  // the seek to the new position
-    f->endFlush();
-    send(f, std::vector<uint8_t>(64, 1), 10000000, 10400000);  // its cue, before the player flushes
-    ASSERT_TRUE(lxtest::waitUntil([&] { return renderer->getQueuedFrameCount() == 2; }));
-    o->flush();
-    EXPECT_EQ(1, renderer->getQueuedFrameCount());
-    LxFrame* frame = renderer->attachFrameFromTime(LxTime(1, 0), LxTime::zero());
-    ASSERT_NE(nullptr, frame);
-    EXPECT_EQ(1, static_cast<LxVideoFrame*>(frame)->getPixelData()[0]);
-    EXPECT_EQ(LxTime(1, 0), static_cast<LxVideoFrame*>(frame)->getPresentationTime());
     renderer->releaseFrame(frame);
 }
 

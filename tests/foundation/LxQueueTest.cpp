@@ -1,6 +1,5 @@
 #include "LxQueue.h"
 
-#include "LxLog.h"
 #include "LxResult.h"
 #include "TestSupport.h"
 
@@ -48,17 +47,19 @@ TEST(LxQueue, SendIsFifoAndPushGoesFirst) {
     EXPECT_EQ(msg(2), q->receive(1, LxTime::maxTime()));
     EXPECT_EQ(nullptr, q->receive(0, LxTime::zero()));
     EXPECT_EQ(0, q->length());
+    // Messages belong to their senders: a queue destroyed with some left frees only its own nodes
+    // (these fake pointers would crash a queue that deleted them; LeakSanitizer watches the nodes).
+    q->send(msg(4));
+    q->send(msg(5));
 }
 
-TEST(LxQueue, BlockingReceiveTimesOutWithItsMessage) {
-    lxtest::requireLog();
+TEST(LxQueue, BlockingReceiveTimesOut) {
     QueueRef q;
     const auto start = Clock::now();
     EXPECT_EQ(nullptr, q->receive(1, LxTime(0, 200000)));
     const double elapsed = lxtest::msSince(start);
     EXPECT_GE(elapsed, 190.0);
     EXPECT_LT(elapsed, 5000.0);
-    EXPECT_TRUE(LxLogSink::contains("LxQueue: receive timed out\n"));
 }
 
 TEST(LxQueue, BlockedReceiverIsWokenBySend) {
@@ -74,20 +75,6 @@ TEST(LxQueue, BlockedReceiverIsWokenBySend) {
     q->send(msg(42));
     receiver.join();
     EXPECT_EQ(msg(42), got);
-}
-
-TEST(LxQueue, DestroyingAQueueLeavesItsMessagesAlone) {
-    // The messages belong to their senders and receivers; the queue frees only its own nodes
-    // (LeakSanitizer checks that none of them leak).
-    int payload[3] = {1, 2, 3};
-    LxQueue* q = new LxQueue();
-    for (int& p : payload) {
-        q->send(&p);
-    }
-    q->ref();
-    EXPECT_EQ(1u, q->unref());
-    EXPECT_EQ(0u, q->unref());
-    EXPECT_EQ(2, payload[1]);
 }
 
 TEST(LxQueue, ManySendersLoseNothing) {

@@ -19,15 +19,8 @@ TEST(LxFilenameDataSource, UrlAndLocalFileName) {
     EXPECT_EQ(LxDataSource::PullSource, source.getSourceType());
     EXPECT_EQ(std::string("file:clips\\a.wav"), source.getURL());
     EXPECT_EQ(std::string("clips\\a.wav"), source.getLocalFileName());
-    EXPECT_EQ(std::string("audio/wav"), source.getContentName());
-    EXPECT_EQ(1, source.connect());
-    EXPECT_EQ(1, source.start());
-    EXPECT_EQ(1, source.stop());
-    EXPECT_EQ(1, source.close());
-    EXPECT_EQ(1, source.dataAvailable());
-    EXPECT_EQ(0, source.getPosition());
     EXPECT_EQ(1, source.setPosition(1234));
-    EXPECT_EQ(0, source.getPosition());
+    EXPECT_EQ(0, source.getPosition()) << "a file source is read by name, not through read()";
     char buffer[16];
     long length = sizeof buffer;
     EXPECT_EQ(LX_ERR_GENERIC, source.read(buffer, &length));
@@ -53,30 +46,6 @@ TEST(LxFilenameDataSource, ContentNamesComeFromTheFirstMatchingPrefixInTableOrde
     for (const Case& c : cases) {
         EXPECT_EQ(std::string(c.content), contentOf(c.file)) << c.file;
     }
-}
-
-TEST(LxDataSources, BaseFieldsAndSourceTypes) {
-    struct Pull : LxPullDataSource {
-        Pull(LxManager* m, const char* u) : LxPullDataSource(m, u) {}
-        long connect() override { return 1; }
-        long close() override { return 1; }
-        long start() override { return 1; }
-        long stop() override { return 1; }
-        const char* getURL() override { return url; }
-        const char* getContentName() override { return "audio/wav"; }
-        char dataAvailable() override { return 1; }
-        long getPosition() override { return 0; }
-        long setPosition(long) override { return 1; }
-        long read(char*, long*) override { return 1; }
-        const char* getLocalFileName() override { return nullptr; }
-        LxManager* owner() { return manager; }
-    };
-    LxManager* m = reinterpret_cast<LxManager*>(0x10);
-    Pull pull(m, "http://example/a.wav");
-    Pull copy(pull);
-    EXPECT_EQ(LxDataSource::PullSource, copy.getSourceType());
-    EXPECT_EQ(std::string("http://example/a.wav"), copy.getURL());
-    EXPECT_EQ(m, copy.owner());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "Kt.h"
 
-#include "platform/kt/KtRecordingThreadManager.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -35,9 +34,11 @@ TEST(KtMutex, IsReentrantForItsOwnerAndExcludesOthers) {
     delete m;
 }
 
-TEST(KtWaitNotify, WaitTimesOutWithTheTimeOutCode) {
+TEST(KtWaitNotify, WaitTimesOutAndANotifyWithoutWaitersIsNotKept) {
     KtWaitNotify w;
     w.lock();
+    w.notify();
+    w.notifyAll();
     const auto start = Clock::now();
     EXPECT_EQ(KT_TIMEOUT, w.wait(50));
     EXPECT_GE(lxtest::msSince(start), 45.0);
@@ -100,15 +101,6 @@ TEST(KtWaitNotify, NotifyWakesOneAndNotifyAllWakesEveryone) {
     EXPECT_EQ(3, woken.load());
 }
 
-TEST(KtWaitNotify, NotifyWithoutWaitersIsNotKept) {
-    KtWaitNotify w;
-    w.lock();
-    w.notify();
-    w.notifyAll();
-    EXPECT_EQ(KT_TIMEOUT, w.wait(20));
-    w.unlock();
-}
-
 TEST(KtGateLock, StaysOpenUntilClosed) {
     KtGateLock* gate = KtGateLock::create();
     EXPECT_FALSE(gate->isOpen());
@@ -135,77 +127,38 @@ TEST(KtGateLock, StaysOpenUntilClosed) {
     delete gate;
 }
 
-long recordId(void* arg) {
-    auto* pair = static_cast<std::pair<KtThreadManager*, std::atomic<KtThreadId>*>*>(arg);
-    pair->second->store(pair->first->getCurrentThreadId());
+struct ThreadArg {
+    KtThreadManager* manager;
+    KtGateLock* gate;
+    std::atomic<KtThreadId> seen;
+};
+
+long recordIdAndWait(void* p) {
+    auto* arg = static_cast<ThreadArg*>(p);
+    arg->seen = arg->manager->getCurrentThreadId();
+    arg->gate->wait(KT_INFINITE);
     return 0;
 }
 
-long sleepForever(void* arg) {
-    auto* gate = static_cast<KtGateLock*>(arg);
-    gate->wait(KT_INFINITE);
-    return 0;
-}
-
-TEST(KtThreadManager, ThreadsKnowTheirIdBeforeAndAfterStart) {
+TEST(KtThreadManager, ThreadsKnowTheirIdAndAreWaitedForUntilTheyEnd) {
     KtDefaultThreadManager manager;
-    std::atomic<KtThreadId> seen{0};
-    std::pair<KtThreadManager*, std::atomic<KtThreadId>*> arg(&manager, &seen);
-    KtThread* thread = manager.createThread(recordId, &arg, 4, 1, 1);
+    ThreadArg arg{&manager, KtGateLock::create(), {0}};
+    KtThread* thread = manager.createThread(recordIdAndWait, &arg, 4, 1, 1);
     ASSERT_NE(nullptr, thread);
     const KtThreadId id = thread->getId();
     EXPECT_NE(0u, id);
     EXPECT_NE(manager.getCurrentThreadId(), id);
-    EXPECT_EQ(1, thread->start());
-    EXPECT_EQ(1, manager.waitForThread(thread, KT_INFINITE));
-    EXPECT_EQ(id, seen.load());
-    manager.releaseThread(thread);
-    EXPECT_EQ(manager.getCurrentThreadId(), manager.getCurrentThreadId());
-}
-
-TEST(KtThreadManager, WaitForThreadTimesOutWhileItRuns) {
-    KtDefaultThreadManager manager;
-    KtGateLock* gate = KtGateLock::create();
-    KtThread* thread = manager.createThread(sleepForever, gate, 4, 1, 1);
     ASSERT_EQ(1, thread->start());
     EXPECT_EQ(KT_TIMEOUT, manager.waitForThread(thread, 30));
-    gate->open();
+    arg.gate->open();
     EXPECT_EQ(1, manager.waitForThread(thread, 10000));
+    EXPECT_EQ(id, arg.seen.load());
     manager.releaseThread(thread);
     // A thread that never started counts as ended.
-    KtThread* idle = manager.createThread(sleepForever, gate, 4, 1, 1);
+    KtThread* idle = manager.createThread(recordIdAndWait, &arg, 4, 1, 1);
     EXPECT_EQ(1, manager.waitForThread(idle, 0));
     manager.releaseThread(idle);
-    delete gate;
-}
-
-TEST(KtRecordingThreadManager, RecordsRequestsAndRefusesOnDemand) {
-    KtRecordingThreadManager manager;
-    KtGateLock* gate = KtGateLock::create();
-    gate->open();
-    manager.refuseThreads(1);
-    EXPECT_EQ(nullptr, manager.createThread(sleepForever, gate, 4, 1, 2));
-    KtThread* t = manager.createThread(sleepForever, gate, 4, 1, 1);
-    ASSERT_NE(nullptr, t);
-    EXPECT_EQ(1, manager.liveThreads());
-    t->start();
-    manager.waitForThread(t, KT_INFINITE);
-    manager.releaseThread(t);
-    EXPECT_EQ(0, manager.liveThreads());
-    const auto requests = manager.requests();
-    ASSERT_EQ(2u, requests.size());
-    EXPECT_TRUE(requests[0].refused);
-    EXPECT_EQ(2, requests[0].schedulingClass);
-    EXPECT_FALSE(requests[1].refused);
-    EXPECT_EQ(gate, requests[1].argument);
-    delete gate;
-}
-
-TEST(KtCheckVersion, AcceptsUpTo116) {
-    EXPECT_NE(0, KtCheckVersion(1, 16));
-    EXPECT_NE(0, KtCheckVersion(1, 0));
-    EXPECT_EQ(0, KtCheckVersion(1, 17));
-    EXPECT_EQ(0, KtCheckVersion(2, 0));
+    delete arg.gate;
 }
 
 TEST(KtWin32Library, MapsWindowsNamesAndLoadsByThem) {

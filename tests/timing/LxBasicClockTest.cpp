@@ -33,7 +33,7 @@ TEST_F(ClockTest, MapsReferenceTimeFromOriginAndClampsBeforeTheStart) {
     EXPECT_DOUBLE_EQ(4.0, sync()) << "the sync time is not clamped";
 }
 
-TEST_F(ClockTest, RateScalesTheAdvanceAndNegativeRatesClampFromAbove) {
+TEST_F(ClockTest, RateScalesTheAdvanceNegativeRatesClampFromAboveAndZeroHolds) {
     float two = 2.0f;
     ASSERT_EQ(LX_OK, clock.setRate(&two));
     ASSERT_EQ(LX_OK, clock.startAtTime(LxTime(100, 0)));
@@ -54,9 +54,8 @@ TEST_F(ClockTest, RateScalesTheAdvanceAndNegativeRatesClampFromAbove) {
     // stop() keeps the origin when media time did not move past it in the clock's direction.
     clock.stop();
     EXPECT_DOUBLE_EQ(10.0, media());
-}
 
-TEST_F(ClockTest, ZeroRateHoldsTheOriginAndStopKeepsIt) {
+    // Rate zero holds the origin, and stop keeps it.
     float zero = 0.0f;
     ASSERT_EQ(LX_OK, clock.setRate(&zero));
     ASSERT_EQ(LX_OK, clock.setMediaTime(LxTime(3, 0)));

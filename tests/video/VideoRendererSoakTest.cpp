@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <set>
 #include <thread>
 #include <vector>
@@ -106,8 +105,6 @@ void soak(int seconds, bool storm) {
         if (!storm) {
             // Whatever is still queued: the last frame is shown, the ones before it are dropped.
             const int left = l->rig.show(100) >= 0 ? 1 : 0;
-            std::printf("%s: produced %d, shown %d, dropped %d, left %d\n", l == &push ? "push" : "pull",
-                        l->produced.load(), l->shown, static_cast<int>(l->rig.dropped()), left);
             EXPECT_EQ(0, l->shownTwice);
             // Each frame was shown, dropped as late, or was still queued: none vanished.
             EXPECT_EQ(l->produced.load(), l->shown + l->rig.dropped() + left);

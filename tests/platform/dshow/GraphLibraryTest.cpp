@@ -30,19 +30,11 @@ class GraphLibrary : public ::testing::Test {
 TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
     IUnknown* object = nullptr;
     EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_LxAudioRenderer, IID_ILxRenderer, &object));
-    EXPECT_FALSE(isClassRegistered(CLSID_LxVideoRenderer));
-
     KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
     ASSERT_NE(nullptr, module) << "libqlm13_dshow.so beside liblorvex.so";
     typedef HRESULT (*EntryFn)();
     EntryFn reg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
-    EntryFn unreg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllUnregisterServer"));
     ASSERT_NE(nullptr, reg);
-    ASSERT_NE(nullptr, unreg);
-    EXPECT_EQ(nullptr, KtWin32Library::GetProcAddress(
-                           module, "_ZN3lxp14RendererFilterC1ENS_12RendererKindE15LxPixelFormat_s"))
-        << "only the entry points are exported";
-
     graphtest::refuseFilterRegistration(true);
     EXPECT_EQ(static_cast<HRESULT>(0x80040201u), reg());
     EXPECT_FALSE(isClassRegistered(CLSID_LxAudioRenderer));
@@ -56,29 +48,9 @@ TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
         ASSERT_EQ(S_OK, create(*clsid, IID_ILxRenderer, &object));
         IBaseFilter* filter = nullptr;
         EXPECT_EQ(S_OK, object->QueryInterface(IID_IBaseFilter, reinterpret_cast<void**>(&filter)));
-        FILTER_INFO info;
-        ASSERT_EQ(S_OK, filter->QueryFilterInfo(&info));
-        EXPECT_EQ(nullptr, info.pGraph);
-        EXPECT_EQ(std::wstring(clsid == &CLSID_LxAudioRenderer ? L"LxAudioRenderer" : L"LxVideoRenderer"),
-                  std::wstring(info.achName));
         filter->Release();
         object->Release();
     }
-    IClassFactory* factory = nullptr;
-    ASSERT_EQ(S_OK, CoGetClassObject(CLSID_LxAudioRenderer, CLSCTX_INPROC_SERVER, nullptr, IID_IClassFactory,
-                                     reinterpret_cast<void**>(&factory)));
-    EXPECT_EQ(static_cast<HRESULT>(0x80040110u),
-              factory->CreateInstance(reinterpret_cast<IUnknown*>(factory), IID_ILxRenderer,
-                                      reinterpret_cast<void**>(&object)));
-    factory->Release();
-
-    module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
-    unreg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllUnregisterServer"));
-    EXPECT_EQ(S_OK, unreg());
-    EXPECT_FALSE(isClassRegistered(CLSID_LxAudioRenderer));
-    reg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
-    EXPECT_EQ(S_OK, reg());
-    KtWin32Library::FreeLibrary(module);
 }
 
 TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
@@ -93,19 +65,14 @@ TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
     EXPECT_EQ(nullptr, graph);
     EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, &graph));
 
-    // The simulated backend does not need GStreamer.
+    // The simulated backend does not need GStreamer; its events are polled with or without a wait.
     LxPlatformGraph::useSimulated();
-    EXPECT_TRUE(LxPlatformGraph::usesSimulated());
     ASSERT_EQ(S_OK, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
+    IGraphBuilder* builder = static_cast<IGraphBuilder*>(graph);
     IMediaControl* control = nullptr;
-    IMediaSeeking* seeking = nullptr;
     IMediaEvent* events = nullptr;
-    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaControl, reinterpret_cast<void**>(&control)));
-    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaSeeking, reinterpret_cast<void**>(&seeking)));
-    EXPECT_EQ(S_OK, graph->QueryInterface(IID_IMediaEvent, reinterpret_cast<void**>(&events)));
-    GUID format = GUID_NULL;
-    seeking->GetTimeFormat(&format);
-    EXPECT_EQ(TIME_FORMAT_MEDIA_TIME, format);
+    ASSERT_EQ(S_OK, graph->QueryInterface(IID_IMediaControl, reinterpret_cast<void**>(&control)));
+    ASSERT_EQ(S_OK, graph->QueryInterface(IID_IMediaEvent, reinterpret_cast<void**>(&events)));
     int32_t code = 0;
     LONG_PTR p1 = 0;
     LONG_PTR p2 = 0;
@@ -115,10 +82,9 @@ TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
     EXPECT_GE(lxtest::msSince(start), 90);
     EXPECT_EQ(VFW_E_WRONG_STATE, control->Run()) << "nothing rendered yet";
 
-    // The decoder filter the player adds for MPEG audio: a filter without pins.
+    // The decoder filter the player adds for MPEG audio: a filter without pins, in the graph once.
     IBaseFilter* decoder = nullptr;
     ASSERT_EQ(S_OK, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, reinterpret_cast<IUnknown**>(&decoder)));
-    IGraphBuilder* builder = static_cast<IGraphBuilder*>(static_cast<IUnknown*>(graph));
     EXPECT_EQ(S_OK, builder->AddFilter(decoder, L"MPEG Layer 3 Codec"));
     EXPECT_EQ(E_INVALIDARG, builder->AddFilter(decoder, L"again"));
     IEnumPins* pins = nullptr;
@@ -134,20 +100,13 @@ TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
     EXPECT_EQ(1u, fetched);
     EXPECT_EQ(decoder, listed[0]);
     listed[0]->Release();
-    EXPECT_EQ(S_OK, filters->Reset());
-    EXPECT_EQ(S_FALSE, filters->Skip(2));
     filters->Release();
     EXPECT_EQ(S_OK, builder->RemoveFilter(decoder));
     EXPECT_EQ(VFW_E_NOT_FOUND, builder->RemoveFilter(decoder));
     decoder->Release();
-
     events->Release();
-    seeking->Release();
     control->Release();
     graph->Release();
-    CoUninitialize();
-    EXPECT_EQ(CO_E_NOTINITIALIZED, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
-    CoInitialize(nullptr);
 }
 
 TEST_F(GraphLibrary, TheVideoRendererDeliversTheChosenPixelLayout) {
@@ -166,8 +125,7 @@ TEST_F(GraphLibrary, TheVideoRendererDeliversTheChosenPixelLayout) {
     lxtest::writeFile(clip, "x");
     {
         lxtest::GraphRig rig;
-        ASSERT_TRUE(rig.create());
-        ASSERT_EQ(S_OK, rig.render(clip));
+        ASSERT_TRUE(rig.open(clip));
         ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
         ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
         const LxpVideoSpec spec = rig.videoSink.pictures()[0].spec;
@@ -205,21 +163,6 @@ TEST(GraphText, NamesSurviveTheRoundTripThroughWideStrings) {
     copyName(fixed, 4, L"LxAudioRenderer");
     EXPECT_EQ(std::wstring(L"LxA"), std::wstring(fixed));
     EXPECT_EQ(std::string("LxVideoRenderer"), narrowName(L"LxVideoRenderer"));
-}
-
-TEST(GraphText, MediaTypesCopyTheirFormatBlock) {
-    AM_MEDIA_TYPE a = makeMajorType(MEDIATYPE_Audio);
-    a.cbFormat = sizeof(WAVEFORMATEX);
-    a.pbFormat = static_cast<uint8_t*>(CoTaskMemAlloc(a.cbFormat));
-    std::memset(a.pbFormat, 7, a.cbFormat);
-    AM_MEDIA_TYPE b;
-    ASSERT_EQ(S_OK, CopyMediaType(&b, &a));
-    EXPECT_NE(a.pbFormat, b.pbFormat);
-    EXPECT_EQ(0, std::memcmp(a.pbFormat, b.pbFormat, a.cbFormat));
-    FreeMediaType(a);
-    EXPECT_EQ(nullptr, a.pbFormat);
-    EXPECT_EQ(0u, a.cbFormat);
-    FreeMediaType(b);
 }
 
 }  // namespace

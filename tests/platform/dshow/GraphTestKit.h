@@ -55,12 +55,7 @@ class RecordingSink : public lxp::LxpRendererSink {
         lxp::LxpAudioSpec spec;
     };
 
-    bool gateWait() override {
-        if (gate) {
-            return gate();
-        }
-        return true;
-    }
+    bool gateWait() override { return gate ? gate() : true; }
     void audioBuffer(const lxp::LxpAudioSpec& spec, const lxp::LxpAudioBuffer& b) override {
         waitWhileHeld();
         int first = spec.bitsPerSample == 16 ? static_cast<int16_t>(b.data[0] | (b.data[1] << 8)) : b.data[0];
@@ -191,6 +186,9 @@ struct GraphRig {
         return control != nullptr && seeking != nullptr && events != nullptr;
     }
 
+    /// create() with both renderers, then render(path); true when both succeed.
+    bool open(const std::string& path) { return create() && render(path) == lxp::S_OK; }
+
     /// AddSourceFilter and Render of its first pin; the Render result.
     lxp::HRESULT render(const std::string& path) {
         const std::wstring file(path.begin(), path.end());
@@ -198,25 +196,27 @@ struct GraphRig {
         if (lxp::FAILED(hr)) {
             return hr;
         }
-        lxp::IEnumPins* pins = nullptr;
-        lxp::IPin* pin = nullptr;
-        source->EnumPins(&pins);
-        pins->Next(1, &pin, nullptr);
-        pins->Release();
+        lxp::IPin* pin = firstPin(source);
         hr = graph->Render(pin);
         pin->Release();
         return hr;
+    }
+
+    /// The filter's first pin (the caller releases it).
+    static lxp::IPin* firstPin(lxp::IBaseFilter* filter) {
+        lxp::IEnumPins* pins = nullptr;
+        lxp::IPin* pin = nullptr;
+        filter->EnumPins(&pins);
+        pins->Next(1, &pin, nullptr);
+        pins->Release();
+        return pin;
     }
 
     static bool isConnected(lxp::IBaseFilter* filter) {
         if (filter == nullptr) {
             return false;
         }
-        lxp::IEnumPins* pins = nullptr;
-        lxp::IPin* pin = nullptr;
-        filter->EnumPins(&pins);
-        pins->Next(1, &pin, nullptr);
-        pins->Release();
+        lxp::IPin* pin = firstPin(filter);
         lxp::IPin* peer = nullptr;
         const bool connected = lxp::SUCCEEDED(pin->ConnectedTo(&peer));
         if (peer != nullptr) {

@@ -1,12 +1,11 @@
 // The simulated graph with the filter library's renderers: scripted outcomes, the graph's state
-// machine, positions in virtual time, seeks, rate, EC_COMPLETE bookkeeping, failures and the log.
+// machine, positions in virtual time, seeks, rate and EC_COMPLETE bookkeeping.
 #include "LxPlatformGraph.h"
 #include "platform/clock/LxpClock.h"
 #include "platform/dshow/LxpSimGraph.h"
 
 #include "GraphTestKit.h"
 
-#include <algorithm>
 #include <thread>
 
 namespace {
@@ -79,23 +78,6 @@ TEST_F(SimGraph, RenderConnectsWhatTheScriptSaysAndFailsAsItSays) {
             EXPECT_EQ(VFW_E_WRONG_STATE, rig.control->Pause());
         }
     }
-    // Failures injected into the calls that build the graph.
-    sim::setScriptForFile(clip_, script(sim::Outcome::AudioVideo));
-    sim::failNext(sim::Op::AddSourceFilter, 1, E_OUTOFMEMORY);
-    GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    EXPECT_EQ(E_OUTOFMEMORY, rig.render(clip_));
-    EXPECT_EQ(nullptr, rig.source);
-    sim::failNext(sim::Op::Render, 1, VFW_E_CANNOT_RENDER);
-    EXPECT_EQ(VFW_E_CANNOT_RENDER, rig.render(clip_));
-    IEnumPins* pins = nullptr;
-    IPin* pin = nullptr;
-    rig.source->EnumPins(&pins);
-    pins->Next(1, &pin, nullptr);
-    pins->Release();
-    EXPECT_EQ(S_OK, rig.graph->Render(pin)) << "a failed Render leaves the graph as it was";
-    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, rig.graph->Render(pin));
-    pin->Release();
 }
 
 TEST_F(SimGraph, DurationAndFramesFollowTheScriptInEitherTimeFormat) {
@@ -104,15 +86,11 @@ TEST_F(SimGraph, DurationAndFramesFollowTheScriptInEitherTimeFormat) {
     s.frameCount = 90;
     sim::setScript(s);
     GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(rig.open(clip_));
     LONGLONG v = 0;
     ASSERT_EQ(S_OK, rig.seeking->GetDuration(&v));
     EXPECT_EQ(3 * UNITS, v);
     ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
-    GUID format;
-    rig.seeking->GetTimeFormat(&format);
-    EXPECT_EQ(TIME_FORMAT_FRAME, format);
     ASSERT_EQ(S_OK, rig.seeking->GetDuration(&v));
     EXPECT_EQ(90, v);
     // 30 fps: frame 45 is 1.5 s, and a relative move of -15 frames lands at 1.0 s.
@@ -125,22 +103,18 @@ TEST_F(SimGraph, DurationAndFramesFollowTheScriptInEitherTimeFormat) {
     ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_MEDIA_TIME));
     ASSERT_EQ(S_OK, rig.seeking->GetCurrentPosition(&v));
     EXPECT_EQ(UNITS, v);
-    EXPECT_EQ(E_INVALIDARG, rig.seeking->SetTimeFormat(&TIME_FORMAT_SAMPLE));
-    EXPECT_EQ(E_INVALIDARG, rig.seeking->SetPositions(&v, AM_SEEKING_IncrementalPositioning, nullptr, 0));
 
     s.durationKnown = false;
     sim::setScript(s);
     GraphRig unknown;
-    ASSERT_TRUE(unknown.create());
-    ASSERT_EQ(S_OK, unknown.render(clip_));
+    ASSERT_TRUE(unknown.open(clip_));
     EXPECT_TRUE(FAILED(unknown.seeking->GetDuration(&v)));
 }
 
 TEST_F(SimGraph, PauseCuesThenRunDeliversEverySampleInOrderAndOneComplete) {
     sim::setScript(script(sim::Outcome::AudioVideo));
     GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(rig.open(clip_));
     ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
     OAFilterState state = -1;
     EXPECT_EQ(S_OK, rig.control->GetState(2000, &state));
@@ -157,8 +131,6 @@ TEST_F(SimGraph, PauseCuesThenRunDeliversEverySampleInOrderAndOneComplete) {
         EXPECT_EQ(i, pictures[i].simulated);
         EXPECT_EQ(static_cast<REFERENCE_TIME>(i) * 400000, pictures[i].start);
     }
-    EXPECT_EQ(LxPixel32Alt, pictures[0].spec.pixelFormat);
-    EXPECT_EQ(32, pictures[0].spec.stride);
     const std::vector<RecordingSink::Audio> audio = rig.audioSink.audio();
     int64_t sample = 0;
     for (const RecordingSink::Audio& a : audio) {
@@ -181,8 +153,7 @@ TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
     sim::Script s = script(sim::Outcome::VideoOnly);
     sim::setScript(s);
     GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(rig.open(clip_));
     ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
     ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
     clock_.advanceMs(500);
@@ -222,8 +193,7 @@ TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
 TEST_F(SimGraph, SeeksFlushAndRestartAtThePositionAndAStaleCompleteIsWithdrawn) {
     sim::setScript(script(sim::Outcome::AudioVideo));
     GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(rig.open(clip_));
     ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
     ASSERT_GE(rig.waitComplete(10000), 0);
 
@@ -256,61 +226,12 @@ TEST_F(SimGraph, SeeksFlushAndRestartAtThePositionAndAStaleCompleteIsWithdrawn) 
     EXPECT_EQ(49u, rig.videoSink.pictures().back().simulated);
 }
 
-TEST_F(SimGraph, TheCallLogAndInjectedFailuresLeaveTheGraphWhereItWas) {
-    sim::setScript(script(sim::Outcome::AudioVideo));
-    GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
-    sim::failNext(sim::Op::Run, 1, E_FAIL);
-    EXPECT_EQ(E_FAIL, rig.control->Run());
-    OAFilterState state = -1;
-    rig.control->GetState(0, &state);
-    EXPECT_EQ(State_Stopped, state);
-    sim::failNext(sim::Op::SetPositions, 1, E_UNEXPECTED);
-    EXPECT_EQ(E_UNEXPECTED, rig.seekTo(1.0));
-    EXPECT_EQ(0, rig.position());
-    sim::failNext(sim::Op::SetRate, 1, E_FAIL);
-    EXPECT_EQ(E_FAIL, rig.seeking->SetRate(2.0));
-    double rate = 0;
-    rig.seeking->GetRate(&rate);
-    EXPECT_EQ(1.0, rate);
-    sim::failNext(sim::Op::GetDuration, 1, E_FAIL);
-    LONGLONG d = 0;
-    EXPECT_EQ(E_FAIL, rig.seeking->GetDuration(&d));
-    sim::failNext(sim::Op::SetTimeFormat, 1, E_FAIL);
-    EXPECT_EQ(E_FAIL, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
-    sim::failNext(sim::Op::Pause, 2, E_FAIL);
-    EXPECT_EQ(E_FAIL, rig.control->Pause());
-    EXPECT_EQ(E_FAIL, rig.control->Run()) << "running a stopped graph pauses it first";
-    EXPECT_TRUE(SUCCEEDED(rig.control->Pause()));
-    EXPECT_EQ(S_OK, rig.seeking->SetRate(1.5));
-    EXPECT_EQ(S_OK, rig.control->Stop());
-
-    const std::vector<std::string> expected = {"AddFilter(LxAudioRenderer)",
-                                               "AddFilter(LxVideoRenderer)",
-                                               "AddSourceFilter(" + clip_ + ")",
-                                               "Render",
-                                               "Run",
-                                               "SetPositions(10000000,-)",
-                                               "SetRate(2.000)",
-                                               "GetDuration",
-                                               "SetTimeFormat(FRAME)",
-                                               "Pause",
-                                               "Run",
-                                               "Pause",
-                                               "Pause",
-                                               "SetRate(1.500)",
-                                               "Stop"};
-    EXPECT_EQ(expected, sim::calls());
-}
-
 TEST_F(SimGraph, CompleteWaitsForEveryConnectedRendererOnly) {
     sim::Script s = script(sim::Outcome::AudioVideo);
     s.audioBufferSeconds = 0.5;
     sim::setScript(s);
     GraphRig rig;
-    ASSERT_TRUE(rig.create());
-    ASSERT_EQ(S_OK, rig.render(clip_));
+    ASSERT_TRUE(rig.open(clip_));
     // A renderer still delivering its last frame holds EC_COMPLETE back, whatever the others did.
     std::atomic<bool> release{false};
     rig.videoSink.gate = [&] {
@@ -348,8 +269,7 @@ TEST_F(SimGraph, AGraphReleasedWhileItsStreamIsBlockedGoesAwayAtOnce) {
     const auto start = std::chrono::steady_clock::now();
     {
         GraphRig rig;
-        ASSERT_TRUE(rig.create());
-        ASSERT_EQ(S_OK, rig.render(clip_));
+        ASSERT_TRUE(rig.open(clip_));
         rig.videoSink.hold(true);
         rig.audioSink.hold(true);
         ASSERT_TRUE(SUCCEEDED(rig.control->Run()));

@@ -6,6 +6,7 @@
 #include "platform/sound/LxpSimulatedSound.h"
 
 #include "TestSupport.h"
+#include "WaveFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -25,30 +26,34 @@ bool haveSoundFont() {
     return ::stat(LX_MIDI_DEFAULT_SOUNDFONT, &st) == 0;
 }
 
-/// Magnitude of the frequency f in x (a Hann-windowed single-bin DFT).
-double magnitudeAt(const std::vector<float>& x, double f, double rate) {
-    double re = 0;
-    double im = 0;
-    const size_t n = x.size();
-    for (size_t i = 0; i < n; ++i) {
-        const double w = 0.5 - 0.5 * std::cos(2 * M_PI * i / (n - 1));
-        re += w * x[i] * std::cos(2 * M_PI * f * i / rate);
-        im -= w * x[i] * std::sin(2 * M_PI * f * i / rate);
-    }
-    return std::hypot(re, im);
-}
-
+/// The strongest frequency of x from 60 to 2000 Hz in 0.5 Hz steps (Hann-windowed single-bin DFTs).
 double dominantFrequency(const std::vector<float>& x, double rate) {
     double best = 0;
     double bestF = 0;
+    const size_t n = x.size();
     for (double f = 60; f < 2000; f += 0.5) {
-        const double m = magnitudeAt(x, f, rate);
-        if (m > best) {
-            best = m;
+        double re = 0;
+        double im = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const double w = 0.5 - 0.5 * std::cos(2 * M_PI * i / (n - 1));
+            re += w * x[i] * std::cos(2 * M_PI * f * i / rate);
+            im -= w * x[i] * std::sin(2 * M_PI * f * i / rate);
+        }
+        if (std::hypot(re, im) > best) {
+            best = std::hypot(re, im);
             bestF = f;
         }
     }
     return bestF;
+}
+
+/// Index of the first sample louder than threshold (x.size() when none is).
+size_t onsetOf(const std::vector<float>& x, float threshold) {
+    size_t i = 0;
+    while (i < x.size() && std::fabs(x[i]) < threshold) {
+        ++i;
+    }
+    return i;
 }
 
 class MidiFluidTest : public ::testing::Test {
@@ -74,10 +79,6 @@ class MidiFluidTest : public ::testing::Test {
     }
 
   public:
-    static void callback(HMIDIOUT, uint32_t, uintptr_t instance, uintptr_t, uintptr_t) {
-        ++*reinterpret_cast<std::atomic<int>*>(instance);
-    }
-
     /// Renders ms milliseconds of output in 10 ms periods and returns its left channel, in the
     /// output's rate (sampleRate()).
     static std::vector<float> pull(int ms) {
@@ -102,37 +103,48 @@ class MidiFluidTest : public ::testing::Test {
     }
 };
 
+/// A stream on the synthesizer, started with one buffer of records; counts the buffers returned.
+struct Playing {
+    std::atomic<int> done{0};
+    HMIDISTRM s = nullptr;
+    std::vector<MIDIEVENT> records;
+    MIDIHDR h{};
+
+    explicit Playing(std::vector<MIDIEVENT> r) : records(std::move(r)) {
+        uint32_t device = MIDI_MAPPER;
+        const uintptr_t instance = reinterpret_cast<uintptr_t>(&done);
+        EXPECT_EQ(MMSYSERR_NOERROR, midiStreamOpen(&s, &device, 1, callback, instance, CALLBACK_FUNCTION));
+        h.lpData = reinterpret_cast<char*>(records.data());
+        h.dwBufferLength = h.dwBytesRecorded = static_cast<uint32_t>(records.size() * sizeof(MIDIEVENT));
+        EXPECT_EQ(MMSYSERR_NOERROR, midiOutPrepareHeader(s, &h, sizeof h));
+        EXPECT_EQ(MMSYSERR_NOERROR, midiStreamOut(s, &h, sizeof h));
+        EXPECT_EQ(MMSYSERR_NOERROR, midiStreamRestart(s));
+    }
+    void close() {
+        EXPECT_EQ(MMSYSERR_NOERROR, midiOutUnprepareHeader(s, &h, sizeof h));
+        EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));
+    }
+    static void callback(HMIDIOUT, uint32_t, uintptr_t instance, uintptr_t, uintptr_t) {
+        ++*reinterpret_cast<std::atomic<int>*>(instance);
+    }
+};
+
+const uint32_t kNoteOn = 0x90u | (60u << 8) | (110u << 16);  // middle C
+const uint32_t kNoteOff = 0x80u | (60u << 8);
+
 /// Plays middle C from tick `on` to tick 96 (500 ms) and renders 800 ms: the milliseconds at
 /// which sound starts, and whether the buffer came back only after the note-off was rendered.
 double playNote(uint32_t on, bool* returnedAfterEnd) {
-    std::atomic<int> done{0};
-    uint32_t device = MIDI_MAPPER;
-    HMIDISTRM s = nullptr;
-    EXPECT_EQ(MMSYSERR_NOERROR, midiStreamOpen(&s, &device, 1, MidiFluidTest::callback,
-                                               reinterpret_cast<uintptr_t>(&done), CALLBACK_FUNCTION));
-    MIDIEVENT records[] = {{0, 0, 0xC0u | (79u << 8)},
-                           {0, 0, (MEVT_TEMPO << 24) | 500000u},
-                           {on, 0, 0x90u | (60u << 8) | (110u << 16)},
-                           {96 - on, 0, 0x80u | (60u << 8)}};
-    MIDIHDR h{};
-    h.lpData = reinterpret_cast<char*>(records);
-    h.dwBufferLength = h.dwBytesRecorded = sizeof records;
-    midiOutPrepareHeader(s, &h, sizeof h);
-    midiStreamOut(s, &h, sizeof h);
-    midiStreamRestart(s);
+    Playing p({{0, 0, 0xC0u | (79u << 8)}, {0, 0, (MEVT_TEMPO << 24) | 500000u}, {on, 0, kNoteOn},
+               {96 - on, 0, kNoteOff}});
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::vector<float> audio = MidiFluidTest::pull(400);
-    *returnedAfterEnd = done.load() == 0;
+    *returnedAfterEnd = p.done.load() == 0;
     const std::vector<float> more = MidiFluidTest::pull(400);
     audio.insert(audio.end(), more.begin(), more.end());
-    *returnedAfterEnd = *returnedAfterEnd && lxtest::waitUntil([&] { return done.load() == 1; });
-    midiOutUnprepareHeader(s, &h, sizeof h);
-    EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));
-    size_t onset = 0;
-    while (onset < audio.size() && std::fabs(audio[onset]) < 1e-4f) {
-        ++onset;
-    }
-    return onset * 1000.0 / MidiFluidTest::sampleRate();
+    *returnedAfterEnd = *returnedAfterEnd && lxtest::waitUntil([&] { return p.done.load() == 1; });
+    p.close();
+    return onsetOf(audio, 1e-4f) * 1000.0 / MidiFluidTest::sampleRate();
 }
 
 TEST_F(MidiFluidTest, NotesSoundAtTheirTimeAndTheBufferReturnsAfterItsLastEvent) {
@@ -148,90 +160,51 @@ TEST_F(MidiFluidTest, NotesSoundAtTheirTimeAndTheBufferReturnsAfterItsLastEvent)
 }
 
 TEST_F(MidiFluidTest, StopDropsNotesAlreadyHandedToTheSynthesizer) {
-    std::atomic<int> done{0};
-    uint32_t device = MIDI_MAPPER;
-    HMIDISTRM s = nullptr;
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOpen(&s, &device, 1, callback, reinterpret_cast<uintptr_t>(&done),
-                                               CALLBACK_FUNCTION));
     // Due at 20 ms: inside the look-ahead, so handed over before anything is rendered.
-    MIDIEVENT records[] = {{4, 0, 0x90u | (60u << 8) | (110u << 16)}, {96, 0, 0x80u | (60u << 8)}};
-    MIDIHDR h{};
-    h.lpData = reinterpret_cast<char*>(records);
-    h.dwBufferLength = h.dwBytesRecorded = sizeof records;
-    ASSERT_EQ(MMSYSERR_NOERROR, midiOutPrepareHeader(s, &h, sizeof h));
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOut(s, &h, sizeof h));
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamRestart(s));
+    Playing p({{4, 0, kNoteOn}, {96, 0, kNoteOff}});
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamStop(s));
-    EXPECT_TRUE(lxtest::waitUntil([&] { return done.load() == 1; }));
+    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamStop(p.s));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return p.done.load() == 1; }));
     const std::vector<float> audio = pull(300);
     EXPECT_LT(rms(audio, 0, audio.size()), 1e-4);
 
     // Direct messages play at once.
-    ASSERT_EQ(MMSYSERR_NOERROR, midiOutShortMsg(s, 0x90u | (67u << 8) | (110u << 16)));
+    ASSERT_EQ(MMSYSERR_NOERROR, midiOutShortMsg(p.s, kNoteOn));
     const std::vector<float> after = pull(400);
     EXPECT_GT(rms(after, 0, after.size()), 0.005);
-    midiOutUnprepareHeader(s, &h, sizeof h);
-    EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));
+    p.close();
     // Closed: the synthesizer is out of the mix.
     const std::vector<float> closed = pull(50);
     EXPECT_EQ(0.0, closed.empty() ? 0.0 : rms(closed, 0, closed.size()));
-}
-
-/// Reads the left channel of a 16-bit stereo WAV file written by the sound output.
-std::vector<float> readWavLeft(const std::string& path, uint32_t* rate) {
-    const std::string bytes = lxtest::readFile(path);
-    std::vector<float> left;
-    size_t pos = 12;
-    while (pos + 8 <= bytes.size()) {
-        uint32_t size;
-        std::memcpy(&size, bytes.data() + pos + 4, 4);
-        if (bytes.compare(pos, 4, "fmt ") == 0) {
-            std::memcpy(rate, bytes.data() + pos + 12, 4);
-        } else if (bytes.compare(pos, 4, "data") == 0) {
-            for (size_t i = pos + 8; i + 4 <= bytes.size() && i < pos + 8 + size; i += 4) {
-                int16_t l;
-                std::memcpy(&l, bytes.data() + i, 2);
-                left.push_back(l / 32768.0f);
-            }
-        }
-        pos += 8 + size + (size & 1);
-    }
-    return left;
 }
 
 TEST_F(MidiFluidTest, MiddleCReachesAWavFileThroughTheRealOutput) {
     lxtest::TempDir dir;
     const std::string wav = dir.file("midi.wav");
     LxPlatformSound::useWavFile(wav.c_str());
-    std::atomic<int> done{0};
-    uint32_t device = MIDI_MAPPER;
-    HMIDISTRM s = nullptr;
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOpen(&s, &device, 1, callback, reinterpret_cast<uintptr_t>(&done),
-                                               CALLBACK_FUNCTION));
-    MIDIEVENT records[] = {
-        {0, 0, 0xC0u | (79u << 8)}, {0, 0, 0x90u | (60u << 8) | (110u << 16)}, {96, 0, 0x80u | (60u << 8)}};
-    MIDIHDR h{};
-    h.lpData = reinterpret_cast<char*>(records);
-    h.dwBufferLength = h.dwBytesRecorded = sizeof records;
-    ASSERT_EQ(MMSYSERR_NOERROR, midiOutPrepareHeader(s, &h, sizeof h));
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamOut(s, &h, sizeof h));
-    ASSERT_EQ(MMSYSERR_NOERROR, midiStreamRestart(s));
+    Playing p({{0, 0, 0xC0u | (79u << 8)}, {0, 0, kNoteOn}, {96, 0, kNoteOff}});
     // The output runs in real time: the buffer comes back once the note-off has been rendered.
-    ASSERT_TRUE(lxtest::waitUntil([&] { return done.load() == 1; }, 10000));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return p.done.load() == 1; }, 10000));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(MMSYSERR_NOERROR, midiOutUnprepareHeader(s, &h, sizeof h));
-    EXPECT_EQ(MMSYSERR_NOERROR, midiStreamClose(s));  // the output stops and completes the file
+    p.close();  // the output stops and completes the file
 
+    // The left channel of the 16-bit stereo file, at the rate its "fmt " chunk gives.
+    const std::string file = lxtest::readFile(wav);
+    std::vector<lxtest::RiffChunk> chunks;
+    ASSERT_TRUE(lxtest::splitWave(file, &chunks) && !chunks.empty() && chunks[0].body.size() >= 8);
     uint32_t rate = 0;
-    const std::vector<float> left = readWavLeft(wav, &rate);
+    std::memcpy(&rate, chunks[0].body.data() + 4, 4);
     ASSERT_GT(rate, 0u);
+    const std::string data = lxtest::dataOf(file);
+    std::vector<float> left;
+    for (size_t i = 0; i + 4 <= data.size(); i += 4) {
+        int16_t l;
+        std::memcpy(&l, data.data() + i, 2);
+        left.push_back(l / 32768.0f);
+    }
     ASSERT_GT(left.size(), rate / 2) << "at least the half second of the note";
     // Where the note sounds: the first loud sample, then a window inside the note.
-    size_t onset = 0;
-    while (onset < left.size() && std::fabs(left[onset]) < 0.01f) {
-        ++onset;
-    }
+    const size_t onset = onsetOf(left, 0.01f);
     ASSERT_LT(onset + rate / 20 + 8192, left.size());
     const std::vector<float> window(left.begin() + onset + rate / 20,
                                     left.begin() + onset + rate / 20 + 8192);

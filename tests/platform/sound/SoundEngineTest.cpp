@@ -32,7 +32,7 @@ IDirectSoundBuffer* playing(Device& dev, const std::vector<int16_t>& samples, ui
     return b;
 }
 
-TEST_F(SoundEngine, UnityGainPassesSamplesUnchangedAndTheVolumeLawScalesThem) {
+TEST_F(SoundEngine, UnityGainPassesSamplesUnchangedAndTheVolumeAndPanLawsScaleThem) {
     Device dev(44100);
     // 441 frames hold exactly 5 periods of 500 Hz, so the loop is seamless.
     const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 32767.0);
@@ -45,38 +45,27 @@ TEST_F(SoundEngine, UnityGainPassesSamplesUnchangedAndTheVolumeLawScalesThem) {
         ASSERT_EQ(sine[i % 441], static_cast<int16_t>(left[i] * 32768.0f)) << "frame " << i;
         ASSERT_EQ(left[i], right[i]);
     }
+    const double full = soundkit::peak(left);
 
+    // Left and right peaks after the first block (where a change glides) at a volume and pan.
+    const auto peaks = [&](int32_t volume, int32_t pan) {
+        EXPECT_EQ(DS_OK, b->SetVolume(volume));
+        EXPECT_EQ(DS_OK, b->SetPan(pan));
+        simsound::clearOutput();
+        simsound::advanceFrames(441 * 3);
+        return std::make_pair(soundkit::peak(simsound::outputChannel(0), 441),
+                              soundkit::peak(simsound::outputChannel(1), 441));
+    };
     // -6 dB is half the amplitude (10^(-600/2000) = 0.501); the full range ends in silence.
-    simsound::clearOutput();
-    ASSERT_EQ(DS_OK, b->SetVolume(-600));
-    simsound::advanceFrames(441 * 4);
-    const std::vector<float> half = simsound::outputChannel(0);
-    EXPECT_NEAR(0.5012, soundkit::peak(half, 441) / soundkit::peak(left), 0.002);
-    simsound::clearOutput();
-    ASSERT_EQ(DS_OK, b->SetVolume(DSBVOLUME_MIN));
-    simsound::advanceFrames(441 * 3);
-    EXPECT_EQ(0.0, soundkit::peak(simsound::outputChannel(0), 441));
-    b->Release();
-}
-
-TEST_F(SoundEngine, PanAttenuatesOnlyTheOppositeChannelDownToSilence) {
-    Device dev(44100);
-    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 20000.0);
-    IDirectSoundBuffer* b = playing(dev, sine, 44100, true);
-    ASSERT_EQ(DS_OK, b->SetPan(DSBPAN_LEFT));
-    simsound::advanceFrames(441 * 3);
-    const std::vector<float> l = simsound::outputChannel(0);
-    const std::vector<float> r = simsound::outputChannel(1);
-    EXPECT_EQ(0.0, soundkit::peak(r, 441));
-    EXPECT_NEAR(20000.0 / 32768.0, soundkit::peak(l, 441), 1e-4);
-
-    simsound::clearOutput();
-    ASSERT_EQ(DS_OK, b->SetPan(600));  // left 6 dB down, right at full
-    simsound::advanceFrames(441 * 3);
-    const std::vector<float> l2 = simsound::outputChannel(0);
-    const std::vector<float> r2 = simsound::outputChannel(1);
-    EXPECT_NEAR(0.5012, soundkit::peak(l2, 441) / soundkit::peak(r2, 441), 0.002);
-    EXPECT_NEAR(20000.0 / 32768.0, soundkit::peak(r2, 441), 1e-4);
+    EXPECT_NEAR(0.5012, peaks(-600, 0).first / full, 0.002);
+    EXPECT_EQ(0.0, peaks(DSBVOLUME_MIN, 0).first);
+    // Pan attenuates only the opposite channel, down to silence.
+    const auto hardLeft = peaks(0, DSBPAN_LEFT);
+    EXPECT_EQ(0.0, hardLeft.second);
+    EXPECT_NEAR(full, hardLeft.first, 1e-4);
+    const auto leftDown = peaks(0, 600);  // left 6 dB down, right at full
+    EXPECT_NEAR(0.5012, leftDown.first / leftDown.second, 0.002);
+    EXPECT_NEAR(full, leftDown.second, 1e-4);
     b->Release();
 }
 
@@ -171,12 +160,11 @@ TEST_F(SoundEngine, EightBitBuffersAndEightBitOutputRoundTrip) {
     b->Release();
 }
 
-/// Left and right energy of a 3D source at (x, y, z) around the listener of dev.
-std::pair<double, double> heard(Device& dev, IDirectSound3DBuffer* b3, float x, float y, float z) {
+/// Left and right energy of a 3D source at (x, y, z) around the listener.
+std::pair<double, double> heard(IDirectSound3DBuffer* b3, float x, float y, float z) {
     EXPECT_EQ(DS_OK, b3->SetPosition(x, y, z, DS3D_IMMEDIATE));
     simsound::clearOutput();
     simsound::advanceFrames(441 * 4);
-    (void)dev;
     return {soundkit::energy(simsound::outputChannel(0), 441),
             soundkit::energy(simsound::outputChannel(1), 441)};
 }
@@ -190,28 +178,28 @@ TEST_F(SoundEngine, ThreeDSourcesPanByDirectionAndFadeByTheListenersRolloff) {
     IDirectSound3DListener* l = nullptr;
     ASSERT_EQ(S_OK, dev.primary->QueryInterface(IID_IDirectSound3DListener, reinterpret_cast<void**>(&l)));
 
-    const auto left = heard(dev, b3, -1, 0, 0);
-    const auto right = heard(dev, b3, 1, 0, 0);
-    const auto front = heard(dev, b3, 0, 0, 1);
+    const auto left = heard(b3, -1, 0, 0);
+    const auto right = heard(b3, 1, 0, 0);
+    const auto front = heard(b3, 0, 0, 1);
     EXPECT_GT(left.first, 1.0);
     EXPECT_LT(left.second, left.first * 1e-6);
     EXPECT_LT(right.first, right.second * 1e-6);
     EXPECT_NEAR(front.first, front.second, front.first * 1e-6);
 
     // Rolloff 1: twice the minimum distance is half the amplitude, a quarter of the energy.
-    const auto far = heard(dev, b3, 0, 0, 2);
+    const auto far = heard(b3, 0, 0, 2);
     EXPECT_NEAR(0.25, far.first / front.first, 0.01);
     ASSERT_EQ(DS_OK, l->SetRolloffFactor(0.0f, DS3D_IMMEDIATE));
-    const auto farNoRolloff = heard(dev, b3, 0, 0, 2);
+    const auto farNoRolloff = heard(b3, 0, 0, 2);
     EXPECT_NEAR(1.0, farNoRolloff.first / front.first, 0.01);
 
     // Turning the listener around swaps the sides.
     ASSERT_EQ(DS_OK, l->SetOrientation(0, 0, -1, 0, 1, 0, DS3D_IMMEDIATE));
-    const auto turned = heard(dev, b3, -1, 0, 0);
+    const auto turned = heard(b3, -1, 0, 0);
     EXPECT_LT(turned.first, turned.second * 1e-6);
     // With 3D processing off the source sits in the middle.
     ASSERT_EQ(DS_OK, b3->SetMode(DS3DMODE_DISABLE, DS3D_IMMEDIATE));
-    const auto disabled = heard(dev, b3, -5, 0, 0);
+    const auto disabled = heard(b3, -5, 0, 0);
     EXPECT_NEAR(disabled.first, disabled.second, disabled.first * 1e-6);
     EXPECT_NEAR(front.first, disabled.first, front.first * 0.01);
     l->Release();

@@ -3,6 +3,7 @@
 
 #include "LxPlatformSound.h"
 #include "TestSupport.h"
+#include "WaveFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -15,35 +16,19 @@ namespace {
 using namespace lxp;
 using soundkit::Device;
 
-struct Wav {
-    uint32_t rate = 0;
-    uint16_t channels = 0;
-    uint16_t bits = 0;
-    uint32_t riffSize = 0;
-    uint32_t dataSize = 0;
-    std::vector<int16_t> samples;
-};
-
-uint32_t le32(const std::string& s, size_t at) {
-    return static_cast<uint8_t>(s[at]) | static_cast<uint8_t>(s[at + 1]) << 8 |
-           static_cast<uint8_t>(s[at + 2]) << 16 |
-           static_cast<uint32_t>(static_cast<uint8_t>(s[at + 3])) << 24;
-}
-
-Wav readWav(const std::string& path) {
-    const std::string f = lxtest::readFile(path);
-    Wav w;
-    if (f.size() < 44 || f.compare(0, 4, "RIFF") != 0 || f.compare(8, 8, "WAVEfmt ") != 0) {
-        return w;
+/// The 16-bit samples of a WAV file the output wrote, and its "fmt " body; checks that the file
+/// is complete (every length, the RIFF length included, matches the bytes written).
+std::vector<int16_t> readWav(const std::string& path, std::string* fmt = nullptr) {
+    const std::string file = lxtest::readFile(path);
+    std::vector<lxtest::RiffChunk> chunks;
+    EXPECT_TRUE(lxtest::splitWave(file, &chunks) && lxtest::joinWave(chunks) == file) << "incomplete";
+    if (fmt != nullptr && !chunks.empty()) {
+        *fmt = chunks[0].body;
     }
-    w.riffSize = le32(f, 4);
-    w.channels = static_cast<uint16_t>(le32(f, 20) >> 16);
-    w.rate = le32(f, 24);
-    w.bits = static_cast<uint16_t>(le32(f, 32) >> 16);
-    w.dataSize = le32(f, 40);
-    w.samples.resize((f.size() - 44) / 2);
-    std::memcpy(w.samples.data(), f.data() + 44, w.samples.size() * 2);
-    return w;
+    const std::string data = lxtest::dataOf(file);
+    std::vector<int16_t> samples(data.size() / 2);
+    std::memcpy(samples.data(), data.data(), samples.size() * 2);
+    return samples;
 }
 
 /// Plays a looping 1 kHz tone on a fresh device for about ms milliseconds of real time.
@@ -72,18 +57,15 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     LxPlatformSound::useWavFile(path.c_str());
     EXPECT_EQ("WAV file " + path, LxPlatformSound::describeOutput());
     playTone(300);
-    Wav first = readWav(path);
-    ASSERT_EQ(44100u, first.rate);
-    ASSERT_EQ(2u, first.channels);
-    ASSERT_EQ(16u, first.bits);
-    EXPECT_EQ(first.samples.size() * 2, first.dataSize);
-    EXPECT_EQ(first.dataSize + 36, first.riffSize);
-    const double seconds = first.dataSize / (44100.0 * 4);
+    std::string fmt;
+    const std::vector<int16_t> first = readWav(path, &fmt);
+    EXPECT_EQ(lxtest::pcmFmtBody(2, 44100, 16), fmt);
+    const double seconds = first.size() / (44100.0 * 2);
     EXPECT_GT(seconds, 0.2);
     EXPECT_LT(seconds, 1.5);
     std::vector<float> left;
-    for (size_t i = 0; i < first.samples.size(); i += 2) {
-        left.push_back(first.samples[i] / 32768.0f);
+    for (size_t i = 0; i < first.size(); i += 2) {
+        left.push_back(first[i] / 32768.0f);
     }
     EXPECT_NEAR(1000.0, soundkit::pitch(left, 44100), 5.0);
     EXPECT_NEAR(16000.0 / 32768.0, soundkit::peak(left), 0.01);
@@ -93,11 +75,10 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     ASSERT_TRUE(addMixSource(&source));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     removeMixSource(&source);
-    Wav second = readWav(path);
-    ASSERT_GT(second.dataSize, first.dataSize);
-    EXPECT_EQ(second.dataSize + 36, second.riffSize);
-    EXPECT_EQ(8192, second.samples.back());
-    EXPECT_EQ(first.samples[100], second.samples[100]);
+    const std::vector<int16_t> second = readWav(path);
+    ASSERT_GT(second.size(), first.size());
+    EXPECT_EQ(8192, second.back());
+    EXPECT_EQ(first[100], second[100]);
 }
 
 TEST(SoundOutputDeathTest, AnOutputLeftRunningAtExitStillLeavesACompleteFile) {
@@ -112,10 +93,7 @@ TEST(SoundOutputDeathTest, AnOutputLeftRunningAtExitStillLeavesACompleteFile) {
             std::exit(0);  // nothing released
         },
         ::testing::ExitedWithCode(0), "");
-    const Wav w = readWav(path);
-    EXPECT_GT(w.dataSize, 0u);
-    EXPECT_EQ(w.samples.size() * 2, w.dataSize);
-    EXPECT_EQ(w.dataSize + 36, w.riffSize);
+    EXPECT_FALSE(readWav(path).empty());
 }
 
 /// Frames a looping buffer's cursor moved in about ms of real time (at most one wrap).
