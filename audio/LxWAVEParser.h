@@ -20,7 +20,7 @@ struct LxWaveFormat {
 };
 
 class LxWAVEParser : public LxAudioParser {
-public:
+  public:
     LxWAVEParser();
     /// Closes the file.
     ~LxWAVEParser() override;
@@ -41,14 +41,14 @@ public:
     uint32_t getDataLength() const { return dataLength; }
     long getPosition() const { return position; }
 
-protected:
+  protected:
     LxWaveFormat* waveFormat;
     FILE* file;
     long dataStart;
     uint32_t dataLength;
     long position;
 
-private:
+  private:
     /// Logs message, then where the walk stood, and returns result.
     KtResult fail(KtResult result, const char* message, const char* chunk);
     bool readTag(char tag[5]);

@@ -77,7 +77,7 @@ KtMutex* LxWin32Mixer::slotLock(short port) {
 }
 
 LxWin32AudioPortData* LxWin32Mixer::record(short port) {
-    return port >= 0 && port < LX_MAX_PORTS ? ports[port] : nullptr;
+    return port >= 0 && port < LX_MAX_PORTS ? ports[port].load() : nullptr;
 }
 
 short LxWin32Mixer::reserveSlotLocked() {

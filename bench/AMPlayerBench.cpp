@@ -51,9 +51,10 @@ std::string clipPath(const ClipKind& k) {
     const std::string path = std::string("bench-clips/") + k.file;
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
-        const std::string cmd = std::string("ffmpeg -nostdin -v error -y -f lavfi -i testsrc=s=160x120:r=25:d=4 ") +
-                                "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=4 -ac 2 " + k.encode +
-                                " '" + path + "'";
+        const std::string cmd =
+            std::string("ffmpeg -nostdin -v error -y -f lavfi -i testsrc=s=160x120:r=25:d=4 ") +
+            "-f lavfi -i sine=frequency=440:sample_rate=44100:duration=4 -ac 2 " + k.encode + " '" + path +
+            "'";
         if (std::system(cmd.c_str()) != 0) {
             return std::string();
         }
@@ -121,7 +122,8 @@ void BM_init(benchmark::State& state) {
             state.SkipWithError("the player did not initialise");
             return;
         }
-        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         scene().manager->destroyPlayer(p);
     }
 }
@@ -138,7 +140,8 @@ void BM_seek_to_frame(benchmark::State& state) {
     LxFilenameDataSource source(path.c_str());
     LxPlayer* p = nullptr;
     Listener events;
-    if (m->createPlayer(&source, &p) != LX_OK || !waitFor([&] { return p->getState() == LxNode::STOPPED; }, 15.0)) {
+    if (m->createPlayer(&source, &p) != LX_OK ||
+        !waitFor([&] { return p->getState() == LxNode::STOPPED; }, 15.0)) {
         state.SkipWithError("the player did not initialise");
         return;
     }
@@ -174,7 +177,8 @@ void BM_seek_to_frame(benchmark::State& state) {
             state.SkipWithError("the cue did not complete");
             break;
         }
-        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        state.SetIterationTime(
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         p->stop();
     }
     m->destroyPlayer(p);

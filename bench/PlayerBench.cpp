@@ -10,14 +10,14 @@ namespace {
 
 // Only what a player needs from its manager: the thread services.
 class BenchManager : public LxManager {
-public:
+  public:
     explicit BenchManager(KtThreadManager* tm) : LxManager(tm) {}
     long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
     long getDiagnostics(LxDiagnostics&) override { return LX_ERR_GENERIC; }
     long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
     long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
 
-protected:
+  protected:
     long initTimers() override { return LX_ERR_GENERIC; }
     long initAudio() override { return LX_ERR_GENERIC; }
     long initVideo() override { return LX_ERR_GENERIC; }
@@ -28,14 +28,14 @@ protected:
 // The smallest player that follows the thread contract: it initialises at once and then only
 // serves its queues.
 class BenchPlayer : public LxPlayer {
-public:
+  public:
     explicit BenchPlayer(LxManager* m) : LxPlayer(m, nullptr) {
         state = STOPPED;
         startThread(&BenchPlayer::entry);
     }
     ~BenchPlayer() override { waitAndShutdown(); }
 
-protected:
+  protected:
     static long entry(void* p) {
         static_cast<BenchPlayer*>(p)->run();
         return 0;

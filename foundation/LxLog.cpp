@@ -68,7 +68,9 @@ void LxLog::postTrace(const char* format, ...) {
     va_end(args);
 }
 
-bool LxLogSink::enabled() { return true; }
+bool LxLogSink::enabled() {
+    return true;
+}
 
 std::vector<std::string> LxLogSink::messages() {
     Sink& s = sink();
@@ -106,10 +108,16 @@ void LxLogSink::setCapacity(std::size_t messages) {
     s.capacity = messages == 0 ? 1 : messages;
 }
 #else
-bool LxLogSink::enabled() { return false; }
-std::vector<std::string> LxLogSink::messages() { return {}; }
+bool LxLogSink::enabled() {
+    return false;
+}
+std::vector<std::string> LxLogSink::messages() {
+    return {};
+}
 void LxLogSink::clear() {}
-std::size_t LxLogSink::count(const char*) { return 0; }
+std::size_t LxLogSink::count(const char*) {
+    return 0;
+}
 void LxLogSink::setEcho(bool) {}
 void LxLogSink::setCapacity(std::size_t) {}
 #endif

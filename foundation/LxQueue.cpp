@@ -13,9 +13,13 @@ LxQueue::~LxQueue() {
     delete mutex_;
 }
 
-void LxQueue::lock() { mutex_->lock(); }
+void LxQueue::lock() {
+    mutex_->lock();
+}
 
-void LxQueue::unlock() { mutex_->unlock(); }
+void LxQueue::unlock() {
+    mutex_->unlock();
+}
 
 void LxQueue::send(void* message) {
     mutex_->lock();

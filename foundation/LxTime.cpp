@@ -7,7 +7,9 @@ constexpr int32_t kMicros = 1000000;
 
 // The fields are 32-bit as on the platform the library was designed for; sums that leave that range
 // wrap around there, and do the same here instead of being undefined.
-int32_t wrap(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v))); }
+int32_t wrap(int64_t v) {
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v)));
+}
 }  // namespace
 
 LxTime::LxTime(double seconds) {
@@ -76,13 +78,21 @@ LxTime operator-(const LxTime& a, const LxTime& b) {
     return LxTime(wrap(sec), wrap(usec));
 }
 
-LxTime operator*(const LxTime& t, double factor) { return LxTime(t.getValue() * factor); }
+LxTime operator*(const LxTime& t, double factor) {
+    return LxTime(t.getValue() * factor);
+}
 
-LxTime operator*(double factor, const LxTime& t) { return LxTime(t.getValue() * factor); }
+LxTime operator*(double factor, const LxTime& t) {
+    return LxTime(t.getValue() * factor);
+}
 
-LxTime operator/(const LxTime& t, double divisor) { return t * (1.0 / divisor); }
+LxTime operator/(const LxTime& t, double divisor) {
+    return t * (1.0 / divisor);
+}
 
-unsigned long LxRefCount::ref() { return count_.fetch_add(1, std::memory_order_relaxed) + 1; }
+unsigned long LxRefCount::ref() {
+    return count_.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 unsigned long LxRefCount::unref() {
     const uint32_t left = count_.fetch_sub(1, std::memory_order_acq_rel) - 1;

@@ -24,7 +24,9 @@ void LxGetVersion(long* major, long* minor) {
     }
 }
 
-void LxGetVersion(long& major, long& minor) { LxGetVersion(&major, &minor); }
+void LxGetVersion(long& major, long& minor) {
+    LxGetVersion(&major, &minor);
+}
 
 namespace {
 
@@ -50,7 +52,9 @@ LxDiagnostics::LxDiagnostics()
       otherInfo(nullptr),
       midiCapable(0) {}
 
-LxDiagnostics::LxDiagnostics(const LxDiagnostics& other) : LxDiagnostics() { *this = other; }
+LxDiagnostics::LxDiagnostics(const LxDiagnostics& other) : LxDiagnostics() {
+    *this = other;
+}
 
 LxDiagnostics::~LxDiagnostics() {
     std::free(mediaFrameworkName);

@@ -13,7 +13,7 @@ class LxEvent;
 class LxEventListener;
 
 class LxEventPoster {
-public:
+  public:
     /// A poster with its thread running, or null when the manager, the queue or the thread cannot
     /// be had. A poster without a thread would keep every event it is given, so none is made.
     static LxEventPoster* create(LxManager* manager);
@@ -23,7 +23,7 @@ public:
     /// Queues (listener, event) with a reference of its own on event. Any thread.
     void post(LxEventListener* listener, LxEvent* event);
 
-private:
+  private:
     struct Record {
         LxEventListener* listener;
         LxEvent* event;

@@ -27,14 +27,14 @@ long KtCheckVersion(long major, long minor);
 /// A mutex that its owner may lock again (every lock must be undone by one unlock).
 /// Created with create() and destroyed with delete by its owner.
 class KtMutex {
-public:
+  public:
     static KtMutex* create();
     ~KtMutex();
 
     void lock();
     void unlock();
 
-private:
+  private:
     KtMutex();
     KtMutex(const KtMutex&) = delete;
     KtMutex& operator=(const KtMutex&) = delete;
@@ -48,7 +48,7 @@ private:
 /// Call notify()/notifyAll() with the lock held, as every caller in the library does, so that a
 /// notification cannot fall between a waiter's check and its wait.
 class KtWaitNotify {
-public:
+  public:
     KtWaitNotify();
     virtual ~KtWaitNotify();
 
@@ -62,7 +62,7 @@ public:
     /// Wakes every waiter.
     void notifyAll();
 
-private:
+  private:
     KtWaitNotify(const KtWaitNotify&) = delete;
     KtWaitNotify& operator=(const KtWaitNotify&) = delete;
 
@@ -73,7 +73,7 @@ private:
 /// A gate: closed gates hold waiters back, an open gate lets every waiter through and stays open
 /// until it is closed again.
 class KtGateLock {
-public:
+  public:
     /// A new gate, closed.
     static KtGateLock* create();
     ~KtGateLock();
@@ -85,7 +85,7 @@ public:
     KtResult wait(unsigned long ms);
     bool isOpen();
 
-private:
+  private:
     KtGateLock();
     KtGateLock(const KtGateLock&) = delete;
     KtGateLock& operator=(const KtGateLock&) = delete;
@@ -99,7 +99,7 @@ typedef long (*KtThreadEntry)(void* argument);
 
 /// One thread, created not yet running by a KtThreadManager and released through it.
 class KtThread {
-public:
+  public:
     virtual ~KtThread() {}
     /// Starts the thread (once). Returns 1, or 0x201 when it cannot be started.
     virtual KtResult start() = 0;
@@ -110,7 +110,7 @@ public:
 
 /// The thread factory a host hands to the library. Every thread of the library is made here.
 class KtThreadManager {
-public:
+  public:
     virtual ~KtThreadManager() {}
     /// A new thread that will run entry(argument) once started, or null when none can be made.
     /// The three further values describe the thread to the manager (the library passes 4, 1, 1 for
@@ -128,7 +128,7 @@ public:
 
 /// The thread manager a host can simply instantiate: POSIX threads, no limits.
 class KtDefaultThreadManager : public KtThreadManager {
-public:
+  public:
     KtDefaultThreadManager();
     ~KtDefaultThreadManager() override;
 
@@ -149,7 +149,7 @@ typedef void* KtModule;
 /// Search order: the directories added with addSearchDirectory (newest first), the directory the
 /// Lorvex library itself was loaded from, then the system's library search path.
 class KtWin32Library {
-public:
+  public:
     static KtModule LoadWin32Library(const char* name);
     static void* GetProcAddress(KtModule module, const char* symbol);
     static void FreeLibrary(KtModule module);

@@ -11,7 +11,7 @@ enum LxAudioChannelType_s { LxRawChannel = 0, LxMidiChannel = 1 };
 /// the manager calls grantChannel() when it gives the port a channel and revokeChannel() when it
 /// takes it away, and ranks ports by getPriority() and getGain().
 class LxAudioOutputPort {
-public:
+  public:
     LxAudioOutputPort() : channelHeld(0), channelType(LxRawChannel) {}
     LxAudioOutputPort(const LxAudioOutputPort& other)
         : channelHeld(other.channelHeld), channelType(other.channelType) {}
@@ -41,7 +41,7 @@ public:
     virtual long grantChannel() = 0;
     virtual long revokeChannel() = 0;
 
-protected:
+  protected:
     /// Set by a successful grantChannel(), cleared by a successful revokeChannel().
     char channelHeld;
     LxAudioChannelType_s channelType;

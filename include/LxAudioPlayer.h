@@ -14,7 +14,7 @@ class LxNode;
 
 /// Reads a clip's header and copies its samples into frames. Used on the player thread only.
 class LxAudioParser {
-public:
+  public:
     virtual ~LxAudioParser() {}
 
     /// Remembers the owner and the source and opens the clip.
@@ -29,7 +29,7 @@ public:
     /// ended.
     virtual KtResult readFrame(LxAudioFrame* frame, char* endOfMedia) = 0;
 
-protected:
+  protected:
     LxAudioParser() : node(nullptr), duration(-1, 0), dataSource(nullptr) {}
     LxAudioParser(const LxAudioParser& other)
         : node(other.node), duration(other.duration), dataSource(other.dataSource) {}
@@ -52,7 +52,7 @@ protected:
 /// frames, loops back to the start at the end of the file when looping, and stops the player at
 /// its stop time. The parser and the file are touched on that thread only.
 class LxAudioPlayer : public LxPlayer {
-public:
+  public:
     LxAudioPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Ends the thread, then destroys the graph's nodes, the parser and the output.
     ~LxAudioPlayer() override;
@@ -65,7 +65,7 @@ public:
     /// of every later sample) and never before the first sample byte.
     long offsetForTime(const LxTime& t) const;
 
-protected:
+  protected:
     /// The parser for the source's content name ("audio/wav" or "audio/x-wav", exactly); 0x2A4
     /// for any other name.
     virtual KtResult createParser();
@@ -89,7 +89,7 @@ protected:
     /// Bytes of one sample frame as the output carries it.
     short sampleFrameBytes;
 
-private:
+  private:
     /// The wait before the next pass of the loop while STARTED, or 0 to fill now.
     unsigned long leadWait();
     void releaseOutput();

@@ -9,7 +9,7 @@
 /// Abstract audio renderer. Implementations also derive from LxInputConnectable (whose
 /// LxConnectable base is virtual, so the two bases share one connectable part).
 class LxAudioRendererNode : public LxNode {
-public:
+  public:
     explicit LxAudioRendererNode(LxManager* manager) : LxNode(manager) {}
 
     /// A port that plays this renderer's clip for one more sound source: the first call gives the

@@ -10,7 +10,7 @@ class LxTimeBase;
 /// be stopped at once or at a reference time. While it runs, its rate, origin, start time and time
 /// base cannot change (0x251). Not thread-safe: its owner calls it under its own lock.
 class LxClock {
-public:
+  public:
     virtual ~LxClock() {}
     virtual long startAtTime(LxTime refTime) = 0;
     virtual long stopAtTime(LxTime refTime) = 0;
@@ -28,7 +28,7 @@ public:
 };
 
 class LxBasicClock : public virtual LxClock {
-public:
+  public:
     LxBasicClock();
 
     long startAtTime(LxTime refTime) override;
@@ -46,7 +46,7 @@ public:
     /// Whether the clock is running (it may stop by itself at its stop time on the next read).
     char isRunning() const { return running; }
 
-protected:
+  protected:
     /// Current media time, unclamped; stops the clock when its stop time has been reached.
     LxTime getTime();
 
@@ -58,7 +58,7 @@ protected:
     char stopTimeSet;
     LxTime stopTime;
 
-private:
+  private:
     /// 0x251 when the clock runs (after giving a passed stop time the chance to stop it), else 1.
     long guard();
 };

@@ -20,7 +20,7 @@ class LxQueue;
 class LxInputConnectable;
 
 class LxConnectable {
-public:
+  public:
     virtual ~LxConnectable() {}
     virtual KtResult setFormat(LxFormat* format) = 0;
     /// The format agreed for this connection, or null before one is set.
@@ -32,7 +32,7 @@ public:
 };
 
 class LxOutputConnectable : public virtual LxConnectable {
-public:
+  public:
     virtual KtResult connectTo(LxInputConnectable* input) = 0;
     virtual LxInputConnectable* connectedTo() = 0;
     virtual KtResult setSuggestedFrameRate(float rate) = 0;
@@ -44,7 +44,7 @@ public:
 };
 
 class LxInputConnectable : public virtual LxConnectable {
-public:
+  public:
     virtual KtResult connectTo(LxOutputConnectable* output) = 0;
     virtual LxOutputConnectable* connectedTo() = 0;
     /// An empty frame of the consumer's format, waiting up to timeout for one; null when none.
@@ -64,7 +64,7 @@ public:
 /// connectTo) before frames flow; afterwards the producer's thread calls queueFrame and the
 /// consumer's thread getFrameForTime and flush. The frame queue is the only shared structure.
 class LxAudioOutputConnectable : public LxOutputConnectable {
-public:
+  public:
     LxAudioOutputConnectable();
     /// In pull style, destroys the frames still queued (they are not given back).
     ~LxAudioOutputConnectable() override;
@@ -99,7 +99,7 @@ public:
     /// The caller gives the frame up. Called on the producer's thread.
     KtResult queueFrame(LxAudioFrame* frame);
 
-protected:
+  protected:
     void flushQueue();
 
     LxNode* node;
@@ -116,7 +116,7 @@ protected:
     LxFormat** formats;
     LxInputConnectable* connectedInput;
 
-private:
+  private:
     LxAudioOutputConnectable(const LxAudioOutputConnectable&) = delete;
     LxAudioOutputConnectable& operator=(const LxAudioOutputConnectable&) = delete;
 };
@@ -127,7 +127,7 @@ private:
 /// thread or the video renderer's thread) calls getFrameForTime. Appends and drops hold the
 /// frame queue's own lock, so a drop never interleaves with an append.
 class LxVideoOutputConnectable : public LxOutputConnectable {
-public:
+  public:
     LxVideoOutputConnectable();
     /// Frames still queued are destroyed: nobody else can reach them any more.
     ~LxVideoOutputConnectable() override;
@@ -164,7 +164,7 @@ public:
     LxTime getLastRequestedFrameTime();
     int32_t getDroppedFrames() { return droppedFrames.load(); }
 
-protected:
+  protected:
     LxNode* node;
     char active;
     LxVideoFormat* currentFormat;
@@ -179,7 +179,7 @@ protected:
     /// Guarded by the frame queue's lock.
     LxTime lastRequestedFrameTime;
 
-private:
+  private:
     LxVideoOutputConnectable(const LxVideoOutputConnectable&) = delete;
     LxVideoOutputConnectable& operator=(const LxVideoOutputConnectable&) = delete;
 };

@@ -10,7 +10,7 @@ class LxManager;
 /// A clip. The content name (MIME-style) decides which player the manager's factory creates;
 /// players then read a local file by the name the source gives.
 class LxDataSource {
-public:
+  public:
     enum SourceTypes { PushSource = 0, PullSource = 1 };
 
     LxDataSource() : sourceType(PullSource), url(nullptr), manager(nullptr) {}
@@ -37,7 +37,7 @@ public:
     /// MIME-style content name ("audio/wav"); drives the player factory.
     virtual const char* getContentName() = 0;
 
-protected:
+  protected:
     SourceTypes sourceType;
     const char* url;
     LxManager* manager;
@@ -46,7 +46,7 @@ protected:
 /// A source the player reads from: by position and length, or through a local file name.
 /// Hosts may supply their own.
 class LxPullDataSource : public LxDataSource {
-public:
+  public:
     LxPullDataSource() : reserved(0) { sourceType = PullSource; }
     LxPullDataSource(LxManager* m, const char* u) : LxDataSource(m, u), reserved(0) {
         sourceType = PullSource;
@@ -69,7 +69,7 @@ public:
     /// A file name the player may open itself, or null.
     virtual const char* getLocalFileName() = 0;
 
-protected:
+  protected:
     /// Kept for hosts' sources; not used by the library.
     int32_t reserved;
 };
@@ -80,7 +80,7 @@ class LxTransferHandler;
 /// A source that pushes its data to the library. The library implements no push source and no
 /// player accepts one; the interface exists for hosts that define their own.
 class LxPushDataSource : public LxDataSource {
-public:
+  public:
     LxPushDataSource() { sourceType = PushSource; }
     LxPushDataSource(LxManager* m, const char* u) : LxDataSource(m, u) { sourceType = PushSource; }
     LxPushDataSource(const LxPushDataSource& other) : LxDataSource(other) { sourceType = PushSource; }
@@ -92,7 +92,7 @@ public:
 
 /// One stream of a push source.
 class LxPushSourceStream {
-public:
+  public:
     virtual ~LxPushSourceStream() {}
     virtual long read(char* buffer, long* length) = 0;
     virtual long getContentLength() = 0;
@@ -102,7 +102,7 @@ public:
 
 /// Told by a push stream that data has arrived.
 class LxTransferHandler {
-public:
+  public:
     virtual ~LxTransferHandler() {}
     virtual void transferData(LxPushSourceStream* stream) = 0;
 };
@@ -110,7 +110,7 @@ public:
 /// A local file. Its URL is "file:" followed by the file name; the content name comes from the
 /// file name's extension (see getContentName).
 class LxFilenameDataSource : public LxPullDataSource {
-public:
+  public:
     explicit LxFilenameDataSource(const char* fileName);
     ~LxFilenameDataSource() override;
 
@@ -133,10 +133,10 @@ public:
     /// The file name (the URL without "file:"), or null.
     const char* getLocalFileName() override { return urlBuffer != nullptr ? urlBuffer + 5 : nullptr; }
 
-protected:
+  protected:
     char* urlBuffer;
 
-private:
+  private:
     LxFilenameDataSource(const LxFilenameDataSource&) = delete;
     LxFilenameDataSource& operator=(const LxFilenameDataSource&) = delete;
 };

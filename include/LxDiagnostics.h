@@ -4,7 +4,7 @@
 
 /// Texts are heap copies owned by the record; a null text means "not set".
 class LxDiagnostics {
-public:
+  public:
     /// "DirectShow" when the filter-graph runtime was found, else "None".
     char* mediaFrameworkName;
     /// 1 when the filter-graph runtime is installed, 0 when not.

@@ -34,7 +34,7 @@ enum LxEventType_s : int32_t {
 /// Base of all events: the node that posts it and its type. Created with a count of 1 (the
 /// creator's), destroyed by the last unref.
 class LxEvent : public LxRefCount {
-public:
+  public:
     /// Sets only the source (null here); each subclass sets its type.
     LxEvent() : source(nullptr), type(static_cast<LxEventType_s>(0)) {}
     explicit LxEvent(LxNode* node) : source(node), type(static_cast<LxEventType_s>(0)) {}
@@ -45,14 +45,14 @@ public:
     LxNode* source;
     LxEventType_s type;
 
-protected:
+  protected:
     ~LxEvent() override {}
 };
 
 /// The node has delivered its last media. The time argument of the constructor is not stored; the
 /// time carried is always zero.
 class LxEndOfMediaEvent : public LxEvent {
-public:
+  public:
     explicit LxEndOfMediaEvent(LxNode* node, LxTime = LxTime()) : LxEvent(node), time() {
         type = LxEndOfMediaEventType;
     }
@@ -62,7 +62,7 @@ public:
 };
 
 class LxDurationChangedEvent : public LxEvent {
-public:
+  public:
     LxDurationChangedEvent(LxNode* node, LxTime oldDur, LxTime newDur)
         : LxEvent(node), oldDuration(oldDur), newDuration(newDur) {
         type = LxDurationChangedEventType;
@@ -75,13 +75,13 @@ public:
 };
 
 class LxPrefetchCompleteEvent : public LxEvent {
-public:
+  public:
     explicit LxPrefetchCompleteEvent(LxNode* node) : LxEvent(node) { type = LxPrefetchCompleteEventType; }
 };
 
 /// The node has started: the media time it starts from and the reference time of the start.
 class LxStartEvent : public LxEvent {
-public:
+  public:
     LxStartEvent(LxNode* node, LxTime media, LxTime start)
         : LxEvent(node), mediaTime(media), startTime(start) {
         type = LxStartEventType;
@@ -95,13 +95,13 @@ public:
 
 /// The node has begun delivering media.
 class LxActiveEvent : public LxEvent {
-public:
+  public:
     explicit LxActiveEvent(LxNode* node) : LxEvent(node) { type = LxActiveEventType; }
 };
 
 /// The node has stopped at the media time carried.
 class LxStopEvent : public LxEvent {
-public:
+  public:
     LxStopEvent(LxNode* node, LxTime t) : LxEvent(node), time(t) { type = LxStopEventType; }
     LxTime getTime() const { return time; }
 
@@ -110,7 +110,7 @@ public:
 
 /// The node has reached its stop time: the media time reached, then the stop time.
 class LxStopAtTimeEvent : public LxStopEvent {
-public:
+  public:
     LxStopAtTimeEvent(LxNode* node, LxTime media, LxTime stop) : LxStopEvent(node, media), stopTime(stop) {
         type = LxStopAtTimeEventType;
     }
@@ -121,14 +121,14 @@ public:
 
 /// The node was stopped by a request (a player's stop()).
 class LxStopByRequestEvent : public LxStopEvent {
-public:
+  public:
     LxStopByRequestEvent(LxNode* node, LxTime t) : LxStopEvent(node, t) { type = LxStopByRequestEventType; }
 };
 
 /// The node has finished initialising; the result says what it has (0xE1 audio, 0xE2 video, 0xE3
 /// both).
 class LxInitializedEvent : public LxEvent {
-public:
+  public:
     LxInitializedEvent(LxNode* node, long r) : LxEvent(node), result(r) { type = LxInitializedEventType; }
     long getResult() const { return result; }
 
@@ -136,12 +136,12 @@ public:
 };
 
 class LxShutdownEvent : public LxEvent {
-public:
+  public:
     explicit LxShutdownEvent(LxNode* node) : LxEvent(node) { type = LxShutdownEventType; }
 };
 
 class LxSetGainEvent : public LxEvent {
-public:
+  public:
     LxSetGainEvent(LxNode* node, float g) : LxEvent(node), gain(g) { type = LxSetGainEventType; }
     float getGain() const { return gain; }
 
@@ -150,7 +150,7 @@ public:
 
 /// The node cannot go on; the result code says why.
 class LxCatastrophicErrorEvent : public LxEvent {
-public:
+  public:
     LxCatastrophicErrorEvent(LxNode* node, long r) : LxEvent(node), result(r) {
         type = LxCatastrophicErrorEventType;
     }
@@ -161,7 +161,7 @@ public:
 
 /// Implemented by hosts that want a node's events through a call rather than a queue.
 class LxEventListener {
-public:
+  public:
     virtual ~LxEventListener() {}
     /// Called on the posting node's event-poster thread, never on the thread that posted, one
     /// event at a time and in posting order. The event is borrowed for the call: ref it to keep it.

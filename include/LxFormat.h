@@ -30,7 +30,7 @@ enum LxPixelFormat_s {
 /// A format: its type and stream style. Immutable after construction; reference counted
 /// (the creator, and whoever receives one from match(), holds one reference).
 class LxFormat : public LxRefCount {
-public:
+  public:
     enum StreamStyle { PushStream = 0, PullStream = 1, AnyStreamStyle = 2 };
 
     LxFormat(LxFormatType_s type, StreamStyle style) : formatType(type), streamStyle(style) {}
@@ -49,7 +49,7 @@ public:
 };
 
 class LxVideoFormat : public LxFormat {
-public:
+  public:
     LxVideoFormat(short width, short height, LxPixelFormat_s pixelFormat, LxFormat::StreamStyle style);
     /// Any size (-1 x -1), pull style.
     explicit LxVideoFormat(LxPixelFormat_s pixelFormat);
@@ -69,7 +69,7 @@ public:
 };
 
 class LxAudioFormat : public LxFormat {
-public:
+  public:
     LxAudioFormat(LxSampleFormat_s sampleFormat, LxAudioChannels_s channels, float samplingRate,
                   char isStreaming, LxFormat::StreamStyle style);
 
@@ -89,13 +89,13 @@ public:
 
 /// Base of all frames. A frame has exactly one holder at a time; the last holder deletes it.
 class LxFrame {
-public:
+  public:
     virtual ~LxFrame() {}
 
     /// Carried by copy and assignment; the library never interprets it.
     char frameFlag;
 
-protected:
+  protected:
     LxFrame() : frameFlag(0) {}
     LxFrame(const LxFrame& other) : frameFlag(other.frameFlag) {}
     LxFrame& operator=(const LxFrame& other) {
@@ -106,7 +106,7 @@ protected:
 
 /// A picture: width x height x bytes-per-pixel bytes of pixels, rows back to back.
 class LxVideoFrame : public LxFrame {
-public:
+  public:
     /// Makes its own LxVideoFormat (push style) and a zeroed pixel buffer.
     LxVideoFrame(short width, short height, LxPixelFormat_s pixelFormat);
     ~LxVideoFrame() override;
@@ -147,7 +147,7 @@ public:
     /// The frame's own format; one reference owned by the frame.
     LxVideoFormat* format;
 
-private:
+  private:
     LxVideoFrame(const LxVideoFrame&) = delete;
     LxVideoFrame& operator=(const LxVideoFrame&) = delete;
 };
@@ -155,7 +155,7 @@ private:
 /// Sample data moving from a producer to the consumer that created the frame. Counts are in
 /// sample frames (all channels of one instant).
 class LxAudioFrame : public LxFrame {
-public:
+  public:
     LxAudioFrame() : timeStamp(), filled(0), fillable(0), consumed(0), data(nullptr) {}
     ~LxAudioFrame() override { delete[] data; }
 
@@ -170,26 +170,26 @@ public:
     /// The sample buffer, allocated with new[] by the frame's creator and owned by the frame.
     unsigned char* data;
 
-private:
+  private:
     LxAudioFrame(const LxAudioFrame&) = delete;
     LxAudioFrame& operator=(const LxAudioFrame&) = delete;
 };
 
 /// Creates frames of a consumer's format.
 class LxFrameAllocator {
-public:
+  public:
     virtual ~LxFrameAllocator() {}
     virtual KtResult allocateFrame(LxFrame** out) = 0;
     virtual KtResult setFormat(LxFormat* format) = 0;
     virtual long getFramesCreated() = 0;
 
-protected:
+  protected:
     LxFrameAllocator() {}
 };
 
 /// The video renderer's default allocator: at most two frames in its life.
 class LxDefVideoFrameAllocator : public LxFrameAllocator {
-public:
+  public:
     LxDefVideoFrameAllocator();
     ~LxDefVideoFrameAllocator() override;
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 class LxLog {
-public:
+  public:
     LxLog() {}
     ~LxLog() {}
     LxLog(const LxLog&) {}
@@ -30,7 +30,7 @@ public:
 /// Where kept messages go. All operations are thread-safe. In a build that does not keep
 /// messages, enabled() is false and the sink stays empty.
 class LxLogSink {
-public:
+  public:
     /// Whether this build keeps messages at all.
     static bool enabled();
     /// Every kept message, oldest first, exactly as formatted (with their trailing newlines).

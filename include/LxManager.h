@@ -29,18 +29,18 @@ typedef void* LxHwnd;
 
 /// Base of window holders.
 class LxWindow {
-public:
+  public:
     virtual ~LxWindow() {}
 };
 
 class LxWin32Window : public LxWindow {
-public:
+  public:
     LxWin32Window() : hwnd(nullptr) {}
     explicit LxWin32Window(LxHwnd handle) : hwnd(handle) {}
     LxWin32Window(const LxWin32Window& other) : LxWindow(), hwnd(other.hwnd) {}
     LxHwnd getHwnd() const { return hwnd; }
 
-private:
+  private:
     LxHwnd hwnd;
 };
 
@@ -83,7 +83,7 @@ struct LxPlayerListEntry {
 };
 
 class LxManager {
-public:
+  public:
     enum LxWindowState { LxWindowStateDefault = 1 };
 
     static constexpr unsigned long INIT_TIMERS = ::INIT_TIMERS;
@@ -138,7 +138,7 @@ public:
     /// The thread manager given to createManager(); every object that starts a thread uses it.
     KtThreadManager* getThreadManager() { return threadManager; }
 
-protected:
+  protected:
     explicit LxManager(KtThreadManager* threadManager);
 
     virtual long destroyAllPlayers();
@@ -183,7 +183,7 @@ protected:
     LxChannelInfo channelInfo[2];
     LxTime startUpLatency;
 
-private:
+  private:
     LxManager(const LxManager&) = delete;
     LxManager& operator=(const LxManager&) = delete;
 };

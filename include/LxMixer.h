@@ -10,7 +10,7 @@ enum LxAudibleMode_s { LxAudibleWithFocus = 0, LxAudibleInBackground = 1, LxAudi
 
 /// Speaker configuration: a kind and a second value (stored and returned, not applied).
 class LxSpeakerConfiguration {
-public:
+  public:
     enum LxSpeakerKind_s { HEADPHONES = 0, MONO = 1, STEREO = 2 };
 
     LxSpeakerConfiguration() : kind(STEREO), value(30) {}
@@ -25,7 +25,7 @@ public:
 };
 
 class LxMixer {
-public:
+  public:
     virtual ~LxMixer() {}
     virtual long initMixer() = 0;
     virtual long closeMixer() = 0;

@@ -32,7 +32,7 @@ struct LxEventListenerListEntry {
 /// owner calls them from one thread or under its own lock. Listener changes and postEvent may come
 /// from any thread; they are serialised by the node's mutex.
 class LxNode : public virtual LxClock {
-public:
+  public:
     enum LxNodeState {
         DEAD = 0,
         UNINITIALIZED = 1,
@@ -88,7 +88,7 @@ public:
     /// The name of a state as messages show it ("STARTED"); "UNKNOWN" outside the table.
     static const char* stateName(int state);
 
-protected:
+  protected:
     friend class LxPlayer;  // the player drives its nodes' protected operations
 
     /// Accepts every change unless the node is DEAD.
@@ -120,7 +120,7 @@ protected:
     short inputCount;
     short outputCount;
 
-private:
+  private:
     LxEventListenerListEntry* findListenerInList(LxEventListener* listener);
     LxEventListenerListEntry* findListenerInList(LxQueue* queue);
 

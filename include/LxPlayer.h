@@ -22,7 +22,7 @@ class LxOutputConnectable;
 /// Requests that return a result carry a reply queue; the last release of a request also releases
 /// its reply queue.
 class LxPlayerAPIEvent : public LxRefCount {
-public:
+  public:
     enum LxPlayerAPIEventType {
         SET_LOOP = 0,
         SUSPEND = 1,
@@ -49,7 +49,7 @@ public:
     /// SET_RATE: the rate asked for; setRateAll may change it, and the requester reads it back.
     float rate;
 
-protected:
+  protected:
     ~LxPlayerAPIEvent() override;
 };
 
@@ -79,7 +79,7 @@ struct LxNodeListEntry {
 /// When the loop ends it calls genericShutdown() and shutdown(), then clears threadRunning and
 /// notifies, both under the signal. Its destructor calls waitAndShutdown() before anything else.
 class LxPlayer : public LxNode {
-public:
+  public:
     LxPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Destroys the nodes still in the graph, the queues and what they still hold. The player
     /// class has already ended the thread (waitAndShutdown) in its own destructor.
@@ -172,7 +172,7 @@ public:
     /// Each node stops reporting to the player and is destroyed.
     virtual void destroyAll();
 
-protected:
+  protected:
     /// The player class's thread loop (see the class comment).
     virtual void run() = 0;
     /// After SUSPEND or RESUME changed the suspended flag. Player thread, signal held.
@@ -218,7 +218,7 @@ protected:
     /// How long startAll waits for the next confirmation from its nodes (5 s).
     LxTime startWaitLimit;
 
-private:
+  private:
     /// Queues a request. False (with *result the code) when the player is dead or has no thread.
     bool sendRequest(LxPlayerAPIEvent* request, long* result);
     /// Waits without limit for the answer to a sent request with a reply.

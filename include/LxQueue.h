@@ -9,7 +9,7 @@
 
 /// One node of a queue's list. The message is not owned by the node.
 class LxMsgList {
-public:
+  public:
     void* message;
     LxMsgList* next;
 
@@ -26,7 +26,7 @@ public:
 /// queue has one receiving thread. A queue can also notify one outside KtWaitNotify (its waiter)
 /// on every arrival, which is how LxQueueSet waits on several queues at once.
 class LxQueue : public LxRefCount {
-public:
+  public:
     LxQueue();
 
     /// Appends at the tail (first in, first out).
@@ -47,7 +47,7 @@ public:
     void lock();
     void unlock();
 
-protected:
+  protected:
     friend class LxQueueSet;
 
     ~LxQueue() override;
@@ -59,7 +59,7 @@ protected:
     /// Releases every list node; the messages are left alone. The queue is empty afterwards.
     void deleteList();
 
-private:
+  private:
     std::atomic<LxMsgList*> head_;
     LxMsgList* tail_;  // last node, so that send appends without walking the list
     KtMutex* mutex_;
@@ -69,7 +69,7 @@ private:
 
 /// A wait/notify object that sleeps until one of several queues has a message.
 class LxQueueSet : public KtWaitNotify {
-public:
+  public:
     /// Watches the queues given, in order, up to a null pointer: LxQueueSet(a, b, (LxQueue*)0).
     /// Each queue is ref'd for as long as it is watched.
     explicit LxQueueSet(LxQueue* first, ...);
@@ -83,7 +83,7 @@ public:
     /// Stops watching queue (every entry of it) and releases its reference; returns 1.
     long removeQueue(LxQueue* queue);
 
-private:
+  private:
     struct Entry {
         LxQueue* queue;
         Entry* prev;

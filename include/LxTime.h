@@ -13,7 +13,7 @@
 /// two-operand minus produce it for negative results. getValue() and getMsecValue() read both forms;
 /// comparisons compare the fields and so tell the two forms of one value apart.
 class LxTime {
-public:
+  public:
     LxTime() : sec_(0), usec_(0) {}
     /// Stores both fields as given (no normalisation).
     LxTime(int32_t sec, int32_t usec) : sec_(sec), usec_(usec) {}
@@ -52,7 +52,7 @@ public:
     /// Normal-form negation: (s, 0) -> (-s, 0); (s, u) -> (-s - 1, 1000000 - u).
     LxTime operator-() const;
 
-private:
+  private:
     int32_t sec_;
     int32_t usec_;
 };
@@ -68,7 +68,7 @@ LxTime operator/(const LxTime& t, double divisor);
 /// Intrusive reference count: starts at 1 for the creator; the last unref destroys the object.
 /// ref and unref are atomic, because one event can be released by two threads at once.
 class LxRefCount {
-public:
+  public:
     LxRefCount() : count_(1) {}
     /// A copy starts with the source's count, not 1.
     LxRefCount(const LxRefCount& other) : count_(other.count_.load()) {}
@@ -85,10 +85,10 @@ public:
     /// The current count (for diagnostics and tests; it may change at once in another thread).
     unsigned long refCount() const { return count_.load(); }
 
-protected:
+  protected:
     virtual ~LxRefCount() {}
 
-private:
+  private:
     std::atomic<uint32_t> count_;
 };
 

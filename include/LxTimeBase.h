@@ -12,7 +12,7 @@ typedef void (*LxTimerCallback)(unsigned long id, void* userData);
 
 /// One timer. The time base's list owns one reference of every timer in it.
 class LxTimer : public LxRefCount {
-public:
+  public:
     /// No callback, deadline zero, id 0xFFFFFFFF, no user data.
     LxTimer();
     LxTimer(LxTimerCallback callback, const LxTime& deadline, unsigned long id, void* userData);
@@ -29,13 +29,13 @@ public:
     /// Closed while the timer thread serves the timer; a killer on another thread waits for it.
     KtGateLock* gate;
 
-protected:
+  protected:
     ~LxTimer() override;
 };
 
 /// Timers in ascending order of deadline; equal deadlines in the order inserted.
 class LxTimerList {
-public:
+  public:
     LxTimerList() : first(nullptr) {}
     ~LxTimerList() { removeAll(); }
 
@@ -52,7 +52,7 @@ public:
     /// Unrefs every timer and empties the list.
     void removeAll();
 
-private:
+  private:
     LxTimer* first;
 };
 
@@ -60,7 +60,7 @@ private:
 /// A plain LxTimeBase reads a time of day of 0.0 and so never advances; LxWin32TimeBase reads the
 /// machine's clock. Tests derive and supply their own getTimeOfDay().
 class LxTimeBase {
-public:
+  public:
     explicit LxTimeBase(LxManager* manager);
     /// Ends the timer thread (waiting for it) and releases every timer.
     virtual ~LxTimeBase();
@@ -77,7 +77,7 @@ public:
     virtual long setTempo(float tempo);
     virtual float getTempo();
 
-protected:
+  protected:
     /// The timer thread's loop.
     virtual void run();
     /// Seconds since an origin of the subclass's choosing (0.0 here).
@@ -114,7 +114,7 @@ protected:
     KtWaitNotify signal;
     unsigned long lastTimerId;
 
-private:
+  private:
     LxTimeBase(const LxTimeBase&) = delete;
     LxTimeBase& operator=(const LxTimeBase&) = delete;
 };
@@ -123,11 +123,11 @@ private:
 /// continuous with the calendar clock when it was constructed (the calendar clock itself when no
 /// counter is available).
 class LxWin32TimeBase : public virtual LxTimeBase {
-public:
+  public:
     explicit LxWin32TimeBase(LxManager* manager);
     ~LxWin32TimeBase() override;
 
-protected:
+  protected:
     double getTimeOfDay() override;
 
     int64_t performanceFrequency;

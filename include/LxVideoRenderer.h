@@ -9,7 +9,7 @@
 /// The node at the end of a clip's video path. It does not draw: the browser asks it for the
 /// frame of the current media time, reads the pixels and hands the frame back.
 class LxVideoRenderer : public LxNode, public LxInputConnectable {
-public:
+  public:
     explicit LxVideoRenderer(LxManager* manager) : LxNode(manager) {}
 
     long startAtTime(LxTime refTime) override = 0;

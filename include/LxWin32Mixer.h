@@ -167,7 +167,9 @@ class LxWin32Mixer : public LxMixer {
     LxAudibleMode_s audibleMode;
     KtMutex* mutex;
     LxHwnd window;
-    LxWin32AudioPortData* ports[LX_MAX_PORTS];
+    // Set and cleared under the mixer lock; read under a port's slot lock alone (a port's own
+    // operations) or under the mixer lock (walks over the table).
+    std::atomic<LxWin32AudioPortData*> ports[LX_MAX_PORTS];
     std::atomic<KtMutex*> portLocks[LX_MAX_PORTS];
     char spatializeSounds;
     LxSpeakerConfiguration speakerConfig;

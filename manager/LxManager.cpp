@@ -33,8 +33,6 @@ LxManager::LxManager(KtThreadManager* tm)
 // time base and locks are released by closeManager.
 LxManager::~LxManager() {}
 
-
-
 long LxManager::initSubSystem(unsigned long flags) {
     struct Step {
         unsigned long bit;

@@ -107,7 +107,9 @@ LxTime LxBasicClock::getMediaTime() {
     return t;
 }
 
-LxTime LxBasicClock::getSyncTime() { return getTime(); }
+LxTime LxBasicClock::getSyncTime() {
+    return getTime();
+}
 
 long LxBasicClock::setTimeBase(LxTimeBase* tb) {
     if (guard() != LX_OK) {

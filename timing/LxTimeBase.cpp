@@ -37,7 +37,9 @@ LxTimer::LxTimer(LxTimerCallback cb, const LxTime& when, unsigned long timerId, 
       killed(0),
       gate(KtGateLock::create()) {}
 
-LxTimer::~LxTimer() { delete gate; }
+LxTimer::~LxTimer() {
+    delete gate;
+}
 
 LxTimer* LxTimerList::get(unsigned long timerId) const {
     for (LxTimer* t = first; t != nullptr; t = t->next) {
@@ -151,7 +153,9 @@ void LxTimeBase::shutdownThread() {
     tm->releaseThread(t);
 }
 
-double LxTimeBase::getTimeOfDay() { return 0.0; }
+double LxTimeBase::getTimeOfDay() {
+    return 0.0;
+}
 
 LxTime LxTimeBase::refTimeAt(double timeOfDay) {
     return LxTime((timeOfDay - timeOfDayOrigin.getValue()) * tempo + referenceOrigin.getValue());
@@ -372,5 +376,6 @@ void LxTimeBase::removeTimer(LxTimer* timer) {
     }
     const int id = static_cast<int>(timer->id);
     const unsigned long left = timer->unref();
-    LxLog::postDebug("LxTimeBase:  timer %d removed and unref'd, refcount = %d\n", id, static_cast<int>(left));
+    LxLog::postDebug("LxTimeBase:  timer %d removed and unref'd, refcount = %d\n", id,
+                     static_cast<int>(left));
 }

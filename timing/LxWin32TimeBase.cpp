@@ -5,14 +5,18 @@
 #include "platform/clock/LxpClock.h"
 
 LxWin32TimeBase::LxWin32TimeBase(LxManager* owner)
-    : LxTimeBase(owner), performanceFrequency(0), timeOffset(0.0), fTimeOffset(0.0), hasPerformanceCounter(0) {
+    : LxTimeBase(owner),
+      performanceFrequency(0),
+      timeOffset(0.0),
+      fTimeOffset(0.0),
+      hasPerformanceCounter(0) {
     lxp::Clock& clock = lxp::clock();
     const int64_t startTime = clock.calendarSeconds();
     int64_t nowSeconds = 0;
     int32_t nowMillis = 0;
     clock.timeOfDay(&nowSeconds, &nowMillis);
-    LxLog::postDebug("LxWin32TimeBase:  lStartTime = %8.3f, now.time = %8.3f\n", static_cast<double>(startTime),
-                     static_cast<double>(nowSeconds));
+    LxLog::postDebug("LxWin32TimeBase:  lStartTime = %8.3f, now.time = %8.3f\n",
+                     static_cast<double>(startTime), static_cast<double>(nowSeconds));
     int64_t counter = 0;
     if (clock.queryPerformanceCounter(&counter) && clock.queryPerformanceFrequency(&performanceFrequency) &&
         performanceFrequency > 0) {

@@ -9,7 +9,7 @@ namespace lxp {
 namespace {
 
 class SystemClock : public Clock {
-public:
+  public:
     int64_t calendarSeconds() override { return static_cast<int64_t>(::time(nullptr)); }
 
     void timeOfDay(int64_t* seconds, int32_t* milliseconds) override {
@@ -54,7 +54,9 @@ Clock& clock() {
     return c != nullptr ? *c : systemClock();
 }
 
-void setClock(Clock* clock) { gClock.store(clock, std::memory_order_release); }
+void setClock(Clock* clock) {
+    gClock.store(clock, std::memory_order_release);
+}
 
 ManualClock::ManualClock(double startSeconds) : nowMicros_(static_cast<int64_t>(startSeconds * 1e6)) {}
 

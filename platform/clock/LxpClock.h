@@ -12,7 +12,7 @@
 namespace lxp {
 
 class Clock {
-public:
+  public:
     virtual ~Clock() {}
     /// Whole seconds since 1970 (the C library's time()).
     virtual int64_t calendarSeconds() = 0;
@@ -39,7 +39,7 @@ Clock& systemClock();
 /// thread that sleeps runs through virtual time at once) or blocks the sleeper until other threads
 /// have advanced the clock far enough.
 class ManualClock : public Clock {
-public:
+  public:
     /// Starts at startSeconds since 1970 with a counter of 1 MHz.
     explicit ManualClock(double startSeconds = 1.0e9);
 
@@ -61,7 +61,7 @@ public:
     /// Total milliseconds requested through sleep().
     uint64_t sleptMs();
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable advanced_;
     int64_t nowMicros_;

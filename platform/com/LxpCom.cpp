@@ -200,7 +200,9 @@ void reset() {
     r.initFailures = 0;
 }
 
-int threadInitCount() { return tInitCount; }
+int threadInitCount() {
+    return tInitCount;
+}
 
 }  // namespace comtest
 

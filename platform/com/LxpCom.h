@@ -28,8 +28,12 @@ constexpr HRESULT CO_E_NOTINITIALIZED = static_cast<HRESULT>(0x800401F0u);
 constexpr HRESULT CO_E_DLLNOTFOUND = static_cast<HRESULT>(0x800401F8u);
 constexpr HRESULT HRESULT_MOD_NOT_FOUND = static_cast<HRESULT>(0x8007007Eu);  // module not found
 
-inline bool SUCCEEDED(HRESULT hr) { return hr >= 0; }
-inline bool FAILED(HRESULT hr) { return hr < 0; }
+inline bool SUCCEEDED(HRESULT hr) {
+    return hr >= 0;
+}
+inline bool FAILED(HRESULT hr) {
+    return hr < 0;
+}
 
 constexpr uint32_t CLSCTX_INPROC_SERVER = 0x1;
 
@@ -43,23 +47,25 @@ typedef GUID CLSID;
 typedef GUID IID;
 
 bool operator==(const GUID& a, const GUID& b);
-inline bool operator!=(const GUID& a, const GUID& b) { return !(a == b); }
+inline bool operator!=(const GUID& a, const GUID& b) {
+    return !(a == b);
+}
 
 extern const IID IID_IUnknown;
 extern const IID IID_IClassFactory;
 
 class IUnknown {
-public:
+  public:
     virtual HRESULT QueryInterface(const IID& iid, void** out) = 0;
     virtual uint32_t AddRef() = 0;
     virtual uint32_t Release() = 0;
 
-protected:
+  protected:
     virtual ~IUnknown() {}
 };
 
 class IClassFactory : public IUnknown {
-public:
+  public:
     virtual HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) = 0;
     virtual HRESULT LockServer(bool lock) = 0;
 };
@@ -68,7 +74,7 @@ public:
 /// QueryInterface (call queryBase for IID_IUnknown).
 template <class Interface>
 class ComObject : public Interface {
-public:
+  public:
     uint32_t AddRef() override { return refs_.fetch_add(1) + 1; }
     uint32_t Release() override {
         const uint32_t left = refs_.fetch_sub(1) - 1;
@@ -78,7 +84,7 @@ public:
         return left;
     }
 
-protected:
+  protected:
     ComObject() : refs_(1) {}
     ~ComObject() override {}
     HRESULT queryBase(const IID& iid, void** out) {
@@ -94,7 +100,7 @@ protected:
         return E_NOINTERFACE;
     }
 
-private:
+  private:
     std::atomic<uint32_t> refs_;
 };
 

@@ -1034,8 +1034,8 @@ void FilterGraphBase::checkCompleteLocked() {
     // before the others still loops at the duration the player wraps its clock at.
     completedNs_ = nowNs();
     if (moving_ && knownDuration_ >= 0 && rate_ > 0.0) {
-        completedNs_ = anchorNs_ + static_cast<int64_t>(static_cast<double>(knownDuration_ - anchorPosition_) *
-                                                        100.0 / rate_);
+        completedNs_ = anchorNs_ + static_cast<int64_t>(
+                                       static_cast<double>(knownDuration_ - anchorPosition_) * 100.0 / rate_);
     }
     events_.push_back({EC_COMPLETE, S_OK, 0});
     eventArrived_.notify_all();

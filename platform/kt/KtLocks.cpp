@@ -5,9 +5,9 @@
 // so that a change of the calendar clock cannot stretch or cut them.
 #include "Kt.h"
 
+#include <pthread.h>
 #include <cerrno>
 #include <ctime>
-#include <pthread.h>
 
 namespace {
 
@@ -39,11 +39,15 @@ timespec deadlineAfter(unsigned long ms) {
     return ts;
 }
 
-bool isUnlimited(unsigned long ms) { return static_cast<uint32_t>(ms) == KT_INFINITE; }
+bool isUnlimited(unsigned long ms) {
+    return static_cast<uint32_t>(ms) == KT_INFINITE;
+}
 
 }  // namespace
 
-long KtCheckVersion(long major, long minor) { return (major == 1 && minor >= 0 && minor <= 16) ? 1 : 0; }
+long KtCheckVersion(long major, long minor) {
+    return (major == 1 && minor >= 0 && minor <= 16) ? 1 : 0;
+}
 
 // ---------------------------------------------------------------------------------------------
 // KtMutex
@@ -52,18 +56,26 @@ struct KtMutex::Impl {
     pthread_mutex_t mutex;
 };
 
-KtMutex* KtMutex::create() { return new KtMutex(); }
+KtMutex* KtMutex::create() {
+    return new KtMutex();
+}
 
-KtMutex::KtMutex() : impl_(new Impl) { initRecursiveMutex(&impl_->mutex); }
+KtMutex::KtMutex() : impl_(new Impl) {
+    initRecursiveMutex(&impl_->mutex);
+}
 
 KtMutex::~KtMutex() {
     pthread_mutex_destroy(&impl_->mutex);
     delete impl_;
 }
 
-void KtMutex::lock() { pthread_mutex_lock(&impl_->mutex); }
+void KtMutex::lock() {
+    pthread_mutex_lock(&impl_->mutex);
+}
 
-void KtMutex::unlock() { pthread_mutex_unlock(&impl_->mutex); }
+void KtMutex::unlock() {
+    pthread_mutex_unlock(&impl_->mutex);
+}
 
 // ---------------------------------------------------------------------------------------------
 // KtWaitNotify
@@ -168,7 +180,9 @@ struct KtGateLock::Impl {
     bool open = false;
 };
 
-KtGateLock* KtGateLock::create() { return new KtGateLock(); }
+KtGateLock* KtGateLock::create() {
+    return new KtGateLock();
+}
 
 KtGateLock::KtGateLock() : impl_(new Impl) {
     pthread_mutex_init(&impl_->mutex, nullptr);

@@ -39,7 +39,9 @@ void KtRecordingThreadManager::releaseThread(KtThread* thread) {
     real_.releaseThread(thread);
 }
 
-KtThreadId KtRecordingThreadManager::getCurrentThreadId() { return real_.getCurrentThreadId(); }
+KtThreadId KtRecordingThreadManager::getCurrentThreadId() {
+    return real_.getCurrentThreadId();
+}
 
 void KtRecordingThreadManager::refuseThreads(int count) {
     std::lock_guard<std::mutex> guard(mutex_);

@@ -12,7 +12,7 @@
 #include <vector>
 
 class KtRecordingThreadManager : public KtThreadManager {
-public:
+  public:
     struct Request {
         KtThreadEntry entry;
         void* argument;
@@ -37,7 +37,7 @@ public:
     /// Threads created and not yet released.
     int liveThreads() const;
 
-private:
+  private:
     KtDefaultThreadManager real_;
     mutable std::mutex mutex_;
     std::vector<Request> requests_;

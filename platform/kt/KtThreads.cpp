@@ -3,11 +3,11 @@
 
 #include "Kt.h"
 
+#include <pthread.h>
 #include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <memory>
-#include <pthread.h>
 
 namespace {
 
@@ -50,7 +50,7 @@ void* threadMain(void* raw) {
 }
 
 class PosixThread : public KtThread {
-public:
+  public:
     PosixThread(KtThreadEntry entry, void* argument) : state_(std::make_shared<SharedState>()) {
         state_->entry = entry;
         state_->argument = argument;
@@ -114,7 +114,7 @@ public:
         return result;
     }
 
-private:
+  private:
     std::shared_ptr<SharedState> state_;
     pthread_t thread_{};
     bool started_ = false;
@@ -147,6 +147,10 @@ KtResult KtDefaultThreadManager::waitForThread(KtThread* thread, unsigned long m
     return static_cast<PosixThread*>(thread)->waitForEnd(ms);
 }
 
-void KtDefaultThreadManager::releaseThread(KtThread* thread) { delete thread; }
+void KtDefaultThreadManager::releaseThread(KtThread* thread) {
+    delete thread;
+}
 
-KtThreadId KtDefaultThreadManager::getCurrentThreadId() { return ktCurrentThreadId(); }
+KtThreadId KtDefaultThreadManager::getCurrentThreadId() {
+    return ktCurrentThreadId();
+}

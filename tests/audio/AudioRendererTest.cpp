@@ -46,8 +46,8 @@ class ProbeRenderer : public LxWin32AudioRenderer {
     };
     Fields fields() {
         waitNotify.lock();
-        const Fields f{bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark, isResident,
-                       residentDone, residentStarted, eomDone,        draining,     hasWritten,
+        const Fields f{bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark,     isResident,
+                       residentDone, residentStarted, eomDone,        draining,         hasWritten,
                        silentPacing, resetPending,    framesCreated,  getCurrentState()};
         waitNotify.unlock();
         return f;

@@ -24,7 +24,7 @@ using lxtest::RecordingListener;
 using lxtest::TestRendererNode;
 
 class AudioPlayerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (!lxtest::haveTool("sox")) {
             GTEST_SKIP() << "sox is not installed (scripts/install-deps.sh test installs it)";

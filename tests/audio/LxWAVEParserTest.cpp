@@ -61,7 +61,7 @@ std::string readAll(LxWAVEParser& parser, int sampleFrameBytes, int framesPerRea
 }
 
 class WaveParser : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (!lxtest::haveTool("sox")) {
             GTEST_SKIP() << "sox is not installed (scripts/install-deps.sh test installs it)";

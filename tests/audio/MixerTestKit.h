@@ -32,7 +32,9 @@ inline LxSimulatedPlatform directX1() {
 /// Reaches the mixer's records and buffers.
 class TestMixer : public LxWin32Mixer {
   public:
-    LxWin32AudioPortData* rec(short port) { return port >= 0 && port < LX_MAX_PORTS ? ports[port] : nullptr; }
+    LxWin32AudioPortData* rec(short port) {
+        return port >= 0 && port < LX_MAX_PORTS ? ports[port].load() : nullptr;
+    }
     lxp::IDirectSoundBuffer* buffer(short port) {
         return rec(port) != nullptr ? rec(port)->soundBuffer : nullptr;
     }

@@ -15,6 +15,7 @@
 #include "TestNodes.h"
 #include "TestRenderer.h"
 #include "TestSupport.h"
+#include "WaveFiles.h"
 #include "platform/com/LxpCom.h"
 #include "platform/dshow/LxpSimGraph.h"
 
@@ -107,16 +108,24 @@ class Rig {
         return path;
     }
 
-    /// A player for path; waits until it has initialised (or failed). The rig destroys it.
+    /// A player for path; waits until it has initialised (or failed). The rig destroys it. The
+    /// player's thread starts with the player, so its data is held back until the listener is
+    /// set (only a failure before the data is read, such as COM's, can come before that).
     LxAMPlayer* open(const std::string& path, lxtest::RecordingListener* listener) {
-        sources.push_back(std::make_unique<LxFilenameDataSource>(path.c_str()));
-        LxAMPlayer* p = new LxAMPlayer(manager.get(), sources.back().get());
+        auto* source = new lxtest::GatedFileSource(path);
+        sources.emplace_back(source);
+        LxAMPlayer* p = new LxAMPlayer(manager.get(), source);
         players.push_back(p);
         p->setEventListener(listener);
-        EXPECT_TRUE(lxtest::waitUntil([&] {
+        source->open();
+        auto heard = [&] {
             return listener->count(LxInitializedEventType) + listener->count(LxCatastrophicErrorEventType) >
                    0;
-        })) << "the player neither initialised nor failed";
+        };
+        EXPECT_TRUE(lxtest::waitUntil([&] { return heard() || p->getState() == LxNode::DEAD; }))
+            << "the player neither initialised nor failed";
+        // A dead player's error event is delivered on its poster thread, a moment later.
+        lxtest::waitUntil(heard, 500);
         return p;
     }
 

@@ -293,8 +293,9 @@ class AMPlayerE2E : public WavScene {
         size_t samples = 0;
         double lag = 0.0;
         const int worst = worstFrameError(paintedBetween(from, to), fps, frames, &samples, &lag);
-        std::printf("[ measured ] %s: %zu pictures, worst %d frame(s) off, %.1f ms of media behind on average\n",
-                    what, samples, worst, lag * 1000.0 / fps);
+        std::printf(
+            "[ measured ] %s: %zu pictures, worst %d frame(s) off, %.1f ms of media behind on average\n",
+            what, samples, worst, lag * 1000.0 / fps);
         EXPECT_GT(samples, static_cast<size_t>((to - from) * 40)) << what;
         EXPECT_LE(worst, 1) << what;
     }

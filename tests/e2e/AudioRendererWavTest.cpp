@@ -169,7 +169,8 @@ TEST_F(RendererWavTest, RateTwoPlaysAnOctaveUpAndAStopTimeCutsTheClipThere) {
     // The tone: on time, half a second long, at 880 Hz.
     const long toneOnset = firstAbove(left, 300, frameAtTime(toneStart.getValue() - 0.1));
     ASSERT_GE(toneOnset, 0);
-    std::printf("[ measured ] tone onset %+.1f ms\n", (timeAtFrame(toneOnset) - toneStart.getValue()) * 1000.0);
+    std::printf("[ measured ] tone onset %+.1f ms\n",
+                (timeAtFrame(toneOnset) - toneStart.getValue()) * 1000.0);
     EXPECT_NEAR(toneStart.getValue(), timeAtFrame(toneOnset), 0.02);
     const long toneEnd = endOfSound(
         std::vector<int16_t>(left.begin(), left.begin() + frameAtTime(noiseStart.getValue() - 0.05)), 300);

@@ -101,7 +101,8 @@ class EveryKind : public AMPlayerE2E {
     double soundLength(const std::vector<int16_t>& heard, long onset) {
         long end = onset;
         const long quiet = static_cast<long>(kRate / 50);
-        while (end + quiet < static_cast<long>(heard.size()) && rendererkit::peak(heard, end, end + quiet) > 200) {
+        while (end + quiet < static_cast<long>(heard.size()) &&
+               rendererkit::peak(heard, end, end + quiet) > 200) {
             end += quiet / 4;
         }
         return (end - onset) / kRate;
@@ -115,7 +116,8 @@ class EveryKind : public AMPlayerE2E {
             if (s.ref < p.start + settle || s.counter < 0 || s.media >= seconds - 0.04) {
                 continue;
             }
-            worst = std::max(worst, std::abs(s.counter - static_cast<int>(std::floor(s.media * 25.0 + 1e-6))));
+            worst =
+                std::max(worst, std::abs(s.counter - static_cast<int>(std::floor(s.media * 25.0 + 1e-6))));
             ++*judged;
         }
         return worst;
@@ -138,9 +140,10 @@ TEST_F(EveryKind, WaveMidiMp3MpegAndQuickTimeClipsPlayThroughTheSceneSupport) {
     // MIDI: the ocarina (a near-sine voice) on middle C for 0.6 s.
     const std::string midi = dir.file("note.mid");
     ASSERT_TRUE(lxtest::writeFile(
-        midi, miditest::smf(0, 96,
-                            {miditest::track(miditest::tempoEvent(0, 500000) + std::string("\x00\xC0\x4F", 3) +
-                                             miditest::noteOn(0, 0, 60, 110) + miditest::noteOff(115, 0, 60))})));
+        midi,
+        miditest::smf(0, 96,
+                      {miditest::track(miditest::tempoEvent(0, 500000) + std::string("\x00\xC0\x4F", 3) +
+                                       miditest::noteOn(0, 0, 60, 110) + miditest::noteOff(115, 0, 60))})));
     const lxtest::Clip mp3 = lxtest::mp3Clip();
     const lxtest::Clip mpeg = lxtest::mpeg1Clip();
     const lxtest::Clip mov = lxtest::movVideoClip();
@@ -186,7 +189,8 @@ TEST_F(EveryKind, WaveMidiMp3MpegAndQuickTimeClipsPlayThroughTheSceneSupport) {
         EXPECT_TRUE(m.ended);
         const long mOn = onsetNear(heard, m.start + 0.1, 300);
         ASSERT_GE(mOn, 0) << "the MIDI clip was not heard near its start time";
-        std::printf("[ measured ] MIDI note heard %.1f ms after its start time\n", (timeAtFrame(mOn) - m.start) * 1000);
+        std::printf("[ measured ] MIDI note heard %.1f ms after its start time\n",
+                    (timeAtFrame(mOn) - m.start) * 1000);
         EXPECT_NEAR(m.start + 0.05, timeAtFrame(mOn), 0.1);
         EXPECT_TRUE(isTone(heard, mOn + static_cast<long>(kRate / 10), 261.63)) << "middle C";
     }

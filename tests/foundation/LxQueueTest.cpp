@@ -24,12 +24,14 @@ struct QueueRef {
 
 // Reaches the protected waiter operations.
 class ExposedQueue : public LxQueue {
-public:
+  public:
     using LxQueue::addWaiter;
     using LxQueue::removeWaiter;
 };
 
-void* msg(intptr_t v) { return reinterpret_cast<void*>(v); }
+void* msg(intptr_t v) {
+    return reinterpret_cast<void*>(v);
+}
 
 TEST(LxQueue, SendIsFifoAndPushGoesFirst) {
     QueueRef q;

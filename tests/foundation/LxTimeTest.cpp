@@ -84,14 +84,14 @@ TEST(LxTime, ArithmeticNearTheLimitsStaysDefined) {
 }
 
 class Counted : public LxRefCount {
-public:
+  public:
     explicit Counted(int* destroyed) : destroyed_(destroyed) {}
     Counted(const Counted& other) : LxRefCount(other), destroyed_(other.destroyed_) {}
 
-protected:
+  protected:
     ~Counted() override { ++*destroyed_; }
 
-private:
+  private:
     int* destroyed_;
 };
 

@@ -17,7 +17,7 @@ namespace {
 
 // The consumer side: records what it is handed and owns it afterwards.
 class FakeInput : public LxInputConnectable {
-public:
+  public:
     ~FakeInput() override {
         for (LxFrame* f : pushed) {
             delete f;
@@ -159,7 +159,7 @@ TEST(OutputConnectables, ConnectOnceAndKeepTheFirstInput) {
 }
 
 class VideoSelection : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         out.initFormats(2, 2, LxPixel32, LxFormat::PullStream);
         out.connectTo(&in);

@@ -32,7 +32,7 @@ struct QueueRef {
 };
 
 class NodeTest : public ::testing::Test {
-protected:
+  protected:
     KtRecordingThreadManager threads;
     lxtest::ScopedTestManager manager{&threads};
 };
@@ -140,7 +140,7 @@ TEST_F(NodeTest, NoPosterThreadMeansOutOfMemoryAndNothingAdded) {
     RecordingListener listener;
     threads.refuseThreads(1);
     EXPECT_EQ(LX_ERR_OUT_OF_MEMORY, node.setEventListener(&listener));
-    node.postEvent(new LxActiveEvent(&node));  // nobody listens: simply released
+    node.postEvent(new LxActiveEvent(&node));            // nobody listens: simply released
     EXPECT_EQ(LX_OK, node.setEventListener(&listener));  // the next attempt gets a thread
     node.postEvent(new LxActiveEvent(&node));
     EXPECT_TRUE(listener.waitForCount(1));

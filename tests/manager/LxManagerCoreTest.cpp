@@ -225,9 +225,7 @@ TEST_F(ManagerCoreTest, ConnectAllUnconnectedSummarises) {
 TEST_F(ManagerCoreTest, SettingsAreKeptUntilAudioStarts) {
     EXPECT_EQ(LX_OK, manager->initSubSystem(0));
     EXPECT_EQ(-1, manager->getMaxAudioChannels()) << "automatic until set";
-    const struct {
-        short asked, kept;
-    } limits[] = {{0, 1}, {-5, 1}, {8, 8}, {-1, -1}};
+    const struct { short asked, kept; } limits[] = {{0, 1}, {-5, 1}, {8, 8}, {-1, -1}};
     for (const auto& l : limits) {
         EXPECT_EQ(LX_OK, manager->setMaxAudioChannels(l.asked));
         EXPECT_EQ(l.kept, manager->getMaxAudioChannels()) << l.asked;

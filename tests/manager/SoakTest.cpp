@@ -1,8 +1,8 @@
 // Soak: a scene's worth of players of every kind made, connected to the default renderers,
 // started, sought, re-rated, stopped and destroyed from several threads at once, on the
 // mixing engine with no output, the simulated MIDI device and the simulated filter graph (so
-// that ThreadSanitizer sees every thread). Nothing may hang; afterwards the registry is empty and every channel is free again.
-// Leaks are the sanitizers' to find when the process ends.
+// that ThreadSanitizer sees every thread). Nothing may hang; afterwards the registry is empty and every
+// channel is free again. Leaks are the sanitizers' to find when the process ends.
 #include "LxAMPlayer.h"
 #include "LxAudioPlayer.h"
 #include "LxDataSource.h"
@@ -92,7 +92,8 @@ class Soak : public ::testing::Test {
         for (int i = 0; i < 22050 / 2; ++i) {
             pcm += lxtest::le16(static_cast<uint16_t>((i * 300) & 0x7FFF));
         }
-        lxtest::writeFile(paths[Wave], lxtest::joinWave({{"fmt ", lxtest::pcmFmtBody(1, 22050, 16)}, {"data", pcm}}));
+        lxtest::writeFile(paths[Wave],
+                          lxtest::joinWave({{"fmt ", lxtest::pcmFmtBody(1, 22050, 16)}, {"data", pcm}}));
         paths[Midi] = dir.file("tune.mid");
         std::string notes = miditest::tempoEvent(0, 500000);
         for (int k = 0; k < 8; ++k) {
@@ -230,9 +231,10 @@ TEST_F(Soak, TwoHundredPlayersOfEveryKindFromFourThreadsLeaveNothingBehind) {
     for (std::thread& t : workers) {
         t.join();
     }
-    std::printf("[ measured ] %d players (%d WAVE, %d MIDI, %d audio and video, %d audio, %d video) in %.1f s\n",
-                kPlayers, kinds[Wave].load(), kinds[Midi].load(), kinds[AudioVideo].load(), kinds[AudioOnly].load(),
-                kinds[VideoOnly].load(), lxtest::msSince(start) / 1000.0);
+    std::printf(
+        "[ measured ] %d players (%d WAVE, %d MIDI, %d audio and video, %d audio, %d video) in %.1f s\n",
+        kPlayers, kinds[Wave].load(), kinds[Midi].load(), kinds[AudioVideo].load(), kinds[AudioOnly].load(),
+        kinds[VideoOnly].load(), lxtest::msSince(start) / 1000.0);
     EXPECT_EQ(0, failures.load());
     for (int k = 0; k < kKinds; ++k) {
         EXPECT_GT(kinds[k].load(), 10) << "kind " << k;

@@ -231,9 +231,9 @@ TEST_F(MidiPlayerTest, GainScalesEveryChannelVolumeAndIsCheckedForRange) {
     }
     midisim::advanceMs(2600);
     const std::vector<Message> played = since(from, true);
-    EXPECT_TRUE(std::any_of(played.begin(), played.end(),
-                            [](const Message& m) { return m.message == msg(0xB0, 7, 45); }))
-        << "the file's 90 reaches the device as 45";
+    EXPECT_TRUE(std::any_of(played.begin(), played.end(), [](const Message& m) {
+        return m.message == msg(0xB0, 7, 45);
+    })) << "the file's 90 reaches the device as 45";
 
     from = mark();
     EXPECT_EQ(LX_OK, c.midi->setGain(1.0f));
@@ -470,9 +470,9 @@ TEST_F(MidiPlayerTest, FailuresWhilePlayingSilenceThePlayerAndAStopNeverHangs) {
     from = mark();
     midisim::advanceMs(6000);
     const std::vector<Message> afterStop = since(from, true);
-    EXPECT_TRUE(std::none_of(afterStop.begin(), afterStop.end(),
-                             [](const Message& m) { return m.message == msg(0x90, 67, 100); }))
-        << "no buffer refilled after the stop";
+    EXPECT_TRUE(std::none_of(afterStop.begin(), afterStop.end(), [](const Message& m) {
+        return m.message == msg(0x90, 67, 100);
+    })) << "no buffer refilled after the stop";
     EXPECT_EQ(LxWin32MidiPlayer::STREAM_STOPPED, c.midi->getStreamState());
 
     // A track without its end fails in the device's callback when its data runs out.

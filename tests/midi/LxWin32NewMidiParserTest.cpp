@@ -69,8 +69,8 @@ TEST_F(MidiFileModelTest, TempoMapTimesAndTickToTime) {
     EXPECT_EQ(1000000000, map[1].startTime);
     EXPECT_EQ(1250000000, map[2].startTime);
     // Nanoseconds at ticks, across both changes and at them (an entry at the tick is passed over).
-    const int64_t times[][2] = {{0, 0},          {96, 500000000},   {192, 1000000000},
-                                {240, 1125000000}, {288, 1250000000}, {672, 5250000000}};
+    const int64_t times[][2] = {
+        {0, 0}, {96, 500000000}, {192, 1000000000}, {240, 1125000000}, {288, 1250000000}, {672, 5250000000}};
     for (const auto& t : times) {
         EXPECT_EQ(t[1], LxWin32NewMidiParser::tickToTime(t[0], model.getDivision(), map)) << t[0];
     }

@@ -55,7 +55,7 @@ const lxp::CLSID kTestClass = {0x12345678, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
 const lxp::IID kTestIface = {0x12345679, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 class Thing : public lxp::ComObject<lxp::IUnknown> {
-public:
+  public:
     static int alive;
     Thing() { ++alive; }
     ~Thing() override { --alive; }
@@ -66,7 +66,7 @@ public:
 int Thing::alive = 0;
 
 class ThingFactory : public lxp::ComObject<lxp::IClassFactory> {
-public:
+  public:
     lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override { return queryBase(iid, out); }
     lxp::HRESULT CreateInstance(lxp::IUnknown*, const lxp::IID& iid, void** out) override {
         Thing* t = new Thing();

@@ -28,7 +28,7 @@ using lxtest::TestRendererNode;
 
 // A renderer that tells when it is destroyed and records the threads it is driven from.
 class TracedRenderer : public TestRendererNode {
-public:
+  public:
     TracedRenderer(LxManager* m, std::atomic<int>* destroyed) : TestRendererNode(m), destroyed_(destroyed) {}
     ~TracedRenderer() override { ++*destroyed_; }
     long setMediaTime(LxTime t) override {
@@ -44,12 +44,12 @@ public:
     std::vector<double> mediaTimes;
     std::vector<std::thread::id> threads;
 
-private:
+  private:
     std::atomic<int>* destroyed_;
 };
 
 class PlayerTest : public ::testing::Test {
-protected:
+  protected:
     // Connects the player's "Audio" output to a renderer and lets the player find it (the player
     // owns it from then on).
     template <class R>

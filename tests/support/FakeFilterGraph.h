@@ -10,7 +10,7 @@
 namespace lxtest {
 
 class FakeFilterGraph {
-public:
+  public:
     FakeFilterGraph() {
         lxp::CoInitialize(nullptr);
         void* previous = nullptr;
@@ -32,9 +32,9 @@ public:
         }
     }
 
-private:
+  private:
     class Graph : public lxp::ComObject<lxp::IUnknown> {
-    public:
+      public:
         lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override {
             if (iid == lxp::IID_IGraphBuilder) {
                 *out = this;
@@ -45,7 +45,7 @@ private:
         }
     };
     class Factory : public lxp::ComObject<lxp::IClassFactory> {
-    public:
+      public:
         lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override {
             if (iid == lxp::IID_IClassFactory) {
                 *out = static_cast<lxp::IClassFactory*>(this);

@@ -9,7 +9,7 @@
 namespace lxtest {
 
 class SettableTimeBase : public LxTimeBase {
-public:
+  public:
     explicit SettableTimeBase(LxManager* manager, double startSeconds = 1000.0)
         : LxTimeBase(manager), now_(startSeconds) {}
     ~SettableTimeBase() override { shutdownThread(); }
@@ -17,10 +17,10 @@ public:
     void setTimeOfDay(double seconds) { now_.store(seconds); }
     void advance(double seconds) { now_.store(now_.load() + seconds); }
 
-protected:
+  protected:
     double getTimeOfDay() override { return now_.load(); }
 
-private:
+  private:
     std::atomic<double> now_;
 };
 

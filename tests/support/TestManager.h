@@ -9,7 +9,7 @@
 namespace lxtest {
 
 class TestManager : public LxManager {
-public:
+  public:
     explicit TestManager(KtThreadManager* tm) : LxManager(tm) {}
     /// A test manager may simply go out of scope: its locks go with it (closeManager, which also
     /// works, clears them first).
@@ -28,7 +28,7 @@ public:
     long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
     long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
 
-protected:
+  protected:
     long initTimers() override { return LX_ERR_GENERIC; }
     long initAudio() override { return LX_ERR_GENERIC; }
     long initVideo() override { return LX_ERR_GENERIC; }

@@ -19,13 +19,13 @@ namespace lxtest {
 /// A TestManager that is closed (locks released) when the scope ends, as a host closes its
 /// manager: the manager's destructor alone does not release them.
 class ScopedTestManager {
-public:
+  public:
     explicit ScopedTestManager(KtThreadManager* threads) : manager_(new TestManager(threads)) {}
     ~ScopedTestManager() { manager_->closeManager(); }
     TestManager* get() const { return manager_; }
     TestManager* operator->() const { return manager_; }
 
-private:
+  private:
     TestManager* manager_;
     ScopedTestManager(const ScopedTestManager&) = delete;
     ScopedTestManager& operator=(const ScopedTestManager&) = delete;
@@ -34,7 +34,7 @@ private:
 /// Records every event it handles: its type, the thread it ran on, and whether two handlers ever
 /// overlapped. Can be told to hold the next handler until released.
 class RecordingListener : public LxEventListener {
-public:
+  public:
     struct Entry {
         LxEventType_s type;
         LxEvent* event;  // identity only; not referenced after the call
@@ -61,7 +61,7 @@ public:
     /// Forgets what was recorded.
     void clear();
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Entry> entries_;
@@ -74,7 +74,7 @@ private:
 /// An event that counts how many of its kind are alive, for leak and double-release checks.
 /// Its result carries a sequence number.
 class SequencedEvent : public LxInitializedEvent {
-public:
+  public:
     SequencedEvent(LxNode* node, long sequence) : LxInitializedEvent(node, sequence) { ++alive; }
     ~SequencedEvent() override { --alive; }
 
@@ -83,7 +83,7 @@ public:
 
 /// A node with no behaviour of its own; tests reach its protected operations.
 class TestNode : public LxNode {
-public:
+  public:
     explicit TestNode(LxManager* manager) : LxNode(manager) {}
 
     using LxNode::postEvent;

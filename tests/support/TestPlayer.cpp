@@ -19,7 +19,7 @@ namespace {
 constexpr LxEventType_s kCommandType = static_cast<LxEventType_s>(1000);
 
 class CommandEvent : public LxEvent {
-public:
+  public:
     explicit CommandEvent(std::function<void()> f) : fn(std::move(f)) { type = kCommandType; }
     std::function<void()> fn;
 };

@@ -17,22 +17,22 @@ namespace lxtest {
 
 /// A time base whose reference time is whatever the test sets (seconds).
 class StepTimeBase : public LxTimeBase {
-public:
+  public:
     explicit StepTimeBase(LxManager* manager, double startSeconds = 100.0)
         : LxTimeBase(manager), now_(startSeconds) {}
     ~StepTimeBase() override { shutdownThread(); }
     void set(double seconds) { now_.store(seconds); }
     void advance(double seconds) { now_.store(now_.load() + seconds); }
 
-protected:
+  protected:
     double getTimeOfDay() override { return now_.load(); }
 
-private:
+  private:
     std::atomic<double> now_;
 };
 
 class TestPlayer : public LxPlayer {
-public:
+  public:
     struct Options {
         bool startThread = true;
         bool initialize = true;          // reach STOPPED by itself
@@ -82,12 +82,12 @@ public:
 
     static long entry(void* player);
 
-protected:
+  protected:
     void run() override;
     void shutdown() override;
     void handleNodeEvent(LxEvent* event) override;
 
-private:
+  private:
     Options options_;
     LxAudioOutputConnectable* audio_ = nullptr;
     std::vector<LxOutputConnectable*> adopted_;

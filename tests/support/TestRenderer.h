@@ -17,7 +17,7 @@
 namespace lxtest {
 
 class TestAudioPort : public LxAudioOutputPort {
-public:
+  public:
     long setSoundLocation(const float* xyz) override {
         for (int i = 0; i < 3; ++i) {
             location_[i] = xyz[i];
@@ -55,7 +55,7 @@ public:
     }
     void setType(LxAudioChannelType_s type) { channelType = type; }
 
-private:
+  private:
     float location_[3] = {0, 0, 0};
     float gain_ = 1.0f;
     float pan_ = 0.0f;
@@ -64,7 +64,7 @@ private:
 };
 
 class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
-public:
+  public:
     /// What the node posts when it is started.
     enum StartMode { ConfirmStart, ConfirmEnd, Silent };
 
@@ -133,7 +133,7 @@ public:
     std::atomic<int> framesCreated{0};
     std::atomic<int> portsHandedOut{0};
 
-private:
+  private:
     void consume(LxFrame* frame);
     int bytesPerSampleFrame();
 

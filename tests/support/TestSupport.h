@@ -18,13 +18,13 @@ bool waitUntil(const std::function<bool()>& pred, int timeoutMs = 10000);
 
 /// A fresh directory under /tmp, removed with its contents on destruction.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 

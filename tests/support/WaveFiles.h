@@ -44,7 +44,7 @@ std::string soxClip(const TempDir& dir, const std::string& name, int rate, int b
 /// A local file whose data is only available once the test says so (so listeners can be attached
 /// before the player initialises), and whose content name the test may replace.
 class GatedFileSource : public LxFilenameDataSource {
-public:
+  public:
     explicit GatedFileSource(const std::string& path, bool available = false)
         : LxFilenameDataSource(path.c_str()), available_(available) {}
     char dataAvailable() override { return available_.load() ? 1 : 0; }
@@ -54,7 +54,7 @@ public:
     void open() { available_ = true; }
     void setContentName(const std::string& name) { contentName_ = name; }
 
-private:
+  private:
     std::atomic<bool> available_;
     std::string contentName_;
 };

@@ -9,7 +9,7 @@
 namespace {
 
 class ClockTest : public ::testing::Test {
-protected:
+  protected:
     KtDefaultThreadManager threads;
     lxtest::TestManager manager{&threads};
     lxtest::SettableTimeBase timeBase{&manager, 100.0};  // reference time = time of day

@@ -40,7 +40,7 @@ struct FireLog {
 };
 
 class TimeBaseTest : public ::testing::Test {
-protected:
+  protected:
     KtDefaultThreadManager threads;
     lxtest::TestManager manager{&threads};
     FireLog log;  // outlives the time bases that call into it

@@ -10,8 +10,8 @@
 #include <cmath>
 #include <fstream>
 #include <string>
-#include <vector>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -59,7 +59,8 @@ std::vector<std::string> graphThreads() {
         std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
         std::string name;
         std::getline(comm, name);
-        if (name == "GstSystemClock" || name == "gmain" || name == "pool-spawner" || name.rfind("pool-", 0) == 0) {
+        if (name == "GstSystemClock" || name == "gmain" || name == "pool-spawner" ||
+            name.rfind("pool-", 0) == 0) {
             continue;
         }
         names.push_back(name);

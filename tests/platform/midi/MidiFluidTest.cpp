@@ -135,7 +135,9 @@ const uint32_t kNoteOff = 0x80u | (60u << 8);
 /// Plays middle C from tick `on` to tick 96 (500 ms) and renders 800 ms: the milliseconds at
 /// which sound starts, and whether the buffer came back only after the note-off was rendered.
 double playNote(uint32_t on, bool* returnedAfterEnd) {
-    Playing p({{0, 0, 0xC0u | (79u << 8)}, {0, 0, (MEVT_TEMPO << 24) | 500000u}, {on, 0, kNoteOn},
+    Playing p({{0, 0, 0xC0u | (79u << 8)},
+               {0, 0, (MEVT_TEMPO << 24) | 500000u},
+               {on, 0, kNoteOn},
                {96 - on, 0, kNoteOff}});
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     std::vector<float> audio = MidiFluidTest::pull(400);

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
@@ -77,8 +78,10 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     removeMixSource(&source);
     const std::vector<int16_t> second = readWav(path);
     ASSERT_GT(second.size(), first.size());
-    EXPECT_EQ(8192, second.back());
     EXPECT_EQ(first[100], second[100]);
+    // At least 50 ms of the source's level appended (the block mixed as it left may be silent).
+    EXPECT_GE(std::count(second.begin() + static_cast<long>(first.size()), second.end(), int16_t{8192}),
+              44100 * 2 / 20);
 }
 
 TEST(SoundOutputDeathTest, AnOutputLeftRunningAtExitStillLeavesACompleteFile) {
