@@ -199,16 +199,8 @@ void LxAudioPlayer::run() {
     unlock();
     unsigned long w = 0;
     for (;;) {
-        lock();
-        if (apiQueue->poll() || nodeEventQueue->poll()) {
-            processEventQueues();
-            unlock();
-        } else if (getCurrentState() == DEAD) {
-            unlock();
+        if (!beginPass(w)) {
             break;
-        } else {
-            unlock();
-            waitForEventOrTime(w);
         }
 
         LxNodeState s = getCurrentState();
@@ -357,10 +349,5 @@ void LxAudioPlayer::run() {
         }
     }
     LxLog::postDebug("LxAudioPlayer:  Goodbye cruel world!\n");
-    genericShutdown();
-    shutdown();
-    lock();
-    threadRunning = 0;
-    signal.notifyAll();
-    unlock();
+    endRun();
 }

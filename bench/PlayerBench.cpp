@@ -42,24 +42,11 @@ class BenchPlayer : public LxPlayer {
     }
     void run() override {
         for (;;) {
-            lock();
-            if (apiQueue->poll() || nodeEventQueue->poll()) {
-                processEventQueues();
-                unlock();
-            } else if (getCurrentState() == DEAD) {
-                unlock();
+            if (!beginPass(KT_INFINITE)) {
                 break;
-            } else {
-                unlock();
-                waitForEventOrTime(KT_INFINITE);
             }
         }
-        genericShutdown();
-        shutdown();
-        lock();
-        threadRunning = 0;
-        signal.notifyAll();
-        unlock();
+        endRun();
     }
 };
 

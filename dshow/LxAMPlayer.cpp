@@ -869,16 +869,8 @@ void LxAMPlayer::run() {
     graphRunning = 0;
     unsigned long w = 0;
     for (;;) {
-        lock();
-        if (apiQueue->poll() || nodeEventQueue->poll()) {
-            processEventQueues();
-            unlock();
-        } else if (getCurrentState() == DEAD) {
-            unlock();
+        if (!beginPass(w)) {
             break;
-        } else {
-            unlock();
-            waitForEventOrTime(w);
         }
 
         const LxNodeState s = getCurrentState();
@@ -920,10 +912,5 @@ void LxAMPlayer::run() {
         w = KT_INFINITE;
     }
     LxLog::postDebug("LxAMPlayer:  Goodbye cruel world!\n");
-    genericShutdown();
-    shutdown();
-    lock();
-    threadRunning = 0;
-    signal.notifyAll();
-    unlock();
+    endRun();
 }

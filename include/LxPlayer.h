@@ -76,8 +76,9 @@ struct LxNodeListEntry {
 /// Its run loop, on each pass: takes the signal; if either queue has a message (poll), calls
 /// processEventQueues() and releases the signal; otherwise, DEAD ends the loop, and any other
 /// state releases the signal and sleeps in waitForEventOrTime(ms); then it does its own work.
-/// When the loop ends it calls genericShutdown() and shutdown(), then clears threadRunning and
-/// notifies, both under the signal. Its destructor calls waitAndShutdown() before anything else.
+/// beginPass() is that start of a pass. When the loop ends it calls genericShutdown() and
+/// shutdown(), then clears threadRunning and notifies, both under the signal: endRun(). Its destructor calls
+/// waitAndShutdown() before anything else.
 class LxPlayer : public LxNode {
   public:
     LxPlayer(LxManager* manager, LxDataSource* dataSource);
@@ -190,6 +191,13 @@ class LxPlayer : public LxNode {
     /// Sleeps until either queue has a message or ms milliseconds passed (0xFFFFFFFF: no limit).
     /// Player thread, signal not held.
     long waitForEventOrTime(unsigned long ms);
+    /// The start of one pass of a run loop, as the class comment describes it: handles what is
+    /// queued, or sleeps up to ms for it. False when the player is DEAD with nothing queued (the
+    /// loop ends). Player thread, signal not held.
+    bool beginPass(unsigned long ms);
+    /// The end of a run loop: genericShutdown(), shutdown(), then threadRunning cleared and the
+    /// waiters woken under the signal. Player thread, signal not held.
+    void endRun();
 
     /// The entry of node in the node list, or null.
     LxNodeListEntry* findNodeEntry(LxNode* node);

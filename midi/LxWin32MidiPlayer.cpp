@@ -777,16 +777,8 @@ void LxWin32MidiPlayer::run() {
     LxLog::postDebug("LxWin32MidiPlayer:  in run loop\n");
     unsigned long w = 0;
     for (;;) {
-        lock();
-        if (apiQueue->poll() || nodeEventQueue->poll()) {
-            processEventQueues();
-            unlock();
-        } else if (getCurrentState() == DEAD) {
-            unlock();
+        if (!beginPass(w)) {
             break;
-        } else {
-            unlock();
-            waitForEventOrTime(w);
         }
         tellManagerIfStopped();
         finishEndOfData();
@@ -861,12 +853,7 @@ void LxWin32MidiPlayer::run() {
     if (manager != nullptr) {
         manager->releasePortChannel(this);
     }
-    genericShutdown();
-    shutdown();
-    lock();
-    threadRunning = 0;
-    signal.notifyAll();
-    unlock();
+    endRun();
 }
 
 void LxWin32MidiPlayer::shutdown() {

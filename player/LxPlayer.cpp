@@ -484,6 +484,31 @@ long LxPlayer::waitForEventOrTime(unsigned long ms) {
     return queueSet->waitForAny(ms);
 }
 
+bool LxPlayer::beginPass(unsigned long ms) {
+    lock();
+    if (apiQueue->poll() || nodeEventQueue->poll()) {
+        processEventQueues();
+        unlock();
+        return true;
+    }
+    if (getCurrentState() == DEAD) {
+        unlock();
+        return false;
+    }
+    unlock();
+    waitForEventOrTime(ms);
+    return true;
+}
+
+void LxPlayer::endRun() {
+    genericShutdown();
+    shutdown();
+    lock();
+    threadRunning = 0;
+    signal.notifyAll();
+    unlock();
+}
+
 void LxPlayer::processEventQueues() {
     while (void* message = apiQueue->receive(0, LxTime::zero())) {
         LxPlayerAPIEvent* request = static_cast<LxPlayerAPIEvent*>(message);

@@ -140,7 +140,7 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
     EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
 }
 
-TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphAsDesigned) {
+TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
     Rig rig;
     ASSERT_TRUE(rig.registered);
     RecordingListener l1;

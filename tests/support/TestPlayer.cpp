@@ -51,16 +51,8 @@ long TestPlayer::entry(void* player) {
 void TestPlayer::run() {
     for (;;) {
         ++passes_;
-        lock();
-        if (apiQueue->poll() || nodeEventQueue->poll()) {
-            processEventQueues();
-            unlock();
-        } else if (getCurrentState() == DEAD) {
-            unlock();
+        if (!beginPass(KT_INFINITE)) {
             break;
-        } else {
-            unlock();
-            waitForEventOrTime(KT_INFINITE);
         }
         lock();
         if (options_.initialize && getCurrentState() == UNINITIALIZED) {
@@ -72,12 +64,7 @@ void TestPlayer::run() {
         }
         unlock();
     }
-    genericShutdown();
-    shutdown();
-    lock();
-    threadRunning = 0;
-    signal.notifyAll();
-    unlock();
+    endRun();
 }
 
 void TestPlayer::shutdown() {

@@ -19,18 +19,8 @@ class PluginPlayer : public LxPlayer {
 
     void run() override {
         for (;;) {
-            lock();
-            if (apiQueue->poll() || nodeEventQueue->poll()) {
-                processEventQueues();
-                unlock();
-            } else if (getCurrentState() == DEAD) {
-                unlock();
+            if (!beginPass(getCurrentState() == UNINITIALIZED ? 0 : KT_INFINITE)) {
                 break;
-            } else {
-                unlock();
-                if (getCurrentState() != UNINITIALIZED) {
-                    waitForEventOrTime(KT_INFINITE);
-                }
             }
             lock();
             if (getCurrentState() == UNINITIALIZED) {
@@ -40,12 +30,7 @@ class PluginPlayer : public LxPlayer {
             }
             unlock();
         }
-        genericShutdown();
-        shutdown();
-        lock();
-        threadRunning = 0;
-        signal.notifyAll();
-        unlock();
+        endRun();
     }
 };
 
