@@ -40,6 +40,11 @@ class LxAudioOutputPort {
     virtual LxAudioChannelType_s getChannelType() { return channelType; }
     virtual long grantChannel() = 0;
     virtual long revokeChannel() = 0;
+    /// 1 while sound sent through this port is still to be heard: scheduled to start, waiting
+    /// for a channel, or written and not yet played out (for MIDI, notes and their release tails
+    /// still sounding). End of media comes before the last sample is heard, so a host that must
+    /// not cut a clip short waits for this to fall to 0 after the end. Any thread; never blocks.
+    virtual char isSounding() const { return 0; }
 
   protected:
     /// Set by a successful grantChannel(), cleared by a successful revokeChannel().
