@@ -46,6 +46,9 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
 
     /// Bytes of data of each stream buffer.
     static constexpr uint32_t kStreamBufferBytes = 1024;
+    /// Longest time the stream is kept open after the clip's data for the synthesizer's notes to
+    /// die away (a note held by a pedal would sound for ever).
+    static constexpr unsigned long kTailLimitMs = 2000;
 
     /// Starts the player thread, which loads the clip from the source's local file.
     LxWin32MidiPlayer(LxManager* manager, LxDataSource* dataSource);
@@ -66,6 +69,9 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     long setSpatialize(char on) override;
     char getSpatialize() const override;
     char hasChannel() const override;
+    /// 1 from a start request until the clip's last buffer has played and the synthesizer has
+    /// gone silent (at most kTailLimitMs after the end of the clip's data), or until a stop.
+    char isSounding() const override;
     /// Called by the manager with its channel lock held. While the player wants to sound, the
     /// stream is opened (from the start of the clip) and started before this returns. Returns 1.
     long grantChannel() override;
@@ -85,6 +91,8 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// Also stops the music (all notes off) and closes the stream; the manager is told that the
     /// port went inactive once the signal is released. Signal held.
     long stopAll() override;
+    /// Marks the port sounding, then the base step. Player thread, signal held.
+    long startAll(LxTime t) override;
 
     // --- The stream. Any thread but the device's callback thread; each takes the signal (the
     // caller may hold it already, except for stopMidi(true)).
@@ -143,6 +151,9 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     void finishEndOfData();
     /// Tells the manager about a stop done under the signal, if one is pending.
     void tellManagerIfStopped();
+    /// Closes the stream kept open for the release tails once the device is silent or the limit
+    /// has passed.
+    void endTailIfSilent();
     /// Milliseconds until the clock's start point (0 when reached).
     unsigned long leadWait();
     /// Milliseconds until the clock's stop time, KT_INFINITE when none is set.
@@ -194,6 +205,15 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// The port's record of holding the channel, readable without a lock.
     std::atomic<char> holdingChannel;
     ParserLink* parserLink;
+    /// A start was asked for and no stop has come since. Written on the player thread.
+    std::atomic<bool> playing;
+    /// The clip's data has played out and the open stream is left to ring out. Signal held to
+    /// change it.
+    std::atomic<bool> tailing;
+    /// Steady-clock milliseconds at which the tail is cut in any case. Signal held.
+    int64_t tailEndMs;
+    /// The pass is ending by itself: the stop that ends it keeps the tail. Signal held.
+    char endingPass;
 
     LxWin32MidiPlayer(const LxWin32MidiPlayer&) = delete;
     LxWin32MidiPlayer& operator=(const LxWin32MidiPlayer&) = delete;

@@ -14,6 +14,7 @@
 #include "platform/midi/LxpMidi.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <new>
@@ -30,6 +31,15 @@ constexpr uint32_t kDefaultChannelVolume = 100;
 
 // parseNewBuffer's result when the data had already ended before the call.
 constexpr int kParseEndReached = LxWin32MidiParser::PARSE_END_REACHED;
+
+// How often the player thread asks the device whether a tail has died away.
+constexpr unsigned long kTailPollMs = 10;
+
+int64_t steadyMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 }  // namespace
 
@@ -72,7 +82,11 @@ LxWin32MidiPlayer::LxWin32MidiPlayer(LxManager* m, LxDataSource* source)
       endOfDataPending(false),
       inactivePending(false),
       holdingChannel(0),
-      parserLink(nullptr) {
+      parserLink(nullptr),
+      playing(false),
+      tailing(false),
+      tailEndMs(0),
+      endingPass(0) {
     channelType = LxMidiChannel;
     channelHeld = 0;
     for (auto& v : channelVolumes) {
@@ -174,6 +188,10 @@ char LxWin32MidiPlayer::hasChannel() const {
     return holdingChannel.load();
 }
 
+char LxWin32MidiPlayer::isSounding() const {
+    return playing.load() || tailing.load() ? 1 : 0;
+}
+
 long LxWin32MidiPlayer::grantChannel() {
     LxLog::postDebug("LxWin32MidiPlayer:  we are told that we can acquire the channel\n");
     lock();
@@ -239,8 +257,16 @@ long LxWin32MidiPlayer::stopAll() {
         stopStreamLocked();
         // The caller holds the signal: the manager hears of it from the player thread.
         inactivePending.store(true);
+    } else if (tailing.load() && !endingPass) {
+        stopStreamLocked();  // a stop asked for cuts the release tails too
     }
+    playing.store(false);
     return LxPlayer::stopAll();
+}
+
+long LxWin32MidiPlayer::startAll(LxTime t) {
+    playing.store(true);
+    return LxPlayer::startAll(t);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -510,6 +536,7 @@ long LxWin32MidiPlayer::stopStreamLocked() {
         stream.store(nullptr);
         buffersDone.store(2);
     }
+    tailing.store(false);
     return LX_OK;
 }
 
@@ -753,7 +780,20 @@ void LxWin32MidiPlayer::finishEndOfData() {
         return;
     }
     active = 0;  // cleared before the manager is told, as in autoStop
-    stopStreamLocked();
+    // Every buffer is back, but the synthesizer's last notes are still in their release: the
+    // stream stays open (paused, nothing queued) until they have died away, and the clip is
+    // closed now. A restart, a stop or the loss of the channel closes the stream at once.
+    streamStarted = 0;
+    if (fileOpen) {
+        if (parser != nullptr) {
+            parser->closeFile();
+        }
+        fileOpen = 0;
+    }
+    if (stream.load() != nullptr) {
+        tailEndMs = steadyMs() + static_cast<int64_t>(kTailLimitMs);
+        tailing.store(true);
+    }
     unlock();
     if (manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
@@ -761,8 +801,23 @@ void LxWin32MidiPlayer::finishEndOfData() {
     }
     lock();
     ownEndReached = 1;
+    endingPass = 1;
     handleEOM(this);  // loops by starting again, which makes the port active on the next pass
+    endingPass = 0;
     signal.notifyAll();
+    unlock();
+}
+
+void LxWin32MidiPlayer::endTailIfSilent() {
+    if (!tailing.load()) {
+        return;
+    }
+    lock();
+    HMIDISTRM s = stream.load();
+    if (tailing.load() && !active &&
+        (s == nullptr || !lxp::midiOutIsSounding(s) || steadyMs() >= tailEndMs)) {
+        stopStreamLocked();
+    }
     unlock();
 }
 
@@ -777,11 +832,14 @@ void LxWin32MidiPlayer::run() {
     LxLog::postDebug("LxWin32MidiPlayer:  in run loop\n");
     unsigned long w = 0;
     for (;;) {
-        if (!beginPass(w)) {
+        // While the tail rings out, the device is asked every few milliseconds whether it has
+        // gone silent (it has no way to say so by itself).
+        if (!beginPass(tailing.load() ? std::min(w, kTailPollMs) : w)) {
             break;
         }
         tellManagerIfStopped();
         finishEndOfData();
+        endTailIfSilent();
 
         LxNodeState s = getCurrentState();
         if (s == DEAD) {

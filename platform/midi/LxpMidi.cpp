@@ -115,6 +115,11 @@ MMRESULT midiOutShortMsg(HMIDIOUT out, uint32_t message) {
     return s ? s->shortMsg(message) : MMSYSERR_INVALHANDLE;
 }
 
+bool midiOutIsSounding(HMIDIOUT out) {
+    std::shared_ptr<midi::Stream> s = find(out);
+    return s && s->sounding();
+}
+
 MMRESULT midiStreamClose(HMIDISTRM stream) {
     std::shared_ptr<midi::Stream> s = find(stream);
     if (!s) {

@@ -137,6 +137,11 @@ MMRESULT midiOutReset(HMIDIOUT out);
 MMRESULT midiStreamClose(HMIDISTRM stream);
 /// Sends one short message at once (status in the low byte).
 MMRESULT midiOutShortMsg(HMIDIOUT out, uint32_t message);
+/// Whether what the stream sent is still to be heard: buffers queued or playing, or the device
+/// still sounding (a synthesizer's notes in their release and its reverb dying away). False for
+/// a bad handle. Not a Win32 call: a hardware port gives no such answer. Any thread; takes the
+/// scheduler lock only briefly and never waits for the device thread.
+bool midiOutIsSounding(HMIDIOUT out);
 
 /// Device threads of streams that are still running (0 once every closed stream's thread has
 /// ended): for tests that check nothing is left behind.

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <mutex>
 #include <string>
 
@@ -166,6 +167,11 @@ class FluidOutput : public midi::StreamOutput, public MixSource {
         generation_.fetch_add(1, std::memory_order_release);
     }
 
+    // Voices still playing (a note's release counts) or the last rendered block still audible
+    // (the reverb of notes that have ended). Both are published by the mixing thread, so a
+    // silent output that is not running keeps the last answer.
+    bool sounding() override { return audible_.load(std::memory_order_acquire); }
+
     void close() override {
         removeMixSource(this);
         Synth& s = synthHolder();
@@ -197,6 +203,7 @@ class FluidOutput : public midi::StreamOutput, public MixSource {
             immediate_.pop();
         }
         const int64_t blockStart = renderedMicros_.load(std::memory_order_relaxed);
+        peak_ = 0.0f;
         uint32_t done = 0;
         while (done < frames) {
             uint32_t until = frames;
@@ -222,6 +229,8 @@ class FluidOutput : public midi::StreamOutput, public MixSource {
                 timed_.pop();
             }
         }
+        audible_.store(fluid_synth_get_active_voice_count(synth_) > 0 || peak_ > kAudiblePeak,
+                       std::memory_order_release);
         // Whole microseconds rendered, carrying the remainder so that time does not drift.
         const uint64_t num = remainder_ + static_cast<uint64_t>(frames) * 1000000u;
         remainder_ = num % sampleRate;
@@ -237,6 +246,7 @@ class FluidOutput : public midi::StreamOutput, public MixSource {
             for (uint32_t i = 0; i < n; ++i) {
                 const float l = scratch_[2 * i];
                 const float r = scratch_[2 * i + 1];
+                peak_ = std::max(peak_, std::max(std::fabs(l), std::fabs(r)));
                 if (channels == 1) {
                     dst[i] += 0.5f * (l + r);
                 } else {
@@ -285,13 +295,17 @@ class FluidOutput : public midi::StreamOutput, public MixSource {
     }
 
     static constexpr uint32_t kScratchFrames = 512;
+    // About -80 dB: below the last bit of a 16-bit output.
+    static constexpr float kAudiblePeak = 1e-4f;
 
     fluid_synth_t* const synth_;
     EventQueue<4096> timed_;
     EventQueue<1024> immediate_;
     std::atomic<uint32_t> generation_{0};
     std::atomic<int64_t> renderedMicros_{0};
+    std::atomic<bool> audible_{false};
     // Mixing thread only.
+    float peak_ = 0.0f;
     uint32_t seenGeneration_ = 0;
     std::atomic<uint32_t>& synthRate_ = synthHolder().rate;
     uint64_t remainder_ = 0;

@@ -259,6 +259,11 @@ MMRESULT Stream::shortMsg(uint32_t message) {
     return output_->sendNow(message);
 }
 
+bool Stream::sounding() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return !closing_ && (!queue_.empty() || !dispatched_.empty() || output_->sounding());
+}
+
 MMRESULT Stream::beginClose() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (closing_) {

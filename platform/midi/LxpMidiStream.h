@@ -55,6 +55,9 @@ class StreamOutput {
     /// Stop and reset: All Notes Off on every channel, and anything handed over by play() that is
     /// not yet due is dropped. Scheduler lock held.
     virtual void silence() = 0;
+    /// Whether the device still sounds what it was sent (voices in their release, reverb). Any
+    /// thread, scheduler lock held: must not wait for the device.
+    virtual bool sounding() { return false; }
     /// A planned failure of call, or MMSYSERR_NOERROR. Scheduler lock held.
     virtual MMRESULT failure(Call) { return MMSYSERR_NOERROR; }
     /// The stream exists (after open) / is going away (before close()).
@@ -80,6 +83,8 @@ class Stream : public MidiStreamObject, public std::enable_shared_from_this<Stre
     /// midiStreamStop and midiOutReset.
     MMRESULT stop(Call call);
     MMRESULT shortMsg(uint32_t message);
+    /// midiOutIsSounding: buffers still queued or playing, or the device still sounding.
+    bool sounding();
     /// First half of midiStreamClose: refuses while buffers are queued, else marks the stream
     /// closing (every further call fails with MMSYSERR_INVALHANDLE).
     MMRESULT beginClose();

@@ -180,15 +180,17 @@ TEST_F(MidiPlayerTest, PlaysEveryEventInTimeOrderAtTheTempoMapsTimesAtThreeRates
         ASSERT_EQ(LX_OK, c.player->setRate(&r));
         const size_t from = mark();
         const size_t eoms = c.events.count(LxEndOfMediaEventType);
+        EXPECT_EQ(0, c.midi->isSounding());
         const int64_t t0 = start(c);
         const int64_t end = t0 + static_cast<int64_t>(length / rate * 1e6);
         // The end is reported once the last buffer is back, which is when its last event played.
         midisim::advanceMicros(end - midisim::nowMicros() - 1000);
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
         EXPECT_EQ(eoms, c.events.count(LxEndOfMediaEventType));
+        EXPECT_EQ(1, c.midi->isSounding());
         midisim::advanceMs(200);
         ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == eoms + 1; }));
         EXPECT_EQ(LxNode::STOPPED, c.player->getState());
+        EXPECT_TRUE(lxtest::waitUntil([&] { return c.midi->isSounding() == 0; })) << "no tail to wait for";
 
         const std::vector<Message> played = since(from, true);
         ASSERT_EQ(expected.size(), played.size());
@@ -325,6 +327,7 @@ TEST_F(MidiPlayerTest, StopSilencesReturnsBothBuffersAndTheNextStartBeginsAgain)
     midisim::advanceMs(1000);
     const size_t from = mark();
     c.player->stop();
+    EXPECT_EQ(0, c.midi->isSounding());
     EXPECT_GE(since(from, false, 0x7BB0).size(), 16u) << "all notes off";
     EXPECT_EQ(2, c.midi->getBuffersDone());
     EXPECT_EQ(0, lxp::midiLiveDeviceThreads()) << "the stream is closed";
