@@ -161,3 +161,7 @@ long LxWin32AudioOutputPort::revokeChannel() {
     }
     return r;
 }
+
+char LxWin32AudioOutputPort::isSounding() const {
+    return mixer != nullptr ? mixer->isPortSounding(portNumber) : 0;
+}

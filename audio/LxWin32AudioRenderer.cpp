@@ -40,9 +40,16 @@ constexpr double kTailMarginSeconds = 0.05;
 /// renderer must start writing it afresh.
 class LxRendererPort : public LxWin32AudioOutputPort {
   public:
-    explicit LxRendererPort(LxWin32Mixer* m) : LxWin32AudioOutputPort(m), held(0), events(0) {}
+    LxRendererPort(LxWin32Mixer* m, const std::atomic<char>* pending)
+        : LxWin32AudioOutputPort(m), held(0), events(0), pending(pending) {}
 
     char hasChannel() const override { return held.load(); }
+
+    /// The renderer's word first (started, scheduled, waiting for a channel, feeding or draining
+    /// the buffer), then the buffer itself, which a resident clip leaves playing out alone.
+    char isSounding() const override {
+        return pending->load() != 0 || LxWin32AudioOutputPort::isSounding() ? 1 : 0;
+    }
 
     long grantChannel() override {
         const long r = LxWin32AudioOutputPort::grantChannel();
@@ -63,6 +70,7 @@ class LxRendererPort : public LxWin32AudioOutputPort {
 
     std::atomic<char> held;
     std::atomic<uint32_t> events;
+    const std::atomic<char>* pending;
 };
 
 uint32_t clampMs(double ms) {
@@ -121,8 +129,12 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
       channelEventsSeen(0),
       draining(0),
       tailPending(0),
+      tailQueued(0),
+      tailPlayed(0),
+      tailLastFillable(0),
       residentEndSet(0),
       registeredPorts(0),
+      soundPending(0),
       poolLock(KtMutex::create()) {
     inputNames = new (std::nothrow) char*[1];
     inputs = new (std::nothrow) LxInputConnectable*[1];
@@ -424,6 +436,7 @@ long LxWin32AudioRenderer::startAtTime(LxTime refTime) {
     }
     draining = 0;
     resetPending = 1;
+    soundPending.store(1);
     startRefTime = refTime;
     setCurrentState(STARTED);
     eomReceived = 0;
@@ -449,6 +462,8 @@ void LxWin32AudioRenderer::stop() {
         setCurrentState(STOPPED);
         waitNotify.notifyAll();
     }
+    // A drained clip's last samples play on: the player itself stops every node once all have
+    // reported their end, and that must not cut what is still to be heard.
     const LxTime media = clock->getMediaTime();
     waitNotify.unlock();
     postEvent(new (std::nothrow) LxStopByRequestEvent(this, media));
@@ -566,7 +581,7 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
         return LX_ERR_GENERIC;
     }
     LxLog::postDebug("LxWin32AudioRenderer:  getNewAudioPort() creating an additional port\n");
-    LxRendererPort* p = new (std::nothrow) LxRendererPort(mixer);
+    LxRendererPort* p = new (std::nothrow) LxRendererPort(mixer, &soundPending);
     if (p == nullptr) {
         *out = nullptr;
         waitNotify.unlock();
@@ -667,7 +682,7 @@ long LxWin32AudioRenderer::setUp() {
     if (portConfig == nullptr) {
         return LX_ERR_OUT_OF_MEMORY;
     }
-    LxRendererPort* port = new (std::nothrow) LxRendererPort(mixer);
+    LxRendererPort* port = new (std::nothrow) LxRendererPort(mixer, &soundPending);
     if (port == nullptr) {
         return LX_ERR_OUT_OF_MEMORY;
     }
@@ -733,18 +748,20 @@ void LxWin32AudioRenderer::run() {
         }
         const LxNodeState s = getCurrentState();
         if (s == DEAD) {
+            soundPending.store(0);
             break;
         }
         if (s == STOPPED) {
             w = KT_INFINITE;
             if (tailPending) {
                 const LxTime now = refTime();
-                if (now < tailStopAt) {
-                    w = std::max<uint32_t>(1, msUntil(tailStopAt, now));
+                if (!tailPlayedOut(now)) {
+                    w = std::max<uint32_t>(1, std::min<uint32_t>(25, msUntil(tailStopAt, now)));
                     continue;
                 }
                 stopAllPorts();
                 tailPending = 0;
+                soundPending.store(0);
             }
             if (portsActive) {
                 LxLog::postDebug("LxWin32AudioRenderer: updating channels - going inactive\n");
@@ -1085,6 +1102,7 @@ uint32_t LxWin32AudioRenderer::residentStep(const LxTime& now) {
 
 void LxWin32AudioRenderer::finishResident() {
     setCurrentState(STOPPED);
+    soundPending.store(0);  // the buffer, played without looping, now plays out by itself
     clock->stop();
     flush();
     residentStarted = 0;
@@ -1097,6 +1115,7 @@ void LxWin32AudioRenderer::handleStop() {
     clock->stop();
     draining = 0;
     tailPending = 0;
+    soundPending.store(0);
     residentEndSet = 0;
     if (isResident) {
         stopAllPorts();
@@ -1138,6 +1157,10 @@ uint32_t LxWin32AudioRenderer::beginDrain(const LxTime& now) {
     draining = 1;
     drainPostAt = later(now, stall / 1000.0);
     tailStopAt = later(now, playMs / 1000.0 + kTailMarginSeconds);
+    tailGiveUpAt = later(tailStopAt, 1.0);
+    tailQueued = queued;
+    tailPlayed = 0;
+    tailLastFillable = static_cast<int32_t>(masterPort->getFillable());
     hasWritten = 0;
     return static_cast<uint32_t>(stall);
 }
@@ -1149,6 +1172,22 @@ void LxWin32AudioRenderer::finishDrain() {
     tailPending = 1;
     LxLog::postDebug("LxWin32AudioRenderer:  posting EOM event\n");
     postEvent(new (std::nothrow) LxEndOfMediaEvent(this));
+}
+
+bool LxWin32AudioRenderer::tailPlayedOut(const LxTime& now) {
+    if (now >= tailGiveUpAt || masterPort == nullptr || bufferSize <= 0 ||
+        !mixer->isPortSounding(masterPort->getPortNumber())) {
+        return true;
+    }
+    // Nothing is written any more, so the room grows exactly as the play cursor moves; polled
+    // more often than the cursor covers the ring, the steps add up to the distance played.
+    const long fillable = masterPort->getFillable();
+    if (fillable < 0 || tailLastFillable < 0) {
+        return true;
+    }
+    tailPlayed += static_cast<int32_t>((fillable - tailLastFillable + bufferSize) % bufferSize);
+    tailLastFillable = static_cast<int32_t>(fillable);
+    return tailPlayed >= tailQueued;
 }
 
 void LxWin32AudioRenderer::stopAllPorts() {

@@ -324,6 +324,25 @@ long LxWin32Mixer::playPort(short port, char loop) {
     return LX_OK;
 }
 
+char LxWin32Mixer::isPortSounding(short port) {
+    // Under the mixer lock alone, which nobody holds for long: a streaming write may hold the slot
+    // lock, and a host asking this must not wait for it.
+    IDirectSoundBuffer* buffer = nullptr;
+    {
+        Hold m(mutex);
+        LxWin32AudioPortData* rec = record(port);
+        if (state.load() != READY || rec == nullptr || rec->soundBuffer == nullptr) {
+            return 0;
+        }
+        buffer = rec->soundBuffer;
+        buffer->AddRef();
+    }
+    uint32_t status = 0;
+    const bool playing = SUCCEEDED(buffer->GetStatus(&status)) && (status & DSBSTATUS_PLAYING) != 0;
+    buffer->Release();
+    return playing ? 1 : 0;
+}
+
 void LxWin32Mixer::stopPort(short port, char clearLoop) {
     Hold slot(slotLock(port));
     LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;

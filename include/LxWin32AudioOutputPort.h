@@ -57,6 +57,8 @@ class LxWin32AudioOutputPort : public LxAudioOutputPort {
     long grantChannel() override;
     /// The manager takes the channel away: the buffer stops but keeps its contents.
     long revokeChannel() override;
+    /// 1 while the port's buffer plays. Any thread; does not wait for a write in progress.
+    char isSounding() const override;
 
   protected:
     LxWin32Mixer* mixer;

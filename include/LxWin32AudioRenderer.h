@@ -8,6 +8,7 @@
 #include "LxFormat.h"
 #include "LxTime.h"
 
+#include <atomic>
 #include <cstdint>
 
 class LxQueue;
@@ -158,11 +159,22 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     LxTime drainPostAt;
     char tailPending;
     LxTime tailStopAt;
+    /// The tail is followed by the buffer's play cursor (a device may run behind the clock): it
+    /// is over once the cursor has covered tailQueued bytes, the buffer stopped, or, for a device
+    /// that stalled, at tailGiveUpAt.
+    int32_t tailQueued;
+    int32_t tailPlayed;
+    int32_t tailLastFillable;
+    LxTime tailGiveUpAt;
     /// A resident clip replayed without looping ends at residentEndAt.
     char residentEndSet;
     LxTime residentEndAt;
     /// Bit i: ports[i] is registered with the manager's arbitration.
     uint32_t registeredPorts;
+    /// 1 from a start until the renderer has nothing more to make heard (stopped, or the last
+    /// samples of a drained clip played); a resident buffer playing out alone is the mixer's to
+    /// report. Written under waitNotify, read by the ports' isSounding on any thread.
+    std::atomic<char> soundPending;
     /// Guards framesCreated and the frame sizes for the producer (a leaf lock).
     KtMutex* poolLock;
 
@@ -189,6 +201,8 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     /// End of media of a streaming clip without looping: the draining stop. waitNotify held.
     uint32_t beginDrain(const LxTime& now);
     void finishDrain();
+    /// Whether the last samples of a drained clip have been played. waitNotify held.
+    bool tailPlayedOut(const LxTime& now);
     /// End of a resident clip: STOPPED and end of media, the buffer plays out by itself.
     void finishResident();
     void stopAllPorts();

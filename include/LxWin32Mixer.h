@@ -97,6 +97,9 @@ class LxWin32Mixer : public LxMixer {
     long releaseChannel(short port, char destroy);
     long playPort(short port, char loop);
     void stopPort(short port, char clearLoop);
+    /// 1 while the port's buffer plays (a buffer played without looping stops by itself after
+    /// its last sample has been mixed). Takes only the mixer lock, briefly; any thread.
+    char isPortSounding(short port);
 
     // ---- Data path ----
     /// Streaming write of frames sample frames from data + byteOffset into the circular buffer;

@@ -183,6 +183,7 @@ class SecondaryBuffer final : public ComObject<IDirectSoundBuffer> {
     HRESULT QueryInterface(const IID& iid, void** out) override;
     HRESULT GetCurrentPosition(uint32_t* play, uint32_t* write) override;
     HRESULT GetFormat(WAVEFORMATEX* format, uint32_t sizeAllocated, uint32_t* sizeWritten) override;
+    HRESULT GetStatus(uint32_t* status) override;
     HRESULT Lock(uint32_t offset, uint32_t bytes, void** ptr1, uint32_t* bytes1, void** ptr2,
                  uint32_t* bytes2, uint32_t flags) override;
     HRESULT Play(uint32_t reserved, uint32_t priority, uint32_t flags) override;
@@ -300,6 +301,13 @@ class PrimaryBuffer final : public ComObject<IDirectSoundBuffer> {
         if (write != nullptr) {
             *write = 0;
         }
+        return DS_OK;
+    }
+    HRESULT GetStatus(uint32_t* status) override {
+        if (status == nullptr) {
+            return DSERR_INVALIDPARAM;
+        }
+        *status = DSBSTATUS_PLAYING | DSBSTATUS_LOOPING;  // the primary buffer always plays
         return DS_OK;
     }
     HRESULT GetFormat(WAVEFORMATEX* format, uint32_t sizeAllocated, uint32_t* sizeWritten) override {
@@ -817,6 +825,22 @@ HRESULT SecondaryBuffer::GetCurrentPosition(uint32_t* play, uint32_t* write) {
         *write =
             playing ? static_cast<uint32_t>((pos + ahead) % (memory_->frames * memory_->blockAlign)) : pos;
     }
+    return DS_OK;
+}
+
+HRESULT SecondaryBuffer::GetStatus(uint32_t* status) {
+    // Only the voice's control word, without catching a simulated output up: a host may poll this
+    // from any thread, and it must not wait for (or do) any mixing.
+    if (status == nullptr) {
+        return DSERR_INVALIDPARAM;
+    }
+    if (lost_.load()) {
+        *status = DSBSTATUS_BUFFERLOST;
+        return DS_OK;
+    }
+    const uint64_t ctl = voice().ctl.load(std::memory_order_acquire);
+    *status =
+        (ctl & kCtlPlaying) != 0 ? DSBSTATUS_PLAYING | ((ctl & kCtlLooping) != 0 ? DSBSTATUS_LOOPING : 0) : 0;
     return DS_OK;
 }
 

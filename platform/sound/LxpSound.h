@@ -89,6 +89,9 @@ constexpr int32_t DSBPAN_LEFT = -10000;
 constexpr int32_t DSBPAN_CENTER = 0;
 constexpr int32_t DSBPAN_RIGHT = 10000;
 constexpr uint32_t DSBPLAY_LOOPING = 0x00000001;
+constexpr uint32_t DSBSTATUS_PLAYING = 0x00000001;
+constexpr uint32_t DSBSTATUS_BUFFERLOST = 0x00000002;
+constexpr uint32_t DSBSTATUS_LOOPING = 0x00000004;
 
 constexpr uint32_t DSCAPS_PRIMARYMONO = 0x00000001;
 constexpr uint32_t DSCAPS_PRIMARYSTEREO = 0x00000002;
@@ -169,6 +172,9 @@ class IDirectSoundBuffer : public IUnknown {
     virtual HRESULT GetCurrentPosition(uint32_t* play, uint32_t* write) = 0;
     /// Copies at most sizeAllocated bytes of the buffer's format; sizeWritten gets the count.
     virtual HRESULT GetFormat(WAVEFORMATEX* format, uint32_t sizeAllocated, uint32_t* sizeWritten) = 0;
+    /// DSBSTATUS_ bits: playing (a buffer played without looping stops by itself once its last
+    /// sample has been mixed), looping, lost. Never waits for the mixing thread; any thread.
+    virtual HRESULT GetStatus(uint32_t* status) = 0;
     /// Gives write access to bytes at offset: the first region up to the buffer's end, the second
     /// (null, 0 when the range does not wrap) from its start. The data counts from Unlock on.
     virtual HRESULT Lock(uint32_t offset, uint32_t bytes, void** ptr1, uint32_t* bytes1, void** ptr2,

@@ -263,6 +263,70 @@ TEST_F(AudioRendererTest, StreamingAndResidentClipsAreHeardWholeThenSilence) {
     }
 }
 
+// isSounding(): 1 from the start (even one still ahead) until the clip's last sample has been
+// mixed, although end of media comes earlier (a resident clip's once it is loaded, a streaming
+// clip's 300 ms before its last sample, whatever the output's pace); 0 at once after a stop.
+TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) {
+    struct {
+        double seconds;
+        float rate;
+        double ahead;
+        bool stopEarly;
+    } const cases[] = {
+        {1.0, 1.0f, 0.3, false}, {2.5, 1.0f, 0.0, false}, {1.0, 0.5f, 0.0, false}, {2.5, 1.0f, 0.0, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message()
+                     << c.seconds << " s at rate " << c.rate << (c.stopEarly ? ", stop" : ""));
+        simsound::clearOutput();
+        const std::string path = clip(c.seconds > 2 ? "s.wav" : "r.wav", 1, c.seconds, "sine 440");
+        lxtest::RecordingListener events;
+        ProbeRenderer* r = nullptr;
+        LxPlayer* p = player(path, &r, &events);
+        LxAudioOutputPort* port = nullptr;
+        ASSERT_EQ(LX_OK, p->getNewAudioPort(&port));
+        EXPECT_EQ(0, port->isSounding()) << "before the start";
+        float rate = c.rate;
+        ASSERT_EQ(LX_OK, p->setRate(&rate));
+        ASSERT_EQ(LX_OK, p->startAtTime(LxTime(timeBase->getRefTime().getValue() + c.ahead)));
+        EXPECT_EQ(1, port->isSounding()) << "scheduled";
+        if (c.stopEarly) {
+            play({r}, 300);
+            p->stop();
+            EXPECT_EQ(0, port->isSounding()) << "after a stop";
+            manager->destroyPlayer(p);
+            continue;
+        }
+        const double lengthMs = c.seconds * 1000.0 / c.rate;
+        const double start = simsound::renderedMs();
+        auto feeding = [&] {
+            const ProbeRenderer::Fields f = r->fields();
+            return f.state == LxNode::STARTED && !f.draining;
+        };
+        while (feeding() && simsound::renderedMs() - start < lengthMs + 500) {
+            play({r}, 10);
+        }
+        ASSERT_TRUE(lxtest::waitUntil([&] { return events.count(LxEndOfMediaEventType) == 1; }));
+        // The output holds still: what is left is not heard yet, however long the clock runs on.
+        const double eom = timeBase->getRefTime().getValue();
+        ASSERT_TRUE(lxtest::waitUntil([&] { return timeBase->getRefTime().getValue() > eom + 0.5; }));
+        EXPECT_EQ(1, port->isSounding()) << "the rest of the clip is not heard yet";
+        double fall = -1;
+        while (fall < 0 && simsound::renderedMs() - start < lengthMs + 2000) {
+            simsound::advanceMs(10);
+            // Near the end the renderer's thread gets a moment to see the cursor pass.
+            const bool nearEnd = simsound::renderedMs() - start > lengthMs - 20;
+            if (lxtest::waitUntil([&] { return port->isSounding() == 0; }, nearEnd ? 100 : 0)) {
+                fall = simsound::renderedMs() - start;
+            }
+        }
+        const double endMs = endOfSound(heard(), 300) / 44.1;
+        EXPECT_NEAR(lengthMs, endMs, lengthMs * 0.02) << "not heard for the clip's length";
+        EXPECT_GE(fall, endMs - 1) << "stopped sounding before the last sample";
+        EXPECT_LE(fall, endMs + 120) << "still sounding long after the last sample";
+        manager->destroyPlayer(p);
+    }
+}
+
 // A looping resident clip repeats from its buffer (the producer's frames are not needed any more);
 // a stop silences it before stop() returns.
 TEST_F(AudioRendererTest, AResidentClipLoopsFromItsBufferAndStopsAtOnce) {
