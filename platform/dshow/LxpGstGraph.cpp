@@ -25,6 +25,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <list>
 #include <mutex>
 #include <string>
@@ -34,6 +36,36 @@ namespace lxp {
 namespace gstgraph {
 
 namespace {
+
+/// Whether path is a RIFF/WAVE file whose "data" chunk has an odd length and ends the file with
+/// only its pad byte behind it. GStreamer's wavparse (1.22), reading such a file in pull mode,
+/// looks for a chunk behind the pad byte, meets the end of the file and ends the stream before a
+/// single sample: the clip would be silent and never end.
+bool oddDataEndsWave(const std::string& path) {
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        return false;
+    }
+    unsigned char h[12];
+    bool odd = false;
+    if (std::fread(h, 1, 12, f) == 12 && std::memcmp(h, "RIFF", 4) == 0 &&
+        std::memcmp(h + 8, "WAVE", 4) == 0 && std::fseek(f, 0, SEEK_END) == 0) {
+        const long long size = std::ftell(f);
+        long long at = 12;
+        unsigned char c[8];
+        while (at + 8 <= size && std::fseek(f, static_cast<long>(at), SEEK_SET) == 0 &&
+               std::fread(c, 1, 8, f) == 8) {
+            const long long length = c[4] | (c[5] << 8) | (c[6] << 16) | (static_cast<long long>(c[7]) << 24);
+            if (std::memcmp(c, "data", 4) == 0) {
+                odd = (length & 1) != 0 && at + 8 + length + 1 == size;
+                break;
+            }
+            at += 8 + length + (length & 1);
+        }
+    }
+    std::fclose(f);
+    return odd;
+}
 
 /// How long Render waits for the pipeline to preroll before it gives up.
 constexpr int kRenderTimeoutMs = 15000;
@@ -681,6 +713,10 @@ class GstGraph : public FilterGraphBase {
         GstGraph* graph = static_cast<GstGraph*>(self);
         if (g_strcmp0(name, "mpegpsdemux") == 0 || g_strcmp0(name, "tsdemux") == 0) {
             graph->marginSeeks_ = true;
+        }
+        if (g_strcmp0(name, "wavparse") == 0 && oddDataEndsWave(graph->path_)) {
+            // Reads the data to the end of the file instead: the data and its pad byte.
+            g_object_set(element, "ignore-length", TRUE, nullptr);
         }
         std::lock_guard<std::mutex> guard(graph->gmutex_);
         graph->lastActivity_ = std::chrono::steady_clock::now();
