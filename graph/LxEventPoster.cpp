@@ -5,10 +5,34 @@
 #include "LxManager.h"
 #include "LxQueue.h"
 
+#include <mutex>
 #include <new>
 
+std::atomic<int> LxEventPoster::aliveCount{0};
+
+namespace {
+
+/// The poster whose thread this is (null on every other thread).
+thread_local LxEventPoster* tCurrentPoster = nullptr;
+
+/// Guards every poster's waitingFor, so that the chain of waits can be followed at one moment.
+std::mutex& waitChainLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+}  // namespace
+
 LxEventPoster::LxEventPoster(LxManager* m)
-    : manager(m), queue(new (std::nothrow) LxQueue()), thread(nullptr), running(0), timeToDie(0) {}
+    : threads(m->getThreadManager()),
+      queue(new (std::nothrow) LxQueue()),
+      thread(nullptr),
+      running(0),
+      timeToDie(0),
+      orphaned(0),
+      waitingFor(nullptr) {
+    ++aliveCount;
+}
 
 LxEventPoster* LxEventPoster::create(LxManager* manager) {
     if (manager == nullptr || manager->getThreadManager() == nullptr) {
@@ -22,35 +46,65 @@ LxEventPoster* LxEventPoster::create(LxManager* manager) {
         delete poster;
         return nullptr;
     }
-    KtThreadManager* tm = manager->getThreadManager();
-    poster->signal.lock();
-    poster->thread = tm->createThread(&LxEventPoster::callRunLoop, poster, 4, 1, 1);
-    if (poster->thread != nullptr) {
-        poster->running = 1;
+    {
+        std::lock_guard<KtWaitNotify> guard(poster->signal);
+        poster->thread = poster->threads->createThread(&LxEventPoster::callRunLoop, poster, 4, 1, 1);
+        poster->running = poster->thread != nullptr ? 1 : 0;
     }
-    poster->signal.unlock();
     if (poster->thread == nullptr || poster->thread->start() != 1) {
-        poster->signal.lock();
-        poster->running = 0;
-        poster->signal.unlock();
+        {
+            std::lock_guard<KtWaitNotify> guard(poster->signal);
+            poster->running = 0;
+        }
         delete poster;  // releases the thread object; a thread that never started needs no wait
         return nullptr;
     }
     return poster;
 }
 
-LxEventPoster::~LxEventPoster() {
-    LxLog::postDebug("LxEventPoster:  destructing\n");
-    KtThreadManager* tm = manager->getThreadManager();
-    signal.lock();
-    if (running) {
-        timeToDie = 1;
-        signal.notifyAll();
+void LxEventPoster::end(LxEventPoster* poster) {
+    if (poster == nullptr) {
+        return;
     }
-    signal.unlock();
+    LxLog::postDebug("LxEventPoster:  destructing\n");
+    LxEventPoster* self = tCurrentPoster;
+    bool wait = true;
+    {
+        // Waiting for a thread that waits, through any chain of handlers, for this one would never
+        // end; the chain is followed under one lock so that two handlers cannot both miss it.
+        std::lock_guard<std::mutex> guard(waitChainLock());
+        if (self != nullptr) {
+            for (LxEventPoster* p = poster; p != nullptr && wait; p = p->waitingFor) {
+                wait = p != self;
+            }
+            if (wait) {
+                self->waitingFor = poster;
+            }
+        }
+    }
+    {
+        std::lock_guard<KtWaitNotify> guard(poster->signal);
+        poster->timeToDie = 1;
+        poster->orphaned = wait ? 0 : 1;
+        poster->signal.notifyAll();
+    }
+    if (!wait) {
+        LxLog::postDebug("LxEventPoster:  ended from a handler, the thread frees it\n");
+        return;
+    }
+    if (poster->thread != nullptr) {
+        poster->threads->waitForThread(poster->thread, KT_INFINITE);
+    }
+    if (self != nullptr) {
+        std::lock_guard<std::mutex> guard(waitChainLock());
+        self->waitingFor = nullptr;
+    }
+    delete poster;
+}
+
+LxEventPoster::~LxEventPoster() {
     if (thread != nullptr) {
-        tm->waitForThread(thread, KT_INFINITE);
-        tm->releaseThread(thread);
+        threads->releaseThread(thread);  // a thread freeing its own poster goes on to its end
         thread = nullptr;
     }
     if (queue != nullptr) {
@@ -64,6 +118,7 @@ LxEventPoster::~LxEventPoster() {
         queue->unref();
     }
     LxLog::postDebug("LxEventPoster:  done destructing\n");
+    --aliveCount;
 }
 
 void LxEventPoster::post(LxEventListener* listener, LxEvent* event) {
@@ -73,10 +128,9 @@ void LxEventPoster::post(LxEventListener* listener, LxEvent* event) {
         return;
     }
     event->ref();
-    signal.lock();
+    std::lock_guard<KtWaitNotify> guard(signal);
     queue->send(record);
     signal.notifyAll();
-    signal.unlock();
 }
 
 long LxEventPoster::callRunLoop(void* poster) {
@@ -85,22 +139,20 @@ long LxEventPoster::callRunLoop(void* poster) {
 }
 
 void LxEventPoster::run() {
+    tCurrentPoster = this;
     bool lastEmpty = false;
     for (;;) {
-        signal.lock();
-        if (timeToDie) {
-            signal.unlock();
-            break;
-        }
-        // post() sends under this lock, so an arrival cannot fall between the look and the wait.
-        if (lastEmpty && !queue->poll()) {
-            signal.wait(KT_INFINITE);
+        {
+            std::lock_guard<KtWaitNotify> guard(signal);
+            // post() sends under this lock, so an arrival cannot fall between the look and the
+            // wait.
+            if (!timeToDie && lastEmpty && !queue->poll()) {
+                signal.wait(KT_INFINITE);
+            }
             if (timeToDie) {
-                signal.unlock();
                 break;
             }
         }
-        signal.unlock();
         Record* record = static_cast<Record*>(queue->receive(0, LxTime::zero()));
         lastEmpty = record == nullptr;
         if (record != nullptr) {
@@ -110,8 +162,15 @@ void LxEventPoster::run() {
         }
     }
     LxLog::postDebug("LxEventPoster:  time to die!\n");
-    signal.lock();
-    running = 0;
-    signal.unlock();
+    char freeItself = 0;
+    {
+        std::lock_guard<KtWaitNotify> guard(signal);
+        running = 0;
+        freeItself = orphaned;
+    }
     LxLog::postDebug("LxEventPoster:  Goodbye cruel world!!\n");
+    tCurrentPoster = nullptr;
+    if (freeItself) {
+        delete this;  // nobody waits for this thread; the node that owned the poster is gone
+    }
 }

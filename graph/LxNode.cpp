@@ -6,6 +6,7 @@
 #include "graph/LxEventPoster.h"
 
 #include <cstring>
+#include <mutex>
 #include <new>
 
 namespace {
@@ -29,28 +30,36 @@ LxNode::LxNode(LxManager* m)
       inputs(nullptr),
       outputs(nullptr),
       inputCount(0),
-      outputCount(0) {
+      outputCount(0),
+      kept{},
+      keptCount(0) {
     listenerList->next = listenerList;
     listenerList->previous = listenerList;
 }
 
 LxNode::~LxNode() {
     LxLog::postDebug("LxNode:  destructor\n");
-    mutex->lock();
-    LxEventListenerListEntry* e = listenerList->next;
-    while (e != listenerList) {
-        LxEventListenerListEntry* next = e->next;
-        delete e;
-        e = next;
+    LxEventPoster* poster = nullptr;
+    {
+        std::lock_guard<KtMutex> guard(*mutex);
+        LxEventListenerListEntry* e = listenerList->next;
+        while (e != listenerList) {
+            LxEventListenerListEntry* next = e->next;
+            delete e;
+            e = next;
+        }
+        listenerList->next = listenerList;
+        listenerList->previous = listenerList;
+        poster = eventPoster;
+        eventPoster = nullptr;
+        for (int i = 0; i < keptCount; ++i) {
+            kept[i]->unref();
+        }
+        keptCount = 0;
     }
-    listenerList->next = listenerList;
-    listenerList->previous = listenerList;
-    LxEventPoster* poster = eventPoster;
-    eventPoster = nullptr;
-    mutex->unlock();
     // The poster goes before the mutex: a handler still running on its thread may call back into
     // this node (removeEventListener) and needs the mutex alive until the thread has ended.
-    delete poster;
+    LxEventPoster::end(poster);
     delete mutex;
     delete clock;
     delete listenerList;
@@ -160,57 +169,56 @@ long LxNode::setEventListener(LxQueue* queue) {
     if (entry == nullptr) {
         return LX_ERR_OUT_OF_MEMORY;
     }
-    mutex->lock();
+    std::lock_guard<KtMutex> guard(*mutex);
     entry->previous = listenerList->previous;
     entry->next = listenerList;
     listenerList->previous->next = entry;
     listenerList->previous = entry;
-    mutex->unlock();
     return LX_OK;
 }
 
 long LxNode::setEventListener(LxEventListener* listener) {
-    mutex->lock();
+    std::lock_guard<KtMutex> guard(*mutex);
     if (eventPoster == nullptr) {
         eventPoster = LxEventPoster::create(manager);
         if (eventPoster == nullptr) {
-            mutex->unlock();
             return LX_ERR_OUT_OF_MEMORY;
         }
     }
+    const bool attached = findListenerInList(listener) != listenerList;
     LxEventListenerListEntry* entry =
         new (std::nothrow) LxEventListenerListEntry{listenerList, listenerList->previous, nullptr, listener};
     if (entry == nullptr) {
-        mutex->unlock();
         return LX_ERR_OUT_OF_MEMORY;
     }
     listenerList->previous->next = entry;
     listenerList->previous = entry;
-    mutex->unlock();
+    // Queued ahead of anything posted later, since postEvent needs the mutex held here.
+    for (int i = 0; i < keptCount && !attached; ++i) {
+        eventPoster->post(listener, kept[i]);
+    }
     return LX_OK;
 }
 
 long LxNode::removeEventListener(LxQueue* queue) {
-    mutex->lock();
+    std::lock_guard<KtMutex> guard(*mutex);
     LxEventListenerListEntry* e = findListenerInList(queue);
     if (e != listenerList) {
         e->previous->next = e->next;
         e->next->previous = e->previous;
         delete e;
     }
-    mutex->unlock();
     return LX_OK;
 }
 
 long LxNode::removeEventListener(LxEventListener* listener) {
-    mutex->lock();
+    std::lock_guard<KtMutex> guard(*mutex);
     LxEventListenerListEntry* e = findListenerInList(listener);
     if (e != listenerList) {
         e->previous->next = e->next;
         e->next->previous = e->previous;
         delete e;
     }
-    mutex->unlock();
     return LX_OK;
 }
 
@@ -261,7 +269,7 @@ void LxNode::postEvent(LxEvent* event) {
     if (event == nullptr) {
         return;
     }
-    mutex->lock();
+    std::lock_guard<KtMutex> guard(*mutex);
     for (LxEventListenerListEntry* e = listenerList->next; e != listenerList; e = e->next) {
         if (e->queue != nullptr) {
             event->ref();  // the reader of the queue unrefs it
@@ -270,8 +278,28 @@ void LxNode::postEvent(LxEvent* event) {
             eventPoster->post(e->listener, event);
         }
     }
-    event->unref();
-    mutex->unlock();
+    keepOrRelease(event);
+}
+
+void LxNode::keepOrRelease(LxEvent* event) {
+    const LxEventType_s type = event->getEventType();
+    if (type != LxDurationChangedEventType && type != LxInitializedEventType &&
+        type != LxCatastrophicErrorEventType) {
+        event->unref();
+        return;
+    }
+    // A newer event of a type replaces the older one and takes its place at the end, so that a
+    // late listener learns the last duration after the initialization it followed.
+    int n = 0;
+    for (int i = 0; i < keptCount; ++i) {
+        if (kept[i]->getEventType() == type) {
+            kept[i]->unref();
+        } else {
+            kept[n++] = kept[i];
+        }
+    }
+    kept[n] = event;
+    keptCount = n + 1;
 }
 
 long LxNode::setCurrentState(LxNodeState newState) {

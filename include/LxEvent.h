@@ -165,6 +165,13 @@ class LxEventListener {
     virtual ~LxEventListener() {}
     /// Called on the posting node's event-poster thread, never on the thread that posted, one
     /// event at a time and in posting order. The event is borrowed for the call: ref it to keep it.
+    ///
+    /// A handler may call anything in the library: requests to any player, the manager (verify,
+    /// create or destroy players, connect), the scene support, and it may destroy the very node
+    /// it listens to (through the manager or the scene support). No library lock is held while
+    /// it runs. Once it has destroyed its own node (or one whose handler is, in turn, destroying
+    /// this handler's node) it must not touch that node again: its remaining events are dropped
+    /// and the poster thread ends after the handler returns.
     virtual void handleEvent(LxEvent* event) = 0;
 };
 

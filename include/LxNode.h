@@ -31,6 +31,11 @@ struct LxEventListenerListEntry {
 /// Its clock operations forward to an owned LxBasicClock without a lock of their own: the node's
 /// owner calls them from one thread or under its own lock. Listener changes and postEvent may come
 /// from any thread; they are serialised by the node's mutex.
+///
+/// A host can only attach its listener once it holds the node, and a player starts initialising
+/// as soon as it is made: so the node keeps its state events (the last duration change, the
+/// initialized event, a catastrophic error) and hands them to each LxEventListener attached after
+/// they were posted, as if it had been there.
 class LxNode : public virtual LxClock {
   public:
     enum LxNodeState {
@@ -44,8 +49,11 @@ class LxNode : public virtual LxClock {
     };
 
     explicit LxNode(LxManager* manager);
-    /// Ends the event poster (joining its thread; events it had not delivered yet are released
-    /// undelivered), then releases the clock and the listener list.
+    /// Ends the event poster (events it had not delivered yet are released undelivered), then
+    /// releases the clock, the listener list and the kept state events. It waits for the poster
+    /// thread, except on that thread itself (a listener destroying the node it listens to) or on
+    /// a poster thread that thread is waiting for: the poster then frees itself once the
+    /// running handler returns, and that handler must not touch the node any more.
     ~LxNode() override;
 
     long startAtTime(LxTime refTime) override;
@@ -75,7 +83,10 @@ class LxNode : public virtual LxClock {
     /// remove it before it goes away. Returns 1.
     virtual long setEventListener(LxQueue* queue);
     /// Adds a listener called on this node's event-poster thread (created with the first such
-    /// listener). 0x203 when no poster thread can be had; nothing is added then.
+    /// listener). The listener first receives, through that thread and in their posting order,
+    /// the state events posted before it came (see the class comment); a listener already
+    /// attached receives none again. Atomic with postEvent: every event reaches it exactly once,
+    /// either so or posted. 0x203 when no poster thread can be had; nothing is added then.
     virtual long setEventListener(LxEventListener* listener);
     /// Removes the first entry of that queue; 1 also when there is none.
     virtual long removeEventListener(LxQueue* queue);
@@ -121,6 +132,15 @@ class LxNode : public virtual LxClock {
     short outputCount;
 
   private:
+    /// Keeps a state event for late listeners (taking over the reference), or releases any
+    /// other. Node mutex held.
+    void keepOrRelease(LxEvent* event);
+
+    /// The kept state events in posting order, at most one of each type. Guarded by mutex.
+    static constexpr int kKeptTypes = 3;
+    LxEvent* kept[kKeptTypes];
+    int keptCount;
+
     LxEventListenerListEntry* findListenerInList(LxEventListener* listener);
     LxEventListenerListEntry* findListenerInList(LxQueue* queue);
 

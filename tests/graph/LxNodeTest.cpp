@@ -7,11 +7,14 @@
 #include "TestManager.h"
 #include "TestNodes.h"
 #include "TestSupport.h"
+#include "graph/LxEventPoster.h"
 #include "platform/kt/KtRecordingThreadManager.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -74,33 +77,35 @@ TEST_F(NodeTest, ConnectableLookupIsExactAndTakesTheFirstMatch) {
     EXPECT_EQ(nullptr, in);
 }
 
+// Each queue gets its own reference; the node keeps one of the last state event (a sequenced
+// event is an initialized event) until a newer one replaces it or the node goes.
 TEST_F(NodeTest, QueueListenersGetTheirOwnReferenceInOrderAdded) {
-    TestNode node(manager.get());
-    QueueRef a, b;
-    EXPECT_EQ(LX_OK, node.setEventListener(a.q));
-    EXPECT_EQ(LX_OK, node.setEventListener(b.q));
-    EXPECT_EQ(LX_OK, node.removeEventListener(reinterpret_cast<LxQueue*>(0x40)));  // never added
-
     const int before = SequencedEvent::alive.load();
-    SequencedEvent* e = new SequencedEvent(&node, 7);
-    node.postEvent(e);
-    ASSERT_EQ(1, a.q->length());
-    ASSERT_EQ(1, b.q->length());
-    LxEvent* got = static_cast<LxEvent*>(a.q->receive(0, LxTime::zero()));
-    EXPECT_EQ(e, got);
-    EXPECT_EQ(&node, got->getSource());
-    EXPECT_EQ(2u, got->refCount());  // a's and b's; the poster's own was handed over
-    got->unref();
-    EXPECT_EQ(before + 1, SequencedEvent::alive.load());
-    static_cast<LxEvent*>(b.q->receive(0, LxTime::zero()))->unref();
-    EXPECT_EQ(before, SequencedEvent::alive.load());
+    {
+        TestNode node(manager.get());
+        QueueRef a, b;
+        EXPECT_EQ(LX_OK, node.setEventListener(a.q));
+        EXPECT_EQ(LX_OK, node.setEventListener(b.q));
+        EXPECT_EQ(LX_OK, node.removeEventListener(reinterpret_cast<LxQueue*>(0x40)));  // never added
+        SequencedEvent* e = new SequencedEvent(&node, 7);
+        node.postEvent(e);
+        ASSERT_EQ(1, a.q->length());
+        ASSERT_EQ(1, b.q->length());
+        LxEvent* got = static_cast<LxEvent*>(a.q->receive(0, LxTime::zero()));
+        EXPECT_EQ(e, got);
+        EXPECT_EQ(&node, got->getSource());
+        EXPECT_EQ(3u, got->refCount());  // a's, b's and the node's; the poster's was handed over
+        got->unref();
+        static_cast<LxEvent*>(b.q->receive(0, LxTime::zero()))->unref();
+        EXPECT_EQ(before + 1, SequencedEvent::alive.load());
 
-    // After removal the queue hears nothing more; an event nobody listens to is simply released.
-    node.removeEventListener(a.q);
-    node.removeEventListener(b.q);
-    node.postEvent(new SequencedEvent(&node, 8));
-    EXPECT_EQ(0, a.q->length());
-    EXPECT_EQ(0, b.q->length());
+        // After removal the queues hear nothing more; the newer event replaces the kept one.
+        node.removeEventListener(a.q);
+        node.removeEventListener(b.q);
+        node.postEvent(new SequencedEvent(&node, 8));
+        EXPECT_EQ(0, a.q->length() + b.q->length());
+        EXPECT_EQ(before + 1, SequencedEvent::alive.load());
+    }
     EXPECT_EQ(before, SequencedEvent::alive.load());
 }
 
@@ -170,6 +175,112 @@ TEST_F(NodeTest, NodeDestroyedWithEventsQueuedForItsPosterReleasesThem) {
     EXPECT_EQ(0, listener.entries()[0].sequence);
     EXPECT_TRUE(LxLogSink::contains("LxEventPoster:  done destructing\n"));
     EXPECT_EQ(0, threads.liveThreads());
+}
+
+// A listener attached late hears the state events it missed, the last of each type, in posting
+// order and before anything posted after it came; an attachment of a listener already there adds
+// no second copy, and other events are not kept.
+TEST_F(NodeTest, LateListenerHearsTheKeptStateEventsOnce) {
+    TestNode node(manager.get());
+    RecordingListener early, late, last;
+    ASSERT_EQ(LX_OK, node.setEventListener(&early));
+    node.postEvent(new LxDurationChangedEvent(&node, LxTime(-1, 0), LxTime(1, 0)));
+    node.postEvent(new LxInitializedEvent(&node, 0xE3));
+    node.postEvent(new LxActiveEvent(&node));
+    node.postEvent(new LxDurationChangedEvent(&node, LxTime(1, 0), LxTime(2, 0)));
+    ASSERT_EQ(LX_OK, node.setEventListener(&late));
+    ASSERT_EQ(LX_OK, node.setEventListener(&early));  // twice: later events twice, nothing kept again
+    node.postEvent(new LxCatastrophicErrorEvent(&node, 0x201));
+    ASSERT_EQ(LX_OK, node.setEventListener(&last));
+    ASSERT_TRUE(early.waitForCount(6) && late.waitForCount(3) && last.waitForCount(3));
+    auto summary = [](RecordingListener& l) {
+        std::vector<std::pair<int, long>> out;
+        for (const auto& e : l.entries()) {
+            out.emplace_back(e.type, e.type == LxDurationChangedEventType ? e.newDuration.sec() : e.result);
+        }
+        return out;
+    };
+    using V = std::vector<std::pair<int, long>>;
+    EXPECT_EQ((V{{2, 1}, {9, 0xE3}, {5, 0}, {2, 2}, {-100, 0x201}, {-100, 0x201}}), summary(early));
+    EXPECT_EQ((V{{9, 0xE3}, {2, 2}, {-100, 0x201}}), summary(late));
+    EXPECT_EQ((V{{9, 0xE3}, {2, 2}, {-100, 0x201}}), summary(last));
+}
+
+// Listeners attached from several threads while another posts: each hears the initialized event
+// exactly once, either kept or posted (never both, never neither).
+TEST_F(NodeTest, AttachingWhilePostingDeliversEachStateEventExactlyOnce) {
+    constexpr int kRounds = 200, kListeners = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        TestNode node(manager.get());
+        RecordingListener listeners[kListeners];
+        std::vector<std::thread> hosts;
+        for (RecordingListener& l : listeners) {
+            hosts.emplace_back([&node, &l] { node.setEventListener(&l); });
+        }
+        node.postEvent(new LxInitializedEvent(&node, 0xE1));
+        for (std::thread& t : hosts) {
+            t.join();
+        }
+        node.postEvent(new LxActiveEvent(&node));  // the last, after every attachment
+        for (RecordingListener& l : listeners) {
+            ASSERT_TRUE(lxtest::waitUntil([&] { return l.count(LxActiveEventType) == 1; }));
+            ASSERT_EQ(1u, l.count(LxInitializedEventType)) << "round " << round;
+        }
+    }
+}
+
+/// Runs fn on the handler of the first event it is given.
+class CallingListener : public LxEventListener {
+  public:
+    std::function<void()> fn;
+    std::atomic<bool> done{false};
+    void handleEvent(LxEvent*) override {
+        if (!done.load()) {
+            fn();
+            done = true;
+        }
+    }
+};
+
+// A handler that destroys the node it listens to cannot wait for its own thread: the poster ends
+// once the handler returns and frees itself.
+TEST_F(NodeTest, HandlerDestroyingItsOwnNodeEndsItsPoster) {
+    const int posters = LxEventPoster::alive();
+    CallingListener listener;
+    TestNode* node = new TestNode(manager.get());
+    listener.fn = [node] { delete node; };
+    ASSERT_EQ(LX_OK, node->setEventListener(&listener));
+    node->postEvent(new LxActiveEvent(node));
+    node->postEvent(new LxActiveEvent(node));  // left undelivered and released
+    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.done.load() && LxEventPoster::alive() == posters; }));
+}
+
+// Two handlers, each destroying the other's node at the same moment: neither may wait for the
+// other for ever. Repeated, since which of them finds the cycle varies.
+TEST_F(NodeTest, HandlersDestroyingEachOthersNodesDoNotWaitForEachOther) {
+    const int posters = LxEventPoster::alive();
+    for (int round = 0; round < 50; ++round) {
+        TestNode* a = new TestNode(manager.get());
+        TestNode* b = new TestNode(manager.get());
+        CallingListener onA, onB;
+        std::atomic<int> inside{0};
+        auto meetThenDelete = [&inside](TestNode* other) {
+            ++inside;
+            lxtest::waitUntil([&] { return inside.load() == 2; });
+            delete other;
+        };
+        onA.fn = [&] { meetThenDelete(b); };
+        onB.fn = [&] { meetThenDelete(a); };
+        a->setEventListener(&onA);
+        b->setEventListener(&onB);
+        a->postEvent(new LxActiveEvent(a));
+        b->postEvent(new LxActiveEvent(b));
+        if (!lxtest::waitUntil([&] { return onA.done && onB.done && LxEventPoster::alive() == posters; },
+                               20000)) {
+            std::fprintf(stderr, "round %d: the two handlers wait for each other\n", round);
+            std::abort();  // the hung threads would keep the test from ever ending
+        }
+    }
 }
 
 // The reader of a queue and the poster release one event at the same moment, many times over;
