@@ -107,6 +107,9 @@ class LxManager {
     /// Creation by URL is not offered: the out-parameter becomes null and the result is 0x201.
     virtual long createPlayer(char* url, LxPlayer** player);
     virtual long addPlayer(LxPlayer* player);
+    /// Unregisters the player, then stops and deletes it with no manager lock held, so that its
+    /// listeners may call the manager meanwhile. Any thread, a listener of that very player
+    /// included. 0x2AA when the player is not (or no longer) registered.
     virtual long destroyPlayer(LxPlayer* player);
     virtual long verifyPlayer(LxPlayer* player);
     virtual void useThisDataSourceCreator(long (*creator)(char*, LxDataSource**));

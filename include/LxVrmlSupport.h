@@ -47,6 +47,9 @@ class LxSoundNodeNotifier {
     virtual void audioPortChanged(LxAudioOutputPort* port) = 0;
 };
 
+/// Every operation may be called from any thread, a listener of its own player included (which
+/// may also destroy the player through it). The host's notifiers and the manager's destroyPlayer
+/// are called with no lock of this object held.
 class LxVrmlSupport {
   public:
     enum { CHANGED_START_TIME = 1, CHANGED_STOP_TIME = 2, CHANGED_LOOP = 4, CHANGED_RATE = 8 };
@@ -57,7 +60,7 @@ class LxVrmlSupport {
     ~LxVrmlSupport();
 
     void setPlayer(LxPlayer* player);
-    LxPlayer* getPlayer() { return player; }
+    LxPlayer* getPlayer();
 
     /// Called by the host once the player has initialised: connects its outputs, gives it the
     /// master time base, reads its duration, hands ports to the sound nodes and applies fields

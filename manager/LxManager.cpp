@@ -11,6 +11,7 @@
 #include "LxTimeBase.h"
 
 #include <cstring>
+#include <mutex>
 
 LxManager::LxManager(KtThreadManager* tm)
     : suspended(0),
@@ -109,47 +110,46 @@ long LxManager::createPlayer(char*, LxPlayer** player) {
 }
 
 long LxManager::addPlayer(LxPlayer* player) {
-    playerListLock->lock();
+    std::lock_guard<KtMutex> guard(*playerListLock);
     playerList = new LxPlayerListEntry{player, playerList};
-    playerListLock->unlock();
     return LX_OK;
 }
 
 long LxManager::verifyPlayer(LxPlayer* player) {
-    playerListLock->lock();
-    long result = LX_ERR_UNKNOWN_PLAYER;
+    std::lock_guard<KtMutex> guard(*playerListLock);
     for (LxPlayerListEntry* e = playerList; e != nullptr; e = e->next) {
         if (e->player == player) {
-            result = LX_OK;
-            break;
+            return LX_OK;
         }
     }
-    playerListLock->unlock();
-    return result;
+    return LX_ERR_UNKNOWN_PLAYER;
 }
 
 long LxManager::destroyPlayer(LxPlayer* player) {
-    playerListLock->lock();
-    if (playerList == nullptr) {
-        LxLog::postDebug("LxManager:  playerList NULL when destroyPlayer called!\n");
-        playerListLock->unlock();
-        return LX_ERR_UNKNOWN_PLAYER;
-    }
-    if (verifyPlayer(player) != LX_OK) {
-        LxLog::postDebug("LxManager: destroyPlayer called on already destroyed player!\n");
-        playerListLock->unlock();
-        return LX_ERR_UNKNOWN_PLAYER;
-    }
-    delete player;  // stops it and joins its thread, with the registry held
-    for (LxPlayerListEntry** link = &playerList; *link != nullptr; link = &(*link)->next) {
-        if ((*link)->player == player) {
-            LxPlayerListEntry* entry = *link;
-            *link = entry->next;
-            delete entry;
-            break;
+    LxPlayerListEntry* entry = nullptr;
+    {
+        std::lock_guard<KtMutex> guard(*playerListLock);
+        if (playerList == nullptr) {
+            LxLog::postDebug("LxManager:  playerList NULL when destroyPlayer called!\n");
+            return LX_ERR_UNKNOWN_PLAYER;
+        }
+        for (LxPlayerListEntry** link = &playerList; *link != nullptr; link = &(*link)->next) {
+            if ((*link)->player == player) {
+                entry = *link;
+                *link = entry->next;
+                break;
+            }
         }
     }
-    playerListLock->unlock();
+    if (entry == nullptr) {
+        LxLog::postDebug("LxManager: destroyPlayer called on already destroyed player!\n");
+        return LX_ERR_UNKNOWN_PLAYER;
+    }
+    // Deleted without the registry held: the delete waits for the player's threads, whose
+    // listeners may be inside verifyPlayer or createPlayer. Unlinked first, so that from here on
+    // the player is unknown to everyone and a second destroyPlayer of it is refused.
+    delete entry;
+    delete player;
     return LX_OK;
 }
 
@@ -286,42 +286,43 @@ LxFormat* LxManager::findMatchingFormat(LxOutputConnectable* output, LxInputConn
 }
 
 long LxManager::connectAllUnconnected(LxPlayer* player) {
-    playerListLock->lock();
-    if (verifyPlayer(player) != LX_OK) {
-        playerListLock->unlock();
-        return LX_ERR_CONNECT_OUTPUTS;
-    }
-    char** names = nullptr;
-    short count = 0;
-    player->listOutputs(names, &count);
-    if (count < 1) {
-        playerListLock->unlock();
-        return LX_CONNECTED_NO_OUTPUTS;
-    }
     bool audio = false;
     bool video = false;
-    for (short i = 0; i < count; ++i) {
-        const char* name = names[i];
-        if (name == nullptr) {
-            continue;
+    {
+        // Held while renderers are attached, so that the player cannot be destroyed meanwhile;
+        // nothing here calls back into the host.
+        std::lock_guard<KtMutex> guard(*playerListLock);
+        if (verifyPlayer(player) != LX_OK) {
+            return LX_ERR_CONNECT_OUTPUTS;
         }
-        const bool isAudio = std::strcmp(name, "Audio") == 0;
-        const bool isVideo = std::strcmp(name, "Video") == 0;
-        if (!isAudio && !isVideo) {
-            continue;
+        char** names = nullptr;
+        short count = 0;
+        player->listOutputs(names, &count);
+        if (count < 1) {
+            return LX_CONNECTED_NO_OUTPUTS;
         }
-        LxOutputConnectable* out = nullptr;
-        player->getOutputConnectable(name, &out);
-        bool connected = out != nullptr && out->connectedTo() != nullptr;
-        if (!connected) {
-            connected =
-                (isAudio ? addDefaultAudioRenderer(player) : addDefaultVideoRenderer(player)) == LX_OK;
-        }
-        if (connected) {
-            (isAudio ? audio : video) = true;
+        for (short i = 0; i < count; ++i) {
+            const char* name = names[i];
+            if (name == nullptr) {
+                continue;
+            }
+            const bool isAudio = std::strcmp(name, "Audio") == 0;
+            const bool isVideo = std::strcmp(name, "Video") == 0;
+            if (!isAudio && !isVideo) {
+                continue;
+            }
+            LxOutputConnectable* out = nullptr;
+            player->getOutputConnectable(name, &out);
+            bool connected = out != nullptr && out->connectedTo() != nullptr;
+            if (!connected) {
+                connected =
+                    (isAudio ? addDefaultAudioRenderer(player) : addDefaultVideoRenderer(player)) == LX_OK;
+            }
+            if (connected) {
+                (isAudio ? audio : video) = true;
+            }
         }
     }
-    playerListLock->unlock();
     if (audio && video) {
         return LX_CONNECTED_AUDIO_VIDEO;
     }
@@ -335,13 +336,23 @@ long LxManager::connectAllUnconnected(LxPlayer* player) {
 }
 
 long LxManager::destroyAllPlayers() {
-    playerListLock->lock();
-    while (playerList != nullptr) {
-        LxPlayerListEntry* entry = playerList;
-        playerList = entry->next;
-        delete entry->player;
-        delete entry;
+    // As in destroyPlayer: the players' listeners may call the manager while they go, and a
+    // player one of them creates meanwhile goes in the next round.
+    for (;;) {
+        LxPlayerListEntry* list = nullptr;
+        {
+            std::lock_guard<KtMutex> guard(*playerListLock);
+            list = playerList;
+            playerList = nullptr;
+        }
+        if (list == nullptr) {
+            return LX_OK;
+        }
+        while (list != nullptr) {
+            LxPlayerListEntry* entry = list;
+            list = entry->next;
+            delete entry->player;
+            delete entry;
+        }
     }
-    playerListLock->unlock();
-    return LX_OK;
 }

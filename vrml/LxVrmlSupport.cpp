@@ -8,6 +8,9 @@
 #include "LxTimeBase.h"
 
 #include <cmath>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 LxMediaInfo::LxMediaInfo() {
     initMediaInfo(LxTime::zero(), LxTime::maxTime(), 0, 1.0f, LxTime(-1, 0));
@@ -27,15 +30,14 @@ void LxMediaInfo::initMediaInfo(LxTime start, LxTime stop, char looping, float s
 
 // ---------------------------------------------------------------------------------------------
 
+// The lock guards every field. Host callbacks (audioPortChanged) and the manager's destroyPlayer
+// are called without it: a host may hold its own lock there and call back into this object, and
+// a player's listeners, which may use this object, must be able to finish while it goes.
+using Guard = std::lock_guard<KtMutex>;
+
 LxVrmlSupport::LxVrmlSupport(LxPlayer* p, LxManager* m) {
     internalInit(m);
-    lock->lock();
-    if (p != nullptr) {
-        player = p;
-    } else {
-        LxLog::postDebug("LxVrmlSupport: setPlayer called with NULL player\n");
-    }
-    lock->unlock();
+    setPlayer(p);
 }
 
 LxVrmlSupport::LxVrmlSupport(LxManager* m) {
@@ -76,57 +78,64 @@ LxVrmlSupport::~LxVrmlSupport() {
 }
 
 void LxVrmlSupport::setPlayer(LxPlayer* p) {
-    lock->lock();
+    Guard guard(*lock);
     if (p != nullptr) {
         player = p;
     } else {
         LxLog::postDebug("LxVrmlSupport: setPlayer called with NULL player\n");
     }
-    lock->unlock();
+}
+
+LxPlayer* LxVrmlSupport::getPlayer() {
+    Guard guard(*lock);
+    return player;
 }
 
 long LxVrmlSupport::finishInitializingPlayer() {
-    lock->lock();
-    if (manager->connectAllUnconnected(player) == LX_ERR_CONNECT_OUTPUTS) {
-        LxLog::postDebug("LxVrmlSupport: failed to connectAllUnconnected!\n");
-        lock->unlock();
-        return LX_ERR_CONNECT_OUTPUTS;
-    }
-    const long result = player->setTimeBase(manager->getMasterTimeBase());
-    if (result != LX_OK) {
-        LxLog::postDebug("LxVrmlSupport:  Failed to setTimeBase()\n");
-        lock->unlock();
-        return result;
-    }
-    mediaInfo->duration = player->getDuration();
-    LxLog::postDebug("LxVrmlSupport:  Succeeded in initializing player, playerReady now true\n");
-    playerReady = 1;
+    std::vector<std::pair<LxSoundNodeNotifier*, LxAudioOutputPort*>> told;
+    {
+        Guard guard(*lock);
+        if (manager->connectAllUnconnected(player) == LX_ERR_CONNECT_OUTPUTS) {
+            LxLog::postDebug("LxVrmlSupport: failed to connectAllUnconnected!\n");
+            return LX_ERR_CONNECT_OUTPUTS;
+        }
+        const long result = player->setTimeBase(manager->getMasterTimeBase());
+        if (result != LX_OK) {
+            LxLog::postDebug("LxVrmlSupport:  Failed to setTimeBase()\n");
+            return result;
+        }
+        mediaInfo->duration = player->getDuration();
+        LxLog::postDebug("LxVrmlSupport:  Succeeded in initializing player, playerReady now true\n");
+        playerReady = 1;
 
-    if (soundNodes == nullptr && freeAudioPorts == nullptr) {
-        // The clip's audio gets a silent port even when no Sound node uses it yet.
-        FreePortEntry* entry = new FreePortEntry{nullptr, nullptr};
-        getAudioPort(&entry->port);
-        freeAudioPorts = entry;
-    }
-    for (SoundNodeEntry* node = soundNodes; node != nullptr; node = node->next) {
-        if (node->port == nullptr) {
-            if (freeAudioPorts != nullptr) {
-                FreePortEntry* entry = freeAudioPorts;
-                freeAudioPorts = entry->next;
-                node->port = entry->port;
-                delete entry;
-            } else {
-                getAudioPort(&node->port);
+        if (soundNodes == nullptr && freeAudioPorts == nullptr) {
+            // The clip's audio gets a silent port even when no Sound node uses it yet.
+            FreePortEntry* entry = new FreePortEntry{nullptr, nullptr};
+            getAudioPort(&entry->port);
+            freeAudioPorts = entry;
+        }
+        for (SoundNodeEntry* node = soundNodes; node != nullptr; node = node->next) {
+            if (node->port == nullptr) {
+                if (freeAudioPorts != nullptr) {
+                    FreePortEntry* entry = freeAudioPorts;
+                    freeAudioPorts = entry->next;
+                    node->port = entry->port;
+                    delete entry;
+                } else {
+                    getAudioPort(&node->port);
+                }
+            }
+            if (node->port != nullptr) {
+                told.emplace_back(node->notifier, node->port);
             }
         }
-        if (node->port != nullptr) {
-            node->notifier->audioPortChanged(node->port);
+        if (changedFields != 0) {
+            recalculateMediaInfo();
         }
     }
-    if (changedFields != 0) {
-        recalculateMediaInfo();
+    for (const auto& t : told) {
+        t.first->audioPortChanged(t.second);
     }
-    lock->unlock();
     return LX_OK;
 }
 
@@ -148,6 +157,7 @@ long LxVrmlSupport::getAudioPort(LxAudioOutputPort** port) {
 }
 
 long LxVrmlSupport::setPlayerControl(char on) {
+    Guard guard(*lock);
     playerControl = on;
     if (on && changedFields != 0) {
         recalculateMediaInfo();
@@ -156,28 +166,36 @@ long LxVrmlSupport::setPlayerControl(char on) {
 }
 
 long LxVrmlSupport::destroyPlayer() {
-    lock->lock();
-    playerReady = 0;
-    for (SoundNodeEntry* node = soundNodes; node != nullptr; node = node->next) {
-        node->notifier->audioPortChanged(nullptr);
-        node->port = nullptr;
-    }
-    if (player != nullptr) {
-        manager->destroyPlayer(player);
+    std::vector<LxSoundNodeNotifier*> told;
+    LxPlayer* going = nullptr;
+    {
+        Guard guard(*lock);
+        playerReady = 0;
+        for (SoundNodeEntry* node = soundNodes; node != nullptr; node = node->next) {
+            told.push_back(node->notifier);
+            node->port = nullptr;
+        }
+        going = player;
         player = nullptr;
+        // The free ports belonged to that player and go with it.
+        while (freeAudioPorts != nullptr) {
+            FreePortEntry* next = freeAudioPorts->next;
+            delete freeAudioPorts;
+            freeAudioPorts = next;
+        }
     }
-    // The free ports belonged to that player and went with it.
-    while (freeAudioPorts != nullptr) {
-        FreePortEntry* next = freeAudioPorts->next;
-        delete freeAudioPorts;
-        freeAudioPorts = next;
+    for (LxSoundNodeNotifier* notifier : told) {
+        notifier->audioPortChanged(nullptr);
     }
-    lock->unlock();
+    if (going != nullptr) {
+        manager->destroyPlayer(going);
+    }
     return LX_OK;
 }
 
 void LxVrmlSupport::beginChangingFields() {
     LxLog::postDebug("LxVrmlSupport: beginChangingFields\n");
+    Guard guard(*lock);
     now = LxTime::zero();
     changingFields = 1;
 }
@@ -186,12 +204,14 @@ void LxVrmlSupport::beginChangingFields(const LxTime& browserNow) {
     const double seconds = browserNow.getValue();
     LxLog::postDebug("LxVrmlSupport:  beginChangingFields for now = %8.3f\n", seconds);
     const int32_t whole = static_cast<int32_t>(seconds);
+    Guard guard(*lock);
     now = LxTime(whole, static_cast<int32_t>((seconds - whole) * 1000000.0));
     changingFields = 1;
 }
 
 void LxVrmlSupport::setStartTime(LxTime t) {
     LxLog::postDebug("LxVrmlSupport:  setStartTime ()\n");
+    Guard guard(*lock);
     mediaInfo->startTime = t;
     changedFields |= CHANGED_START_TIME;
     if (!changingFields) {
@@ -201,6 +221,7 @@ void LxVrmlSupport::setStartTime(LxTime t) {
 
 void LxVrmlSupport::setStopTime(LxTime t) {
     LxLog::postDebug("LxVrmlSupport:  setStopTime ()\n");
+    Guard guard(*lock);
     mediaInfo->stopTime = t;
     changedFields |= CHANGED_STOP_TIME;
     if (!changingFields) {
@@ -210,6 +231,7 @@ void LxVrmlSupport::setStopTime(LxTime t) {
 
 void LxVrmlSupport::setLoop(char loop) {
     LxLog::postDebug("LxVrmlSupport:  setLoop ()\n");
+    Guard guard(*lock);
     mediaInfo->loop = loop;
     changedFields |= CHANGED_LOOP;
     if (!changingFields) {
@@ -218,6 +240,7 @@ void LxVrmlSupport::setLoop(char loop) {
 }
 
 void LxVrmlSupport::setRate(float rate) {
+    Guard guard(*lock);
     mediaInfo->rate = rate;
     changedFields |= CHANGED_RATE;
     if (!changingFields) {
@@ -227,24 +250,30 @@ void LxVrmlSupport::setRate(float rate) {
 
 void LxVrmlSupport::doneChangingFields() {
     LxLog::postDebug("LxVrmlSupport:  doneChangingFields\n");
+    Guard guard(*lock);
     recalculateMediaInfo();
     changingFields = 0;
 }
 
 LxTime LxVrmlSupport::getStartTime() {
+    Guard guard(*lock);
     return mediaInfo->startTime;
 }
 LxTime LxVrmlSupport::getStopTime() {
+    Guard guard(*lock);
     return mediaInfo->stopTime;
 }
 char LxVrmlSupport::getLoop() {
+    Guard guard(*lock);
     return mediaInfo->loop;
 }
 float LxVrmlSupport::getRate() {
+    Guard guard(*lock);
     return mediaInfo->rate;
 }
 
 void LxVrmlSupport::stop() {
+    Guard guard(*lock);
     if (playerReady) {
         player->stop();
     }
@@ -254,44 +283,46 @@ long LxVrmlSupport::addSoundNode(LxSoundNodeNotifier* notifier) {
     if (notifier == nullptr) {
         return LX_ERR_GENERIC;
     }
-    lock->lock();
-    SoundNodeEntry* entry = soundNodes;
-    while (entry != nullptr && entry->notifier != notifier) {
-        entry = entry->next;
+    LxAudioOutputPort* port = nullptr;
+    {
+        Guard guard(*lock);
+        SoundNodeEntry* entry = soundNodes;
+        while (entry != nullptr && entry->notifier != notifier) {
+            entry = entry->next;
+        }
+        if (entry != nullptr) {
+            LxLog::postDebug(
+                "LxVrmlSupport:  attempting to add a sound node which is already in our list!\n");
+        } else {
+            LxLog::postDebug("LxVrmlSupport:  adding soundNode to our list of sound nodes\n");
+            entry = new SoundNodeEntry{notifier, nullptr, soundNodes};
+            soundNodes = entry;
+        }
+        if (!playerReady) {
+            return LX_OK;
+        }
+        if (freeAudioPorts != nullptr) {
+            LxLog::postDebug("LxVrmlSupport:  using an audioPort from our free list\n");
+            FreePortEntry* free = freeAudioPorts;
+            freeAudioPorts = free->next;
+            entry->port = free->port;
+            delete free;
+        } else {
+            LxLog::postDebug("LxVrmlSupport:  getting a new audioPort\n");
+            getAudioPort(&entry->port);
+        }
+        port = entry->port;
     }
-    if (entry != nullptr) {
-        LxLog::postDebug("LxVrmlSupport:  attempting to add a sound node which is already in our list!\n");
-    } else {
-        LxLog::postDebug("LxVrmlSupport:  adding soundNode to our list of sound nodes\n");
-        entry = new SoundNodeEntry{notifier, nullptr, soundNodes};
-        soundNodes = entry;
+    if (port != nullptr) {
+        notifier->audioPortChanged(port);
     }
-    if (!playerReady) {
-        lock->unlock();
-        return LX_OK;
-    }
-    if (freeAudioPorts != nullptr) {
-        LxLog::postDebug("LxVrmlSupport:  using an audioPort from our free list\n");
-        FreePortEntry* free = freeAudioPorts;
-        freeAudioPorts = free->next;
-        entry->port = free->port;
-        delete free;
-    } else {
-        LxLog::postDebug("LxVrmlSupport:  getting a new audioPort\n");
-        getAudioPort(&entry->port);
-    }
-    if (entry->port != nullptr) {
-        notifier->audioPortChanged(entry->port);
-    }
-    lock->unlock();
     return LX_OK;
 }
 
 long LxVrmlSupport::removeSoundNode(LxSoundNodeNotifier* notifier) {
-    lock->lock();
+    Guard guard(*lock);
     if (soundNodes == nullptr) {
         LxLog::postDebug("LxVrmlSupport:  trying to remove a sound node but our sound node list is NULL!\n");
-        lock->unlock();
         return LX_OK;
     }
     SoundNodeEntry** link = &soundNodes;
@@ -300,7 +331,6 @@ long LxVrmlSupport::removeSoundNode(LxSoundNodeNotifier* notifier) {
     }
     SoundNodeEntry* entry = *link;
     if (entry == nullptr) {
-        lock->unlock();
         return LX_OK;
     }
     bool alreadyFree = false;
@@ -319,12 +349,11 @@ long LxVrmlSupport::removeSoundNode(LxSoundNodeNotifier* notifier) {
     LxLog::postDebug("LxVrmlSupport:  removing sound node\n");
     *link = entry->next;
     delete entry;
-    lock->unlock();
     return LX_OK;
 }
 
 LxVideoRenderer* LxVrmlSupport::getVideoRenderer() {
-    lock->lock();
+    Guard guard(*lock);
     LxVideoRenderer* renderer = nullptr;
     if (player != nullptr) {
         if (manager->verifyPlayer(player) != LX_OK) {
@@ -333,18 +362,16 @@ LxVideoRenderer* LxVrmlSupport::getVideoRenderer() {
             player->getVideoRenderer(&renderer);
         }
     }
-    lock->unlock();
     return renderer;
 }
 
 void LxVrmlSupport::recalculateMediaInfo() {
+    Guard guard(*lock);
     if (!playerReady || !playerControl) {
         return;  // the changed bits stay for later
     }
-    lock->lock();
     if (manager->verifyPlayer(player) != LX_OK) {
         LxLog::postDebug("LxVrmlSupport: recalculateMediaInfo called on invalid player\n");
-        lock->unlock();
         return;
     }
     LxLog::postDebug("LxVrmlSupport:  recalculateMediaInfo()\n");
@@ -418,5 +445,4 @@ void LxVrmlSupport::recalculateMediaInfo() {
         }
     }
     changedFields = 0;
-    lock->unlock();
 }

@@ -5,14 +5,21 @@
 #include "LxPlayer.h"
 #include "LxResult.h"
 
+#include "LxLog.h"
 #include "TestManager.h"
+#include "TestPlayer.h"
 #include "TestSupport.h"
+#include "graph/LxEventPoster.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -240,6 +247,67 @@ TEST_F(ManagerCoreTest, SettingsAreKeptUntilAudioStarts) {
     EXPECT_EQ(LX_ERR_GENERIC, manager->setWindow(nullptr));
     EXPECT_EQ(LX_OK, manager->setWindow(&w1));
     EXPECT_EQ(LX_ERR_GENERIC, manager->setWindow(&w2)) << "a window is set once";
+}
+
+/// Runs fn in the handler of the first event it is given, on the player's event thread.
+class CallingListener : public LxEventListener {
+  public:
+    std::function<void()> fn;
+    std::atomic<bool> inside{false}, done{false};
+    void handleEvent(LxEvent*) override {
+        if (!inside.exchange(true)) {
+            fn();
+            done = true;
+        }
+    }
+};
+
+void orAbort(bool ok, const char* what) {
+    if (!ok) {
+        std::fprintf(stderr, "hang: %s\n", what);
+        std::abort();  // the hung threads would keep the test from ever ending
+    }
+}
+
+// The host destroys a player while its listener asks the manager about it: the destroy waits for
+// the listener's thread, so it must not hold the registry meanwhile.
+TEST_F(ManagerCoreTest, ListenerMayAskTheManagerWhileItsPlayerIsDestroyed) {
+    lxtest::requireLog();
+    lxtest::TestPlayer* p = new lxtest::TestPlayer(manager);
+    manager->addPlayer(p);
+    CallingListener listener;
+    std::atomic<long> verified{0};
+    listener.fn = [&] {
+        // The player's nodes go (and wait for this thread) once the destroy is well under way.
+        lxtest::waitUntil([] { return LxLogSink::contains("LxNode:  destructor\n"); });
+        verified = manager->verifyPlayer(p);
+    };
+    p->setEventListener(&listener);
+    p->getState();  // the test player initialises on its first pass
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.inside.load(); }));
+    std::atomic<long> destroyed{0};
+    std::thread host([&] { destroyed = manager->destroyPlayer(p); });
+    orAbort(lxtest::waitUntil([&] { return destroyed.load() != 0; }, 20000),
+            "destroyPlayer and verifyPlayer");
+    host.join();
+    EXPECT_EQ(LX_OK, destroyed.load());
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, verified.load()) << "unregistered before it goes";
+}
+
+// A listener destroys its own player: the player's event thread cannot wait for itself.
+TEST_F(ManagerCoreTest, ListenerMayDestroyItsOwnPlayer) {
+    const int posters = LxEventPoster::alive();
+    lxtest::TestPlayer* p = new lxtest::TestPlayer(manager);
+    manager->addPlayer(p);
+    CallingListener listener;
+    std::atomic<long> destroyed{0};
+    listener.fn = [&] { destroyed = manager->destroyPlayer(p); };
+    p->setEventListener(&listener);
+    p->getState();
+    orAbort(lxtest::waitUntil([&] { return listener.done && LxEventPoster::alive() == posters; }, 20000),
+            "destroyPlayer from the player's own listener");
+    EXPECT_EQ(LX_OK, destroyed.load());
+    EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->verifyPlayer(p));
 }
 
 }  // namespace
