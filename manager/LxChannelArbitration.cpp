@@ -33,8 +33,11 @@ bool beats(const LxPortChannelEntry& a, const LxPortChannelEntry& b) {
     if (a.priority < b.priority) {
         return false;
     }
-    if (a.priority > 0.5f && a.requestTime > b.requestTime) {
-        return true;
+    // Among equal priorities above one half the later request wins both ways round; gain decides
+    // only between equal times, or the order would not be antisymmetric (a later but quieter port
+    // and an earlier but louder one would each beat the other).
+    if (a.priority > 0.5f && (a.requestTime > b.requestTime || b.requestTime > a.requestTime)) {
+        return a.requestTime > b.requestTime;
     }
     return a.gain > b.gain;
 }

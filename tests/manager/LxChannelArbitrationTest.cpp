@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -131,6 +131,35 @@ TEST_F(ArbitrationTest, PrecedenceOrder) {
     release({&c, &d, &e, &low});
 }
 
+// The precedence is a strict order: over seeded random pairs (small value sets, so that ties in
+// priority, time and gain are common), no port beats its own copy and no two beat each other.
+// With one channel, a newcomer takes it exactly when it beats the holder.
+TEST_F(ArbitrationTest, PrecedenceIsAntisymmetricAndIrreflexive) {
+    manager->configure(1, 1, false);
+    const unsigned seed = std::random_device()();
+    std::mt19937 rng(seed);
+    const float levels[] = {0.3f, 0.5f, 0.7f, 0.9f};
+    auto newcomerWins = [&](FakeAudioPort& holder, int holderTime, FakeAudioPort& newcomer, int newTime) {
+        manager->requestPortChannel(&holder, LxTime(holderTime, 0));
+        manager->requestPortChannel(&newcomer, LxTime(newTime, 0));
+        const bool won = newcomer.hasChannel();
+        release({&holder, &newcomer});
+        return won;
+    };
+    for (int i = 0; i < 300; ++i) {
+        FakeAudioPort a(LxRawChannel, levels[rng() % 4], levels[rng() % 2]);
+        FakeAudioPort b(LxRawChannel, rng() % 2 ? a.getPriority() : levels[rng() % 4], levels[rng() % 2]);
+        FakeAudioPort copy(LxRawChannel, a.getPriority(), a.getGain());
+        const int ta = static_cast<int>(rng() % 3), tb = static_cast<int>(rng() % 3);
+        const bool bBeatsA = newcomerWins(a, ta, b, tb);
+        const bool aBeatsB = newcomerWins(b, tb, a, ta);
+        ASSERT_FALSE(aBeatsB && bBeatsA)
+            << "seed " << seed << ": priorities " << a.getPriority() << "/" << b.getPriority() << ", times "
+            << ta << "/" << tb << ", gains " << a.getGain() << "/" << b.getGain();
+        ASSERT_FALSE(newcomerWins(a, ta, copy, ta)) << "seed " << seed << ": a port beat its copy";
+    }
+}
+
 TEST_F(ArbitrationTest, StoppingKeepsTheChannelUnlessSomeoneWaits) {
     manager->configure(1, 1, false);
     FakeAudioPort a(LxRawChannel, 0.9f), b(LxRawChannel, 0.1f);
@@ -249,106 +278,59 @@ TEST_F(ArbitrationTest, UnavailableTypesUnknownPortsAndRefusals) {
     release({&a, &b});
 }
 
-// Thousands of random registrations, updates and releases from several threads on a half-duplex
-// card. After every step, with the channel lock held, the bookkeeping must be consistent. (The
-// precedence itself is not an invariant of the lists: a promoted port joins the back of the active
-// list unsorted, a type switch promotes one port, and equal priorities above 0.5 compare by time
-// one way and by gain the other, so a waiting port can outrank some holder.)
-TEST_F(ArbitrationTest, RandomisedOperationsKeepTheBookkeepingConsistent) {
+// Random registrations, updates and releases from several threads on a half-duplex card; after
+// every step, under the channel lock, the lists, counts and channels must agree.
+TEST_F(ArbitrationTest, ConcurrentOperationsKeepTheBookkeepingConsistent) {
     manager->configure(3, 1, true);
-    constexpr int kThreads = 4;
-    constexpr int kPortsPerThread = 6;
-    constexpr int kSteps = 1500;
+    constexpr int kThreads = 4, kPortsPerThread = 6, kSteps = 1000;
     std::vector<std::unique_ptr<FakeAudioPort>> all;
-    std::mt19937 seedRng(7);
     for (int i = 0; i < kThreads * kPortsPerThread; ++i) {
-        const auto type = (i % 5 == 0) ? LxMidiChannel : LxRawChannel;
-        all.emplace_back(new FakeAudioPort(type, (seedRng() % 10) / 10.0f, (seedRng() % 10) / 10.0f));
+        all.emplace_back(new FakeAudioPort(i % 5 == 0 ? LxMidiChannel : LxRawChannel, (i % 7) / 7.0f));
     }
     std::vector<char> registered(all.size(), 0);  // each port is driven by one thread only
-    std::mutex failMutex;
-    std::vector<std::string> failures;
-
-    auto check = [&](const char* step) {
-        manager->lockChannels();
-        std::string problem;
-        for (int t = 0; t < 2 && problem.empty(); ++t) {
+    std::atomic<int> failures{0};
+    auto consistent = [&] {
+        for (int t = 0; t < 2; ++t) {
             const LxChannelInfo& info = manager->info(t);
-            if (info.activeCount != static_cast<short>(info.activePorts.size())) {
-                problem = "activeCount differs from the active list";
-            } else if (info.activeCount > info.maxChannels) {
-                problem = "more active ports than channels";
-            }
-            const bool otherStarted = manager->info(1 - t).started;
-            if (info.excludes[1 - t] && info.started && otherStarted) {
-                problem = "both types started on a half-duplex card";
+            if (info.activeCount != static_cast<short>(info.activePorts.size()) ||
+                info.activeCount > info.maxChannels || (info.started && manager->info(1 - t).started)) {
+                return false;
             }
         }
-        for (size_t i = 0; i < all.size() && problem.empty(); ++i) {
-            FakeAudioPort* p = all[i].get();
-            const LxChannelInfo& info = manager->info(p->getChannelType());
-            int lists = 0;
-            bool active = false;
-            for (const auto* list : {&info.activePorts, &info.waitingPorts, &info.inactivePorts}) {
-                const int n = static_cast<int>(std::count_if(
-                    list->begin(), list->end(), [&](const LxPortChannelEntry& e) { return e.port == p; }));
-                lists += n;
-                if (list == &info.activePorts && n > 0) {
-                    active = true;
-                }
-            }
-            if (lists != (registered[i] ? 1 : 0)) {
-                problem = "a port is in " + std::to_string(lists) + " lists";
-            } else if ((p->hasChannel() != 0) != active) {
-                problem = "a port's channel does not match the active list";
-            } else if (p->grants.load() - p->revokes.load() != (p->hasChannel() ? 1 : 0)) {
-                problem = "grants and revocations do not balance";
+        for (size_t i = 0; i < all.size(); ++i) {
+            const LxChannelInfo& info = manager->info(all[i]->getChannelType());
+            auto in = [&](const std::list<LxPortChannelEntry>& l) {
+                return std::count_if(l.begin(), l.end(),
+                                     [&](const LxPortChannelEntry& e) { return e.port == all[i].get(); });
+            };
+            const long active = in(info.activePorts);
+            if (active + in(info.waitingPorts) + in(info.inactivePorts) != registered[i] ||
+                (all[i]->hasChannel() != 0) != (active == 1)) {
+                return false;
             }
         }
-        // Every waiting port wants to play.
-        for (int t = 0; t < 2 && problem.empty(); ++t) {
-            for (const auto& w : manager->info(t).waitingPorts) {
-                if (!w.wantsChannel) {
-                    problem = "a port waits that does not want to play";
-                }
-            }
-        }
-        manager->unlockChannels();
-        if (!problem.empty()) {
-            std::lock_guard<std::mutex> guard(failMutex);
-            failures.push_back(std::string(step) + ": " + problem);
-        }
+        return true;
     };
-
     std::vector<std::thread> workers;
     for (int w = 0; w < kThreads; ++w) {
         workers.emplace_back([&, w] {
             std::mt19937 rng(100 + w);
             for (int s = 0; s < kSteps; ++s) {
-                const size_t i =
-                    static_cast<size_t>(w * kPortsPerThread + static_cast<int>(rng() % kPortsPerThread));
-                FakeAudioPort* p = all[i].get();
-                const LxTime now(s, w);
-                const char* step = "";
+                const size_t i = static_cast<size_t>(w * kPortsPerThread) + rng() % kPortsPerThread;
                 const unsigned op = rng() % 4;
+                manager->lockChannels();  // re-entrant: registration and its flag change as one step
                 if (op == 0 && !registered[i]) {
-                    // The flag changes with the registration, as one step for the checkers.
-                    manager->lockChannels();
-                    manager->requestPortChannel(p, LxTime::zero());
+                    manager->requestPortChannel(all[i].get(), LxTime::zero());
                     registered[i] = 1;
-                    manager->unlockChannels();
-                    step = "request";
                 } else if (op == 3 && registered[i]) {
-                    manager->lockChannels();
-                    manager->releasePortChannel(p);
+                    manager->releasePortChannel(all[i].get());
                     registered[i] = 0;
-                    manager->unlockChannels();
-                    step = "release";
-                } else if ((op == 1 || op == 2) && registered[i]) {
-                    manager->updatePortChannel(p, op == 1 ? now : LxTime::zero(), op == 1 ? 1 : 0);
-                    step = op == 1 ? "start" : "stop";
+                } else if (registered[i]) {
+                    manager->updatePortChannel(all[i].get(), op == 1 ? LxTime(s, w) : LxTime::zero(),
+                                               op == 1);
                 }
-                check(step);
+                failures += consistent() ? 0 : 1;
+                manager->unlockChannels();
             }
         });
     }
@@ -359,13 +341,9 @@ TEST_F(ArbitrationTest, RandomisedOperationsKeepTheBookkeepingConsistent) {
         if (registered[i]) {
             manager->releasePortChannel(all[i].get());
         }
+        EXPECT_EQ(all[i]->grants.load(), all[i]->revokes.load());
     }
-    for (auto& p : all) {
-        EXPECT_EQ(p->grants.load(), p->revokes.load());
-    }
-    EXPECT_EQ(0, manager->info(LxRawChannel).activeCount);
-    EXPECT_EQ(0, manager->info(LxMidiChannel).activeCount);
-    ASSERT_TRUE(failures.empty()) << failures.size() << " inconsistencies, first: " << failures.front();
+    EXPECT_EQ(0, failures.load());
 }
 
 }  // namespace
