@@ -8,17 +8,23 @@
 #include "LxAudioOutputPort.h"
 #include "LxConnectable.h"
 #include "LxDataSource.h"
+#include "LxPlatformMidi.h"
 #include "LxPlatformSound.h"
 
 #include "FrameWriter.h"
 
+#include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -104,9 +110,26 @@ void fail(const char* format, ...) {
 
 bool parseDouble(const char* text, double* out) {
     char* end = nullptr;
+    errno = 0;
     *out = std::strtod(text, &end);
-    return end != text && *end == '\0' && std::isfinite(*out);
+    return end != text && *end == '\0' && errno == 0 && std::isfinite(*out);
 }
+
+// The numeric options with the ranges the library can take: a value outside is refused at once
+// rather than wrapped or clamped somewhere inside (a channel count of 1e10 does not fit a short).
+struct NumericOption {
+    const char* shortName;
+    const char* name;
+    double low;
+    double high;
+    bool integer;
+};
+const NumericOption kNumericOptions[] = {
+    {"-c", "--channels", 1, 1024, true}, {"-t", "--time", 0, 86400, false},
+    {"", "--start", -1e6, 1e6, false},   {"", "--stop", -1e6, 1e6, false},
+    {"", "--rate", 0.01, 100, false},    {"", "--gain", 0, 1, false},
+    {"", "--priority", 0, 1, false},     {"", "--frame-rate", 0.1, 1000, false},
+};
 
 bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
     ClipOptions next;
@@ -119,8 +142,48 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
             }
             return argv[++i];
         };
-        double number = 0;
-        if (arg == "--version") {
+        const NumericOption* numeric = nullptr;
+        for (const NumericOption& o : kNumericOptions) {
+            if (arg == o.name || (o.shortName[0] != '\0' && arg == o.shortName)) {
+                numeric = &o;
+            }
+        }
+        if (numeric != nullptr) {
+            const char* v = value(numeric->name);
+            if (v == nullptr) {
+                return false;
+            }
+            double number = 0;
+            if (!parseDouble(v, &number)) {
+                fail("%s: not a number: %s", numeric->name, v);
+                return false;
+            }
+            if (number < numeric->low || number > numeric->high ||
+                (numeric->integer && number != std::floor(number))) {
+                fail("%s: %s is out of range (%s %g to %g)", numeric->name, v,
+                     numeric->integer ? "a whole number from" : "from", numeric->low, numeric->high);
+                return false;
+            }
+            const std::string name = numeric->name;
+            if (name == "--channels") {
+                options->channels = static_cast<int>(number);
+            } else if (name == "--time") {
+                options->runTime = number;
+            } else if (name == "--start") {
+                next.start = number;
+            } else if (name == "--stop") {
+                next.stop = number;
+                next.hasStop = true;
+            } else if (name == "--rate") {
+                next.rate = static_cast<float>(number);
+            } else if (name == "--gain") {
+                next.gain = static_cast<float>(number);
+            } else if (name == "--priority") {
+                next.priority = static_cast<float>(number);
+            } else {
+                options->frameRate = number;
+            }
+        } else if (arg == "--version") {
             *showVersion = true;
         } else if (arg == "-h" || arg == "--help") {
             std::fputs(kUsage, stdout);
@@ -133,42 +196,17 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
                 return false;
             }
             options->output = v;
-        } else if (arg == "-c" || arg == "--channels" || arg == "-t" || arg == "--time" || arg == "--start" ||
-                   arg == "--stop" || arg == "--rate" || arg == "--gain" || arg == "--priority" ||
-                   arg == "--frame-rate") {
-            const char* v = value(arg.c_str());
-            if (v == nullptr) {
-                return false;
-            }
-            if (!parseDouble(v, &number)) {
-                fail("%s: not a number: %s", arg.c_str(), v);
-                return false;
-            }
-            if (arg == "-c" || arg == "--channels") {
-                options->channels = static_cast<int>(number);
-            } else if (arg == "-t" || arg == "--time") {
-                options->runTime = number;
-            } else if (arg == "--start") {
-                next.start = number;
-            } else if (arg == "--stop") {
-                next.stop = number;
-                next.hasStop = true;
-            } else if (arg == "--rate") {
-                next.rate = static_cast<float>(number);
-            } else if (arg == "--gain") {
-                next.gain = static_cast<float>(number);
-            } else if (arg == "--priority") {
-                next.priority = static_cast<float>(number);
-            } else {
-                options->frameRate = number > 0 ? number : 10.0;
-            }
         } else if (arg == "--loop") {
             next.loop = true;
         } else if (arg == "--location") {
             const char* v = value("--location");
+            char extra = 0;
             if (v == nullptr ||
-                std::sscanf(v, "%f,%f,%f", &next.location[0], &next.location[1], &next.location[2]) != 3) {
-                fail("--location needs X,Y,Z");
+                std::sscanf(v, "%f,%f,%f%c", &next.location[0], &next.location[1], &next.location[2],
+                            &extra) != 3 ||
+                !std::all_of(next.location, next.location + 3,
+                             [](float x) { return std::isfinite(x) && std::fabs(x) <= 1e6f; })) {
+                fail("--location needs X,Y,Z (each within +-1e6)");
                 return false;
             }
             next.hasLocation = true;
@@ -194,12 +232,6 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
         }
     }
     return true;
-}
-
-const char* stateName(LxNode::LxNodeState s) {
-    static const char* const names[] = {"DEAD",        "UNINITIALIZED", "INITIALIZING", "STOPPED",
-                                        "PREFETCHING", "PREFETCHED",    "STARTED"};
-    return (s >= 0 && s <= 6) ? names[s] : "?";
 }
 
 // One clip on its way through the library: the player, its scene-node support, a Sound-node
@@ -250,6 +282,7 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
     }
 
     /// Played to an end that needs nothing more: its end of media or its stop time, or it failed.
+    /// What it sent out may still be playing (see isSounding()).
     bool finished() const {
         return errorCode.load() != 0 || stoppedAtTime.load() || (ended.load() && !options.loop);
     }
@@ -268,6 +301,12 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
     bool ready = false;
     LxVideoRenderer* video = nullptr;
     std::unique_ptr<FrameWriter> frames;
+    // Followed by the main thread only, in seconds of play time.
+    double endSeenAt = -1;  // when finished() was first seen
+    double lastMedia = -2;  // the media time at the last look
+    double progressAt = 0;  // when it last made progress
+    bool done = false;      // finished and heard, or given up on
+    bool givenUp = false;   // ended by this tool: it could make no progress
 
   private:
     void describe(LxEvent* event) {
@@ -328,7 +367,57 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
     bool verbose_;
 };
 
-bool configureOutput(const std::string& output) {
+// Ctrl-C and SIGTERM are blocked in every thread (the library's threads inherit the mask from
+// main) and taken synchronously by the main thread, which waits in sigtimedwait instead of a
+// plain sleep: a signal then ends the run through the normal take-down, and the WAV file is
+// finished, rather than killing the process in the middle of a write.
+sigset_t gStopSignals;
+int gStopSignal = 0;
+
+/// Waits up to ms milliseconds; true when a stop signal came (gStopSignal says which).
+bool pauseFor(long ms) {
+    if (gStopSignal != 0) {
+        return true;
+    }
+    struct timespec wait = {ms / 1000, (ms % 1000) * 1000000L};
+    const int sig = sigtimedwait(&gStopSignals, nullptr, &wait);
+    if (sig > 0) {
+        gStopSignal = sig;
+        return true;
+    }
+    return false;
+}
+
+/// Many clips at once need many descriptors (files, sound and graph threads' pipes).
+void raiseFileLimit() {
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+            limit.rlim_cur = 65536;  // an unlimited hard limit may exceed the kernel's ceiling
+            setrlimit(RLIMIT_NOFILE, &limit);
+        }
+    }
+}
+
+/// True when path names the same file as one of the clips (also through links), so that writing
+/// there would destroy an input.
+bool isAnInput(const std::string& path, const std::vector<ClipOptions>& clips) {
+    struct stat out;
+    if (path.empty() || stat(path.c_str(), &out) != 0) {
+        return false;
+    }
+    for (const ClipOptions& c : clips) {
+        struct stat in;
+        if (stat(c.file.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool configureOutput(const Options& options) {
+    const std::string& output = options.output;
     if (output == "null") {
         LxPlatformSound::useNullOutput();
         return true;
@@ -340,6 +429,10 @@ bool configureOutput(const std::string& output) {
     }
     if (output.rfind("wav:", 0) == 0 && output.size() > 4) {
         const std::string path = output.substr(4);
+        if (isAnInput(path, options.clips)) {
+            fail("the output file %s is one of the clips; refusing to overwrite it", path.c_str());
+            return false;
+        }
         FILE* probe = std::fopen(path.c_str(), "wb");  // the sink writes here once sound starts
         if (probe == nullptr) {
             fail("cannot write the output file %s: %s", path.c_str(), std::strerror(errno));
@@ -357,9 +450,9 @@ double now(LxManager* manager) {
     return manager->getMasterTimeBase()->getRefTime().getValue();
 }
 
-// Applies the clip's fields in one batch, as a browser's event cascade does.
-void applyFields(Clip& clip, LxManager* manager) {
-    const double t = now(manager);
+// Applies the clip's fields in one batch, as a browser's event cascade does; t is the scene's
+// now, the same for every clip so that their start and stop times keep their distances.
+void applyFields(Clip& clip, double t) {
     LxVrmlSupport& s = *clip.support;
     s.beginChangingFields(LxTime(t));
     s.setLoop(clip.options.loop ? 1 : 0);
@@ -373,13 +466,71 @@ void applyFields(Clip& clip, LxManager* manager) {
 
 std::string progressText(Clip& clip) {
     char line[160];
-    const LxNode::LxNodeState state = clip.player->getState();
     const double media = clip.player->getMediaTime().getValue();
     LxAudioOutputPort* port = clip.port.load();
     const char* channel = port == nullptr ? "no audio" : (port->hasChannel() ? "channel" : "waiting");
-    std::snprintf(line, sizeof line, "%s %s %.1f/%.1f s %s", clip.options.file.c_str(), stateName(state),
-                  media, clip.durationSeconds.load(), channel);
+    std::snprintf(line, sizeof line, "%s %.1f/%.1f s %s", clip.options.file.c_str(), media,
+                  clip.durationSeconds.load(), channel);
     return line;
+}
+
+void reportFailure(const Clip& clip, const char* what, long code) {
+    fail("%s: %s: %s (0x%lx)", clip.options.file.c_str(), what, LxResultDescription(code), code);
+}
+
+// A clip that makes no progress for this long is ended and counted as failed. Generous: under a
+// sanitizer on a loaded machine a filter graph may take seconds to preroll.
+constexpr double kStallSeconds = 10.0;
+
+/// One look at a playing clip: notes its end, whether what it sent out has been heard, and
+/// whether it is stuck. anotherHasChannel: some other clip's port holds a channel now.
+void followClip(Clip& c, double t, bool anotherHasChannel) {
+    const double media = c.player->getMediaTime().getValue();
+    if (media == -1.0 && c.errorCode.load() == 0) {
+        c.errorCode = LX_ERR_PLAYER_DEAD;  // the player died without an error event
+    }
+    LxAudioOutputPort* port = c.port.load();
+    const bool sounding = port != nullptr && port->isSounding() != 0;
+    if (c.finished()) {
+        if (c.endSeenAt < 0) {
+            c.endSeenAt = t;
+            if (c.errorCode.load() != 0) {
+                reportFailure(c, "failed while playing", c.errorCode.load());
+            }
+        }
+        // A resident clip reports its end as soon as it is loaded, a streaming one shortly before
+        // its last sample: the end is only reached when the port has played everything out.
+        const double bound = 5.0 + std::max(0.0, c.durationSeconds.load()) / c.options.rate;
+        if (!sounding) {
+            c.done = true;
+        } else if (t - c.endSeenAt > bound) {
+            fail("%s: still sounding %.1f s after its end; ended", c.options.file.c_str(), t - c.endSeenAt);
+            c.done = c.givenUp = true;
+        }
+        return;
+    }
+    // Waiting is progress while the start time is still to come or another clip holds the
+    // channel this one waits for; a port that waits while no other holds one waits for ever.
+    const bool waitsForChannel = port != nullptr && port->hasChannel() == 0 && sounding;
+    const bool due = t >= std::max(0.0, c.options.start) + 0.5;
+    const bool moving = media != c.lastMedia && !(waitsForChannel && !anotherHasChannel);
+    c.lastMedia = media;
+    const double duration = c.durationSeconds.load();
+    if (!c.options.loop && duration > 0 && media > duration + kStallSeconds) {
+        fail("%s: no end of media at media time %.3f s of %.3f s; ended", c.options.file.c_str(), media,
+             duration);
+        c.done = c.givenUp = true;
+    } else if (moving || !due || (waitsForChannel && anotherHasChannel)) {
+        c.progressAt = t;
+    } else if (t - c.progressAt > kStallSeconds) {
+        fail("%s: no progress for %.0f s (%s at media time %.3f s); ended", c.options.file.c_str(),
+             kStallSeconds,
+             waitsForChannel    ? "waiting for a channel"
+             : c.started.load() ? "started"
+                                : "not started",
+             media);
+        c.done = c.givenUp = true;
+    }
 }
 
 }  // namespace
@@ -396,6 +547,7 @@ int main(int argc, char** argv) {
         LxGetVersion(&major, &minor);
         std::printf("lorvex-play: Lorvex interface %ld.%ld, thread services 1.16 %s\n", major, minor,
                     KtCheckVersion(1, 16) ? "supported" : "not supported");
+        std::printf("lorvex-play: MIDI SoundFont %s\n", LxPlatformGetMidiSoundFont().c_str());
         return 0;
     }
     if (options.clips.empty()) {
@@ -404,18 +556,29 @@ int main(int argc, char** argv) {
     }
     for (const ClipOptions& c : options.clips) {
         struct stat st;
+        errno = 0;
         if (stat(c.file.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
             fail("cannot open %s: %s", c.file.c_str(), errno != 0 ? std::strerror(errno) : "not a file");
             return 1;
         }
     }
+    if (isAnInput(options.contactSheet, options.clips)) {
+        fail("the contact sheet %s is one of the clips; refusing to overwrite it",
+             options.contactSheet.c_str());
+        return 1;
+    }
     if (!options.framesDir.empty() && ::mkdir(options.framesDir.c_str(), 0755) != 0 && errno != EEXIST) {
         fail("cannot make the frames folder %s: %s", options.framesDir.c_str(), std::strerror(errno));
         return 1;
     }
-    if (!configureOutput(options.output)) {
+    if (!configureOutput(options)) {
         return 1;
     }
+    raiseFileLimit();
+    sigemptyset(&gStopSignals);
+    sigaddset(&gStopSignals, SIGINT);
+    sigaddset(&gStopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &gStopSignals, nullptr);
 
     KtDefaultThreadManager threads;
     LxManager* manager = LxManager::createManager(&threads);
@@ -456,36 +619,46 @@ int main(int argc, char** argv) {
         clip.support->addSoundNode(&clip);
     }
 
-    // Each player initialises on its own thread; a clip that neither initialises nor fails within
-    // 15 s counts as failed.
     const auto begin = std::chrono::steady_clock::now();
     auto elapsed = [&] {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     };
+    // Each player initialises on its own thread, possibly before its listener was attached, so
+    // its state is asked as well: the player answers once its initialisation is over. A clip
+    // that neither initialises nor fails within 15 s counts as failed.
     for (auto& c : clips) {
-        while (c->player != nullptr && !c->initialized.load() && c->errorCode.load() == 0 &&
-               elapsed() < 15.0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            if (!c->initialized.load() && c->player->getState() == LxNode::DEAD) {
-                // Failed before its events could be followed (the error event came first).
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (c->player == nullptr || gStopSignal != 0) {
+            continue;
+        }
+        const LxNode::LxNodeState state = c->player->getState();
+        if (state >= LxNode::STOPPED) {
+            c->initialized = true;
+        }
+        while (!c->initialized.load() && c->errorCode.load() == 0 && elapsed() < 15.0 && !pauseFor(10)) {
+            if (c->player->getMediaTime().getValue() == -1.0) {
+                // Dead: its error event, if it comes, names the cause.
+                const double deadline = elapsed() + 1.0;
+                while (c->errorCode.load() == 0 && elapsed() < deadline && !pauseFor(10)) {
+                }
                 if (c->errorCode.load() == 0) {
-                    c->errorCode = LX_ERR_UNSUPPORTED;
+                    c->errorCode = LX_ERR_PLAYER_DEAD;
                 }
             }
         }
-        if (c->player == nullptr || c->errorCode.load() != 0) {
+        if (c->errorCode.load() != 0) {
+            reportFailure(*c, "cannot play it", c->errorCode.load());
             continue;
         }
         if (!c->initialized.load()) {
-            fail("%s: the player did not initialise", c->options.file.c_str());
-            c->errorCode = LX_ERR_GENERIC;
+            if (gStopSignal == 0) {
+                fail("%s: the player did not initialise", c->options.file.c_str());
+                c->errorCode = LX_ERR_GENERIC;
+            }
             continue;
         }
         const long r = c->support->finishInitializingPlayer();
         if (r != LX_OK) {
-            fail("%s: cannot connect the player: %s (0x%lx)", c->options.file.c_str(), LxResultDescription(r),
-                 r);
+            reportFailure(*c, "cannot connect the player", r);
             c->errorCode = r;
             continue;
         }
@@ -494,11 +667,20 @@ int main(int argc, char** argv) {
         if (c->video != nullptr && !options.framesDir.empty()) {
             c->frames.reset(new FrameWriter(options.framesDir, static_cast<int>(&c - &clips[0])));
         }
-        applyFields(*c, manager);
     }
 
+    // Every clip's fields at one moment of the scene's clock.
+    const double sceneNow = now(manager);
+    for (auto& c : clips) {
+        if (c->ready) {
+            applyFields(*c, sceneNow);
+        }
+    }
+
+    bool anyReady = false;
     bool anyLoop = false;
     for (auto& c : clips) {
+        anyReady = anyReady || c->ready;
         anyLoop = anyLoop || (c->ready && c->options.loop);
     }
     double runTime = options.runTime;
@@ -506,24 +688,34 @@ int main(int argc, char** argv) {
         runTime = 10.0;
     }
     const bool tty = isatty(STDOUT_FILENO) != 0;
-    const auto playBegin = std::chrono::steady_clock::now();
-    auto playing = [&] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - playBegin).count();
-    };
+    const double playBegin = elapsed();
+    auto playing = [&] { return elapsed() - playBegin; };
     const double framePeriod = 1.0 / options.frameRate;
     double nextFrame = 0.0;
     double nextProgress = 0.0;
-    for (;;) {
-        bool allDone = true;
-        for (auto& c : clips) {
-            if (c->ready && !c->finished()) {
-                allDone = false;
-            }
-        }
-        if (allDone || (runTime >= 0 && playing() >= runTime) || playing() > 6 * 3600.0) {
+    while (anyReady && gStopSignal == 0) {
+        const double t = playing();
+        if (runTime >= 0 && t >= runTime) {
             break;
         }
-        if (playing() >= nextFrame) {
+        bool allDone = true;
+        for (auto& c : clips) {
+            if (!c->ready || c->done) {
+                continue;
+            }
+            bool anotherHasChannel = false;
+            for (auto& o : clips) {
+                LxAudioOutputPort* p = o->port.load();
+                anotherHasChannel =
+                    anotherHasChannel || (o != c && o->ready && p != nullptr && p->hasChannel());
+            }
+            followClip(*c, t, anotherHasChannel);
+            allDone = allDone && c->done;
+        }
+        if (allDone) {
+            break;
+        }
+        if (t >= nextFrame) {
             nextFrame += framePeriod;
             for (auto& c : clips) {
                 if (c->frames && c->ready) {
@@ -531,7 +723,7 @@ int main(int argc, char** argv) {
                 }
             }
         }
-        if (tty && playing() >= nextProgress) {
+        if (tty && t >= nextProgress) {
             nextProgress += 0.2;
             std::string line;
             for (auto& c : clips) {
@@ -541,37 +733,38 @@ int main(int argc, char** argv) {
             }
             printLine("\r%-100.100s", line.c_str());
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        pauseFor(5);
     }
-    if (tty) {
+    if (tty && anyReady) {
         printLine("\n");
     }
 
-    // Summary, then everything is taken down in the order a browser leaving the scene would.
+    // Summary of the clips that played (those that could not start said so already), then
+    // everything is taken down in the order a browser leaving the scene would.
     int failures = 0;
-    printLine("lorvex-play: %s\n", LxPlatformSound::describeOutput().c_str());
+    if (anyReady) {
+        printLine("lorvex-play: %s\n", LxPlatformSound::describeOutput().c_str());
+    }
     for (auto& c : clips) {
-        const long code = c->errorCode.load();
+        if (!c->ready) {
+            failures += gStopSignal == 0 ? 1 : 0;
+            continue;
+        }
         long dropped = -1;  // unknown without a video output
         LxOutputConnectable* videoOut = nullptr;
-        if (c->player != nullptr && c->player->getOutputConnectable("Video", &videoOut) == LX_OK) {
+        if (c->player->getOutputConnectable("Video", &videoOut) == LX_OK) {
             if (auto* v = dynamic_cast<LxVideoOutputConnectable*>(videoOut)) {
                 dropped = v->getDroppedFrames();
             }
         }
-        if (code != 0 || !c->ready) {
-            ++failures;
-            printLine("  %s: FAILED: %s (0x%lx)\n", c->options.file.c_str(),
-                      LxResultDescription(code != 0 ? code : LX_ERR_GENERIC),
-                      code != 0 ? code : LX_ERR_GENERIC);
-            continue;
-        }
         const double media = c->player->getMediaTime().getValue();
-        const char* how = c->ended.load()           ? "played to its end"
+        const char* how = c->errorCode.load() != 0  ? "FAILED"
+                          : c->givenUp              ? "ended without progress"
+                          : c->ended.load()         ? "played to its end"
                           : c->stoppedAtTime.load() ? "stopped at its stop time"
                           : c->started.load()       ? "playing when stopped"
                                                     : "never started";
-        if (!c->started.load() && !c->ended.load()) {
+        if (c->errorCode.load() != 0 || c->givenUp || (!c->started.load() && !c->ended.load())) {
             ++failures;
         }
         printLine("  %s: %s (duration %.3f s, media time %.3f s)", c->options.file.c_str(), how,
@@ -597,7 +790,13 @@ int main(int argc, char** argv) {
         }
     }
     manager->closeManager();
-    printLine("lorvex-play: %d clip%s, %d failed\n", static_cast<int>(clips.size()),
-              clips.size() == 1 ? "" : "s", failures);
+    if (gStopSignal != 0) {
+        fail("stopped by signal %d; the output is complete up to here", gStopSignal);
+        return 128 + gStopSignal;
+    }
+    if (anyReady) {
+        printLine("lorvex-play: %d clip%s, %d failed\n", static_cast<int>(clips.size()),
+                  clips.size() == 1 ? "" : "s", failures);
+    }
     return failures == 0 ? 0 : 1;
 }
