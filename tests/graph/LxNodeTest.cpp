@@ -206,29 +206,6 @@ TEST_F(NodeTest, LateListenerHearsTheKeptStateEventsOnce) {
     EXPECT_EQ((V{{9, 0xE3}, {2, 2}, {-100, 0x201}}), summary(last));
 }
 
-// Listeners attached from several threads while another posts: each hears the initialized event
-// exactly once, either kept or posted (never both, never neither).
-TEST_F(NodeTest, AttachingWhilePostingDeliversEachStateEventExactlyOnce) {
-    constexpr int kRounds = 200, kListeners = 4;
-    for (int round = 0; round < kRounds; ++round) {
-        TestNode node(manager.get());
-        RecordingListener listeners[kListeners];
-        std::vector<std::thread> hosts;
-        for (RecordingListener& l : listeners) {
-            hosts.emplace_back([&node, &l] { node.setEventListener(&l); });
-        }
-        node.postEvent(new LxInitializedEvent(&node, 0xE1));
-        for (std::thread& t : hosts) {
-            t.join();
-        }
-        node.postEvent(new LxActiveEvent(&node));  // the last, after every attachment
-        for (RecordingListener& l : listeners) {
-            ASSERT_TRUE(lxtest::waitUntil([&] { return l.count(LxActiveEventType) == 1; }));
-            ASSERT_EQ(1u, l.count(LxInitializedEventType)) << "round " << round;
-        }
-    }
-}
-
 /// Runs fn on the handler of the first event it is given.
 class CallingListener : public LxEventListener {
   public:

@@ -427,20 +427,6 @@ TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
     EXPECT_TRUE(lxtest::waitUntil([&] { return !player.threadIsRunning(); }));
 }
 
-TEST_F(PlayerTest, DestructionJoinsTheThreadAndFreesTheNodes) {
-    {
-        TestPlayer player(manager.get());
-        attach(player, new TracedRenderer(manager.get(), &destroyed));
-        ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-        ASSERT_EQ(LX_OK, player.startAtTime(LxTime()));  // started: destruction stops it first
-        float rate = 1.0f;
-        player.setRate(&rate);
-        player.setLoop(1);  // left in the queue, maybe
-    }
-    EXPECT_EQ(1, destroyed.load());
-    EXPECT_EQ(0, threads.liveThreads());
-}
-
 TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
     LxQueue* events = new LxQueue();
     threads.refuseThreads(1);

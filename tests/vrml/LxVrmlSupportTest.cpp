@@ -145,44 +145,35 @@ class VrmlTest : public ::testing::Test {
     std::unique_ptr<LxVrmlSupport> support;
 };
 
-TEST_F(VrmlTest, FutureStartBeginsAtTheLatency) {
-    ready();
-    EXPECT_EQ(manager->clock, player->timeBaseSet);
-    startAt(5005.0, false);
-    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.100", "start 5005.000"}), calls);
-}
-
-TEST_F(VrmlTest, PastStartJoinsLateWrappedByTheDurationWhenLooping) {
-    player->duration = LxTime(4, 0);
-    ready();
-    startAt(4990.0, true);
-    EXPECT_EQ((std::vector<std::string>{"loop on", "media 2.100", "start 4990.000"}), calls);
-    calls.clear();
-    startAt(4990.0, false);
-    EXPECT_EQ((std::vector<std::string>{"loop off", "stop", "media 10.100", "start 4990.000"}), calls)
-        << "a started player is stopped first; without loop the clip joins 10 s in";
-}
-
-TEST_F(VrmlTest, ShortClipsAlwaysStartAtZero) {
-    player->duration = LxTime(1, 500000);
-    ready();
-    startAt(4990.0, false);
-    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.000", "start 4990.000"}), calls);
-}
-
-TEST_F(VrmlTest, StartHoursInThePastDoesNotStartWithoutLoop) {
-    ready();
-    player->setPlaying(true);
-    startAt(5000.0 - 3 * 3600, false);
-    EXPECT_EQ((std::vector<std::string>{"loop off", "stop"}), calls);
-}
-
-TEST_F(VrmlTest, NegativeLatencyMovesTheStartTimeLater) {
-    ready();
-    manager->setStartUpLatency(LxTime(-0.2));
-    startAt(5003.0, false);
-    EXPECT_EQ((std::vector<std::string>{"loop off", "media 0.000", "start 5003.200"}), calls);
-    EXPECT_NEAR(5003.2, support->getStartTime().getValue(), 1e-6);
+// The start rules, with the browser and the master time base both at 5000 s.
+TEST_F(VrmlTest, StartRules) {
+    const struct {
+        double duration, start, latency;
+        bool loop, playing;
+        const char* calls;
+    } cases[] = {
+        {30, 5005, 0.1, false, false, "loop off, media 0.100, start 5005.000"},  // future: at the latency
+        {4, 4990, 0.1, true, false, "loop on, media 2.100, start 4990.000"},     // past: wrapped when looping
+        {4, 4990, 0.1, false, true,
+         "loop off, stop, media 10.100, start 4990.000"},                         // playing: stopped first
+        {1.5, 4990, 0.1, false, false, "loop off, media 0.000, start 4990.000"},  // short clips: from zero
+        {30, 5000 - 3 * 3600, 0.1, false, true, "loop off, stop"},  // hours past without loop: no start
+        {30, 5003, -0.2, false, false, "loop off, media 0.000, start 5003.200"},  // negative latency: later
+    };
+    for (const auto& c : cases) {
+        player->duration = LxTime(c.duration);
+        player->setPlaying(c.playing);
+        manager->setStartUpLatency(LxTime(c.latency));
+        ready();
+        EXPECT_EQ(manager->clock, player->timeBaseSet);
+        startAt(c.start, c.loop);
+        std::string made;
+        for (const std::string& call : calls) {
+            made += (made.empty() ? "" : ", ") + call;
+        }
+        EXPECT_EQ(c.calls, made);
+        EXPECT_NEAR(c.start - (c.latency < 0 ? c.latency : 0), support->getStartTime().getValue(), 1e-6);
+    }
 }
 
 TEST_F(VrmlTest, StopTimeRulesAndRestart) {

@@ -1,0 +1,177 @@
+// Listeners that call back into the manager and the scene support from their event threads
+// (verify, create and destroy players, set fields, destroy their own player) while host threads
+// destroy players. Nothing may hang, and nothing may stay registered.
+#include "EveryKindRig.h"
+#include "LxEvent.h"
+#include "LxTimeBase.h"
+#include "LxVrmlSupport.h"
+#include "graph/LxEventPoster.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kHosts = 3, kClipsPerHost = 20, kClips = kHosts * kClipsPerHost, kMaxPlain = 20;
+
+class Reentrant;
+
+/// The listener of one clip's player. Its handler runs on that player's event thread, one event
+/// at a time, so its random source needs no lock.
+class Listener : public LxEventListener {
+  public:
+    void handleEvent(LxEvent* event) override;
+    Reentrant* test = nullptr;
+    LxVrmlSupport* scene = nullptr;
+    std::mt19937 rng;
+};
+
+class Reentrant : public everykind::Rig {
+  public:
+    /// A player made by a listener, with no scene support: whoever takes it from the pool destroys it.
+    void makePlain(std::mt19937& rng) {
+        if (closing || plainMade.fetch_add(1) >= kMaxPlain) {
+            return;
+        }
+        LxPlayer* p = make(static_cast<everykind::Kind>(rng() % everykind::kKinds));
+        std::lock_guard<std::mutex> guard(poolLock);
+        pool.push_back(p);
+    }
+    void destroyPlain() {
+        LxPlayer* p = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(poolLock);
+            if (!pool.empty()) {
+                p = pool.back();
+                pool.pop_back();
+            }
+        }
+        if (p != nullptr) {
+            manager->destroyPlayer(p);
+        }
+    }
+    LxVrmlSupport* anyScene(std::mt19937& rng) { return scenes[rng() % kClips]; }
+
+    LxVrmlSupport* scenes[kClips] = {};
+    Listener listeners[kClips];
+    std::atomic<bool> closing{false};
+    std::atomic<int> plainMade{0};
+    std::atomic<int> calls{0}, destroyedOwn{0}, destroyedOther{0};
+    std::mutex poolLock;
+    std::vector<LxPlayer*> pool;
+};
+
+void Listener::handleEvent(LxEvent* event) {
+    LxManager* manager = test->manager;
+    ++test->calls;
+    if (event->getEventType() == LxInitializedEventType) {
+        // What a host's scene node does on this event: connect, take the fields and start.
+        scene->finishInitializingPlayer();
+        scene->beginChangingFields(manager->getMasterTimeBase()->getRefTime());
+        scene->setLoop(static_cast<char>(rng() % 2));
+        scene->setStartTime(manager->getMasterTimeBase()->getRefTime());
+        scene->doneChangingFields();
+    }
+    switch (rng() % 8) {
+        case 0:
+            manager->verifyPlayer(test->anyScene(rng)->getPlayer());
+            break;
+        case 1:
+            test->makePlain(rng);
+            break;
+        case 2:
+            test->destroyPlain();
+            break;
+        case 3: {
+            LxVrmlSupport* other = test->anyScene(rng);
+            other->setRate(rng() % 2 ? 1.0f : 2.0f);
+            other->setStopTime(LxTime::zero());
+            break;
+        }
+        case 4:
+            test->anyScene(rng)->stop();
+            break;
+        case 5:
+            if (rng() % 4 == 0 && test->anyScene(rng)->destroyPlayer() == LX_OK) {
+                ++test->destroyedOther;
+            }
+            break;
+        case 6:
+            if (rng() % 4 == 0 && scene->getPlayer() != nullptr) {
+                scene->destroyPlayer();  // its own: the handler returns to a poster that ends
+                ++test->destroyedOwn;
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {
+    const unsigned seed = std::random_device()();
+    const int posters = LxEventPoster::alive();
+    for (int i = 0; i < kClips; ++i) {
+        scenes[i] = new LxVrmlSupport(manager);
+        listeners[i].test = this;
+        listeners[i].scene = scenes[i];
+        listeners[i].rng.seed(seed + 100 + i);
+    }
+    // Fails the test, instead of hanging it, when any thread stays stuck.
+    std::mutex doneLock;
+    std::condition_variable doneChanged;
+    bool done = false;
+    std::thread watchdog([&] {
+        std::unique_lock<std::mutex> lock(doneLock);
+        orAbort(doneChanged.wait_for(lock, std::chrono::seconds(90), [&] { return done; }),
+                ("listeners and hosts, seed " + std::to_string(seed)).c_str());
+    });
+    std::vector<std::thread> hosts;
+    for (int h = 0; h < kHosts; ++h) {
+        hosts.emplace_back([&, h] {
+            std::mt19937 rng(seed + h);
+            for (int c = h * kClipsPerHost; c < (h + 1) * kClipsPerHost; ++c) {
+                LxPlayer* p = make(static_cast<everykind::Kind>(rng() % everykind::kKinds));
+                scenes[c]->setPlayer(p);
+                p->setEventListener(&listeners[c]);
+                // Pacing, not synchronisation: the scene plays a while before the next change.
+                std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 100));
+                if (rng() % 2 == 0) {
+                    anyScene(rng)->destroyPlayer();
+                }
+                destroyPlain();
+            }
+        });
+    }
+    for (std::thread& t : hosts) {
+        t.join();
+    }
+    closing = true;
+    for (LxVrmlSupport* s : scenes) {
+        s->destroyPlayer();
+    }
+    // Players destroyed on their own event threads leave posters that end by themselves.
+    EXPECT_TRUE(lxtest::waitUntil([&] { return LxEventPoster::alive() == posters; }, 30000));
+    for (int i = 0; i < kMaxPlain; ++i) {
+        destroyPlain();
+    }
+    {
+        std::lock_guard<std::mutex> lock(doneLock);
+        done = true;
+    }
+    doneChanged.notify_all();
+    watchdog.join();
+    std::printf(
+        "[ measured ] %d handler calls, %d own players destroyed from them, %d destroys of others asked, %d "
+        "made\n",
+        calls.load(), destroyedOwn.load(), destroyedOther.load(), plainMade.load());
+    EXPECT_EQ(0, manager->players()) << "seed " << seed;
+    for (LxVrmlSupport* s : scenes) {
+        delete s;
+    }
+}
+
+}  // namespace
