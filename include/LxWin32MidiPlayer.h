@@ -151,6 +151,9 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     void finishEndOfData();
     /// Tells the manager about a stop done under the signal, if one is pending.
     void tellManagerIfStopped();
+    /// Ends a pass whose stream the device refused (end of media, without looping) and gives the
+    /// channel back.
+    void endFailedPass();
     /// Closes the stream kept open for the release tails once the device is silent or the limit
     /// has passed.
     void endTailIfSilent();
@@ -214,6 +217,8 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     int64_t tailEndMs;
     /// The pass is ending by itself: the stop that ends it keeps the tail. Signal held.
     char endingPass;
+    /// Starting the stream failed; the player thread ends the pass.
+    std::atomic<bool> startFailed;
 
     LxWin32MidiPlayer(const LxWin32MidiPlayer&) = delete;
     LxWin32MidiPlayer& operator=(const LxWin32MidiPlayer&) = delete;

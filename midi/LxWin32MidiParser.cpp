@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 using namespace lxp;
@@ -17,21 +16,6 @@ constexpr uint32_t kMergeEnd = 0x1;
 constexpr uint32_t kMergeError = 0x2;
 constexpr uint32_t kMergePending = 0x4;
 constexpr uint32_t kRecordSize = sizeof(MIDIEVENT);
-
-// The merge state, one for the process: only one stream is parsed at a time. The mutex makes a
-// parser on one thread (parsing, or closing and dropping its pending event) safe beside another
-// parser being made or destroyed on another; owner tells whose pending event is held.
-struct MergeState {
-    std::mutex mutex;
-    uint32_t flags = 0;
-    LxMidiEvent pending{};
-    const LxWin32MidiParser* owner = nullptr;
-};
-
-MergeState& merge() {
-    static MergeState* m = new MergeState();  // used until the last parser is gone
-    return *m;
-}
 
 uint32_t be32(const uint8_t* p) {
     return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
@@ -90,6 +74,9 @@ int LxWin32MidiParser::openFile(const char* fileName) {
     numTracks_ = 0;
     ticksPerBuffer_ = 0;
     tempo_ = 0;
+    smpteTempo_ = 0;
+    smpteTempoDue_ = false;
+    mergeFlags_ = 0;
 
     file_ = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -119,42 +106,57 @@ int LxWin32MidiParser::openFile(const char* fileName) {
     format_ = be16(header);
     numTracks_ = be16(header + 2);
     division_ = be16(header + 4);
+    // Ticks per quarter note, or (high bit set) minus the frames per second in the high byte and
+    // ticks per frame in the low byte. A zero division, or an SMPTE rate the standard does not
+    // name, gives events no time at all: such a file cannot be played.
+    if (division_ & 0x8000) {
+        const int fps = -static_cast<int8_t>(division_ >> 8);
+        if ((division_ & 0xFF) == 0 || (fps != 24 && fps != 25 && fps != 29 && fps != 30)) {
+            LxLog::postDebug("LxWin32MidiParser:  Unusable SMPTE division 0x%04x\n",
+                             static_cast<int>(division_));
+            return failOpen();
+        }
+        // The stream counts fps x ticks-per-frame ticks in a "quarter note" of one second;
+        // 29.97 frames (drop frame) count 30 frames in 1.001 s.
+        smpteTempo_ = fps == 29 ? 1001001 : 1000000;
+    } else if (division_ == 0) {
+        LxLog::postDebug("LxWin32MidiParser:  Division is zero\n");
+        return failOpen();
+    }
+    // Every declared track must be there before anything is allocated for it: a short file
+    // cannot make the parser reserve memory for tracks it does not hold.
+    if (!checkChunks(8 + static_cast<uint64_t>(headerLength))) {
+        LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+        return failOpen();
+    }
     if (!seek(8 + static_cast<uint64_t>(headerLength))) {
         LxLog::postDebug("LxWin32MidiParser:  Failed to read the header\n");
         return failOpen();
     }
-
-    // Every track takes at least its 8-byte chunk header: a count the file cannot hold would
-    // fail at its first missing "MTrk" anyway, so it fails here, before the array is made.
-    if (static_cast<uint64_t>(numTracks_) * 8 >
-        (fileSize_ > 8 + headerLength ? fileSize_ - 8 - headerLength : 0)) {
-        LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
-        return failOpen();
-    }
     tracks_ = new (std::nothrow) LxMidiTrack[numTracks_ > 0 ? numTracks_ : 1]();
-    if (tracks_ == nullptr) {
+    heap_ = new (std::nothrow) uint32_t[numTracks_ > 0 ? numTracks_ : 1];
+    if (tracks_ == nullptr || heap_ == nullptr) {
         LxLog::postDebug("LxWin32MidiParser:  Failed to alloc memory for tracks\n");
         return failOpen();
     }
     uint64_t chunkOffset = 8 + static_cast<uint64_t>(headerLength);
     for (uint32_t i = 0; i < numTracks_; ++i) {
         LxMidiTrack* t = &tracks_[i];
-        t->buffer = static_cast<uint8_t*>(std::malloc(kTrackBufferSize));
+        if (!readExactly(file_, chunk, 8) || std::memcmp(chunk, "MTrk", 4) != 0) {
+            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
+            return failOpen();
+        }
+        t->length = be32(chunk + 4);
+        t->dataOffset = chunkOffset + 8;
+        // A short track gets a short buffer: many small tracks cost what they hold.
+        const uint64_t size = std::min<uint64_t>({t->length, kTrackBufferSize, fileSize_});
+        t->bufferSize = static_cast<uint32_t>(std::max<uint64_t>(size, 1));
+        t->buffer = static_cast<uint8_t*>(std::malloc(t->bufferSize));
         if (t->buffer == nullptr) {
             LxLog::postDebug("LxWin32MidiParser:  Failed to allocate memory for track\n");
             return failOpen();
         }
-        if (!readExactly(file_, chunk, 4) || std::memcmp(chunk, "MTrk", 4) != 0) {
-            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
-            return failOpen();
-        }
-        if (!readExactly(file_, chunk, 4)) {
-            LxLog::postDebug("LxWin32MidiParser:  Error reading MTrk\n");
-            return failOpen();
-        }
-        t->length = be32(chunk);
-        t->dataOffset = chunkOffset + 8;
-        const uint32_t first = std::min(t->length, kTrackBufferSize);
+        const uint32_t first = std::min(t->length, t->bufferSize);
         if (!readExactly(file_, t->buffer, first)) {
             LxLog::postDebug("LxWin32MidiParser:  Failed reading track from file\n");
             return failOpen();
@@ -174,6 +176,7 @@ int LxWin32MidiParser::openFile(const char* fileName) {
                 return failOpen();
             }
             t->nextEventDue = delta;
+            pushTrack(i);
         } else {
             t->flags |= kTrackEnded;
         }
@@ -186,18 +189,42 @@ int LxWin32MidiParser::openFile(const char* fileName) {
     return 1;
 }
 
-void LxWin32MidiParser::closeFile() {
-    {
-        MergeState& m = merge();
-        std::lock_guard<std::mutex> guard(m.mutex);
-        if (m.owner == this) {
-            if (m.flags & kMergePending) {
-                freePayload(&m.pending);
-                m.flags &= ~kMergePending;
-            }
-            m.owner = nullptr;
+bool LxWin32MidiParser::checkChunks(uint64_t offset) {
+    uint8_t chunk[8];
+    for (uint32_t i = 0; i < numTracks_; ++i) {
+        if (offset + 8 > fileSize_ || !seek(offset) || !readExactly(file_, chunk, 8) ||
+            std::memcmp(chunk, "MTrk", 4) != 0) {
+            return false;
         }
+        offset += 8 + static_cast<uint64_t>(be32(chunk + 4));
     }
+    return true;
+}
+
+bool LxWin32MidiParser::earlier(uint32_t a, uint32_t b) const {
+    const int64_t da = tracks_[a].nextEventDue;
+    const int64_t db = tracks_[b].nextEventDue;
+    return da < db || (da == db && a < b);
+}
+
+void LxWin32MidiParser::pushTrack(uint32_t track) {
+    heap_[heapSize_++] = track;
+    std::push_heap(heap_, heap_ + heapSize_, [this](uint32_t a, uint32_t b) { return earlier(b, a); });
+}
+
+uint32_t LxWin32MidiParser::popTrack() {
+    std::pop_heap(heap_, heap_ + heapSize_, [this](uint32_t a, uint32_t b) { return earlier(b, a); });
+    return heap_[--heapSize_];
+}
+
+void LxWin32MidiParser::closeFile() {
+    if (mergeFlags_ & kMergePending) {
+        freePayload(&pending_);
+        mergeFlags_ &= ~kMergePending;
+    }
+    delete[] heap_;
+    heap_ = nullptr;
+    heapSize_ = 0;
     if (file_ != INVALID_HANDLE_VALUE) {
         CloseHandle(file_);
         file_ = INVALID_HANDLE_VALUE;
@@ -221,7 +248,7 @@ bool LxWin32MidiParser::refillTrackBuffer(LxMidiTrack* track) {
         return false;
     }
     uint32_t got = 0;
-    if (!ReadFile(file_, track->buffer, std::min(track->unread, kTrackBufferSize), &got, nullptr) ||
+    if (!ReadFile(file_, track->buffer, std::min(track->unread, track->bufferSize), &got, nullptr) ||
         got == 0) {
         LxLog::postDebug("LxWin32MidiParser:  Read operation failed\n");
         return false;
@@ -368,7 +395,11 @@ bool LxWin32MidiParser::readEvent(LxMidiTrack* track, LxMidiEvent* event) {
         return false;  // 0xF1-0xFE are not events of a file
     }
     event->tick = track->nextEventDue;
-    if (!(track->flags & kTrackEnded)) {
+    if (!(track->flags & kTrackEnded) && bytesLeft(track) == 0) {
+        // The data ends after a whole event: many files in the wild leave out the end-of-track
+        // event, and their last event is as good as any.
+        track->flags |= kTrackEnded;
+    } else if (!(track->flags & kTrackEnded)) {
         uint32_t delta = 0;
         if (!readVarLen(track, &delta)) {
             track->flags |= kTrackEnded;
@@ -412,7 +443,15 @@ LxWin32MidiParser::AddResult LxWin32MidiParser::addEvent(LxMidiEvent* event, LxM
         return static_cast<uint32_t>(std::min(t, static_cast<double>(0xFFFFFF)));  // the record holds 24 bits
     };
 
-    if (player_->takeTempoChanged()) {
+    if (smpteTempoDue_) {
+        // The fixed pace of an SMPTE division goes first, with the record of the first event.
+        if (room() < 2 * kRecordSize) {
+            return BUFFER_FULL;
+        }
+        player_->takeTempoChanged();
+        smpteTempoDue_ = false;
+        write(0, (MEVT_TEMPO << 24) | scaled(tempo_));
+    } else if (player_->takeTempoChanged()) {
         if (room() < kRecordSize) {
             LxLog::postDebug("LxWin32MidiParser:  buf ful #2\n");
             return BUFFER_FULL;
@@ -446,8 +485,8 @@ LxWin32MidiParser::AddResult LxWin32MidiParser::addEvent(LxMidiEvent* event, LxM
     }
     if (event->status == 0xFF) {
         // A tempo event shorter than its three bytes carries no tempo: it is passed over as
-        // other meta events are.
-        if (event->data1 == 0x51 && event->length >= 3) {
+        // other meta events are. Under an SMPTE division time does not follow the tempo.
+        if (event->data1 == 0x51 && event->length >= 3 && smpteTempo_ == 0) {
             if (roomNow() < kRecordSize) {
                 LxLog::postDebug("LxWin32MidiParser:  buf ful #4\n");
                 return BUFFER_FULL;
@@ -470,63 +509,66 @@ LxWin32MidiParser::AddResult LxWin32MidiParser::addEvent(LxMidiEvent* event, LxM
     return ADDED;
 }
 
+uint32_t LxWin32MidiParser::getStreamDivision() const {
+    if (smpteTempo_ == 0) {
+        return division_;
+    }
+    const int fps = -static_cast<int8_t>(division_ >> 8);
+    return static_cast<uint32_t>(fps == 29 ? 30 : fps) * (division_ & 0xFF);
+}
+
 int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) {
-    MergeState& m = merge();
-    std::lock_guard<std::mutex> guard(m.mutex);
     buffer->bytesUsed = 0;
     if (restart) {
-        if ((m.flags & kMergePending) && m.owner != nullptr) {
-            // Another parser's (or our own) leftover: it belongs to a pass that is over.
-            const_cast<LxWin32MidiParser*>(m.owner)->freePayload(&m.pending);
+        if (mergeFlags_ & kMergePending) {
+            freePayload(&pending_);  // left over from a pass that is over
         }
-        m.flags = 0;
-        m.pending = LxMidiEvent{};
-        m.owner = this;
-    } else {
-        if (m.owner != this) {
-            // The merge state belongs to another parser's pass: this one has not restarted.
-            return PARSE_FAILED_BEFORE;
+        mergeFlags_ = 0;
+        pending_ = LxMidiEvent{};
+        if (smpteTempo_ != 0) {
+            tempo_ = smpteTempo_;
+            ticksPerBuffer_ =
+                static_cast<uint32_t>(static_cast<uint64_t>(getStreamDivision()) * 60000u / tempo_);
+            smpteTempoDue_ = true;
         }
-        if (m.flags & kMergeEnd) {
-            return PARSE_END_REACHED;
-        }
+    } else if (mergeFlags_ & kMergeEnd) {
+        return PARSE_END_REACHED;
     }
-    if (m.flags & kMergeError) {
+    if (mergeFlags_ & kMergeError) {
         return PARSE_FAILED_BEFORE;
     }
     if (tracks_ == nullptr) {
-        m.flags |= kMergeError;
+        mergeFlags_ |= kMergeError;
         return PARSE_FAILED_BEFORE;
     }
 
-    if (m.flags & kMergePending) {
-        m.flags &= ~kMergePending;
-        if (!isEndOfTrack(m.pending)) {
-            const AddResult r = addEvent(&m.pending, buffer);
+    if (mergeFlags_ & kMergePending) {
+        mergeFlags_ &= ~kMergePending;
+        if (!isEndOfTrack(pending_)) {
+            const AddResult r = addEvent(&pending_, buffer);
             if (r == BUFFER_FULL) {
-                m.flags |= kMergePending;
+                mergeFlags_ |= kMergePending;
                 return PARSE_OK;
             }
         } else {
-            freePayload(&m.pending);
+            freePayload(&pending_);
         }
     }
     for (;;) {
-        LxMidiTrack* next = nullptr;
-        for (uint32_t i = 0; i < numTracks_; ++i) {
-            LxMidiTrack* t = &tracks_[i];
-            if (!(t->flags & kTrackEnded) && (next == nullptr || t->nextEventDue < next->nextEventDue)) {
-                next = t;
-            }
-        }
-        if (next == nullptr) {
-            m.flags |= kMergeEnd;
+        if (heapSize_ == 0) {
+            mergeFlags_ |= kMergeEnd;
             return PARSE_OK;
         }
+        const uint32_t index = popTrack();
+        LxMidiTrack* next = &tracks_[index];
         LxMidiEvent event;
-        if (!readEvent(next, &event)) {
+        const bool read = readEvent(next, &event);
+        if (!(next->flags & kTrackEnded)) {
+            pushTrack(index);
+        }
+        if (!read) {
             LxLog::postDebug("LxWin32MidiParser:  MIDI file is corrupt!\n");
-            m.flags |= kMergeError;
+            mergeFlags_ |= kMergeError;
             return PARSE_CORRUPT;
         }
         if (isEndOfTrack(event)) {
@@ -536,8 +578,8 @@ int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) 
         const AddResult r = addEvent(&event, buffer);
         if (r == BUFFER_FULL) {
             LxLog::postDebug("LxWin32MidiParser:  Buffer full adding event to stream\n");
-            m.pending = event;
-            m.flags |= kMergePending;
+            pending_ = event;
+            mergeFlags_ |= kMergePending;
             return PARSE_OK;
         }
     }

@@ -7,7 +7,6 @@
 #include "platform/file/LxpFile.h"
 #include "platform/midi/LxpMidi.h"
 
-#include <atomic>
 #include <cstdint>
 
 /// What the stream parser reads from and writes to its player. The MIDI player implements it;
@@ -52,7 +51,8 @@ struct LxMidiTrack {
     uint32_t flags;         ///< bit 0: the track has ended
     uint32_t length;        ///< the chunk's declared length
     uint32_t bufferLeft;    ///< bytes not yet taken from buffer
-    uint8_t* buffer;        ///< kTrackBufferSize bytes
+    uint8_t* buffer;        ///< bufferSize bytes
+    uint32_t bufferSize;    ///< the track's length, at most kTrackBufferSize
     uint32_t readPos;       ///< next byte in buffer
     uint64_t dataOffset;    ///< file offset of the track's data
     uint64_t refillOffset;  ///< file offset of the next refill
@@ -61,9 +61,8 @@ struct LxMidiTrack {
     uint8_t runningStatus;  ///< 0 when none
 };
 
-/// The stream parser. The merge state (end, error, pending event) is shared by every parser of
-/// the process, as only one stream is parsed at a time (the player holding the single MIDI
-/// channel); parsers may still be made, used in turn and destroyed on any threads.
+/// The stream parser. Each parser has its own merge state (end, error, pending event), so streams
+/// of several players may be parsed at the same time; one parser is used by one thread at a time.
 class LxWin32MidiParser {
   public:
     static constexpr uint32_t kTrackBufferSize = 1024;
@@ -92,7 +91,11 @@ class LxWin32MidiParser {
     /// parser.
     void closeFile();
 
+    /// The header's division as written (an SMPTE division has its high bit set).
     uint32_t getDivision() const { return division_; }
+    /// The division to give the stream: ticks per quarter note, or for an SMPTE division the
+    /// ticks per second (per 1.001 s at 29.97 frames), paced by a fixed tempo the parser writes.
+    uint32_t getStreamDivision() const;
     uint32_t getFormat() const { return format_; }
     uint32_t getTrackCount() const { return numTracks_; }
     /// Meta and system-exclusive payloads currently allocated (0 after closeFile).
@@ -115,6 +118,10 @@ class LxWin32MidiParser {
     void freePayload(LxMidiEvent* event);
     bool seek(uint64_t offset);
     int failOpen();
+    bool checkChunks(uint64_t offset);
+    bool earlier(uint32_t a, uint32_t b) const;
+    void pushTrack(uint32_t track);
+    uint32_t popTrack();
 
     LxMidiParserOwner* const player_;
     lxp::HANDLE file_;
@@ -126,8 +133,17 @@ class LxWin32MidiParser {
     int64_t currentTick_ = 0;
     uint32_t ticksPerBuffer_ = 0;
     uint32_t tempo_ = 0;
-    // Changed by the parser that drops another parser's leftover pending event at its restart too.
-    std::atomic<long> eventDataBlocks_{0};
+    /// Microseconds per quarter note that pace an SMPTE division; 0 for ticks per quarter note.
+    uint32_t smpteTempo_ = 0;
+    /// The SMPTE pace is still to be written at the start of the pass.
+    bool smpteTempoDue_ = false;
+    long eventDataBlocks_ = 0;
+    // The merge: tracks that have not ended, in a heap by their next event's tick (then by track
+    // number), so that taking the next event costs log(tracks), not tracks.
+    uint32_t* heap_ = nullptr;
+    uint32_t heapSize_ = 0;
+    uint32_t mergeFlags_ = 0;
+    LxMidiEvent pending_{};
 };
 
 #endif

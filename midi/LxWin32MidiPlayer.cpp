@@ -86,7 +86,8 @@ LxWin32MidiPlayer::LxWin32MidiPlayer(LxManager* m, LxDataSource* source)
       playing(false),
       tailing(false),
       tailEndMs(0),
-      endingPass(0) {
+      endingPass(0),
+      startFailed(false) {
     channelType = LxMidiChannel;
     channelHeld = 0;
     for (auto& v : channelVolumes) {
@@ -100,10 +101,26 @@ LxWin32MidiPlayer::LxWin32MidiPlayer(LxManager* m, LxDataSource* source)
 LxWin32MidiPlayer::~LxWin32MidiPlayer() {
     LxLog::postDebug("LxWin32MidiPlayer:  LxWin32MidiPlayer:  destructor\n");
     waitAndShutdown();
-    // Normally the thread's shutdown() has released all of it already.
-    lock();
-    stopStreamLocked();
-    unlock();
+    // Normally the thread's shutdown() has released all of it already. A device that refused to
+    // stop still holds buffers: they are freed only once they are back, as they come back by
+    // playing out.
+    for (int tries = 0; stream.load() != nullptr; ++tries) {
+        lock();
+        stopStreamLocked();
+        unlock();
+        if (stream.load() == nullptr) {
+            break;
+        }
+        if (tries == 100) {
+            LxLog::postDebug("LxWin32MidiPlayer:  the device keeps its buffers; leaving them to it\n");
+            return;
+        }
+        stopWait.lock();
+        if (buffersDone.load() < 2) {
+            stopWait.wait(100);
+        }
+        stopWait.unlock();
+    }
     delete parser;
     parser = nullptr;
     if (streamBuffers != nullptr) {
@@ -399,7 +416,7 @@ long LxWin32MidiPlayer::initPlayer() {
         }
     }
     if (ok) {
-        lxp::MIDIPROPTIMEDIV division{sizeof(lxp::MIDIPROPTIMEDIV), parser->getDivision()};
+        lxp::MIDIPROPTIMEDIV division{sizeof(lxp::MIDIPROPTIMEDIV), parser->getStreamDivision()};
         if (lxp::midiStreamProperty(stream.load(), reinterpret_cast<uint8_t*>(&division),
                                     lxp::MIDIPROP_SET | lxp::MIDIPROP_TIMEDIV) != MMSYSERR_NOERROR) {
             LxLog::postDebug("LxWin32MidiPlayer:  Failed to set the time division\n");
@@ -471,7 +488,43 @@ void LxWin32MidiPlayer::startStreamLocked() {
     if (stream.load() != nullptr) {
         stopStreamLocked();
     }
-    startMidi();
+    if (startMidi() != 1) {
+        // The device refused the stream or the clip's first buffers: this pass cannot make
+        // progress. The player thread ends it (the manager may be calling from elsewhere now).
+        startFailed.store(true);
+        if (LxEvent* wake = new (std::nothrow) LxEvent(this)) {
+            nodeEventQueue->send(wake);
+        }
+    }
+}
+
+void LxWin32MidiPlayer::endFailedPass() {
+    if (!startFailed.load()) {
+        return;
+    }
+    lock();
+    const bool wasActive = startFailed.exchange(false) && active;
+    if (wasActive) {
+        active = 0;
+        stopStreamLocked();
+    }
+    unlock();
+    if (!wasActive) {
+        return;
+    }
+    LxLog::postDebug("LxWin32MidiPlayer:  the MIDI device refused the clip; ending it\n");
+    if (manager != nullptr) {
+        manager->updatePortChannel(this, LxTime::zero(), 0);
+    }
+    lock();
+    if (getCurrentState() == STARTED) {
+        // An end without the loop: starting again would fail the same way.
+        ownEndReached = 1;
+        clock->stop();
+        stopAll();
+        postEvent(new (std::nothrow) LxEndOfMediaEvent(this));
+    }
+    unlock();
 }
 
 long LxWin32MidiPlayer::stopMidi(char tellManager) {
@@ -502,13 +555,20 @@ long LxWin32MidiPlayer::stopStreamLocked() {
             }
         }
         stopWait.unlock();
-        // Stopped and reset even when no buffer is out: both end every sounding note.
-        if (lxp::midiStreamStop(s) != MMSYSERR_NOERROR) {
+        // Stopped and reset even when no buffer is out: both end every sounding note, and either
+        // hands every buffer back.
+        const bool stopped = lxp::midiStreamStop(s) == MMSYSERR_NOERROR;
+        if (!stopped) {
             LxLog::postDebug("LxWin32MidiPlayer:  Failed to stop MIDI stream\n");
-            return LX_ERR_GENERIC;
         }
-        if (lxp::midiOutReset(s) != MMSYSERR_NOERROR) {
+        const bool reset = lxp::midiOutReset(s) == MMSYSERR_NOERROR;
+        if (!reset) {
             LxLog::postDebug("LxWin32MidiPlayer:  Failed to reset MIDI stream\n");
+        }
+        if (!stopped && !reset && buffersDone.load() < 2) {
+            // The device keeps buffers: they stay allocated and registered, the stream open, until
+            // they come back by playing out (the callback does not queue them again while
+            // stopping) and a later stop closes it.
             return LX_ERR_GENERIC;
         }
         if (mustWait) {
@@ -589,6 +649,8 @@ void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintp
         b.bytesUsed = 0;
         b.overLimit = 0;
         const int parsed = parser->parseNewBuffer(false, &b);
+        // A buffer that cannot be parsed or sent ends the clip where it is, as the end of its
+        // data would: once the other buffer is back the pass ends instead of running dry.
         if (parsed == 0) {
             b.header.dwBytesRecorded = b.bytesUsed;
             if (lxp::midiStreamOut(static_cast<HMIDISTRM>(handle), &b.header, sizeof(MIDIHDR)) ==
@@ -597,13 +659,13 @@ void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintp
                 buffersDone.fetch_sub(1);
             } else {
                 LxLog::postDebug("LxWin32MidiPlayer:  Failed to send out MIDI stream buffer\n");
-                parser->closeFile();
+                streamState.store(STREAM_DATA_END);
             }
         } else if (parsed == kParseEndReached) {
             streamState.store(STREAM_DATA_END);
         } else {
             LxLog::postDebug("LxWin32MidiPlayer:  parseNewBuffer() failed from MIDI callback\n");
-            parser->closeFile();
+            streamState.store(STREAM_DATA_END);
         }
     }
     if (buffersDone.load() == 2) {
@@ -839,6 +901,7 @@ void LxWin32MidiPlayer::run() {
         }
         tellManagerIfStopped();
         finishEndOfData();
+        endFailedPass();
         endTailIfSilent();
 
         LxNodeState s = getCurrentState();

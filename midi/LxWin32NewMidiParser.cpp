@@ -360,6 +360,12 @@ int64_t LxWin32NewMidiParser::tickToTime(int64_t tick, uint32_t division, const 
             break;
         }
     }
+    if (division & 0x8000) {
+        // SMPTE: a fixed number of ticks per second, whatever the tempo map says.
+        const int fps = -static_cast<int8_t>(division >> 8);
+        const double perSecond = (fps == 29 ? 29.97 : fps) * static_cast<double>(division & 0xFF);
+        return perSecond > 0.0 && tick > 0 ? addNanos(0, static_cast<double>(tick) * 1e9 / perSecond) : 0;
+    }
     if (entry == nullptr || division == 0) {
         return 0;
     }
