@@ -695,7 +695,7 @@ long LxWin32MidiPlayer::readFileModel(const char* fileName) {
     }
     // A file the model cannot read leaves the duration unknown and the channel volumes as they
     // are; the stream parser then decides whether the clip can be played.
-    if (fileName != nullptr && model->loadFile(fileName) == LX_OK) {
+    if (fileName != nullptr && model->loadFile(fileName, false) == LX_OK) {
         LxLog::postDebug("LxWin32MidiPlayer:  loaded the file.  We have %d tracks\n",
                          static_cast<int>(model->getTrackCount()));
         int64_t lastTick = 0;

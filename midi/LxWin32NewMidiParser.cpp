@@ -45,6 +45,8 @@ void LxWin32NewMidiParser::freeAll() {
         }
     }
     tracks_.clear();
+    lastTicks_.clear();
+    declaredTracks_ = 0;
     tempoMap_.clear();
 }
 
@@ -125,7 +127,7 @@ bool LxWin32NewMidiParser::append(LxMidiEventList* list, LxMidiFileEvent* e) {
     return true;
 }
 
-KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list) {
+KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list, int64_t* lastTick) {
     // Find the chunk: the next "M" followed by "Trk". The end of the file ends the search and
     // leaves the track empty.
     for (;;) {
@@ -180,28 +182,34 @@ KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list) {
                     return LX_OK;
                 }
             }
-            LxMidiFileEvent* e = new (std::nothrow) LxMidiFileEvent();
-            if (e == nullptr) {
-                return LX_ERR_OUT_OF_MEMORY;
-            }
-            e->tick = tick;
-            e->kind = LxMidiFileEvent::CHANNEL;
-            std::memcpy(e->message, msg, 3);
-            e->messageLength = static_cast<uint8_t>(length);
             channelsUsed_[msg[0] & 0x0F] = 1;
-            append(list, e);
+            *lastTick = std::max(*lastTick, tick);
+            if (keepEvents_) {
+                LxMidiFileEvent* e = new (std::nothrow) LxMidiFileEvent();
+                if (e == nullptr) {
+                    return LX_ERR_OUT_OF_MEMORY;
+                }
+                e->tick = tick;
+                e->kind = LxMidiFileEvent::CHANNEL;
+                std::memcpy(e->message, msg, 3);
+                e->messageLength = static_cast<uint8_t>(length);
+                append(list, e);
+            }
         } else if (status == 0xF0 || status == 0xF7) {
             uint64_t n = 0;
             if (!readVarLen(&n) || !skip(n)) {
                 return LX_OK;
             }
-            LxMidiFileEvent* e = new (std::nothrow) LxMidiFileEvent();
-            if (e == nullptr) {
-                return LX_ERR_OUT_OF_MEMORY;
+            *lastTick = std::max(*lastTick, tick);
+            if (keepEvents_) {
+                LxMidiFileEvent* e = new (std::nothrow) LxMidiFileEvent();
+                if (e == nullptr) {
+                    return LX_ERR_OUT_OF_MEMORY;
+                }
+                e->tick = tick;
+                e->kind = LxMidiFileEvent::SYSEX;
+                append(list, e);
             }
-            e->tick = tick;
-            e->kind = LxMidiFileEvent::SYSEX;
-            append(list, e);
         } else if (status == 0xFF) {
             uint8_t type = 0;
             uint64_t n = 0;
@@ -212,8 +220,10 @@ KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list) {
             if (n > fileLeft_ + (fill_ - readPos_)) {
                 return LX_OK;
             }
+            // Only a tempo's payload is needed when the events are not kept.
+            const bool keep = keepEvents_ || type == 0x51;
             uint8_t* data = nullptr;
-            if (n > 0) {
+            if (n > 0 && keep) {
                 data = static_cast<uint8_t*>(std::malloc(n));
                 if (data == nullptr) {
                     return LX_ERR_OUT_OF_MEMORY;
@@ -224,6 +234,23 @@ KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list) {
                         return LX_OK;
                     }
                 }
+            } else if (!skip(n)) {
+                return LX_OK;
+            }
+            *lastTick = std::max(*lastTick, tick);
+            if (type == 0x51 && n >= 3) {
+                currentTempo_ =
+                    (static_cast<uint32_t>(data[0]) << 16) | (static_cast<uint32_t>(data[1]) << 8) | data[2];
+                try {
+                    tempoMap_.push_back({currentTempo_, tick, 0});
+                } catch (const std::bad_alloc&) {
+                    std::free(data);
+                    return LX_ERR_OUT_OF_MEMORY;
+                }
+            }
+            if (!keepEvents_) {
+                std::free(data);
+                continue;
             }
             LxMidiFileEvent* e = new (std::nothrow) LxMidiFileEvent();
             if (e == nullptr) {
@@ -236,23 +263,15 @@ KtResult LxWin32NewMidiParser::readTrack(LxMidiEventList* list) {
             e->metaLength = static_cast<int64_t>(n);
             e->metaData = data;
             append(list, e);
-            if (type == 0x51 && n >= 3) {
-                currentTempo_ =
-                    (static_cast<uint32_t>(data[0]) << 16) | (static_cast<uint32_t>(data[1]) << 8) | data[2];
-                try {
-                    tempoMap_.push_back({currentTempo_, tick, 0});
-                } catch (const std::bad_alloc&) {
-                    return LX_ERR_OUT_OF_MEMORY;
-                }
-            }
         }
         // Other status bytes (0xF1-0xFE) are passed over.
     }
     return LX_OK;
 }
 
-KtResult LxWin32NewMidiParser::loadFile(const char* fileName) {
+KtResult LxWin32NewMidiParser::loadFile(const char* fileName, bool keepEvents) {
     freeAll();
+    keepEvents_ = keepEvents;
     file_ = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file_ == INVALID_HANDLE_VALUE) {
@@ -297,14 +316,18 @@ KtResult LxWin32NewMidiParser::loadFile(const char* fileName) {
         freeAll();
         return LX_ERR_GENERIC;
     }
-    try {
-        tracks_.assign(numTracks, LxMidiEventList{nullptr, nullptr, nullptr, 0});
-    } catch (const std::bad_alloc&) {
-        freeAll();
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    for (tracksRead_ = 0; tracksRead_ < static_cast<long>(numTracks); ++tracksRead_) {
-        const KtResult r = readTrack(&tracks_[tracksRead_]);
+    declaredTracks_ = static_cast<long>(numTracks);
+    // Lists only for the tracks the file holds: a header may declare far more than there are.
+    for (tracksRead_ = 0; tracksRead_ < declaredTracks_ && (fileLeft_ > 0 || readPos_ < fill_);
+         ++tracksRead_) {
+        try {
+            tracks_.push_back(LxMidiEventList{nullptr, nullptr, nullptr, 0});
+            lastTicks_.push_back(-1);
+        } catch (const std::bad_alloc&) {
+            freeAll();
+            return LX_ERR_OUT_OF_MEMORY;
+        }
+        const KtResult r = readTrack(&tracks_.back(), &lastTicks_.back());
         if (r != LX_OK) {
             freeAll();
             return r;
@@ -341,12 +364,15 @@ KtResult LxWin32NewMidiParser::loadFile(const char* fileName) {
 }
 
 const LxMidiEventList* LxWin32NewMidiParser::getTrackEvents(long i) const {
-    return i >= 0 && i < static_cast<long>(tracks_.size()) ? &tracks_[i] : nullptr;
+    static const LxMidiEventList kEmpty{nullptr, nullptr, nullptr, 0};
+    if (i < 0 || i >= declaredTracks_) {
+        return nullptr;
+    }
+    return i < static_cast<long>(tracks_.size()) ? &tracks_[i] : &kEmpty;
 }
 
 int64_t LxWin32NewMidiParser::getLastTick(long i) const {
-    const LxMidiEventList* list = getTrackEvents(i);
-    return list != nullptr && list->last != nullptr ? list->last->tick : -1;
+    return i >= 0 && i < static_cast<long>(lastTicks_.size()) ? lastTicks_[i] : -1;
 }
 
 int64_t LxWin32NewMidiParser::tickToTime(int64_t tick, uint32_t division, const LxMidiTempoMap& tempoMap) {

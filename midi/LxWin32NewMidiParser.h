@@ -53,12 +53,15 @@ class LxWin32NewMidiParser {
     ~LxWin32NewMidiParser();
 
     /// Reads the file: 1; 0x201 when it cannot be opened or holds no track; 0x203 when memory
-    /// runs out. Called once, on the player's thread.
-    KtResult loadFile(const char* fileName);
+    /// runs out. Called once, on the player's thread. Without keepEvents no event is kept: the
+    /// tracks' last ticks, the channels and the tempo map are all there is, and the memory used
+    /// stays a small part of the file's size (what the player needs to learn a clip's length).
+    KtResult loadFile(const char* fileName, bool keepEvents = true);
 
     /// Tracks the header declares (missing ones have empty lists).
-    long getTrackCount() const { return static_cast<long>(tracks_.size()); }
-    /// The event list of track i; null past the end.
+    long getTrackCount() const { return declaredTracks_; }
+    /// The event list of track i (empty without keepEvents and for tracks the file lacks); null
+    /// past the end.
     const LxMidiEventList* getTrackEvents(long i) const;
     /// The tick of the last event of track i; -1 for an empty (or missing) track.
     int64_t getLastTick(long i) const;
@@ -77,7 +80,7 @@ class LxWin32NewMidiParser {
     bool readBytes(int n, uint32_t* value);
     bool readVarLen(uint64_t* value);
     bool skip(uint64_t n);
-    KtResult readTrack(LxMidiEventList* list);
+    KtResult readTrack(LxMidiEventList* list, int64_t* lastTick);
     bool append(LxMidiEventList* list, LxMidiFileEvent* event);
     void freeAll();
 
@@ -88,7 +91,10 @@ class LxWin32NewMidiParser {
     uint64_t fileLeft_ = 0;  // bytes of the file not yet in the read buffer
     int64_t chunkLeft_ = 0;
     long tracksRead_ = 0;
-    std::vector<LxMidiEventList> tracks_;
+    long declaredTracks_ = 0;
+    bool keepEvents_ = true;
+    std::vector<LxMidiEventList> tracks_;  ///< the tracks read, with events when kept
+    std::vector<int64_t> lastTicks_;       ///< of the tracks read
     uint32_t format_ = 0;
     uint32_t division_ = 0;
     LxMidiTempoMap tempoMap_;

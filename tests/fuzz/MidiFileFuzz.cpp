@@ -1,5 +1,6 @@
 // Fuzz entry for the Standard MIDI File readers: the stream parser (a whole pass, with roomy and
-// with tiny stream buffers so that events are carried over) and the file model with its tempo map.
+// with tiny stream buffers so that events are carried over) and the file model with its tempo map,
+// with and without its events.
 #include "midi/LxWin32MidiParser.h"
 #include "midi/LxWin32NewMidiParser.h"
 
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -67,11 +69,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     parseStream(path.c_str(), 1024);
     parseStream(path.c_str(), 24);
 
+    // The model with its events and the summary the player reads must agree.
     LxWin32NewMidiParser model;
-    if (model.loadFile(path.c_str()) == 1) {
+    LxWin32NewMidiParser summary;
+    const KtResult loaded = model.loadFile(path.c_str());
+    if (loaded != summary.loadFile(path.c_str(), false)) {
+        __builtin_trap();
+    }
+    if (loaded == 1) {
         int64_t last = -1;
         for (long i = 0; i < model.getTrackCount(); ++i) {
             last = std::max(last, model.getLastTick(i));
+            if (model.getLastTick(i) != summary.getLastTick(i)) {
+                __builtin_trap();
+            }
+        }
+        if (model.getTrackCount() != summary.getTrackCount() ||
+            model.getTempoMap().size() != summary.getTempoMap().size() ||
+            std::memcmp(model.getChannelsUsed(), summary.getChannelsUsed(), 16) != 0) {
+            __builtin_trap();
         }
         LxWin32NewMidiParser::tickToTime(last, model.getDivision(), model.getTempoMap());
     }
