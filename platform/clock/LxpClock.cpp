@@ -98,7 +98,9 @@ void ManualClock::sleep(uint32_t ms) {
         return;
     }
     const int64_t until = nowMicros_ + static_cast<int64_t>(ms) * 1000;
+    ++sleepers_;
     advanced_.wait(lock, [&] { return nowMicros_ >= until || autoAdvance_; });
+    --sleepers_;
 }
 
 int64_t ManualClock::nowMicros() {
@@ -132,6 +134,11 @@ void ManualClock::setCounterAvailable(bool available) {
 uint64_t ManualClock::sleptMs() {
     std::lock_guard<std::mutex> guard(mutex_);
     return sleptMs_;
+}
+
+int ManualClock::sleepers() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return sleepers_;
 }
 
 }  // namespace lxp

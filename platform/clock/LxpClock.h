@@ -60,6 +60,10 @@ class ManualClock : public Clock {
     void setCounterAvailable(bool available);
     /// Total milliseconds requested through sleep().
     uint64_t sleptMs();
+    /// Threads blocked in sleep() right now. A test that advances the clock after this many are
+    /// blocked knows each of them sees the advance (one that read the time and has not slept yet
+    /// would otherwise sleep its whole interval from the advanced time).
+    int sleepers();
 
   private:
     std::mutex mutex_;
@@ -68,6 +72,7 @@ class ManualClock : public Clock {
     bool autoAdvance_ = true;
     bool counterAvailable_ = true;
     uint64_t sleptMs_ = 0;
+    int sleepers_ = 0;
 };
 
 }  // namespace lxp

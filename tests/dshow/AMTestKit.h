@@ -30,23 +30,6 @@
 
 namespace amtest {
 
-/// Loads the filter library as the manager does and registers its classes (once per process).
-inline bool registerFilterLibrary() {
-    static const bool ok = [] {
-        KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
-        if (module == nullptr) {
-            return false;
-        }
-        typedef lxp::HRESULT (*RegisterFn)();
-        RegisterFn reg =
-            reinterpret_cast<RegisterFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
-        const bool registered = reg != nullptr && lxp::SUCCEEDED(reg());
-        KtWin32Library::FreeLibrary(module);
-        return registered;
-    }();
-    return ok;
-}
-
 /// An audio renderer for the player's "Audio" output that reports its end of media as soon as
 /// the producer tells it (as a renderer with nothing left to play would).
 class EndingRenderer : public lxtest::TestRendererNode {
@@ -87,7 +70,7 @@ class Rig {
         LxPlatformGraph::useSimulated();
         lxp::simgraph::reset();
         lxp::comtest::reset();
-        registered = registerFilterLibrary();
+        registered = lxtest::registerFilterLibrary();
         timeBase = new LxWin32TimeBase(manager.get());
     }
     ~Rig() {

@@ -1,6 +1,7 @@
 // The outputs a renderer filter makes for the player, fed through the filter's sink: how audio is
 // gathered into the consumer's frames, how pictures are unpadded and stamped, and that a stopped
 // filter has left its consumer alone.
+#include "FakeSample.h"
 #include "LxBaseVideoRenderer.h"
 #include "LxConnectable.h"
 #include "LxLog.h"
@@ -23,29 +24,6 @@
 namespace {
 
 using namespace lxp;
-
-class Sample : public ComObject<IMediaSample> {
-  public:
-    Sample(std::vector<uint8_t> bytes, REFERENCE_TIME start, REFERENCE_TIME end)
-        : bytes_(std::move(bytes)), start_(start), end_(end) {}
-    HRESULT QueryInterface(const IID& iid, void** out) override { return queryBase(iid, out); }
-    HRESULT GetPointer(uint8_t** p) override {
-        *p = bytes_.data();
-        return S_OK;
-    }
-    int32_t GetActualDataLength() override { return static_cast<int32_t>(bytes_.size()); }
-    HRESULT GetTime(REFERENCE_TIME* s, REFERENCE_TIME* e) override {
-        *s = start_;
-        *e = end_;
-        return S_OK;
-    }
-    HRESULT IsDiscontinuity() override { return S_FALSE; }
-
-  private:
-    std::vector<uint8_t> bytes_;
-    REFERENCE_TIME start_;
-    REFERENCE_TIME end_;
-};
 
 /// A test audio renderer that counts the producer threads inside getEmptyFrame.
 class CountingRenderer : public lxtest::TestRendererNode {
@@ -108,7 +86,7 @@ class Outputs : public ::testing::Test {
     }
     static void send(RendererFilter* f, std::vector<uint8_t> bytes, REFERENCE_TIME start,
                      REFERENCE_TIME end) {
-        Sample* s = new Sample(std::move(bytes), start, end);
+        auto* s = new lxtest::FakeSample(std::move(bytes), start, end);
         EXPECT_EQ(S_OK, f->receive(s));
         s->Release();
     }

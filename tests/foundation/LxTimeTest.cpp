@@ -111,7 +111,7 @@ TEST(LxRefCount, LastUnrefDestroysAndCopiesKeepTheCount) {
 }
 
 TEST(LxRefCount, ConcurrentRefAndUnrefDestroyExactlyOnce) {
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 50; ++round) {
         int destroyed = 0;
         Counted* obj = new Counted(&destroyed);
         constexpr int kThreads = 4;

@@ -1,8 +1,9 @@
-// Soak: a scene's worth of players of every kind made, connected to the default renderers,
-// started, sought, re-rated, stopped and destroyed from several threads at once, on the
-// mixing engine with no output, the simulated MIDI device and the simulated filter graph (so
-// that ThreadSanitizer sees every thread). Nothing may hang; afterwards the registry is empty and every
-// channel is free again. Leaks are the sanitizers' to find when the process ends.
+// Soak: players of every kind made, connected to the default renderers, started, sought,
+// re-rated, suspended, stopped and destroyed from several threads at once, on the mixing engine
+// with no output, the simulated MIDI device and the simulated filter graph (so that
+// ThreadSanitizer sees every thread). Nothing may hang; afterwards the registry is empty and every
+// channel is free again. Leaks are the sanitizers' to find. Each worker's choices come from one
+// seed (LORVEX_SEED repeats a run); the pauses between requests only vary the interleaving.
 #include "LxAMPlayer.h"
 #include "LxAudioPlayer.h"
 #include "LxDataSource.h"
@@ -21,7 +22,7 @@
 #include "platform/dshow/LxpSimGraph.h"
 #include "platform/midi/LxpMidiSim.h"
 
-#include "../midi/MidiFiles.h"
+#include "MidiFiles.h"
 #include "TestNodes.h"
 #include "TestSupport.h"
 #include "WaveFiles.h"
@@ -38,7 +39,7 @@
 
 namespace {
 
-constexpr int kPlayers = 200;
+constexpr int kPlayers = 120;
 constexpr int kThreads = 4;
 
 /// The manager with its channel records readable.
@@ -174,7 +175,7 @@ class Soak : public ::testing::Test {
         const double now = manager->getMasterTimeBase()->getRefTime().getValue();
         p->startAtTime(LxTime(now + (static_cast<int>(random() % 200) - 100) / 1000.0));
         for (int step = static_cast<int>(random() % 4); step > 0; --step) {
-            pause(150);
+            pause(100);
             switch (random() % 4) {
                 case 0:
                     p->setMediaTime(LxTime((random() % 700) / 1000.0));
@@ -195,7 +196,7 @@ class Soak : public ::testing::Test {
                     break;
             }
         }
-        pause(400);
+        pause(250);
         if (chance(50)) {
             p->stop();
         }
@@ -212,7 +213,9 @@ class Soak : public ::testing::Test {
     std::string paths[kKinds];
 };
 
-TEST_F(Soak, TwoHundredPlayersOfEveryKindFromFourThreadsLeaveNothingBehind) {
+TEST_F(Soak, PlayersOfEveryKindFromFourThreadsLeaveNothingBehind) {
+    const unsigned seed = lxtest::testSeed();
+    SCOPED_TRACE("LORVEX_SEED=" + std::to_string(seed));
     std::atomic<int> made{0};
     std::atomic<int> failures{0};
     std::atomic<int> kinds[kKinds] = {};
@@ -220,7 +223,7 @@ TEST_F(Soak, TwoHundredPlayersOfEveryKindFromFourThreadsLeaveNothingBehind) {
     const auto start = std::chrono::steady_clock::now();
     for (int w = 0; w < kThreads; ++w) {
         workers.emplace_back([&, w] {
-            std::mt19937 random(1000 + w);
+            std::mt19937 random(seed + static_cast<unsigned>(w));
             while (made.fetch_add(1) < kPlayers) {
                 const Kind kind = static_cast<Kind>(random() % kKinds);
                 ++kinds[kind];
@@ -237,7 +240,7 @@ TEST_F(Soak, TwoHundredPlayersOfEveryKindFromFourThreadsLeaveNothingBehind) {
         kinds[VideoOnly].load(), lxtest::msSince(start) / 1000.0);
     EXPECT_EQ(0, failures.load());
     for (int k = 0; k < kKinds; ++k) {
-        EXPECT_GT(kinds[k].load(), 10) << "kind " << k;
+        EXPECT_GT(kinds[k].load(), 5) << "kind " << k;
     }
     EXPECT_EQ(0, manager->players()) << "every player left the registry";
     EXPECT_EQ("0: 0/0/0/0 1: 0/0/0/0 ", manager->channels()) << "active/held/waiting/idle ports per type";

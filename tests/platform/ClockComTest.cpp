@@ -1,6 +1,7 @@
 #include "platform/clock/LxpClock.h"
 #include "platform/com/LxpCom.h"
 
+#include "FakeCom.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -24,9 +25,9 @@ TEST(ManualClock, AutoAdvancesOnSleepOrBlocksUntilAdvanced) {
         clock.sleep(100);
         woke = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return clock.sleepers() == 1; }, 20000));
     clock.advanceMs(50);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(1, clock.sleepers()) << "half the time slept";
     EXPECT_FALSE(woke.load());
     clock.advanceMs(50);
     sleeper.join();
@@ -65,18 +66,6 @@ class Thing : public lxp::ComObject<lxp::IUnknown> {
 };
 int Thing::alive = 0;
 
-class ThingFactory : public lxp::ComObject<lxp::IClassFactory> {
-  public:
-    lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override { return queryBase(iid, out); }
-    lxp::HRESULT CreateInstance(lxp::IUnknown*, const lxp::IID& iid, void** out) override {
-        Thing* t = new Thing();
-        const lxp::HRESULT hr = t->QueryInterface(iid, out);
-        t->Release();
-        return hr;
-    }
-    lxp::HRESULT LockServer(bool) override { return lxp::S_OK; }
-};
-
 TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
     void* out = reinterpret_cast<void*>(1);
     const auto create = [&] {
@@ -88,7 +77,7 @@ TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
     EXPECT_EQ(lxp::S_FALSE, lxp::CoInitialize(nullptr));
     EXPECT_EQ(lxp::REGDB_E_CLASSNOTREG, create());
 
-    ThingFactory* factory = new ThingFactory();
+    auto* factory = new lxtest::FactoryOf<Thing>();
     lxp::registerClass(kTestClass, factory);
     factory->Release();  // the registry holds it now
     ASSERT_EQ(lxp::S_OK, create());

@@ -1,7 +1,7 @@
 // Standard MIDI File helpers for the parser tests: builders for hand-made files, a reference
 // reader written apart from the library's parsers, a fake player and a stream drain.
-#ifndef LORVEX_TESTS_MIDI_MIDIFILES_H
-#define LORVEX_TESTS_MIDI_MIDIFILES_H
+#ifndef LORVEX_TESTS_SUPPORT_MIDIFILES_H
+#define LORVEX_TESTS_SUPPORT_MIDIFILES_H
 
 #include "midi/LxWin32MidiParser.h"
 

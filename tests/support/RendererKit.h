@@ -1,7 +1,7 @@
 // For the audio renderer's tests: sox clips, the signal measures sound is judged by, and (with
 // RENDERER_KIT_SIM) the renderer on the simulated card, whose output the test advances itself.
-#ifndef LORVEX_TESTS_AUDIO_RENDERER_KIT_H
-#define LORVEX_TESTS_AUDIO_RENDERER_KIT_H
+#ifndef LORVEX_TESTS_SUPPORT_RENDERER_KIT_H
+#define LORVEX_TESTS_SUPPORT_RENDERER_KIT_H
 
 #include "TestSupport.h"
 #include "WaveFiles.h"

@@ -8,6 +8,7 @@
 #include "LxPlayer.h"
 #include "LxQueue.h"
 #include "LxTimeBase.h"
+#include "SettableTimeBase.h"
 
 #include <atomic>
 #include <functional>
@@ -15,20 +16,12 @@
 
 namespace lxtest {
 
-/// A time base whose reference time is whatever the test sets (seconds).
-class StepTimeBase : public LxTimeBase {
+/// A settable time base starting at 100 s, whose time set() moves.
+class StepTimeBase : public SettableTimeBase {
   public:
     explicit StepTimeBase(LxManager* manager, double startSeconds = 100.0)
-        : LxTimeBase(manager), now_(startSeconds) {}
-    ~StepTimeBase() override { shutdownThread(); }
-    void set(double seconds) { now_.store(seconds); }
-    void advance(double seconds) { now_.store(now_.load() + seconds); }
-
-  protected:
-    double getTimeOfDay() override { return now_.load(); }
-
-  private:
-    std::atomic<double> now_;
+        : SettableTimeBase(manager, startSeconds) {}
+    void set(double seconds) { setTimeOfDay(seconds); }
 };
 
 class TestPlayer : public LxPlayer {

@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 
+#include "Kt.h"
 #include "LxLog.h"
+#include "platform/com/LxpCom.h"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -70,6 +73,30 @@ std::string readFile(const std::string& path) {
     std::ostringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+bool registerFilterLibrary() {
+    static const bool ok = [] {
+        KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
+        if (module == nullptr) {
+            return false;
+        }
+        typedef lxp::HRESULT (*RegisterFn)();
+        RegisterFn reg =
+            reinterpret_cast<RegisterFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
+        const bool registered = reg != nullptr && lxp::SUCCEEDED(reg());
+        KtWin32Library::FreeLibrary(module);
+        return registered;
+    }();
+    return ok;
+}
+
+unsigned testSeed() {
+    const char* given = std::getenv("LORVEX_SEED");
+    const unsigned seed =
+        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
+    std::printf("[   seed   ] LORVEX_SEED=%u\n", seed);
+    return seed;
 }
 
 }  // namespace lxtest

@@ -1,4 +1,5 @@
-// Helpers every test may use: log capture, temporary folders, polling waits, external tools.
+// Helpers every test may use: log capture, temporary folders, polling waits, external tools, the
+// filter library, seeds.
 #ifndef LORVEX_TESTS_SUPPORT_TESTSUPPORT_H
 #define LORVEX_TESTS_SUPPORT_TESTSUPPORT_H
 
@@ -36,6 +37,14 @@ int run(const std::string& command);
 bool writeFile(const std::string& path, const std::string& bytes);
 /// Reads a whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
+
+/// Loads the filter library as the manager does and registers its classes (once per process);
+/// false when it cannot be loaded or refuses.
+bool registerFilterLibrary();
+
+/// The seed of a randomised test: LORVEX_SEED from the environment, else a fresh one. Printed,
+/// and kept in the failure messages of the test that asks for it, so a failing run can be repeated.
+unsigned testSeed();
 
 /// Milliseconds elapsed on a steady clock since start.
 inline double msSince(std::chrono::steady_clock::time_point start) {

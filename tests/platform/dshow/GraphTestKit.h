@@ -24,20 +24,6 @@
 
 namespace lxtest {
 
-/// Loads the filter library the way the manager does and registers its classes; true on success.
-inline bool registerFilterLibrary() {
-    KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
-    if (module == nullptr) {
-        return false;
-    }
-    typedef lxp::HRESULT (*RegisterFn)();
-    RegisterFn reg =
-        reinterpret_cast<RegisterFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
-    const bool ok = reg != nullptr && lxp::SUCCEEDED(reg());
-    KtWin32Library::FreeLibrary(module);
-    return ok;
-}
-
 /// What a renderer filter delivered.
 class RecordingSink : public lxp::LxpRendererSink {
   public:
@@ -139,11 +125,15 @@ class RecordingSink : public lxp::LxpRendererSink {
     int eosLocked() const { return eos_; }
 
     std::function<bool()> gate;
+    /// Deliveries waiting in hold() right now.
+    std::atomic<int> blocked{0};
 
   private:
     void waitWhileHeld() {
         std::unique_lock<std::mutex> lock(mutex_);
+        ++blocked;
         changed_.wait(lock, [&] { return !held_ || flushing_; });
+        --blocked;
     }
 
     std::mutex mutex_;

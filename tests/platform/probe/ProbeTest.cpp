@@ -1,7 +1,6 @@
 // Platform version detection over the probe layer: every outcome it tells apart, its cache, and
 // the class-wide locks it runs under.
-#include "FakeFilterGraph.h"
-#include "LxLog.h"
+#include "FakeCom.h"
 #include "LxPlatformProbe.h"
 #include "LxVersionDetection.h"
 #include "LxWin32Manager.h"
@@ -74,7 +73,6 @@ TEST_F(VersionDetection, TheNtFamilyIsToldApartByMajorVersionAndDirectInput) {
 }
 
 TEST_F(VersionDetection, TheWindows95FamilyIsToldApartByBuildDirectInputAndDirectDraw) {
-    lxtest::requireLog();
     LxSimulatedPlatform w95;
     w95.platformId = 1;
     w95.majorVersion = 4;
@@ -85,8 +83,7 @@ TEST_F(VersionDetection, TheWindows95FamilyIsToldApartByBuildDirectInputAndDirec
 
     w95.buildNumber = 1353;
     EXPECT_EQ(0x500u, detect(w95).dx);
-    EXPECT_TRUE(LxLogSink::contains("GetDXAndWin32Version: Decided platform = Win95\n"));
-    EXPECT_TRUE(LxLogSink::contains("GetDXAndWin32Version: unloading dinput.dll\n"));
+    EXPECT_GT(probe::probetest::libraryLoads(), 0) << "told apart by DirectInput (unloaded again: TearDown)";
 
     struct Case {
         const char* name;
@@ -107,15 +104,9 @@ TEST_F(VersionDetection, TheWindows95FamilyIsToldApartByBuildDirectInputAndDirec
     for (const Case& c : cases) {
         LxSimulatedPlatform p = w95;
         c.change(p);
-        LxLogSink::clear();
         EXPECT_EQ(c.dx, detect(p).dx) << c.name;
         EXPECT_EQ(1u, detect(p).platform) << c.name;
     }
-    LxSimulatedPlatform p = w95;
-    p.directInputLoads = false;
-    LxLogSink::clear();
-    detect(p);
-    EXPECT_TRUE(LxLogSink::contains("GetDXAndWin32Version: could not load dinput, must be less than DX3\n"));
 }
 
 TEST_F(VersionDetection, DirectShowCountsWhenAFilterGraphCanBeCreated) {
@@ -138,7 +129,6 @@ TEST_F(VersionDetection, DirectShowCountsWhenAFilterGraphCanBeCreated) {
 }
 
 TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) {
-    lxtest::requireLog();
     LxSimulatedPlatform w95;
     w95.platformId = 1;
     w95.buildNumber = 1000;
@@ -163,15 +153,13 @@ TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) 
     EXPECT_EQ(0, wrong.load());
     EXPECT_EQ(1, probe::probetest::versionQueries());
     const int loads = probe::probetest::libraryLoads();
-    LxLogSink::clear();
-    // Later calls copy the cache: nothing loaded, nothing logged, even when the platform changed.
+    // Later calls copy the cache: nothing queried or loaded, even when the platform changed.
     LxPlatformProbe::useSystem();
     unsigned long dx = 0;
     GetDXAndWin32Version(&dx, nullptr, nullptr);
     EXPECT_EQ(0x500u, dx);
     EXPECT_EQ(loads, probe::probetest::libraryLoads());
     EXPECT_EQ(1, probe::probetest::versionQueries());
-    EXPECT_TRUE(LxLogSink::messages().empty());
 }
 
 TEST_F(VersionDetection, LinuxIsTheNtFamilyVersionFiveWithoutDirectXLibraries) {
