@@ -1,0 +1,95 @@
+"""What a listener hears in a WAV file: onset, offset, pitch, level, side, envelope."""
+import wave
+
+import numpy as np
+
+SILENT = 0.01  # amplitude (full scale 1.0) below which nothing counts as heard
+
+
+def read(path):
+    """(samples as float frames x channels, rate). 8/16/24/32-bit PCM; others go through sox."""
+    with wave.open(path, 'rb') as w:
+        rate, channels, width = w.getframerate(), w.getnchannels(), w.getsampwidth()
+        raw = w.readframes(w.getnframes())
+    if width == 1:
+        x = (np.frombuffer(raw, np.uint8).astype(float) - 128) / 128
+    elif width == 3:
+        b = np.frombuffer(raw, np.uint8).reshape(-1, 3).astype(np.int32)
+        x = ((b[:, 0] | b[:, 1] << 8 | b[:, 2] << 16) << 8 >> 8) / 2.0**23
+    else:
+        x = np.frombuffer(raw, '<i%d' % width).astype(float) / 2.0**(8 * width - 1)
+    return x.reshape(-1, channels), rate
+
+
+def mono(x):
+    return x.mean(axis=1) if x.ndim == 2 else x
+
+
+def envelope(x, rate, window=0.005):
+    """Peak amplitude per window of the mono mix."""
+    m, n = np.abs(mono(x)), max(1, int(rate * window))
+    m = m[:len(m) // n * n]
+    return m.reshape(-1, n).max(axis=1) if len(m) else np.zeros(0)
+
+
+def span(x, rate, threshold=SILENT):
+    """(onset, offset) in seconds of everything heard, or None for silence."""
+    loud = np.nonzero(np.abs(mono(x)) > threshold)[0]
+    return None if len(loud) == 0 else (loud[0] / rate, (loud[-1] + 1) / rate)
+
+
+def segments(x, rate, gap=0.05, threshold=SILENT):
+    """[(onset, offset)] of the sounds heard, split at silences longer than gap seconds."""
+    loud = np.nonzero(np.abs(mono(x)) > threshold)[0]
+    if len(loud) == 0:
+        return []
+    cuts = np.nonzero(np.diff(loud) > gap * rate)[0]
+    starts, ends = np.r_[loud[0], loud[cuts + 1]], np.r_[loud[cuts], loud[-1]] + 1
+    return [(a / rate, b / rate) for a, b in zip(starts, ends)]
+
+
+def cut(x, rate, t0, t1):
+    return x[max(0, int(t0 * rate)):max(0, int(t1 * rate))]
+
+
+def pitch(x, rate):
+    """The strongest frequency in Hz (Hann-windowed FFT with a parabolic peak fit)."""
+    m = mono(x) * np.hanning(len(x))
+    s = np.abs(np.fft.rfft(m, 4 * len(m)))
+    k = int(np.argmax(s[1:-1])) + 1
+    a, b, c = np.log(s[k - 1:k + 2] + 1e-12)
+    return (k + 0.5 * (a - c) / (a - 2 * b + c)) * rate / (4 * len(m))
+
+
+def band_level(x, rate, hz, width=0.1):
+    """RMS amplitude of the part of the sound within +-width (relative) of hz."""
+    m = mono(x)
+    s = np.fft.rfft(m)
+    f = np.fft.rfftfreq(len(m), 1 / rate)
+    s[np.abs(f - hz) > width * hz] = 0
+    return float(np.sqrt(np.mean(np.fft.irfft(s, len(m))**2))) if len(m) else 0.0
+
+
+def level(x):
+    """RMS of the mono mix."""
+    return float(np.sqrt(np.mean(mono(x)**2))) if len(x) else 0.0
+
+
+def balance(x):
+    """Left RMS over right RMS."""
+    return float(np.sqrt(np.mean(x[:, 0]**2)) / max(1e-9, np.sqrt(np.mean(x[:, 1]**2))))
+
+
+def correlation(a, b):
+    n = min(len(a), len(b))
+    a, b = a[:n] - np.mean(a[:n]), b[:n] - np.mean(b[:n])
+    d = np.sqrt(np.sum(a * a) * np.sum(b * b))
+    return float(np.sum(a * b) / d) if d > 0 else 0.0
+
+
+def locate(source, piece):
+    """(offset in samples, score): where in source the samples of piece fit best."""
+    n = len(source) + len(piece)
+    c = np.fft.irfft(np.fft.rfft(source, n) * np.conj(np.fft.rfft(piece, n)), n)[:len(source) - len(piece) + 1]
+    k = int(np.argmax(c))
+    return k, correlation(source[k:k + len(piece)], piece)

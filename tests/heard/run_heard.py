@@ -1,0 +1,447 @@
+#!/usr/bin/env python3
+"""The listening suite: clips made by sox, espeak-ng, abc2midi and ffmpeg are played through
+lorvex-play into WAV files, and what is heard there is checked against what the clip holds.
+
+usage: run_heard.py LORVEX_PLAY [--group G] [--jobs N] [--table FILE] [--keep DIR]
+Every case prints one line per check: expected, measured, ok. Exit 1 when any check fails."""
+import argparse
+import concurrent.futures
+import glob
+import hashlib
+import os
+import shutil
+import signal
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+import numpy as np
+
+import heard as H
+
+LENGTH = 0.020  # tolerance of a heard length or a time, in seconds
+PITCH = 0.02  # relative tolerance of a pitch
+RUN_LIMIT = 90  # seconds a run may take on a loaded machine before it counts as hung
+BAD_LIMIT = 20  # seconds bad input may take to be refused (a loaded machine, a sanitizer build)
+LEAD = 1.0  # seconds from the scene's now to a clip's start: the players' start-up under load
+
+
+class Rig:
+    """Makes clips once, in one folder, and runs lorvex-play there."""
+
+    def __init__(self, play, folder):
+        self.play, self.dir = play, folder
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def make(self, name, command):
+        """The clip name, made by command (with {out} for its path) unless it exists."""
+        out = self.path(name)
+        if not os.path.exists(out):
+            tmp = '%s.%d.tmp' % (out, threading.get_ident())  # cases make clips in parallel
+            subprocess.run(command.format(out=tmp), shell=True, check=True, cwd=self.dir,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            os.replace(tmp, out)
+        return out
+
+    def tone(self, seconds, hz, fmt='-r 44100 -c 1 -b 16', extra=''):
+        name = 'tone-%g-%g-%s.wav' % (seconds, hz, '_'.join(fmt.replace('-', '').split()))
+        return self.make(name, 'sox -q -n %s -t wav {out} synth %g sine %g vol 0.5 %s' % (fmt, seconds, hz, extra))
+
+    def noise(self, seconds):
+        return self.make('noise-%g.wav' % seconds,
+                         'sox -q -n -r 44100 -c 1 -b 16 -t wav {out} synth %g whitenoise vol 0.5' % seconds)
+
+    def run(self, case, args, limit=RUN_LIMIT):
+        """Plays into <case>.wav: (samples, rate, result with returncode, stdout, stderr, seconds)."""
+        out = self.path(case + '.wav')
+        begin = time.monotonic()
+        r = subprocess.run([self.play, '-o', 'wav:' + out] + args, cwd=self.dir, capture_output=True, text=True,
+                           timeout=limit)
+        r.seconds = time.monotonic() - begin
+        x, rate = H.read(out) if os.path.getsize(out) > 44 else (np.zeros((0, 2)), 44100)
+        return x, rate, r
+
+
+def check(what, expected, measured, ok):
+    return (what, expected, measured, bool(ok))
+
+
+def near(what, expected, measured, tolerance, unit='s'):
+    shown = '-' if measured is None else '%.3f %s' % (measured, unit)
+    good = measured is not None and abs(measured - expected) <= tolerance
+    return check(what, '%.3f %s +-%g' % (expected, unit, tolerance), shown, good)
+
+
+def heard_length(x, rate, expected, what='length'):
+    s = H.span(x, rate)
+    return near(what, expected, None if s is None else s[1] - s[0], LENGTH)
+
+
+def heard_pitch(x, rate, hz, what='pitch'):
+    s = H.span(x, rate)
+    if s is None:
+        return check(what, '%g Hz' % hz, 'silence', False)
+    p = H.pitch(H.cut(x, rate, s[0] + 0.05, s[1] - 0.05), rate)
+    return near(what, hz, p, PITCH * hz, 'Hz')
+
+
+def played(r):
+    return check('exit status', '0', '%d' % r.returncode + ('' if r.returncode == 0 else ': ' + r.stderr.strip()),
+                 r.returncode == 0)
+
+
+# ------------------------------------------------------------------------------------------------
+# WAVE layouts: a 0.5-s 660 Hz tone in each, heard for its length at its pitch.
+
+LAYOUTS = [('%d-bit %s %d Hz' % (b, 'mono' if c == 1 else 'stereo', r), '-r %d -c %d -b %d' % (r, c, b))
+           for b in (8, 16) for c in (1, 2) for r in (8000, 11025, 22050, 44100, 48000)]
+LAYOUTS += [('24-bit stereo 44100 Hz', '-r 44100 -c 2 -b 24'), ('float stereo 44100 Hz', '-r 44100 -c 2 -e floating-point -b 32'),
+            ('mu-law mono 8000 Hz', '-r 8000 -c 1 -e mu-law -b 8'), ('6 channels 48000 Hz', '-r 48000 -c 6 -b 16'),
+            ('16-bit stereo 96000 Hz', '-r 96000 -c 2 -b 16'), ('16-bit stereo 192000 Hz', '-r 192000 -c 2 -b 16')]
+
+
+
+def layouts(first, last):
+    """Clips k = first..last-1 of LAYOUTS, 0.3 s each, one every 0.5 s after a marker tone that gives
+    the schedule its origin (so that a silent clip cannot shift the others)."""
+    def run(rig, name):
+        args = ['--start', str(LEAD), rig.tone(0.1, 330)]
+        for k in range(first, last):
+            args += ['--start', str(LEAD + 0.5 * (k - first + 1)), rig.tone(0.3, 660, LAYOUTS[k][1])]
+        x, rate, r = rig.run(name, args)
+        seg = H.segments(x, rate)
+        got = [played(r)]
+        for k in range(first, last):
+            due = seg[0][0] + 0.5 * (k - first + 1) if seg else 0
+            y = H.cut(x, rate, due - 0.1, due + 0.45)
+            got += [heard_length(y, rate, 0.3, LAYOUTS[k][0] + ': length'), heard_pitch(y, rate, 660, LAYOUTS[k][0] + ': pitch')]
+        return got
+    return run
+
+
+def list_after_data(rig, name):
+    """A LIST chunk after the samples must not be heard as sound."""
+    clip = rig.path('list-after-data.wav')
+    if not os.path.exists(clip):
+        data = bytearray(open(rig.tone(0.5, 660), 'rb').read())
+        info = b'INFOISFT' + struct.pack('<I', 14) + b'heard suite\0\0\0'
+        data += b'LIST' + struct.pack('<I', len(info)) + info
+        data[4:8] = struct.pack('<I', len(data) - 8)
+        open(clip, 'wb').write(data)
+    x, rate, r = rig.run(name, ['--start', str(LEAD), clip])
+    return [played(r), heard_length(x, rate, 0.5), heard_pitch(x, rate, 660)]
+
+
+def speech(rig, name):
+    """Speech (under 2 s: a longer clip starts the start-up latency in): the heard envelope follows the clip's."""
+    clip = rig.make('speech.wav', 'espeak-ng -w {out} "Lorvex plays it whole"')
+    src, srate = H.read(clip)
+    x, rate, r = rig.run(name, ['--start', str(LEAD), clip])
+    a, b = H.span(src, srate), H.span(x, rate)
+    if b is None:
+        return [played(r), check('heard', 'speech', 'silence', False)]
+    c = H.correlation(H.envelope(H.cut(src, srate, a[0], a[1]), srate, 0.02), H.envelope(H.cut(x, rate, b[0], b[1]), rate, 0.02))
+    return [played(r), near('length', a[1] - a[0], b[1] - b[0], LENGTH), check('envelope correlation', '> 0.9', '%.3f' % c, c > 0.9)]
+
+
+# ------------------------------------------------------------------------------------------------
+# Timing fields, as a browser sets them.
+
+def start_ahead(rig, name):
+    """A clip due 1 s after another is heard 1 s after it."""
+    x, rate, r = rig.run(name, ['--start', str(LEAD), rig.tone(0.2, 440), '--start', str(LEAD + 1), rig.tone(0.5, 880)])
+    seg = H.segments(x, rate)
+    if len(seg) != 2:
+        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    return [played(r), near('first length', 0.2, seg[0][1] - seg[0][0], LENGTH),
+            near('second start after first', 1.0, seg[1][0] - seg[0][0], LENGTH),
+            near('second length', 0.5, seg[1][1] - seg[1][0], LENGTH)]
+
+
+def joined_late(rig, name):
+    """A clip that started 0.5 s ago joins 0.5 s in (plus the 0.1-s start-up latency) and plays on to its end."""
+    clip = rig.noise(3)
+    src = H.mono(H.read(clip)[0])
+    x, rate, r = rig.run(name, ['--start', '-0.5', clip])
+    s = H.span(x, rate)
+    if s is None:
+        return [played(r), check('heard', 'noise', 'silence', False)]
+    at, score = H.locate(src, H.mono(H.cut(x, rate, s[0], s[0] + 0.05)))
+    return [played(r), near('joined at', 0.6, at / rate, LENGTH), check('match', '> 0.95', '%.3f' % score, score > 0.95),
+            near('length', 3.0 - at / rate, s[1] - s[0], LENGTH)]
+
+
+def stop_time(rig, name):
+    x, rate, r = rig.run(name, ['--start', str(LEAD), '--stop', str(LEAD + 0.7), rig.tone(2.0, 660)])
+    return [played(r), heard_length(x, rate, 0.7)]
+
+
+def rate_case(rate_value):
+    def run(rig, name):
+        x, rate, r = rig.run(name, ['--start', str(LEAD), '--rate', str(rate_value), rig.tone(1.0, 440)])
+        return [played(r), heard_length(x, rate, 1.0 / rate_value), heard_pitch(x, rate, 440 * rate_value)]
+    return run
+
+
+def loop(rig, name):
+    """A 1-s noise clip looped for 2.5 s: every 20 ms of what is heard is the clip at the same place."""
+    src = H.mono(H.read(rig.noise(1))[0])
+    x, rate, r = rig.run(name, ['-t', str(LEAD + 2.7), '--loop', '--start', str(LEAD), rig.noise(1)])
+    s = H.span(x, rate)
+    if s is None or s[1] - s[0] < 2.2:
+        return [played(r), check('heard', '> 2.2 s', 'silence' if s is None else '%.3f s' % (s[1] - s[0]), False)]
+    m = H.mono(x)
+    at, _ = H.locate(src, m[int(s[0] * rate):int(s[0] * rate) + 2205])
+    origin = int(s[0] * rate) - at  # where the clip's first sample lies in the output
+    tiled, w, worst = np.tile(src, 4), 882, 1.0
+    for p in range(max(0, -origin), int(2.2 * rate) - w, w):
+        q = origin + p
+        worst = min(worst, max(H.correlation(m[q + d:q + d + w], tiled[p:p + w]) for d in (-1, 0, 1)))
+    return [played(r), check('every 20 ms in place across 2 seams', 'correlation > 0.9', '%.3f' % worst, worst > 0.9)]
+
+
+# ------------------------------------------------------------------------------------------------
+# Mixing: gain, position, channels.
+
+def gain(rig, name):
+    t = rig.tone(0.5, 660)
+    x, rate, r = rig.run(name, ['--start', str(LEAD), t, '--start', str(LEAD + 1), '--gain', '0.5', t])
+    seg = H.segments(x, rate)
+    if len(seg) != 2:
+        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    a, b = (H.level(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in seg)
+    return [played(r), near('level ratio gain 0.5 : 1', 0.5, b / a, 0.025, '')]
+
+
+def position(rig, name):
+    t = rig.tone(0.5, 660)
+    x, rate, r = rig.run(name, ['--start', str(LEAD), '--location', '-2,0,0', t, '--start', str(LEAD + 1), '--location', '2,0,0', t])
+    seg = H.segments(x, rate)
+    if len(seg) != 2:
+        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    left, right = (H.balance(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in seg)
+    return [played(r), check('left : right at x = -2', '> 2', '%.2f' % min(left, 999), left > 2),
+            check('left : right at x = +2', '< 0.5', '%.2f' % right, right < 0.5)]
+
+
+def channels(rig, name):
+    """One channel: the weaker clip is left out while the stronger plays, and heard when it ends."""
+    x, rate, r = rig.run(name, ['-c', '1', '--start', str(LEAD), '--priority', '0.9', rig.tone(1.0, 440),
+                                '--start', str(LEAD), '--priority', '0.1', rig.tone(3.0, 880)])
+    s = H.span(x, rate)
+    if s is None:
+        return [played(r), check('heard', 'sound', 'silence', False)]
+    on = s[0]
+    strong = H.band_level(H.cut(x, rate, on + 0.1, on + 0.9), rate, 880) / max(1e-9, H.band_level(H.cut(x, rate, on + 0.1, on + 0.9), rate, 440))
+    later = H.cut(x, rate, on + 1.1, on + 2.9)
+    weak = H.band_level(later, rate, 880) / max(1e-9, H.band_level(later, rate, 440))
+    return [played(r), check('weaker : stronger while the stronger plays', '< 0.05', '%.3f' % strong, strong < 0.05),
+            check('weaker : stronger after it ended', '> 20', '%.1f' % weak, weak > 20),
+            near('heard until the weaker clip ends', 3.0, s[1] - s[0], LENGTH)]
+
+
+# ------------------------------------------------------------------------------------------------
+# MIDI against FluidSynth with the same SoundFont, and clips through the filter graph.
+
+TUNE = 'X:1\nT:heard\nM:4/4\nL:1/8\nQ:1/4=160\nK:C\nCDEF GABc|c2G2 E2C2|z4 [CEG]4|\n'
+
+
+def midi(rig, name):
+    font = [l for l in subprocess.run([rig.play, '--version'], capture_output=True, text=True).stdout.splitlines()
+            if 'SoundFont' in l][0].split('SoundFont ')[1]
+    if not os.path.exists(rig.path('tune.abc')):
+        open(rig.path('tune.abc'), 'w').write(TUNE)
+    clip = rig.make('tune.mid', 'abc2midi tune.abc -o {out}')
+    ref = rig.make('tune-fluidsynth.wav', 'fluidsynth -ni -q -F {out} -T wav -r 44100 %s %s' % (font, clip))
+    y, yrate = H.read(ref)
+    x, rate, r = rig.run(name, ['--start', str(LEAD), clip])
+    a, b = H.span(y, yrate, 0.002), H.span(x, rate, 0.002)
+    if b is None:
+        return [played(r), check('heard', 'music', 'silence', False)]
+    c = H.correlation(H.envelope(H.cut(y, yrate, a[0], a[1]), yrate, 0.02), H.envelope(H.cut(x, rate, b[0], b[1]), rate, 0.02))
+    return [played(r), near('length against FluidSynth', a[1] - a[0], b[1] - b[0], 0.3),
+            check('envelope correlation', '> 0.9', '%.3f' % c, c > 0.9)]
+
+
+MOVIES = {
+    'MPEG-1': ('clip.mpg', '-f lavfi -i testsrc=size=160x120:rate=25:duration=2 -f lavfi -i sine=frequency=660:duration=2 '
+               '-c:v mpeg1video -c:a mp2 -f mpeg'),
+    'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=2 -f lavfi -i sine=frequency=660:duration=2 '
+                  '-c:v mjpeg -c:a pcm_s16le -f mov'),
+    'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=2 -c:a libmp3lame -f mp3'),
+}
+
+
+def movie(kind):
+    def run(rig, name):
+        file, args = MOVIES[kind]
+        clip = rig.make(file, 'ffmpeg -v error -y ' + args + ' {out}')
+        ref = rig.make(file + '.wav', 'ffmpeg -v error -y -i %s -f wav {out}' % clip)
+        frames = rig.path(name + '-frames')
+        shutil.rmtree(frames, ignore_errors=True)
+        x, rate, r = rig.run(name, ['--frames', frames, '--start', str(LEAD), clip])
+        a = H.span(*H.read(ref))
+        got = [heard_length(x, rate, a[1] - a[0]), heard_pitch(x, rate, 660)]
+        if kind != 'MP3':
+            pictures = sorted(glob.glob(os.path.join(frames, '*.png')))
+            distinct = len({hashlib.md5(open(p, 'rb').read()).hexdigest() for p in pictures})
+            got += [check('pictures painted, distinct', '>= 10, >= 10', '%d, %d' % (len(pictures), distinct),
+                          len(pictures) >= 10 and distinct >= 10)]
+        return [played(r)] + got
+    return run
+
+
+# ------------------------------------------------------------------------------------------------
+# Bad input and the tool's own promises.
+
+def write(rig, name, data):
+    p = rig.path(name)
+    open(p, 'wb').write(data)
+    return p
+
+
+def bad(make):
+    def run(rig, name):
+        clip = make(rig)
+        begin = time.monotonic()
+        r = subprocess.run([rig.play, '-o', 'null', clip], cwd=rig.dir, capture_output=True, text=True, timeout=60)
+        took, lines = time.monotonic() - begin, r.stderr.strip().splitlines()
+        return [check('exit status', 'not 0', '%d' % r.returncode, r.returncode not in (0, -6)),
+                check('error', 'one line', ' | '.join(lines) or '-', len(lines) == 1 and lines[0].startswith('lorvex-play: ')),
+                near('refused within', 0, took, BAD_LIMIT)]
+    return run
+
+
+def riff(fmt_size=16, data=b'\0' * 400):
+    return b'RIFF' + struct.pack('<I', 36 + len(data)) + b'WAVEfmt ' + struct.pack('<IHHIIHH', fmt_size, 1, 1, 8000, 16000, 2, 16) + \
+        b'data' + struct.pack('<I', len(data)) + data
+
+
+BAD = {
+    'empty file': lambda rig: write(rig, 'empty.wav', b''),
+    'random bytes': lambda rig: write(rig, 'random.wav', np.random.default_rng(7).bytes(4096)),
+    'truncated header': lambda rig: write(rig, 'truncated.wav', riff()[:30]),
+    'absurd chunk size': lambda rig: write(rig, 'absurd.wav', riff(fmt_size=0xFFFFFFF0)),
+    'text named .mid': lambda rig: write(rig, 'text.mid', b'this is not a MIDI file\n'),
+    'missing file': lambda rig: rig.path('missing.wav'),
+}
+
+
+def refusals(rig, name):
+    clip = rig.tone(0.5, 660)
+    before = open(clip, 'rb').read()
+    same = subprocess.run([rig.play, '-o', 'wav:' + clip, clip], capture_output=True, text=True, timeout=60)
+    huge = subprocess.run([rig.play, '-c', '1e10', clip], capture_output=True, text=True, timeout=60)
+    return [check('output is an input', 'refused, clip kept', '%d, %s' % (same.returncode, 'kept' if open(clip, 'rb').read() == before else 'DESTROYED'),
+                  same.returncode != 0 and open(clip, 'rb').read() == before),
+            check('-c 1e10', 'exit 2', '%d: %s' % (huge.returncode, huge.stderr.strip()), huge.returncode == 2)]
+
+
+def terminated(rig, name):
+    """SIGTERM while playing: exit 143 and a WAV file whose header counts what it holds."""
+    out = rig.path(name + '.wav')
+    p = subprocess.Popen([rig.play, '-o', 'wav:' + out, rig.tone(20, 440)], cwd=rig.dir, stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE, text=True)
+    deadline = time.monotonic() + RUN_LIMIT
+    while time.monotonic() < deadline and p.poll() is None and (not os.path.exists(out) or os.path.getsize(out) < 44 + 44100):
+        time.sleep(0.05)  # polls the file for the sound to begin; no stand-in for a state change
+    p.send_signal(signal.SIGTERM)
+    code = p.wait(timeout=60)
+    data = open(out, 'rb').read()
+    riff_size, data_size = struct.unpack('<I', data[4:8])[0], struct.unpack('<I', data[40:44])[0] if len(data) >= 44 else -1
+    return [check('exit status', '143', '%d' % code, code == 143),
+            check('header sizes', 'RIFF %d, data %d' % (len(data) - 8, len(data) - 44), 'RIFF %d, data %d' % (riff_size, data_size),
+                  riff_size == len(data) - 8 and data_size == len(data) - 44 and data_size > 44100)]
+
+
+CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k, min(k + 9, len(LAYOUTS))))
+         for k in range(0, len(LAYOUTS), 9)] + [
+    ('wave', 'LIST chunk after the data', list_after_data),
+    ('wave', 'speech (espeak-ng)', speech),
+    ('timing', 'start ahead', start_ahead),
+    ('timing', 'joined late', joined_late),
+    ('timing', 'stop time', stop_time),
+    ('timing', 'rate 2', rate_case(2)),
+    ('timing', 'rate 0.5', rate_case(0.5)),
+    ('timing', 'loop without gaps', loop),
+    ('mix', 'gain', gain),
+    ('mix', '3D position', position),
+    ('mix', 'one channel, two clips', channels),
+    ('media', 'MIDI', midi),
+] + [('media', k, movie(k)) for k in MOVIES] + [('bad', 'bad input: ' + k, bad(f)) for k, f in BAD.items()] + [
+    ('bad', 'refused options', refusals),
+    ('bad', 'SIGTERM while playing', terminated),
+]
+
+
+# Checks that fail because of faults in the library not yet mended: measured and printed as LEFT OUT,
+# not counted, until the fault is gone (then the entry goes). --strict counts them.
+PENDING = {
+    ('one channel, two clips', '*'): 'the stronger clip gives its channel up at its end of media, before it is heard',
+    ('MPEG-1', 'length'): 'the filter-graph player loses the last MPEG audio frame',
+    ('QuickTime', 'length'): 'the filter-graph player cuts the end of the sound',
+    ('MP3', 'length'): 'the filter-graph player cuts the end of the sound',
+}
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument('play')
+    ap.add_argument('--group', action='append')
+    ap.add_argument('--case', help='only cases whose name contains this')
+    ap.add_argument('--jobs', type=int, default=2)
+    ap.add_argument('--table', help='write the results as a Markdown table')
+    ap.add_argument('--keep', help='work in this folder and keep it')
+    ap.add_argument('--strict', action='store_true', help='count the PENDING checks too')
+    a = ap.parse_args()
+    folder = a.keep or tempfile.mkdtemp(prefix='heard-')
+    os.makedirs(folder, exist_ok=True)
+    rig = Rig(os.path.abspath(a.play), folder)
+    cases = [c for c in CASES if (not a.group or c[0] in a.group) and (not a.case or a.case in c[1])]
+
+    def attempt(fn, slug):
+        try:
+            return fn(rig, slug)
+        except Exception as e:  # a case that cannot even be measured fails, with the reason
+            return [check('ran', 'yes', '%s: %s' % (type(e).__name__, e), False)]
+
+    def one(case):
+        # A timing that slipped once on a loaded machine gets one more run; the slip is printed,
+        # so that a fault that comes and goes still shows in the log.
+        group, name, fn = case
+        slug = ''.join(ch if ch.isalnum() else '-' for ch in name)
+        checks = attempt(fn, slug)
+        if not all(c[3] for c in checks):
+            for what, expected, measured, ok in checks:
+                if not ok:
+                    print('note %-6s %-28s first run: %s expected %s measured %s' % (group, name, what, expected, measured))
+            checks = attempt(fn, slug)
+        return group, name, checks
+
+    with concurrent.futures.ThreadPoolExecutor(a.jobs) as pool:
+        results = list(pool.map(one, cases))
+    failed, rows = 0, []
+    for group, name, checks in results:
+        for what, expected, measured, ok in checks:
+            why = None if a.strict else PENDING.get((name, what), PENDING.get((name, '*')))
+            verdict = 'ok' if ok else 'FAIL' if why is None else 'LEFT OUT'
+            failed += verdict == 'FAIL'
+            print('%-4s %-6s %-28s %-34s expected %-26s measured %s%s' % (verdict, group, name, what, expected, measured,
+                                                                          '' if why is None else ' (%s)' % why))
+            rows.append('| %s | %s | %s | %s | %s |' % (name, what, expected, measured, verdict if why is None else 'left out: ' + why))
+    if a.table:
+        with open(a.table, 'w') as f:
+            f.write('| case | check | expected | measured | |\n|---|---|---|---|---|\n' + '\n'.join(rows) + '\n')
+    if not a.keep:
+        shutil.rmtree(folder, ignore_errors=True)
+    print('%d checks, %d failed' % (len(rows), failed))
+    return 1 if failed else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
