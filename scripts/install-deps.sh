@@ -14,7 +14,7 @@ case "$kind" in
     build) ;;
     # llvm brings llvm-symbolizer: without it LeakSanitizer cannot name the frames that its
     # suppressions match, and GLib's load-time allocations are reported as leaks.
-    test) packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm abcmidi ffmpeg python3-numpy) ;;
+    test) packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm abcmidi ffmpeg python3-numpy fluidsynth) ;;
     bench) packages+=(libgtest-dev libgmock-dev libbenchmark-dev libopenal-dev abcmidi ffmpeg) ;;
     *) echo "usage: $0 build|test|bench" >&2; exit 2 ;;
 esac
