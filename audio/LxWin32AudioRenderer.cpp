@@ -267,6 +267,13 @@ KtResult LxWin32AudioRenderer::setFormat(LxFormat* f) {
     if (audio == nullptr) {
         return LX_ERR_UNSUPPORTED;
     }
+    const float samplingRate = audio->getSamplingRate();
+    if (!(samplingRate >= kMinRate && samplingRate <= kMaxRate)) {
+        // Buffer and frame sizes follow from the rate: one outside what any clip can have (or
+        // not a number) would size them absurdly.
+        LxLog::postDebug("LxWin32AudioRenderer:  cannot render a sampling rate of %f\n", samplingRate);
+        return LX_ERR_UNSUPPORTED;
+    }
     audio->ref();
     waitNotify.lock();
     LxAudioFormat* old = format;
@@ -640,29 +647,29 @@ long LxWin32AudioRenderer::setUp() {
     const char streaming = format->getIsStreaming();
     const double d = duration.getValue();
 
+    // Every size is a whole number of sample frames, worked out in 64 bits from a rate that
+    // setFormat has bounded: a buffer or frame that ends inside a sample frame would leave the
+    // producer a frame with no room at all (at a rate of 1 Hz, half a second holds none).
     const int32_t bpf = (channels != LxMono ? 2 : 1) * (sampleFormat != LxSample8 ? 2 : 1);
-    const int32_t bps = static_cast<int32_t>(samplingRate) * bpf;
+    const int64_t rateWhole = std::max<int64_t>(1, static_cast<int64_t>(samplingRate));
+    const int32_t bps = static_cast<int32_t>(rateWhole * bpf);
+    auto wholeFrames = [&](double frames) {
+        return static_cast<int32_t>(std::max<int64_t>(1, static_cast<int64_t>(std::ceil(frames))) * bpf);
+    };
     int32_t size;
     char resident;
     if (d > 0.0 && d < 2.0) {
         // In whole numbers: a duration such as 1.9 s is not exact in binary, and its product
-        // with the byte rate must not round up past the clip.
+        // with the rate must not round up past the clip.
         const int64_t usec = duration.usec();
-        size = static_cast<int32_t>(static_cast<int64_t>(duration.sec()) * bps +
-                                    (usec * bps + 999999) / 1000000);
-        if ((size % 2) != 0 && (bpf % 2) == 0) {
-            LxLog::postDebug("LxWin32AudioRenderer:  adding one to buffer size to make even\n");
-            ++size;
-        }
+        const int64_t frames =
+            static_cast<int64_t>(duration.sec()) * rateWhole + (usec * rateWhole + 999999) / 1000000;
+        size = wholeFrames(static_cast<double>(frames));
         resident = 1;
         LxLog::postDebug("LxWin32AudioRenderer:  creating resident audio clip with size %d bytes\n",
                          static_cast<int>(size));
     } else {
-        size = static_cast<int32_t>(std::ceil(bps * (streaming ? 6.0 : 1.5)));
-        if ((size % 2) != 0 && (bpf % 2) == 0) {
-            LxLog::postDebug("LxWin32AudioRenderer:  adding one to buffer size to make even\n");
-            ++size;
-        }
+        size = wholeFrames(static_cast<double>(rateWhole) * (streaming ? 6.0 : 1.5));
         resident = 0;
         LxLog::postDebug("LxWin32AudioRenderer:  creating streaming audio buffer of size %d\n",
                          static_cast<int>(size));
@@ -672,7 +679,7 @@ long LxWin32AudioRenderer::setUp() {
     bytesPerSecond = bps;
     bufferSize = size;
     isResident = resident;
-    frameBytes = static_cast<int32_t>(std::ceil(0.5 * bps));
+    frameBytes = wholeFrames(0.5 * static_cast<double>(rateWhole));
     poolLock->unlock();
     lowWaterMark = static_cast<int32_t>(static_cast<int64_t>(bps) * 75 / 1000);  // 75 ms
     LxLog::postDebug("LxWin32AudioRenderer:  lowWaterMark = %d\n", static_cast<int>(lowWaterMark));

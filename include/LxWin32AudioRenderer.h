@@ -69,7 +69,7 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     // ---- Connectable (manager thread while connecting). ----
     KtResult connectTo(LxOutputConnectable* output) override;
     LxOutputConnectable* connectedTo() override;
-    /// Keeps an audio format (0x2A4 for another type); 0x2A4 too when it is not pull style.
+    /// Keeps an audio format (0x2A4 for another type, or a rate outside 1 Hz .. 384 kHz).
     KtResult setFormat(LxFormat* format) override;
     LxFormat* getFormat() override;
     /// One format: any sample format, channels and rate, pull style.
@@ -92,6 +92,9 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     static constexpr int kMaxPorts = 32;
     /// The frame pool: six frames of half a second each.
     static constexpr int kPoolFrames = 6;
+    /// The sampling rates setFormat accepts.
+    static constexpr float kMinRate = 1.0f;
+    static constexpr float kMaxRate = 384000.0f;
 
   protected:
     /// Silences the clip and ends the renderer thread (DEAD); later calls do nothing. The

@@ -81,8 +81,11 @@ struct DSBUFFERDESC {
 constexpr uint32_t DSBSIZE_MIN = 4;
 constexpr uint32_t DSBSIZE_MAX = 0x0FFFFFFF;
 constexpr uint32_t DSBFREQUENCY_ORIGINAL = 0;
-constexpr uint32_t DSBFREQUENCY_MIN = 100;
-constexpr uint32_t DSBFREQUENCY_MAX = 100000;
+// The engine resamples every buffer in software, so it takes far wider rates than the hardware
+// of the time (100 Hz to 100 kHz): any clip rate from 1 Hz to 384 kHz, played up to four times
+// faster.
+constexpr uint32_t DSBFREQUENCY_MIN = 1;
+constexpr uint32_t DSBFREQUENCY_MAX = 1536000;
 constexpr int32_t DSBVOLUME_MAX = 0;
 constexpr int32_t DSBVOLUME_MIN = -10000;
 constexpr int32_t DSBPAN_LEFT = -10000;

@@ -198,7 +198,8 @@ TEST_F(AudioRendererTest, BuffersAndFramesAreSizedFromTheClipOnce) {
         {LxSample16, LxStereo, 44100, 0, 2.0, 0, 264600, 88200, 13230},   // 2 s streams: 1.5 s
         {LxSample16, LxStereo, 44100, 0, -1.0, 0, 264600, 88200, 13230},  // unknown length streams
         {LxSample8, LxMono, 11025, 0, 3.0, 0, 16538, 5513, 826},          // 16537.5 rounds up
-        {LxSample16, LxMono, 11025, 0, 3.0, 0, 33076, 11025, 1653},       // odd made even
+        {LxSample16, LxMono, 11025, 0, 3.0, 0, 33076, 11026, 1653},       // whole sample frames
+        {LxSample16, LxStereo, 1, 0, 3.0, 0, 8, 4, 0},                    // 1 Hz: a frame holds one
         {LxSample8, LxStereo, 8000, 0, 1.9, 1, 30400, 8000, 1200},        // 1.9 s is inexact
         {LxSample16, LxStereo, 22050, 1, 10.0, 0, 529200, 44100, 6615},   // a streaming source: 6 s
     };

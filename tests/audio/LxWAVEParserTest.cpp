@@ -9,6 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -133,10 +136,17 @@ TEST_F(WaveParser, ExtraChunksOddLengthsAndLongFormatChunksArePassedOver) {
     RiffChunk odd{"junk", "abcde"};
     RiffChunk fact{"fact", lxtest::le32(static_cast<uint32_t>(data.size() / 4))};
     RiffChunk fmt18{"fmt ", chunks[0].body + lxtest::le16(0)};
-    auto p = parseFile(write("spliced.wav", lxtest::joinWave({list, odd, fmt18, odd, fact, chunks[1]})));
+    // Behind the data, another LIST: it is not played.
+    auto p =
+        parseFile(write("spliced.wav", lxtest::joinWave({list, odd, fmt18, odd, fact, chunks[1], list})));
     ASSERT_EQ(LX_OK, p->header);
     EXPECT_EQ(12 + (8 + 16) + 2 * (8 + 6) + (8 + 18) + (8 + 4) + 8, p->parser->getDataStart());
     EXPECT_EQ(data, readAll(*p->parser, 4, 4096));
+    // An odd-sized 8-bit data chunk: its pad byte is not a sample.
+    const std::vector<RiffChunk> oddData = clip(1, 8000, 8, 101);
+    p = parseFile(write("odd.wav", lxtest::joinWave(oddData)));
+    ASSERT_EQ(LX_OK, p->header);
+    EXPECT_EQ(oddData[1].body, readAll(*p->parser, 1, 64));
 }
 
 TEST_F(WaveParser, EveryCutOfAHeaderFailsWithItsOwnMessage) {
@@ -205,7 +215,48 @@ TEST_F(WaveParser, WrongTagsMissingChunksAndMissingFiles) {
     EXPECT_EQ(LX_ERR_WAVE_OPEN, parseFile(dir.file("no-such-file.wav"))->open);
 }
 
-TEST_F(WaveParser, OnlyConsistentEightOrSixteenBitPcmIsAccepted) {
+// Integer samples of 24 and 32 bits, floats, A-law and mu-law, extensible headers and more than
+// two channels come out as 16-bit samples, mono or stereo (more channels mixed down), matching
+// sox's own conversion of the first channel.
+TEST_F(WaveParser, EveryEncodingIsDeliveredAsSixteenBitMonoOrStereo) {
+    const struct {
+        const char* encoding;
+        int bits, channels, rate;
+    } kinds[] = {{"signed-integer", 24, 2, 44100}, {"signed-integer", 32, 1, 8000},
+                 {"floating-point", 32, 2, 22050}, {"floating-point", 64, 1, 11025},
+                 {"mu-law", 8, 1, 8000},           {"a-law", 8, 2, 8000},
+                 {"signed-integer", 16, 6, 48000}, {"unsigned-integer", 8, 8, 11025},
+                 {"signed-integer", 16, 2, 384000}};
+    for (const auto& k : kinds) {
+        SCOPED_TRACE(testing::Message()
+                     << k.encoding << " " << k.bits << " bits, " << k.channels << " ch, " << k.rate << " Hz");
+        const std::string path = lxtest::soxClip(dir, "e.wav", k.rate, k.bits, k.channels, 0.3, k.encoding);
+        ASSERT_FALSE(path.empty());
+        ASSERT_EQ(0, lxtest::run("sox -D '" + path + "' -e signed-integer -b 16 '" + dir.file("ref.wav") +
+                                 "' remix 1"));
+        const std::string ref = lxtest::dataOf(lxtest::readFile(dir.file("ref.wav")));
+        auto p = parseFile(path);
+        ASSERT_EQ(LX_OK, p->header);
+        const int out = k.channels == 1 ? 1 : 2;
+        EXPECT_EQ(LxSample16, p->format->getSampleFormat());
+        EXPECT_EQ(out == 1 ? LxMono : LxStereo, p->format->getChannels());
+        EXPECT_NEAR(0.3, p->parser->getDuration().getValue(), 1e-4);
+        const std::string got = readAll(*p->parser, 2 * out, 997);
+        ASSERT_EQ(ref.size() * out, got.size());
+        int worst = 0;
+        for (size_t i = 0; i < got.size() / 2; ++i) {
+            int16_t a, b;
+            std::memcpy(&a, got.data() + 2 * i, 2);
+            std::memcpy(&b, ref.data() + 2 * (i / out), 2);
+            worst = std::max(worst, std::abs(a - b));
+        }
+        EXPECT_LE(worst, 2) << "samples differ from sox's conversion";
+    }
+}
+
+// What no encoding above covers is refused, with 0x2A4 for an encoding and 0x435 for a header
+// that contradicts itself or that no clip can have (and whose products wrap in 32 bits).
+TEST_F(WaveParser, HeadersOutsideTheEncodingsAndLimitsAreRefused) {
     struct Fmt {
         uint16_t tag, channels;
         uint32_t rate, avg;
@@ -213,18 +264,21 @@ TEST_F(WaveParser, OnlyConsistentEightOrSixteenBitPcmIsAccepted) {
         KtResult result;
     };
     const Fmt fmts[] = {
-        {2, 2, 8000, 32000, 4, 16, LX_ERR_UNSUPPORTED},  // ADPCM
-        {3, 2, 8000, 32000, 4, 16, LX_ERR_UNSUPPORTED},  // floating point
-        {0xFFFE, 2, 8000, 32000, 4, 16, LX_ERR_UNSUPPORTED},
-        {1, 2, 8000, 32001, 4, 16, LX_ERR_INVALID_WAVE},  // byte rate off by one
-        {1, 2, 8000, 16000, 2, 16, LX_ERR_INVALID_WAVE},  // block alignment of mono
-        {1, 2, 8000, 48000, 6, 24, LX_ERR_INVALID_WAVE},  // 24-bit samples, consistently described
-        {1, 1, 8000, 32000, 4, 32, LX_ERR_INVALID_WAVE},
-        {1, 1, 8000, 4000, 0, 4, LX_ERR_INVALID_WAVE},
-        {1, 0, 8000, 0, 0, 16, LX_ERR_INVALID_WAVE},  // consistent, but no format carries these
-        {1, 3, 8000, 48000, 6, 16, LX_ERR_INVALID_WAVE},
+        {2, 2, 8000, 32000, 4, 16, LX_ERR_UNSUPPORTED},        // ADPCM
+        {0xFFFE, 2, 8000, 32000, 4, 16, LX_ERR_INVALID_WAVE},  // extensible without its extension
+        {1, 2, 8000, 32001, 4, 16, LX_ERR_INVALID_WAVE},       // byte rate off by one
+        {1, 2, 8000, 16000, 2, 16, LX_ERR_INVALID_WAVE},       // block alignment of mono
+        {1, 1, 8000, 16000, 2, 12, LX_ERR_INVALID_WAVE},
+        {3, 1, 8000, 16000, 2, 16, LX_ERR_INVALID_WAVE},  // 16-bit float
+        {7, 1, 8000, 16000, 2, 16, LX_ERR_INVALID_WAVE},  // 16-bit mu-law
+        {1, 0, 8000, 0, 0, 16, LX_ERR_INVALID_WAVE},
+        {1, 9, 8000, 144000, 18, 16, LX_ERR_INVALID_WAVE},
         {1, 1, 0, 0, 2, 16, LX_ERR_INVALID_WAVE},
-        {1, 1, 8000, 8000, 1, 8, LX_OK},
+        {1, 1, 384001, 768002, 2, 16, LX_ERR_INVALID_WAVE},
+        {1, 2, 0x80000000u, 0, 4, 16, LX_ERR_INVALID_WAVE},  // rate x alignment wraps to 0
+        {1, 1, 1, 1, 1, 8, LX_OK},
+        {1, 8, 384000, 24576000, 64, 64, LX_ERR_INVALID_WAVE},
+        {3, 8, 384000, 24576000, 64, 64, LX_OK},
     };
     for (const Fmt& f : fmts) {
         const std::string fmt = lxtest::fmtBody(f.tag, f.channels, f.rate, f.avg, f.align, f.bits);
@@ -233,14 +287,18 @@ TEST_F(WaveParser, OnlyConsistentEightOrSixteenBitPcmIsAccepted) {
     }
 }
 
-TEST_F(WaveParser, DataLongerThanTheFileGivesTheDeclaredDurationAndThePresentBytes) {
-    std::vector<RiffChunk> chunks = clip(1, 8000, 8, 100);
-    std::string file = lxtest::joinWave(chunks);
-    file.replace(40, 4, lxtest::le32(16000));  // two seconds declared, 100 bytes present
-    auto p = parseFile(write("long.wav", file));
-    ASSERT_EQ(LX_OK, p->header);
-    EXPECT_EQ(LxTime(2, 0), p->parser->getDuration());
-    EXPECT_EQ(chunks[1].body, readAll(*p->parser, 1, 64));
+// A data chunk longer than the file (a truncated file, a length never filled in, one past 2 GiB)
+// lasts as long as the samples the file holds.
+TEST_F(WaveParser, DataLongerThanTheFileLastsAsLongAsItsSamples) {
+    for (const uint32_t declared : {16000u, 0x80000000u, 0xFFFFFFFFu}) {
+        std::vector<RiffChunk> chunks = clip(1, 8000, 8, 100);
+        std::string file = lxtest::joinWave(chunks);
+        file.replace(40, 4, lxtest::le32(declared));
+        auto p = parseFile(write("long.wav", file));
+        ASSERT_EQ(LX_OK, p->header);
+        EXPECT_EQ(LxTime(0, 12500), p->parser->getDuration()) << declared;
+        EXPECT_EQ(chunks[1].body, readAll(*p->parser, 1, 64));
+    }
 }
 
 }  // namespace

@@ -94,15 +94,18 @@ uint64_t checksum(const std::string& bytes) {
 }
 
 std::string soxClip(const TempDir& dir, const std::string& name, int rate, int bits, int channels,
-                    double seconds) {
+                    double seconds, const char* encoding) {
     if (!haveTool("sox")) {
         return "";
     }
     const std::string path = dir.file(name);
     std::ostringstream cmd;
-    cmd << "sox -q -n -r " << rate << " -b " << bits << " -c " << channels << " -e "
-        << (bits == 8 ? "unsigned-integer" : "signed-integer") << " '" << path << "' synth " << seconds
-        << " sine 440 sine 660 >/dev/null 2>&1";
+    cmd << "sox -q -D -n -r " << rate << " -b " << bits << " -c " << channels << " -e "
+        << (encoding != nullptr ? encoding
+            : bits == 8         ? "unsigned-integer"
+                                : "signed-integer")
+        << " '" << path << "' synth " << seconds
+        << (encoding != nullptr ? " sine 440 vol 0.5" : " sine 440 sine 660") << " >/dev/null 2>&1";
     if (run(cmd.str()) != 0) {
         return "";
     }

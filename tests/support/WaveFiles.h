@@ -36,10 +36,12 @@ std::string dataOf(const std::string& file);
 /// A 64-bit FNV-1a checksum, for comparing sample streams in failure messages.
 uint64_t checksum(const std::string& bytes);
 
-/// Writes a clip of a sine tone with sox into dir; returns its path, or "" when sox is missing or
-/// fails. bits is 8 (unsigned samples) or 16 (signed).
+/// Writes a clip with sox into dir; returns its path, or "" when sox is missing or fails. Without
+/// an encoding: bits is 8 (unsigned samples) or 16 (signed), tones of 440 and 660 Hz in turn on the
+/// channels. With a sox encoding ("floating-point", "mu-law" ...): a 440 Hz tone at half scale on
+/// every channel, undithered.
 std::string soxClip(const TempDir& dir, const std::string& name, int rate, int bits, int channels,
-                    double seconds);
+                    double seconds, const char* encoding = nullptr);
 
 /// A local file whose data is only available once the test says so (so listeners can be attached
 /// before the player initialises), and whose content name the test may replace.
