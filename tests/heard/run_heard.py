@@ -337,9 +337,11 @@ def refusals(rig, name):
     before = open(clip, 'rb').read()
     same = subprocess.run([rig.play, '-o', 'wav:' + clip, clip], capture_output=True, text=True, timeout=60)
     huge = subprocess.run([rig.play, '-c', '1e10', clip], capture_output=True, text=True, timeout=60)
+    alsa = subprocess.run([rig.play, '-o', 'alsa:no-such-device', clip], capture_output=True, text=True, timeout=60)
     return [check('output is an input', 'refused, clip kept', '%d, %s' % (same.returncode, 'kept' if open(clip, 'rb').read() == before else 'DESTROYED'),
                   same.returncode != 0 and open(clip, 'rb').read() == before),
-            check('-c 1e10', 'exit 2', '%d: %s' % (huge.returncode, huge.stderr.strip()), huge.returncode == 2)]
+            check('-c 1e10', 'exit 2', '%d: %s' % (huge.returncode, huge.stderr.strip()), huge.returncode == 2),
+            check('-o alsa:no-such-device', 'exit 1', '%d: %s' % (alsa.returncode, alsa.stderr.strip()), alsa.returncode == 1)]
 
 
 def terminated(rig, name):

@@ -373,6 +373,7 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
 // finished, rather than killing the process in the middle of a write.
 sigset_t gStopSignals;
 int gStopSignal = 0;
+bool gOutputFailed = false;  // a device the user named could not be opened
 
 /// Waits up to ms milliseconds; true when a stop signal came (gStopSignal says which).
 bool pauseFor(long ms) {
@@ -444,6 +445,24 @@ bool configureOutput(const Options& options) {
     }
     fail("unusable output '%s' (use wav:FILE, alsa[:DEVICE] or null)", output.c_str());
     return false;
+}
+
+/// False, with the reason said once, when the output is an ALSA device that could not be opened:
+/// a device the user named is an error; the default one falls back to a null output and goes on.
+bool outputUsable(const Options& options) {
+    static bool said = false;
+    const std::string& output = options.output;
+    const std::string described = LxPlatformSound::describeOutput();
+    if (output.rfind("alsa", 0) != 0 || described.find("unavailable") == std::string::npos || said) {
+        return true;
+    }
+    said = true;
+    if (output.size() > 5) {
+        fail("cannot open the ALSA device %s", output.substr(5).c_str());
+        return false;
+    }
+    fail("no ALSA device; playing into a null output");
+    return true;
 }
 
 double now(LxManager* manager) {
@@ -597,6 +616,10 @@ int main(int argc, char** argv) {
         manager->closeManager();
         return 1;
     }
+    if (!outputUsable(options)) {
+        manager->closeManager();
+        return 1;
+    }
     if (options.channels > 0) {
         manager->setMaxAudioChannels(static_cast<short>(options.channels));
     }
@@ -669,6 +692,11 @@ int main(int argc, char** argv) {
         }
     }
 
+    // The output device is opened when the first port gets a channel.
+    if (!outputUsable(options)) {
+        gOutputFailed = true;
+    }
+
     // Every clip's fields at one moment of the scene's clock.
     const double sceneNow = now(manager);
     for (auto& c : clips) {
@@ -693,7 +721,7 @@ int main(int argc, char** argv) {
     const double framePeriod = 1.0 / options.frameRate;
     double nextFrame = 0.0;
     double nextProgress = 0.0;
-    while (anyReady && gStopSignal == 0) {
+    while (anyReady && gStopSignal == 0 && !gOutputFailed) {
         const double t = playing();
         if (runTime >= 0 && t >= runTime) {
             break;
@@ -798,5 +826,5 @@ int main(int argc, char** argv) {
         printLine("lorvex-play: %d clip%s, %d failed\n", static_cast<int>(clips.size()),
                   clips.size() == 1 ? "" : "s", failures);
     }
-    return failures == 0 ? 0 : 1;
+    return failures == 0 && !gOutputFailed && outputUsable(options) ? 0 : 1;
 }
