@@ -317,11 +317,26 @@ LxFrame* LxBaseVideoRenderer::attachFrameFromTime(const LxTime& curTime, const L
     if (style == kNoStyle) {
         return nullptr;
     }
+    LxFrame* frame = nullptr;
     if (style != LxFormat::PushStream) {
         LxOutputConnectable* out = connectedOutput.load();
-        return out != nullptr ? out->getFrameForTime(curTime, timeout) : nullptr;
+        frame = out != nullptr ? out->getFrameForTime(curTime, timeout) : nullptr;
+    } else {
+        frame = selectPushedFrame(curTime, timeout);
     }
-    return selectPushedFrame(curTime, timeout);
+    if (frame != nullptr) {
+        // A host that paints while the renderer prefetches may take the cue before the renderer's
+        // thread does. The renderer is then as ready as if it held the frame itself; its thread
+        // would otherwise wait for a first frame that a paused graph never sends again, and the
+        // player would never hear that the prefetch is complete.
+        renderLock.lock();
+        if (getCurrentState() == PREFETCHING && !prefetched) {
+            prefetched = 1;
+            wakeLocked();
+        }
+        renderLock.unlock();
+    }
+    return frame;
 }
 
 LxFrame* LxBaseVideoRenderer::selectPushedFrame(const LxTime& curTime, const LxTime& timeout) {
