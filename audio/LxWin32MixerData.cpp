@@ -112,7 +112,7 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
     // Gives up when the port lost its channel or buffer, or was closed, while the slot was let go.
     auto stillThere = [&]() {
         rec = record(port);
-        return rec != nullptr && !rec->noChannel && rec->soundBuffer != nullptr;
+        return state.load() == READY && rec != nullptr && !rec->noChannel && rec->soundBuffer != nullptr;
     };
     while (written < total) {
         long fillable = fillableLocked(rec);
@@ -142,7 +142,14 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
             rec->needsReset = 0;
         }
         if (fillable == 0) {
-            lxp::clock().sleep(50);  // waits for room with the slot lock held
+            // Waits for room without the slot lock, so that a revocation, a close or the device
+            // going down can come in meanwhile, and gives up when one did.
+            slot.unlock();
+            lxp::clock().sleep(50);
+            slot.relock();
+            if (!stillThere()) {
+                return LX_ERR_WRITE_ABANDONED;
+            }
             continue;
         }
         if (rec->soundBuffer == nullptr) {

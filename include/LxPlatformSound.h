@@ -17,7 +17,7 @@ class LxPlatformSound {
     static constexpr uint32_t DEFAULT_SAMPLE_RATE = 44100;
 
     /// Plays on the ALSA PCM device named device (null or empty: "default"); falls back to a null
-    /// output when the device cannot be opened.
+    /// output when the device cannot be opened (see outputFailed()).
     static void useAlsa(const char* device = nullptr, uint32_t sampleRate = DEFAULT_SAMPLE_RATE);
     /// Writes what would be heard into a 16-bit stereo WAV file at path, in real time. The file is
     /// created when the output first starts and completed whenever it stops.
@@ -29,6 +29,10 @@ class LxPlatformSound {
     static void useSimulated();
     /// What the current choice plays on, for logs and --version output ("ALSA device default").
     static std::string describeOutput();
+    /// True when the output was asked for by name and cannot be had (an ALSA device other than
+    /// "default" that is missing or busy): the sound goes nowhere, and a host should report it
+    /// rather than play on. Opens the output if it is not open yet; never waits for a busy device.
+    static bool outputFailed();
 };
 
 #endif  // LX_PLATFORM_SOUND_H

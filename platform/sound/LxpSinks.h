@@ -20,9 +20,10 @@ std::unique_ptr<Sink> makeWavSink(const std::string& path);
 /// Drops every sample, paced in real time.
 std::unique_ptr<Sink> makeNullSink();
 
-/// Plays on the ALSA PCM device (empty name: "default"). When the device cannot be opened the
-/// output falls back to a null sink paced in real time, and describe() says so. Built without ALSA,
-/// it is always that fallback.
+/// Plays on the ALSA PCM device (empty name: "default"), opened now, without waiting for a busy
+/// device. When the device cannot be opened the output falls back to a null sink paced in real
+/// time, and describe() says so; failed() tells it for a device asked for by a name other than
+/// "default". Built without ALSA, it is always that fallback.
 std::unique_ptr<Sink> makeAlsaSink(const std::string& device);
 
 /// Holds the engine to real time: blocks of frames at rate are let through no earlier than their

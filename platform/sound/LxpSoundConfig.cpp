@@ -141,3 +141,7 @@ void LxPlatformSound::useSimulated() {
 std::string LxPlatformSound::describeOutput() {
     return lxp::sound::currentBackend()->engine()->describe();
 }
+
+bool LxPlatformSound::outputFailed() {
+    return lxp::sound::currentBackend()->engine()->outputFailed();
+}

@@ -226,6 +226,10 @@ std::string Engine::describe() const {
     return sink_ ? sink_->describe() : std::string("no output");
 }
 
+bool Engine::outputFailed() const {
+    return sink_ && sink_->failed();
+}
+
 void Engine::addUser() {
     std::lock_guard<std::mutex> guard(controlMutex_);
     if (++users_ == 1 && !shutDown_) {

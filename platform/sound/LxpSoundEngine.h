@@ -55,6 +55,8 @@ class Sink {
     virtual void close() = 0;
     /// What the output is, for enumeration and logs ("ALSA device default").
     virtual std::string describe() const = 0;
+    /// The output the host asked for by name could not be had (the sink stands in with nothing).
+    virtual bool failed() const { return false; }
 };
 
 /// Sample memory shared by a buffer and its duplicates, of exactly the size asked for; the cursor
@@ -229,6 +231,8 @@ class Engine {
 
     Sink* sink() { return sink_.get(); }
     std::string describe() const;
+    /// The sink's failed(): an output asked for by name is not there.
+    bool outputFailed() const;
 
   private:
     Engine(const Engine&) = delete;

@@ -144,14 +144,27 @@ TEST_F(MixerTest, WritesNobodyCanHearAreOnlyTimed) {
 TEST_F(MixerTest, AWriteGivesUpWhenItsPortLosesTheChannelOrCloses) {
     start();
     clock.setAutoAdvanceOnSleep(false);
-    for (const bool close : {false, true}) {
-        const short p = open(LxMono, LxSample16, 22050, 11024);  // a quarter second
+    // Revoked or closed while the writer paces itself; then revoked while it waits for room in a
+    // full buffer whose output does not move (it must not hold the slot lock then).
+    for (const int c : {0, 1, 2}) {
+        const bool close = c == 1;
+        if (c == 2) {
+            setUpPlatform(lxp::simsound::Config(), LxSimulatedPlatform(), false);
+            start();
+        }
+        const short p = open(LxMono, LxSample16, 22050, 11024, c == 2 ? 0 : 1);  // a quarter second
         std::vector<uint8_t> data = mixerkit::ramp16(22050, 1);
         std::atomic<long> result{0};
         const uint64_t slept = clock.sleptMs();
         std::thread writer([&] { result.store(mixer->writeFrames(p, data.data(), 0, 22050)); });
         // The first quarter second fits; then the writer sleeps 199 ms with the slot let go.
         ASSERT_TRUE(lxtest::waitUntil([&] { return clock.sleptMs() >= slept + 199; }));
+        if (c == 2) {
+            clock.advanceMs(199);  // then the throttle (62 ms), then the wait for room (50 ms)
+            ASSERT_TRUE(lxtest::waitUntil([&] { return clock.sleptMs() >= slept + 199 + 62; }));
+            clock.advanceMs(62);
+            ASSERT_TRUE(lxtest::waitUntil([&] { return clock.sleptMs() >= slept + 199 + 62 + 50; }));
+        }
         if (close) {
             EXPECT_EQ(LX_OK, mixer->closePort(p));
         } else {
