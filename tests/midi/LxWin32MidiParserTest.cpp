@@ -51,30 +51,10 @@ uint32_t shortMsg(int status, int d1, int d2 = 0) {
     return status | d1 << 8 | d2 << 16;
 }
 
-TEST_F(MidiParserTest, MergesTracksByTimeWithTheLowerTrackFirstOnATie) {
-    // Header length 10: the 4 extra bytes are skipped. Track 1 and 2 both have a note at tick
-    // 240; a text event between notes writes no record, its time goes into the next delta.
-    const std::string file =
-        smf(1, 480,
-            {track(noteOn(0, 0, 60) + textEvent(240, "hello") + noteOn(240, 0, 62)),
-             track(noteOn(240, 1, 64) + noteOff(480, 1, 64)), track(noteOn(240, 2, 67, 90))},
-            10);
-    std::vector<Record> out;
-    EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(file, &out));
-    ASSERT_EQ(5u, out.size());
-    const uint32_t expected[][2] = {{0, shortMsg(0x90, 60, 100)},
-                                    {240, shortMsg(0x91, 64, 100)},
-                                    {0, shortMsg(0x92, 67, 90)},
-                                    {240, shortMsg(0x90, 62, 100)},
-                                    {240, shortMsg(0x81, 64)}};
-    for (size_t i = 0; i < out.size(); ++i) {
-        EXPECT_EQ(expected[i][0], out[i].event.dwDeltaTime) << i;
-        EXPECT_EQ(expected[i][1], out[i].event.dwEvent) << i;
-    }
-}
-
-// Many tracks with events on shared ticks, in small buffers: the stream is the reference reader's
-// events in time order, ties by track, each at its tick.
+// Many tracks with events on shared ticks, text events between them, in small buffers: the stream
+// is the reference reader's events in time order, ties by the lower track, each at its tick (a
+// text event writes no record; its time goes into the next delta). The header's 4 extra bytes
+// are skipped.
 TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
     const unsigned seed = lxtest::testSeed();
     std::mt19937 random(seed);
@@ -82,11 +62,12 @@ TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
     for (int t = 0; t < 300; ++t) {
         std::string events;
         for (int i = 0, n = random() % 6; i < n; ++i) {
-            events += noteOn(random() % 3 * 24, t % 16, 30 + random() % 60);
+            events += random() % 4 == 0 ? textEvent(random() % 3 * 24, "x")
+                                        : noteOn(random() % 3 * 24, t % 16, 30 + random() % 60);
         }
         tracks.push_back(track(events, t % 3 != 0));  // every third without its end-of-track event
     }
-    const std::string file = smf(1, 96, tracks);
+    const std::string file = smf(1, 96, tracks, 10);
     RefFile ref = readReference(file);
     std::stable_sort(ref.events.begin(), ref.events.end(), [](const RefEvent& a, const RefEvent& b) {
         return a.tick < b.tick || (a.tick == b.tick && a.track < b.track);
@@ -236,23 +217,13 @@ TEST_F(MidiParserTest, HugeDeltaTimesKeepTheirOrderAndTheirDelta) {
     }
 }
 
-TEST_F(MidiParserTest, EveryCutAndWrongLengthFailsCleanly) {
+TEST_F(MidiParserTest, WrongLengthsFailCleanly) {
     std::string events =
         tempoEvent(0, 400000) + vlq(0) + "\xF0" + vlq(4) + "\x01\x02\x03\xF7" + textEvent(0, "t");
     for (int i = 0; i < 40; ++i) {
         events += noteOn(12, i % 16, 40 + i) + vlq(6) + std::string{static_cast<char>(0x40 + i), 0};
     }
     const std::string good = smf(1, 96, {track(events), track(noteOn(3, 9, 36) + tempoEvent(100, 300000))});
-    std::vector<Record> whole;
-    ASSERT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(good, &whole));
-    // Every proper prefix fails to open, fails its parse or ends early; never more records than
-    // the whole file gives (parse() checks that nothing is left allocated or open).
-    for (size_t n = 0; n < good.size(); ++n) {
-        SCOPED_TRACE(n);
-        std::vector<Record> out;
-        parse(good.substr(0, n), &out);
-        EXPECT_LE(out.size(), whole.size());
-    }
     // Wrong chunk lengths: a header shorter than 6, a track longer than the file, a track length
     // that cuts the first track short so that the second chunk is not where it says; no "MThd";
     // more tracks declared than the file holds.
@@ -267,14 +238,6 @@ TEST_F(MidiParserTest, EveryCutAndWrongLengthFailsCleanly) {
         EXPECT_EQ(0, parser.openFile(write("x.mid", b).c_str()));
     }
     EXPECT_EQ(0, parser.openFile(dir_.file("missing.mid").c_str()));
-    // A track chunk longer than its track buffer, with a meta event that claims more than the
-    // file holds: refused without allocating its declared size.
-    std::vector<Record> out;
-    EXPECT_EQ(
-        LxWin32MidiParser::PARSE_CORRUPT,
-        parse(smf(0, 96,
-                  {"MTrk" + be32(5000) + vlq(0) + "\xFF\x01" + vlq(0x0FFFFFFF) + std::string(2000, 'x')}),
-              &out));
 }
 
 TEST_F(MidiParserTest, FileLayerFailuresCloseEverything) {
