@@ -7,7 +7,7 @@ SILENT = 0.01  # amplitude (full scale 1.0) below which nothing counts as heard
 
 
 def read(path):
-    """(samples as float frames x channels, rate). 8/16/24/32-bit PCM; others go through sox."""
+    """(samples as float frames x channels, rate) of an 8/16/24/32-bit PCM file."""
     with wave.open(path, 'rb') as w:
         rate, channels, width = w.getframerate(), w.getnchannels(), w.getsampwidth()
         raw = w.readframes(w.getnframes())
@@ -64,10 +64,12 @@ def pitch(x, rate):
 def band_level(x, rate, hz, width=0.1):
     """RMS amplitude of the part of the sound within +-width (relative) of hz."""
     m = mono(x)
+    if len(m) == 0:
+        return 0.0
     s = np.fft.rfft(m)
     f = np.fft.rfftfreq(len(m), 1 / rate)
     s[np.abs(f - hz) > width * hz] = 0
-    return float(np.sqrt(np.mean(np.fft.irfft(s, len(m))**2))) if len(m) else 0.0
+    return float(np.sqrt(np.mean(np.fft.irfft(s, len(m))**2)))
 
 
 def level(x):

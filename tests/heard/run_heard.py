@@ -231,18 +231,19 @@ def position(rig, name):
 
 def channels(rig, name):
     """One channel: the weaker clip is left out while the stronger plays, and heard when it ends."""
-    x, rate, r = rig.run(name, ['-c', '1', '--start', str(LEAD), '--priority', '0.9', rig.tone(1.0, 440),
-                                '--start', str(LEAD), '--priority', '0.1', rig.tone(3.0, 880)])
+    x, rate, r = rig.run(name, ['-c', '1', '--start', str(LEAD), '--priority', '0.9', rig.tone(0.8, 440),
+                                '--start', str(LEAD), '--priority', '0.1', rig.tone(1.9, 880)])
     s = H.span(x, rate)
     if s is None:
         return [played(r), check('heard', 'sound', 'silence', False)]
-    on = s[0]
-    strong = H.band_level(H.cut(x, rate, on + 0.1, on + 0.9), rate, 880) / max(1e-9, H.band_level(H.cut(x, rate, on + 0.1, on + 0.9), rate, 440))
-    later = H.cut(x, rate, on + 1.1, on + 2.9)
-    weak = H.band_level(later, rate, 880) / max(1e-9, H.band_level(later, rate, 440))
-    return [played(r), check('weaker : stronger while the stronger plays', '< 0.05', '%.3f' % strong, strong < 0.05),
-            check('weaker : stronger after it ended', '> 20', '%.1f' % weak, weak > 20),
-            near('heard until the weaker clip ends', 3.0, s[1] - s[0], LENGTH)]
+
+    def weak_to_strong(t0, t1):
+        y = H.cut(x, rate, s[0] + t0, s[0] + t1)
+        return H.band_level(y, rate, 880) / max(1e-9, H.band_level(y, rate, 440))
+    during, after = weak_to_strong(0.1, 0.7), weak_to_strong(0.9, 1.8)
+    return [played(r), check('weaker : stronger while the stronger plays', '< 0.05', '%.3f' % during, during < 0.05),
+            check('weaker : stronger after it ended', '> 20', '%.1f' % after, after > 20),
+            near('heard until the weaker clip ends', 1.9, s[1] - s[0], LENGTH)]
 
 
 # ------------------------------------------------------------------------------------------------
@@ -268,12 +269,13 @@ def midi(rig, name):
             check('envelope correlation', '> 0.9', '%.3f' % c, c > 0.9)]
 
 
+# 1.5 s long: a clip of 2 s or more starts the start-up latency into its media.
 MOVIES = {
-    'MPEG-1': ('clip.mpg', '-f lavfi -i testsrc=size=160x120:rate=25:duration=2 -f lavfi -i sine=frequency=660:duration=2 '
+    'MPEG-1': ('clip.mpg', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
                '-c:v mpeg1video -c:a mp2 -f mpeg'),
-    'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=2 -f lavfi -i sine=frequency=660:duration=2 '
+    'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
                   '-c:v mjpeg -c:a pcm_s16le -f mov'),
-    'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=2 -c:a libmp3lame -f mp3'),
+    'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=1.5 -c:a libmp3lame -f mp3'),
 }
 
 
@@ -384,10 +386,9 @@ CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k
 # Checks that fail because of faults in the library not yet mended: measured and printed as LEFT OUT,
 # not counted, until the fault is gone (then the entry goes). --strict counts them.
 PENDING = {
-    ('one channel, two clips', '*'): 'the stronger clip gives its channel up at its end of media, before it is heard',
+    ('one channel, two clips', '*'): 'a port gives its channel up at end of media, before it is heard; one that '
+                                     'waits for a channel is not isSounding',
     ('MPEG-1', 'length'): 'the filter-graph player loses the last MPEG audio frame',
-    ('QuickTime', 'length'): 'the filter-graph player cuts the end of the sound',
-    ('MP3', 'length'): 'the filter-graph player cuts the end of the sound',
 }
 
 
@@ -418,9 +419,10 @@ def main():
         group, name, fn = case
         slug = ''.join(ch if ch.isalnum() else '-' for ch in name)
         checks = attempt(fn, slug)
-        if not all(c[3] for c in checks):
+        pending = lambda what: not a.strict and ((name, what) in PENDING or (name, '*') in PENDING)
+        if not all(c[3] or pending(c[0]) for c in checks):
             for what, expected, measured, ok in checks:
-                if not ok:
+                if not ok and not pending(what):
                     print('note %-6s %-28s first run: %s expected %s measured %s' % (group, name, what, expected, measured))
             checks = attempt(fn, slug)
         return group, name, checks
@@ -430,7 +432,7 @@ def main():
     failed, rows = 0, []
     for group, name, checks in results:
         for what, expected, measured, ok in checks:
-            why = None if a.strict else PENDING.get((name, what), PENDING.get((name, '*')))
+            why = None if a.strict or ok else PENDING.get((name, what), PENDING.get((name, '*')))
             verdict = 'ok' if ok else 'FAIL' if why is None else 'LEFT OUT'
             failed += verdict == 'FAIL'
             print('%-4s %-6s %-28s %-34s expected %-26s measured %s%s' % (verdict, group, name, what, expected, measured,
