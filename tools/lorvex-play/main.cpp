@@ -12,6 +12,7 @@
 #include "LxPlatformSound.h"
 
 #include "FrameWriter.h"
+#include "VrmlWorld.h"
 
 #include <pthread.h>
 #include <sys/resource.h>
@@ -19,7 +20,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -29,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,8 +40,10 @@ namespace {
 
 const char* const kUsage =
     "usage: lorvex-play [options] [clip options] CLIP [[clip options] CLIP ...]\n"
+    "       lorvex-play [options] WORLD.wrl\n"
     "\n"
-    "Plays each CLIP (WAVE, MIDI, MPEG, QuickTime ...) as a scene node would.\n"
+    "Plays each CLIP (WAVE, MIDI, MPEG, QuickTime ...) as a scene node would, or the sounds and\n"
+    "movies of a VRML97 world (.wrl, .wrl.gz) as a browser's media core does when it loads.\n"
     "\n"
     "Options:\n"
     "  -o, --output WHERE    wav:FILE (default wav:lorvex-out.wav), alsa[:DEVICE] or null\n"
@@ -53,6 +56,11 @@ const char* const kUsage =
     "  -v, --verbose         print the players' events as they arrive\n"
     "      --version         print the library version and exit\n"
     "\n"
+    "World options:\n"
+    "      --at NAME=SECONDS startTime of the AudioClip or MovieTexture DEF'd NAME: load time\n"
+    "                        plus SECONDS, as a sensor's route would set it (repeatable)\n"
+    "      --viewpoint X,Y,Z put the listener here instead of at the first Viewpoint\n"
+    "\n"
     "Clip options (apply to the next CLIP):\n"
     "  --start SECONDS       startTime relative to now (may be negative: joins late)\n"
     "  --stop SECONDS        stopTime relative to now\n"
@@ -62,8 +70,19 @@ const char* const kUsage =
     "  --location X,Y,Z      3D position of the sound\n"
     "  --priority P          priority in the channel arbitration (default 0.5)\n";
 
+/// What a Sound node sets on the audio port it is handed.
+struct SoundSettings {
+    float gain = 1.0f;
+    float location[3] = {0, 0, 0};
+    bool hasLocation = false;
+    float priority = 0.5f;
+};
+
 struct ClipOptions {
     std::string file;
+    std::string label;                  // how messages name it: the file, or a world's node
+    bool absolute = false;              // start and stop are scene times (a world's), not offsets from now
+    std::vector<SoundSettings> sounds;  // a world's Sound nodes; a plain clip has its own one
     double start = 0.0;
     double stop = -1.0;
     bool hasStop = false;
@@ -84,6 +103,10 @@ struct Options {
     double frameRate = 10.0;
     std::string contactSheet;
     std::vector<ClipOptions> clips;
+    std::vector<std::string> worlds;
+    std::map<std::string, double> startAt;  // --at
+    bool hasViewpoint = false;
+    float viewpoint[3] = {0, 0, 0};
 };
 
 std::mutex gPrintMutex;
@@ -210,6 +233,25 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
                 return false;
             }
             next.hasLocation = true;
+        } else if (arg == "--at") {
+            const char* v = value("--at");
+            const char* eq = v == nullptr ? nullptr : std::strrchr(v, '=');
+            double seconds = 0;
+            if (eq == nullptr || eq == v || !parseDouble(eq + 1, &seconds) || std::fabs(seconds) > 1e6) {
+                fail("--at needs NAME=SECONDS");
+                return false;
+            }
+            options->startAt[std::string(v, eq)] = seconds;
+        } else if (arg == "--viewpoint") {
+            const char* v = value("--viewpoint");
+            char extra = 0;
+            float* p = options->viewpoint;
+            if (v == nullptr || std::sscanf(v, "%f,%f,%f%c", &p[0], &p[1], &p[2], &extra) != 3 ||
+                !std::all_of(p, p + 3, [](float x) { return std::isfinite(x) && std::fabs(x) <= 1e6f; })) {
+                fail("--viewpoint needs X,Y,Z (each within +-1e6)");
+                return false;
+            }
+            options->hasViewpoint = true;
         } else if (arg == "--frames") {
             const char* v = value("--frames");
             if (v == nullptr) {
@@ -225,8 +267,12 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
         } else if (!arg.empty() && arg[0] == '-' && arg.size() > 1) {
             fail("unknown option %s (try --help)", arg.c_str());
             return false;
+        } else if (isWorldFile(arg)) {
+            options->worlds.push_back(arg);
+            next = ClipOptions();
         } else {
             next.file = arg;
+            next.label = arg;
             options->clips.push_back(next);
             next = ClipOptions();
         }
@@ -234,11 +280,56 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
     return true;
 }
 
-// One clip on its way through the library: the player, its scene-node support, a Sound-node
-// stand-in that receives the audio port, and what the player reported.
-class Clip : public LxEventListener, public LxSoundNodeNotifier {
+// A Sound-node stand-in: receives the audio port the scene support hands it and sets what the
+// node's fields say.
+class SoundNode : public LxSoundNodeNotifier {
   public:
-    Clip(const ClipOptions& o, int index, bool verbose) : options(o), index_(index), verbose_(verbose) {}
+    explicit SoundNode(const SoundSettings& s) : settings(s) {}
+
+    void audioPortChanged(LxAudioOutputPort* newPort) override {
+        port.store(newPort);
+        if (newPort == nullptr) {
+            return;
+        }
+        newPort->setPriority(settings.priority);
+        if (settings.hasLocation) {
+            newPort->setSoundLocation(settings.location);
+        }
+        newPort->setGain(settings.gain);
+    }
+
+    SoundSettings settings;
+    std::atomic<LxAudioOutputPort*> port{nullptr};
+};
+
+// One clip on its way through the library: the player, its scene-node support, the Sound nodes
+// that receive its audio ports, and what the player reported.
+class Clip : public LxEventListener {
+  public:
+    Clip(const ClipOptions& o, int index, bool verbose) : options(o), index_(index), verbose_(verbose) {
+        if (!o.absolute) {
+            SoundSettings own;
+            own.gain = o.gain;
+            own.priority = o.priority;
+            own.hasLocation = o.hasLocation;
+            std::copy(o.location, o.location + 3, own.location);
+            sounds.emplace_back(new SoundNode(own));
+        }
+        for (const SoundSettings& s : o.sounds) {
+            sounds.emplace_back(new SoundNode(s));
+        }
+    }
+
+    /// The port of its first Sound node, or null.
+    LxAudioOutputPort* port() const { return sounds.empty() ? nullptr : sounds.front()->port.load(); }
+
+    /// Whether any of its ports still has sound to be heard.
+    bool sounding() const {
+        return std::any_of(sounds.begin(), sounds.end(), [](const std::unique_ptr<SoundNode>& n) {
+            LxAudioOutputPort* p = n->port.load();
+            return p != nullptr && p->isSounding() != 0;
+        });
+    }
 
     void handleEvent(LxEvent* event) override {
         switch (event->getEventType()) {
@@ -269,18 +360,6 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
         }
     }
 
-    void audioPortChanged(LxAudioOutputPort* newPort) override {
-        port.store(newPort);
-        if (newPort == nullptr) {
-            return;
-        }
-        newPort->setPriority(options.priority);
-        if (options.hasLocation) {
-            newPort->setSoundLocation(options.location);
-        }
-        newPort->setGain(options.gain);
-    }
-
     /// Played to an end that needs nothing more: its end of media or its stop time, or it failed.
     /// What it sent out may still be playing (see isSounding()).
     bool finished() const {
@@ -297,16 +376,17 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
     std::atomic<bool> ended{false};
     std::atomic<bool> stoppedAtTime{false};
     std::atomic<double> durationSeconds{-1.0};
-    std::atomic<LxAudioOutputPort*> port{nullptr};
+    std::vector<std::unique_ptr<SoundNode>> sounds;
     bool ready = false;
     LxVideoRenderer* video = nullptr;
     std::unique_ptr<FrameWriter> frames;
     // Followed by the main thread only, in seconds of play time.
-    double endSeenAt = -1;  // when finished() was first seen
-    double lastMedia = -2;  // the media time at the last look
-    double progressAt = 0;  // when it last made progress
-    bool done = false;      // finished and heard, or given up on
-    bool givenUp = false;   // ended by this tool: it could make no progress
+    double endSeenAt = -1;    // when finished() was first seen
+    double lastMedia = -2;    // the media time at the last look
+    double progressAt = 0;    // when it last made progress
+    bool done = false;        // finished and heard, or given up on
+    bool timePassed = false;  // a world's clip that ended before the world was loaded
+    bool givenUp = false;     // ended by this tool: it could make no progress
 
   private:
     void describe(LxEvent* event) {
@@ -360,7 +440,7 @@ class Clip : public LxEventListener, public LxSoundNodeNotifier {
                 break;
             }
         }
-        printLine("[%d] %s: %s%s\n", index_, options.file.c_str(), name, detail);
+        printLine("[%d] %s: %s%s\n", index_, options.label.c_str(), name, detail);
     }
 
     int index_;
@@ -473,28 +553,37 @@ double now(LxManager* manager) {
 // now, the same for every clip so that their start and stop times keep their distances.
 void applyFields(Clip& clip, double t) {
     LxVrmlSupport& s = *clip.support;
+    const double base = clip.options.absolute ? 0.0 : t;
     s.beginChangingFields(LxTime(t));
     s.setLoop(clip.options.loop ? 1 : 0);
     s.setRate(clip.options.rate);
     if (clip.options.hasStop) {
-        s.setStopTime(LxTime(t + clip.options.stop));
+        s.setStopTime(LxTime(base + clip.options.stop));
     }
-    s.setStartTime(LxTime(t + clip.options.start));
+    s.setStartTime(LxTime(base + clip.options.start));
     s.doneChangingFields();
+}
+
+/// A world's clip that the scene's timing rules leave silent: not looping, and its startTime so
+/// far past that it ended before the world was loaded.
+bool endedBeforeLoad(const Clip& c, double sceneNow) {
+    const double duration = c.durationSeconds.load();
+    return c.options.absolute && !c.options.loop && c.options.start <= sceneNow && duration >= 0 &&
+           (sceneNow - c.options.start) * c.options.rate >= duration;
 }
 
 std::string progressText(Clip& clip) {
     char line[160];
     const double media = clip.player->getMediaTime().getValue();
-    LxAudioOutputPort* port = clip.port.load();
+    LxAudioOutputPort* port = clip.port();
     const char* channel = port == nullptr ? "no audio" : (port->hasChannel() ? "channel" : "waiting");
-    std::snprintf(line, sizeof line, "%s %.1f/%.1f s %s", clip.options.file.c_str(), media,
+    std::snprintf(line, sizeof line, "%s %.1f/%.1f s %s", clip.options.label.c_str(), media,
                   clip.durationSeconds.load(), channel);
     return line;
 }
 
 void reportFailure(const Clip& clip, const char* what, long code) {
-    fail("%s: %s: %s (0x%lx)", clip.options.file.c_str(), what, LxResultDescription(code), code);
+    fail("%s: %s: %s (0x%lx)", clip.options.label.c_str(), what, LxResultDescription(code), code);
 }
 
 // A clip that makes no progress for this long is ended and counted as failed. Generous: under a
@@ -503,13 +592,13 @@ constexpr double kStallSeconds = 10.0;
 
 /// One look at a playing clip: notes its end, whether what it sent out has been heard, and
 /// whether it is stuck. anotherHasChannel: some other clip's port holds a channel now.
-void followClip(Clip& c, double t, bool anotherHasChannel) {
+void followClip(Clip& c, double t, double startIn, bool anotherHasChannel) {
     const double media = c.player->getMediaTime().getValue();
     if (media == -1.0 && c.errorCode.load() == 0) {
         c.errorCode = LX_ERR_PLAYER_DEAD;  // the player died without an error event
     }
-    LxAudioOutputPort* port = c.port.load();
-    const bool sounding = port != nullptr && port->isSounding() != 0;
+    LxAudioOutputPort* port = c.port();
+    const bool sounding = c.sounding();
     if (c.finished()) {
         if (c.endSeenAt < 0) {
             c.endSeenAt = t;
@@ -523,7 +612,7 @@ void followClip(Clip& c, double t, bool anotherHasChannel) {
         if (!sounding) {
             c.done = true;
         } else if (t - c.endSeenAt > bound) {
-            fail("%s: still sounding %.1f s after its end; ended", c.options.file.c_str(), t - c.endSeenAt);
+            fail("%s: still sounding %.1f s after its end; ended", c.options.label.c_str(), t - c.endSeenAt);
             c.done = c.givenUp = true;
         }
         return;
@@ -531,18 +620,18 @@ void followClip(Clip& c, double t, bool anotherHasChannel) {
     // Waiting is progress while the start time is still to come or another clip holds the
     // channel this one waits for; a port that waits while no other holds one waits for ever.
     const bool waitsForChannel = port != nullptr && port->hasChannel() == 0 && sounding;
-    const bool due = t >= std::max(0.0, c.options.start) + 0.5;
+    const bool due = t >= std::max(0.0, startIn) + 0.5;
     const bool moving = media != c.lastMedia && !(waitsForChannel && !anotherHasChannel);
     c.lastMedia = media;
     const double duration = c.durationSeconds.load();
     if (!c.options.loop && duration > 0 && media > duration + kStallSeconds) {
-        fail("%s: no end of media at media time %.3f s of %.3f s; ended", c.options.file.c_str(), media,
+        fail("%s: no end of media at media time %.3f s of %.3f s; ended", c.options.label.c_str(), media,
              duration);
         c.done = c.givenUp = true;
     } else if (moving || !due || (waitsForChannel && anotherHasChannel)) {
         c.progressAt = t;
     } else if (t - c.progressAt > kStallSeconds) {
-        fail("%s: no progress for %.0f s (%s at media time %.3f s); ended", c.options.file.c_str(),
+        fail("%s: no progress for %.0f s (%s at media time %.3f s); ended", c.options.label.c_str(),
              kStallSeconds,
              waitsForChannel    ? "waiting for a channel"
              : c.started.load() ? "started"
@@ -550,6 +639,72 @@ void followClip(Clip& c, double t, bool anotherHasChannel) {
              media);
         c.done = c.givenUp = true;
     }
+}
+
+std::string worldLabel(const WorldMedia& m) {
+    return m.name.empty() ? m.type + " at " + m.where : m.name + " (" + m.type + ")";
+}
+
+bool gWorldFailed = false;  // a world could not be read at all
+
+/// Reads the worlds named on the command line and adds each of their clips, with the Sound nodes
+/// that place it, to the clips to play. The listener stands at the first world's Viewpoint.
+/// False when nothing at all can be played.
+bool loadWorlds(Options* options, LxManager* manager, std::vector<WorldMedia>* unplayable) {
+    bool listenerSet = false;
+    for (const std::string& path : options->worlds) {
+        WorldOptions wo;
+        wo.loadTime = now(manager);
+        wo.startAt = options->startAt;
+        wo.hasViewpoint = options->hasViewpoint;
+        std::copy(options->viewpoint, options->viewpoint + 3, wo.viewpoint);
+        World world;
+        const bool read = readWorld(path, wo, &world);
+        for (const std::string& m : world.messages) {
+            fail("%s", m.c_str());
+        }
+        if (!read) {
+            gWorldFailed = true;
+            continue;
+        }
+        for (const std::string& name : world.unusedAt) {
+            fail("--at %s: %s has no AudioClip or MovieTexture of that name", name.c_str(), path.c_str());
+        }
+        if (!listenerSet) {
+            manager->setListenerLocation(world.listenerPosition, world.listenerUp, world.listenerFront);
+            listenerSet = true;
+        }
+        for (const WorldMedia& m : world.media) {
+            if (m.path.empty()) {
+                fail("%s: %s: no url names a file", m.where.c_str(), worldLabel(m).c_str());
+                unplayable->push_back(m);
+                continue;
+            }
+            ClipOptions c;
+            c.file = m.path;
+            c.label = worldLabel(m) + " " + m.path;
+            c.absolute = true;
+            c.start = m.startTime;
+            c.stop = m.stopTime;
+            c.hasStop = true;
+            c.loop = m.loop;
+            // The player takes positive rates; a world may ask for a reversed or frozen movie.
+            c.rate = std::min(100.0f, std::max(0.01f, std::fabs(m.rate)));
+            if (c.rate != m.rate) {
+                fail("%s: %s: rate %g played as %g", m.where.c_str(), worldLabel(m).c_str(), m.rate, c.rate);
+            }
+            for (const WorldSound& ws : m.sounds) {
+                SoundSettings ss;
+                ss.gain = ws.gain;
+                ss.priority = ws.priority;
+                ss.hasLocation = true;
+                std::copy(ws.mixerLocation, ws.mixerLocation + 3, ss.location);
+                c.sounds.push_back(ss);
+            }
+            options->clips.push_back(c);
+        }
+    }
+    return !options->clips.empty() || !unplayable->empty();
 }
 
 }  // namespace
@@ -569,8 +724,12 @@ int main(int argc, char** argv) {
         std::printf("lorvex-play: MIDI SoundFont %s\n", LxPlatformGetMidiSoundFont().c_str());
         return 0;
     }
-    if (options.clips.empty()) {
+    if (options.clips.empty() && options.worlds.empty()) {
         std::fputs(kUsage, stderr);
+        return 2;
+    }
+    if (options.worlds.empty() && (!options.startAt.empty() || options.hasViewpoint)) {
+        fail("--at and --viewpoint apply to worlds only");
         return 2;
     }
     for (const ClipOptions& c : options.clips) {
@@ -623,6 +782,11 @@ int main(int argc, char** argv) {
     if (options.channels > 0) {
         manager->setMaxAudioChannels(static_cast<short>(options.channels));
     }
+    std::vector<WorldMedia> unplayable;  // a world's clips without a file, for the summary
+    if (!loadWorlds(&options, manager, &unplayable)) {
+        manager->closeManager();
+        return 1;
+    }
 
     std::vector<std::unique_ptr<Clip>> clips;
     std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
@@ -631,7 +795,7 @@ int main(int argc, char** argv) {
         Clip& clip = *clips.back();
         sources.emplace_back(new LxFilenameDataSource(clip.options.file.c_str()));
         if (manager->createPlayer(sources.back().get(), &clip.player) != LX_OK || clip.player == nullptr) {
-            fail("%s: no player for content type %s", clip.options.file.c_str(),
+            fail("%s: no player for content type %s", clip.options.label.c_str(),
                  sources.back()->getContentName());
             clip.errorCode = LX_ERR_UNSUPPORTED;
             clip.player = nullptr;
@@ -639,7 +803,9 @@ int main(int argc, char** argv) {
         }
         clip.player->setEventListener(static_cast<LxEventListener*>(&clip));
         clip.support.reset(new LxVrmlSupport(clip.player, manager));
-        clip.support->addSoundNode(&clip);
+        for (auto& sound : clip.sounds) {
+            clip.support->addSoundNode(sound.get());
+        }
     }
 
     const auto begin = std::chrono::steady_clock::now();
@@ -674,7 +840,7 @@ int main(int argc, char** argv) {
         }
         if (!c->initialized.load()) {
             if (gStopSignal == 0) {
-                fail("%s: the player did not initialise", c->options.file.c_str());
+                fail("%s: the player did not initialise", c->options.label.c_str());
                 c->errorCode = LX_ERR_GENERIC;
             }
             continue;
@@ -733,11 +899,16 @@ int main(int argc, char** argv) {
             }
             bool anotherHasChannel = false;
             for (auto& o : clips) {
-                LxAudioOutputPort* p = o->port.load();
+                LxAudioOutputPort* p = o->port();
                 anotherHasChannel =
                     anotherHasChannel || (o != c && o->ready && p != nullptr && p->hasChannel());
             }
-            followClip(*c, t, anotherHasChannel);
+            if (endedBeforeLoad(*c, sceneNow) && !c->started.load()) {
+                c->done = c->timePassed = true;
+                continue;
+            }
+            followClip(*c, t, c->options.absolute ? c->options.start - sceneNow : c->options.start,
+                       anotherHasChannel);
             allDone = allDone && c->done;
         }
         if (allDone) {
@@ -773,6 +944,10 @@ int main(int argc, char** argv) {
     if (anyReady) {
         printLine("lorvex-play: %s\n", LxPlatformSound::describeOutput().c_str());
     }
+    for (const WorldMedia& m : unplayable) {
+        printLine("  %s: no file for its url (%s)\n", worldLabel(m).c_str(),
+                  m.urls.empty() ? "none given" : m.urls.front().c_str());
+    }
     for (auto& c : clips) {
         if (!c->ready) {
             failures += gStopSignal == 0 ? 1 : 0;
@@ -786,16 +961,20 @@ int main(int argc, char** argv) {
             }
         }
         const double media = c->player->getMediaTime().getValue();
+        const bool waited = c->options.absolute && !c->started.load() && c->options.start > sceneNow;
         const char* how = c->errorCode.load() != 0  ? "FAILED"
+                          : c->timePassed           ? "silent: its time had passed when the world loaded"
                           : c->givenUp              ? "ended without progress"
                           : c->ended.load()         ? "played to its end"
                           : c->stoppedAtTime.load() ? "stopped at its stop time"
                           : c->started.load()       ? "playing when stopped"
+                          : waited                  ? "waiting for its start time when stopped"
                                                     : "never started";
-        if (c->errorCode.load() != 0 || c->givenUp || (!c->started.load() && !c->ended.load())) {
+        if (c->errorCode.load() != 0 || c->givenUp ||
+            (!c->started.load() && !c->ended.load() && !c->timePassed && !waited)) {
             ++failures;
         }
-        printLine("  %s: %s (duration %.3f s, media time %.3f s)", c->options.file.c_str(), how,
+        printLine("  %s: %s (duration %.3f s, media time %.3f s)", c->options.label.c_str(), how,
                   c->durationSeconds.load(), media);
         if (c->frames) {
             printLine(", %d frames painted", c->frames->painted());
@@ -826,5 +1005,5 @@ int main(int argc, char** argv) {
         printLine("lorvex-play: %d clip%s, %d failed\n", static_cast<int>(clips.size()),
                   clips.size() == 1 ? "" : "s", failures);
     }
-    return failures == 0 && !gOutputFailed && outputUsable(options) ? 0 : 1;
+    return failures == 0 && !gOutputFailed && !gWorldFailed && outputUsable(options) ? 0 : 1;
 }

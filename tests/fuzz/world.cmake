@@ -1,0 +1,10 @@
+# lorvex-play's VRML97 world reader (tools/lorvex-play/VrmlWorld.cpp).
+if(TARGET lorvex_play_world)
+    lorvex_add_fuzz_target(vrml_world SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/VrmlWorldFuzz.cpp)
+    target_link_libraries(test_fuzz_vrml_world_replay PRIVATE lorvex_play_world)
+    if(LORVEX_FUZZ)
+        target_sources(fuzz_vrml_world PRIVATE ${PROJECT_SOURCE_DIR}/tools/lorvex-play/VrmlWorld.cpp)
+        target_include_directories(fuzz_vrml_world PRIVATE ${PROJECT_SOURCE_DIR}/tools/lorvex-play)
+        target_link_libraries(fuzz_vrml_world PRIVATE ZLIB::ZLIB)
+    endif()
+endif()
