@@ -13,7 +13,7 @@ fi
 seconds=${FUZZ_SECONDS:-30}
 build=build/fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DLORVEX_FUZZ=ON -DLORVEX_BUILD_TESTS=ON -DLORVEX_BUILD_TOOLS=OFF -DLORVEX_WERROR=OFF >/dev/null
+    -DLORVEX_FUZZ=ON -DLORVEX_BUILD_TESTS=ON -DLORVEX_BUILD_TOOLS=ON -DLORVEX_WERROR=OFF >/dev/null
 
 # Every fuzz target of tests/fuzz: one corpus folder per target.
 targets=()
@@ -29,6 +29,8 @@ for target in "${targets[@]}"; do
     echo "== fuzz_$target for ${seconds}s"
     scratch="$build/corpus/$target"
     mkdir -p "$scratch"
-    "$build/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -print_final_stats=1 \
+    # A hang (an input that takes over 10 s) and a memory blow-up (over 2 GB) are findings too.
+    "$build/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -malloc_limit_mb=1024 -print_final_stats=1 \
         -artifact_prefix="$build/crashes/$target-" "$scratch" "tests/fuzz/corpus/$target" 2>&1 | tail -n 12
 done
