@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: builds Lorvex and lorvex-play, makes a short demo clip with espeak-ng and plays it
-# the way a browser would into a WAV file, printing the player's summary.
+# the way a browser would into a WAV file, printing the player's summary; then plays the example
+# VRML world the same way.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,3 +15,9 @@ espeak-ng -w out/demo.wav "Lorvex plays this sentence the way a three D browser 
 ./build/release/tools/lorvex-play/lorvex-play --version
 ./build/release/tools/lorvex-play/lorvex-play --verbose --output wav:out/demo-played.wav --start 0.5 out/demo.wav
 echo "The played sound is in out/demo-played.wav"
+
+# A world: the example hall with its sounds placed around the listener and a film on the wall.
+examples/world/make-media.sh
+./build/release/tools/lorvex-play/lorvex-play --output wav:out/world-played.wav --time 8 \
+    --at Bell=1 --at Voice=2 --frames out/world-frames examples/world/hall.wrl
+echo "The world as heard is in out/world-played.wav, its film's frames in out/world-frames"
