@@ -9,13 +9,12 @@ packages=(build-essential cmake ninja-build pkg-config
           libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-tools
           gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
           gstreamer1.0-plugins-ugly gstreamer1.0-libav
-          espeak-ng sox)
+          zlib1g-dev espeak-ng sox abcmidi ffmpeg)
 case "$kind" in
     build) ;;
-    # llvm brings llvm-symbolizer: without it LeakSanitizer cannot name the frames that its
-    # suppressions match, and GLib's load-time allocations are reported as leaks.
-    test) packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm abcmidi ffmpeg python3-numpy fluidsynth) ;;
-    bench) packages+=(libgtest-dev libgmock-dev libbenchmark-dev libopenal-dev abcmidi ffmpeg) ;;
+    # llvm brings llvm-symbolizer, so that sanitizer reports name their frames.
+    test) packages+=(libgtest-dev libgmock-dev clang libclang-rt-14-dev llvm python3-numpy fluidsynth) ;;
+    bench) packages+=(libgtest-dev libgmock-dev libbenchmark-dev libopenal-dev) ;;
     *) echo "usage: $0 build|test|bench" >&2; exit 2 ;;
 esac
 
