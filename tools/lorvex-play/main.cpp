@@ -532,16 +532,19 @@ bool configureOutput(const Options& options) {
 bool outputUsable(const Options& options) {
     static bool said = false;
     const std::string& output = options.output;
-    const std::string described = LxPlatformSound::describeOutput();
-    if (output.rfind("alsa", 0) != 0 || described.find("unavailable") == std::string::npos || said) {
+    if (output.rfind("alsa", 0) != 0 || said) {
         return true;
     }
-    said = true;
-    if (output.size() > 5) {
-        fail("cannot open the ALSA device %s", output.substr(5).c_str());
+    if (LxPlatformSound::outputFailed()) {
+        said = true;
+        fail("cannot open the ALSA device %s: %s", output.substr(5).c_str(),
+             LxPlatformSound::describeOutput().c_str());
         return false;
     }
-    fail("no ALSA device; playing into a null output");
+    if (LxPlatformSound::describeOutput().find("null output") != std::string::npos) {
+        said = true;
+        fail("no ALSA device; playing into a null output");
+    }
     return true;
 }
 
