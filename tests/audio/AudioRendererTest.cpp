@@ -426,22 +426,6 @@ TEST_F(AudioRendererTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap
         << "the late frames are not heard whole; first wrong sample at " << first;
 }
 
-// A backward clock has a negative lead until it starts: waited for by its size, the clip starts
-// on time (read as an unsigned count it would be weeks).
-TEST_F(AudioRendererTest, ABackwardClockIsWaitedForUntilItsStart) {
-    auto r = renderer(LxSample16, LxMono, 22050, 0, 3.0);
-    ASSERT_EQ(LX_OK, r->setTimeBase(timeBase));
-    float back = -1.0f;
-    ASSERT_EQ(LX_OK, r->setRate(&back));
-    const LxTime at(timeBase->getRefTime().getValue() + 0.3);
-    ASSERT_EQ(LX_OK, r->startAtTime(at));
-    r->notifyEndOfMedia();  // nothing to play: the end is reached as soon as the clock starts
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(0, r->fields().eomDone) << "went on before the clock started";
-    EXPECT_TRUE(lxtest::waitUntil([&] { return r->fields().eomDone != 0; }, 3000)) << "never started";
-    EXPECT_GE(timeBase->getRefTime().getValue(), at.getValue() - 0.005);
-}
-
 // With two channels, the weakest of three clips waits silently and comes in, at once, when a
 // stronger one stops. Each clip is a tone of its own.
 TEST_F(AudioRendererTest, TheWeakestOfThreeClipsWaitsSilentlyAndComesInWhenAStrongerStops) {

@@ -1,6 +1,5 @@
 // The mixer's ports: the table, buffers made on a channel grant, the primary format, channels
-// revoked and granted again, duplicates, failures and their codes, the device closed and reopened
-// under them, and the lock order under concurrent use.
+// revoked and granted again, duplicates, and the lock order under concurrent use.
 #include "MixerTestKit.h"
 
 #include "TestSupport.h"
@@ -113,52 +112,6 @@ TEST_F(MixerTest, DuplicatesShareTheMastersSamplesAndOutliveIt) {
     // Writing through the orphaned duplicate touches only its own buffer.
     ASSERT_EQ(LX_OK, mixer->fillSilence(dup, 10));
     ASSERT_EQ(LX_OK, mixer->closePort(dup));
-}
-
-TEST_F(MixerTest, PlatformFailuresMapToTheirCodesAndAReopenedDeviceKeepsThePorts) {
-    start();
-    // The buffer made at open fails quietly; the one made for the channel reports.
-    simsound::failNext(simsound::Op::CreateSecondaryBuffer, 2);
-    const short p = open(LxMono, LxSample16, 22050, 4410, 1, 0, false);
-    EXPECT_EQ(nullptr, mixer->buffer(p));
-    EXPECT_EQ(LX_ERR_SECONDARY_BUFFER, mixer->acquireChannel(p));
-    simsound::failNext(simsound::Op::Query3DBuffer);
-    EXPECT_EQ(LX_ERR_NO_3D_BUFFER, mixer->acquireChannel(p));
-    EXPECT_NE(nullptr, mixer->buffer(p));
-    EXPECT_EQ(nullptr, mixer->rec(p)->buffer3D);
-    const short q = open(LxMono, LxSample16, 22050, 4410);
-
-    short dup = -1;
-    simsound::failNext(simsound::Op::DuplicateSoundBuffer);
-    EXPECT_EQ(LX_ERR_GENERIC, mixer->duplicatePort(q, dup));
-    EXPECT_EQ(nullptr, mixer->buffer(dup));
-    EXPECT_EQ(LX_ERR_GENERIC, mixer->duplicatePort(dup, dup));  // a source without a buffer
-
-    simsound::failNext(simsound::Op::Play);
-    EXPECT_EQ(LX_OK, mixer->playPort(q, 1));  // logged only
-    EXPECT_EQ(LX_ERR_NO_PORT, mixer->playPort(250, 0));
-    EXPECT_EQ(LX_ERR_NO_PORT, mixer->acquireChannel(-1));
-
-    // The manager's channel switching closes the device and opens it again: the ports are kept,
-    // and a granted one gets a fresh buffer to be reset.
-    mixer->closeDirectSound(0);
-    EXPECT_EQ(LxWin32Mixer::UNINITIALIZED, mixer->getState());
-    EXPECT_EQ(0, simsound::liveBuffers());
-    EXPECT_FALSE(mixer->hasDevice());
-    EXPECT_EQ(0, duplex::openCount(duplex::SampledAudio));
-    EXPECT_NE(nullptr, mixer->rec(q));
-    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->playPort(q, 0));
-    ASSERT_EQ(LX_OK, mixer->initDirectSound());
-    ASSERT_EQ(LX_OK, mixer->acquireChannel(q));
-    EXPECT_NE(nullptr, mixer->buffer(q));
-    EXPECT_EQ(1, mixer->rec(q)->needsReset);
-    mixer->closeDirectSound(1);
-    EXPECT_EQ(LxWin32Mixer::CLOSED, mixer->getState());
-    short n = 0;
-    LxWin32AudioPortConfig config(LxMono, LxSample16, 22050, 4410, 1, 0);
-    EXPECT_EQ(LX_ERR_MIXER_STATE, mixer->openPort(&config, n));
-    EXPECT_EQ(LX_ERR_MIXER_STATE, mixer->acquireChannel(q));
-    EXPECT_EQ(LX_ERR_MIXER_STATE, mixer->releaseChannel(q, 0));
 }
 
 TEST_F(MixerTest, ConcurrentPortTrafficNeitherDeadlocksNorLeaks) {

@@ -1,5 +1,5 @@
 // What the mixing engine makes of buffers: exact samples at unity, the volume and pan laws,
-// resampling without clicks, cursors, looping and one-shot ends, 3D panning and rolloff, mix sources.
+// resampling without clicks, cursors, looping and one-shot ends, mix sources, and races with the mixing thread.
 #include "SoundTestKit.h"
 
 #include "platform/LxpDuplex.h"
@@ -137,74 +137,6 @@ TEST_F(SoundEngine, CursorsAdvanceByWhatWasMixedWrapAndStopAtTheEndOfAOneShot) {
     simsound::advanceFrames(10);
     EXPECT_EQ(20u, soundkit::position(once));
     once->Release();
-}
-
-TEST_F(SoundEngine, EightBitBuffersAndEightBitOutputRoundTrip) {
-    Device dev(22050);
-    WAVEFORMATEX f = soundkit::pcm(22050, 2, 8);
-    ASSERT_EQ(DS_OK, dev.primary->SetFormat(&f));
-    IDirectSoundBuffer* b = dev.buffer(22050, 1, 8, 256);
-    std::vector<uint8_t> bytes(256);
-    for (int i = 0; i < 256; ++i) {
-        bytes[i] = static_cast<uint8_t>(i);
-    }
-    soundkit::write(b, 0, bytes.data(), 256);
-    ASSERT_EQ(DS_OK, b->Play(0, 0, DSBPLAY_LOOPING));
-    simsound::advanceFrames(512);
-    const std::vector<uint8_t> out = simsound::outputBytes();
-    ASSERT_EQ(1024u, out.size());
-    for (size_t i = 0; i < 512; ++i) {
-        ASSERT_EQ(bytes[i % 256], out[2 * i]);
-        ASSERT_EQ(bytes[i % 256], out[2 * i + 1]);
-    }
-    b->Release();
-}
-
-/// Left and right energy of a 3D source at (x, y, z) around the listener.
-std::pair<double, double> heard(IDirectSound3DBuffer* b3, float x, float y, float z) {
-    EXPECT_EQ(DS_OK, b3->SetPosition(x, y, z, DS3D_IMMEDIATE));
-    simsound::clearOutput();
-    simsound::advanceFrames(441 * 4);
-    return {soundkit::energy(simsound::outputChannel(0), 441),
-            soundkit::energy(simsound::outputChannel(1), 441)};
-}
-
-TEST_F(SoundEngine, ThreeDSourcesPanByDirectionAndFadeByTheListenersRolloff) {
-    Device dev(44100, DSBCAPS_CTRL3D);
-    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 16000.0);
-    IDirectSoundBuffer* b = playing(dev, sine, 44100, true, DSBCAPS_CTRL3D | DSBCAPS_CTRLVOLUME);
-    IDirectSound3DBuffer* b3 = nullptr;
-    ASSERT_EQ(S_OK, b->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3)));
-    IDirectSound3DListener* l = nullptr;
-    ASSERT_EQ(S_OK, dev.primary->QueryInterface(IID_IDirectSound3DListener, reinterpret_cast<void**>(&l)));
-
-    const auto left = heard(b3, -1, 0, 0);
-    const auto right = heard(b3, 1, 0, 0);
-    const auto front = heard(b3, 0, 0, 1);
-    EXPECT_GT(left.first, 1.0);
-    EXPECT_LT(left.second, left.first * 1e-6);
-    EXPECT_LT(right.first, right.second * 1e-6);
-    EXPECT_NEAR(front.first, front.second, front.first * 1e-6);
-
-    // Rolloff 1: twice the minimum distance is half the amplitude, a quarter of the energy.
-    const auto far = heard(b3, 0, 0, 2);
-    EXPECT_NEAR(0.25, far.first / front.first, 0.01);
-    ASSERT_EQ(DS_OK, l->SetRolloffFactor(0.0f, DS3D_IMMEDIATE));
-    const auto farNoRolloff = heard(b3, 0, 0, 2);
-    EXPECT_NEAR(1.0, farNoRolloff.first / front.first, 0.01);
-
-    // Turning the listener around swaps the sides.
-    ASSERT_EQ(DS_OK, l->SetOrientation(0, 0, -1, 0, 1, 0, DS3D_IMMEDIATE));
-    const auto turned = heard(b3, -1, 0, 0);
-    EXPECT_LT(turned.first, turned.second * 1e-6);
-    // With 3D processing off the source sits in the middle.
-    ASSERT_EQ(DS_OK, b3->SetMode(DS3DMODE_DISABLE, DS3D_IMMEDIATE));
-    const auto disabled = heard(b3, -5, 0, 0);
-    EXPECT_NEAR(disabled.first, disabled.second, disabled.first * 1e-6);
-    EXPECT_NEAR(front.first, disabled.first, front.first * 0.01);
-    l->Release();
-    b3->Release();
-    b->Release();
 }
 
 /// Renders one busy second: mono, stereo and 3D voices at odd frequencies, one-shot and looping,

@@ -96,14 +96,6 @@ inline double peak(const std::vector<float>& x, size_t from = 0, size_t to = SIZ
     return m;
 }
 
-inline double energy(const std::vector<float>& x, size_t from = 0, size_t to = SIZE_MAX) {
-    double e = 0;
-    for (size_t i = from; i < std::min(to, x.size()); ++i) {
-        e += static_cast<double>(x[i]) * x[i];
-    }
-    return e;
-}
-
 /// Frequency from rising zero crossings (good to a few Hz over a few hundred ms of a clean tone).
 inline double pitch(const std::vector<float>& x, uint32_t rate, size_t from = 0, size_t to = SIZE_MAX) {
     to = std::min(to, x.size());
