@@ -713,6 +713,11 @@ bool loadWorlds(Options* options, LxManager* manager, std::vector<WorldMedia>* u
 }  // namespace
 
 int main(int argc, char** argv) {
+    // First of all, so that a signal that comes while the output is being set up is not lost.
+    sigemptyset(&gStopSignals);
+    sigaddset(&gStopSignals, SIGINT);
+    sigaddset(&gStopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &gStopSignals, nullptr);
     Options options;
     bool showVersion = false;
     if (!parseArgs(argc, argv, &options, &showVersion)) {
@@ -756,10 +761,6 @@ int main(int argc, char** argv) {
         return 1;
     }
     raiseFileLimit();
-    sigemptyset(&gStopSignals);
-    sigaddset(&gStopSignals, SIGINT);
-    sigaddset(&gStopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &gStopSignals, nullptr);
 
     KtDefaultThreadManager threads;
     LxManager* manager = LxManager::createManager(&threads);
