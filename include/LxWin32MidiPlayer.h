@@ -169,7 +169,7 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     long stopStreamLocked();
     /// Parses and queues buffer i on the stream; the stop wait's lock is held. 0 queued, -103
     /// the data had already ended (the empty buffer is queued too), other values failed.
-    int fillAndQueueLocked(int i, bool restart, bool* sendFailed);
+    int fillAndQueueLocked(int i, bool restart);
     /// Sends one channel's volume message; false when refused.
     bool sendChannelVolume(unsigned channel);
 

@@ -335,7 +335,7 @@ long LxWin32MidiPlayer::setChannelVolume(unsigned long channel) {
     return sent ? LX_OK : LX_ERR_GENERIC;
 }
 
-int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart, bool* sendFailed) {
+int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart) {
     LxMidiStreamBuffer& b = streamBuffers[i];
     HMIDISTRM s = stream.load();
     b.writeBase = 0;
@@ -360,7 +360,6 @@ int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart, bool* sendFailed)
     }
     if (lxp::midiStreamOut(s, &b.header, sizeof(MIDIHDR)) != MMSYSERR_NOERROR) {
         LxLog::postDebug("LxWin32MidiPlayer:  Failed to send out MIDI stream\n");
-        *sendFailed = true;
         return LxWin32MidiParser::PARSE_ADD_FAILED;
     }
     buffersDone.fetch_sub(1);
@@ -428,9 +427,8 @@ long LxWin32MidiPlayer::initPlayer() {
         // after it was counted out here.
         stopWait.lock();
         current = 0;
-        bool sendFailed = false;
         for (int i = 0; i < 2; ++i) {
-            const int parsed = fillAndQueueLocked(i, i == 0, &sendFailed);
+            const int parsed = fillAndQueueLocked(i, i == 0);
             if (parsed == kParseEndReached) {
                 break;
             }
@@ -440,9 +438,6 @@ long LxWin32MidiPlayer::initPlayer() {
             }
         }
         stopWait.unlock();
-        if (sendFailed) {
-            active = 0;
-        }
     }
     if (!ok) {
         // Everything opened here goes again, so that a later grant or start begins afresh and no

@@ -467,13 +467,19 @@ TEST_F(MidiPlayerTest, FailuresEndTheClipAndAStopNeverHangs) {
     startManager();
     Clip& c = load(file("long.mid", longNoteClip()));
     c.player->setLoop(1);
-    midisim::failNext(midisim::Open, lxp::MMSYSERR_ALLOCATED);
+    const midisim::Operation refused[] = {midisim::Open, midisim::Property, midisim::Out, midisim::Restart};
     size_t from = mark();
-    ASSERT_EQ(LX_OK, c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime()));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == 1; }));
-    EXPECT_EQ(LxNode::STOPPED, c.player->getState());
-    EXPECT_EQ(0, c.midi->isSounding());
+    for (size_t k = 0; k < 4; ++k) {
+        SCOPED_TRACE(refused[k]);
+        midisim::failNext(refused[k], lxp::MMSYSERR_ERROR);
+        ASSERT_EQ(LX_OK, c.player->startAtTime(manager_->getMasterTimeBase()->getRefTime()));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == k + 1; }));
+        EXPECT_EQ(LxNode::STOPPED, c.player->getState());
+        EXPECT_EQ(0, c.midi->isSounding());
+    }
+    midisim::advanceMs(1000);
     EXPECT_TRUE(since(from, true).empty());
+    EXPECT_EQ(0, lxp::midiLiveDeviceThreads());
 
     start(c);  // the device takes it now
     midisim::advanceMs(100);
