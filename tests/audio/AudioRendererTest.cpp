@@ -22,9 +22,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
-#include <thread>
 
 namespace {
 
@@ -424,6 +422,20 @@ TEST_F(AudioRendererTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap
     EXPECT_EQ(0u,
               mismatches(heardOut, resumed, std::vector<int16_t>(ramp.begin() + 22050, ramp.end()), &first))
         << "the late frames are not heard whole; first wrong sample at " << first;
+}
+
+// A backward clock has a negative lead until it starts: waited for by its size, the clip starts
+// on time (read as an unsigned count it would be weeks; taken as none, at once).
+TEST_F(AudioRendererTest, ABackwardClockIsWaitedForUntilItsStart) {
+    auto r = renderer(LxSample16, LxMono, 22050, 0, 3.0);
+    ASSERT_EQ(LX_OK, r->setTimeBase(timeBase));
+    float back = -1.0f;
+    ASSERT_EQ(LX_OK, r->setRate(&back));
+    const LxTime at(timeBase->getRefTime().getValue() + 0.3);
+    ASSERT_EQ(LX_OK, r->startAtTime(at));
+    r->notifyEndOfMedia();  // nothing to play: the end is reached as soon as the clock starts
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r->fields().eomDone != 0; }, 20000)) << "never started";
+    EXPECT_GE(timeBase->getRefTime().getValue(), at.getValue() - 0.005) << "went on before the start";
 }
 
 // With two channels, the weakest of three clips waits silently and comes in, at once, when a

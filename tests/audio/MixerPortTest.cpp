@@ -1,5 +1,5 @@
-// The mixer's ports: the table, buffers made on a channel grant, the primary format, channels
-// revoked and granted again, duplicates, and the lock order under concurrent use.
+// The mixer's ports: the table, channels revoked and granted again, duplicates, and the lock
+// order under concurrent use.
 #include "MixerTestKit.h"
 
 #include "TestSupport.h"
@@ -28,32 +28,6 @@ TEST_F(MixerTest, TheTableHoldsTwoHundredFiftySixPortsAndReusesTheLowestNumber) 
     EXPECT_EQ(17, n);
     EXPECT_EQ(LX_OK, mixer->closePort(17));
     EXPECT_EQ(LX_OK, mixer->closePort(17));  // an empty slot closes quietly
-}
-
-TEST_F(MixerTest, BuffersAppearWithTheChannelAndRaiseThePrimaryFormatOnly) {
-    ASSERT_EQ(LX_OK, mixer->initMixer(reinterpret_cast<LxHwnd>(1)));
-    // Opened before the device is up: a record, no buffer, no byte rate yet.
-    const short early = open(LxMono, LxSample8, 11025, 11025, 1, 0, false);
-    EXPECT_EQ(nullptr, mixer->buffer(early));
-    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->acquireChannel(early));
-    ASSERT_EQ(LX_OK, mixer->initDirectSound());
-    EXPECT_EQ(8u, mixer->primary().wBitsPerSample);  // the simulated card can do 8-bit primaries
-    EXPECT_EQ(8000u, mixer->primary().nSamplesPerSec);
-
-    ASSERT_EQ(LX_OK, mixer->acquireChannel(early));
-    EXPECT_EQ(DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRLVOLUME | DSBCAPS_GLOBALFOCUS | DSBCAPS_CTRL3D,
-              mixer->info(early).flags);
-    EXPECT_EQ(11025u, mixer->primary().nSamplesPerSec);
-    EXPECT_EQ(8u, mixer->primary().wBitsPerSample);
-
-    open(LxStereo, LxSample16, 44100, 17640);
-    EXPECT_EQ(44100u, mixer->primary().nSamplesPerSec);
-    EXPECT_EQ(16u, mixer->primary().wBitsPerSample);
-    EXPECT_EQ(4u, mixer->primary().nBlockAlign);
-    EXPECT_EQ(44100u, lxp::simsound::outputFormat().rate);
-    open(LxMono, LxSample8, 8000, 800);  // a lower port never lowers the primary format
-    EXPECT_EQ(44100u, mixer->primary().nSamplesPerSec);
-    EXPECT_EQ(16u, mixer->primary().wBitsPerSample);
 }
 
 TEST_F(MixerTest, RevokedChannelsKeepTheBufferAndALoopingResidentClipResumes) {

@@ -44,8 +44,6 @@ class TestMixer : public LxWin32Mixer {
         return i;
     }
     std::vector<uint8_t> consumed(short port) { return lxp::simsound::consumed(buffer(port)); }
-    const lxp::WAVEFORMATEX& primary() const { return *primaryFormat; }
-    bool hasListener() const { return listener != nullptr; }
     bool hasDevice() const { return directSound != nullptr; }
 };
 
