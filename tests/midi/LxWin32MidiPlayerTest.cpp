@@ -418,6 +418,54 @@ TEST_F(MidiPlayerTest, FilesThatCannotBeOpenedFailWith0x433AndLeakNothing) {
     EXPECT_EQ(0, lxp::filetest::openHandles());
 }
 
+// Two players at once (each under its own manager, as two hosts of one process would have
+// them), their clips many buffers long with tempo events carried over between buffers: each
+// stream carries exactly its own clip at its own times.
+TEST_F(MidiPlayerTest, TwoPlayersAtOnceEachPlayTheirOwnClip) {
+    startManager();
+    midisim::setMaxOpenStreams(2);
+    LxManager* first = manager_;
+    LxManager* second = LxManager::createManager(&threads_);
+    second->setWindow(&window_);
+    ASSERT_EQ(LX_OK, second->initSubSystem(INIT_TIMERS | INIT_AUDIO));
+    std::string clips[2];
+    for (int i = 0; i < 120; ++i) {  // channel 0 every 50 ms, channel 1 every 30 ms
+        clips[0] += tempoEvent(i == 0 ? 0 : 10, 500000 + i % 2) + noteOn(0, 0, 40 + i % 40);
+        clips[1] += noteOn(i == 0 ? 0 : 6, 1, 80 - i % 40);
+    }
+    Clip* c[2];
+    for (int k = 0; k < 2; ++k) {
+        manager_ = k == 0 ? first : second;
+        c[k] = &load(file("c" + std::to_string(k) + ".mid", smf(0, 96, {track(clips[k])})));
+    }
+    const size_t from = mark();
+    for (int k = 0; k < 2; ++k) {
+        manager_ = k == 0 ? first : second;
+        start(*c[k]);
+    }
+    const int64_t t0 = midisim::nowMicros();
+    midisim::advanceMs(7000);
+    for (int k = 0; k < 2; ++k) {
+        SCOPED_TRACE(k);
+        EXPECT_TRUE(lxtest::waitUntil([&] { return c[k]->events.count(LxEndOfMediaEventType) == 1; }));
+        const RefFile ref = readReference(smf(0, 96, {track(clips[k])}));
+        std::vector<Message> played = since(from, true);
+        played.erase(
+            std::remove_if(played.begin(), played.end(),
+                           [&](const Message& m) { return static_cast<int>(m.message & 0x0F) != k; }),
+            played.end());
+        ASSERT_EQ(ref.events.size(), played.size());
+        for (size_t i = 0; i < played.size(); ++i) {
+            EXPECT_EQ(ref.events[i].message, played[i].message) << i;
+            EXPECT_NEAR(ref.seconds(ref.events[i].tick), (played[i].playMicros - t0) / 1e6, 2e-3) << i;
+        }
+    }
+    second->destroyPlayer(c[1]->player);
+    c[1]->player = nullptr;
+    second->closeManager();
+    manager_ = first;
+}
+
 /// n notes on channel 0, each lasting half ticks with half ticks of rest between.
 std::string notes(int n, uint32_t half) {
     std::string out;
