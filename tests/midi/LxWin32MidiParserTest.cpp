@@ -263,55 +263,19 @@ TEST_F(MidiParserTest, FileLayerFailuresCloseEverything) {
     parser.closeFile();
 }
 
-// Two streams parsed at the same time, a buffer of each in turn, each with events carried over
-// as pending: each gives exactly what it gives alone. A parser destroyed with a pending
-// event frees it.
-TEST_F(MidiParserTest, ParsersOfTwoStreamsDoNotShareTheirMerge) {
-    std::string a;
-    std::string b;
-    for (int i = 0; i < 60; ++i) {
-        a += noteOn(i % 3, 0, 40 + i % 20) + tempoEvent(0, 500000 + i);
-        b += noteOn(1, 1, 80 - i % 20);
+// A parser destroyed while it holds an event carried over frees its payload (the leak checker
+// sees a lost one). That two parsers keep their merges apart is checked through two players.
+TEST_F(MidiParserTest, APendingEventIsFreedWithItsParser) {
+    std::string events;
+    for (int i = 0; i < 4; ++i) {
+        events += noteOn(0, 0, 60) + tempoEvent(0, 500000 + i);
     }
-    const std::string paths[2] = {write("a.mid", smf(0, 96, {track(a)})),
-                                  write("b.mid", smf(0, 96, {track(b)}))};
-    std::vector<Record> alone[2];
-    std::vector<Record> together[2];
-    for (int k = 0; k < 2; ++k) {
-        LxWin32MidiParser p(&owner_);
-        ASSERT_EQ(1, p.openFile(paths[k].c_str()));
-        EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, drain(p, &alone[k], 36));
-    }
-    LxWin32MidiParser parsers[2] = {LxWin32MidiParser(&owner_), LxWin32MidiParser(&owner_)};
-    StreamBuffer buffers[2] = {StreamBuffer(36), StreamBuffer(36)};
-    int results[2] = {0, 0};
-    for (int k = 0; k < 2; ++k) {
-        ASSERT_EQ(1, parsers[k].openFile(paths[k].c_str()));
-    }
-    for (int n = 0; results[0] == 0 || results[1] == 0; ++n) {
-        for (int k = 0; k < 2; ++k) {  // a buffer of one stream, then one of the other
-            if (results[k] == 0) {
-                buffers[k].reset();
-                results[k] = parsers[k].parseNewBuffer(n == 0, &buffers[k].b);
-                for (const lxp::MIDIEVENT& e : buffers[k].records()) {
-                    together[k].push_back({e, n});
-                }
-            }
-        }
-    }
-    for (int k = 0; k < 2; ++k) {
-        ASSERT_EQ(alone[k].size(), together[k].size());
-        for (size_t i = 0; i < alone[k].size(); ++i) {
-            EXPECT_EQ(alone[k][i].event.dwEvent, together[k][i].event.dwEvent);
-            EXPECT_EQ(alone[k][i].event.dwDeltaTime, together[k][i].event.dwDeltaTime);
-        }
-    }
-    auto* pendingOne = new LxWin32MidiParser(&owner_);
-    ASSERT_EQ(1, pendingOne->openFile(paths[0].c_str()));
+    auto* parser = new LxWin32MidiParser(&owner_);
+    ASSERT_EQ(1, parser->openFile(write("p.mid", smf(0, 96, {track(events)})).c_str()));
     StreamBuffer small(12);
-    ASSERT_EQ(0, pendingOne->parseNewBuffer(true, &small.b));
-    EXPECT_EQ(1, pendingOne->getEventDataBlocks()) << "a tempo event is pending with its payload";
-    delete pendingOne;  // the leak checker would see a lost payload
+    ASSERT_EQ(0, parser->parseNewBuffer(true, &small.b));
+    EXPECT_EQ(1, parser->getEventDataBlocks()) << "a tempo event is pending with its payload";
+    delete parser;
 }
 
 }  // namespace
