@@ -307,7 +307,7 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
         ASSERT_TRUE(lxtest::waitUntil([&] { return events.count(LxEndOfMediaEventType) == 1; }));
         // The output holds still: what is left is not heard yet, however long the clock runs on.
         const double eom = timeBase->getRefTime().getValue();
-        ASSERT_TRUE(lxtest::waitUntil([&] { return timeBase->getRefTime().getValue() > eom + 0.5; }));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return timeBase->getRefTime().getValue() > eom + 0.4; }));
         EXPECT_EQ(1, port->isSounding()) << "the rest of the clip is not heard yet";
         double fall = -1;
         while (fall < 0 && simsound::renderedMs() - start < lengthMs + 2000) {
