@@ -148,16 +148,17 @@ int LxWin32MidiParser::openFile(const char* fileName) {
         }
         t->length = be32(chunk + 4);
         t->dataOffset = chunkOffset + 8;
-        // A short track gets a short buffer: many small tracks cost what they hold.
         const uint64_t size = std::min<uint64_t>({t->length, kTrackBufferSize, fileSize_});
-        t->bufferSize = static_cast<uint32_t>(std::max<uint64_t>(size, 1));
-        t->buffer = static_cast<uint8_t*>(std::malloc(t->bufferSize));
-        if (t->buffer == nullptr) {
+        // A short track gets a short buffer and an empty one none: many small tracks cost what
+        // they hold.
+        t->bufferSize = static_cast<uint32_t>(size);
+        t->buffer = size > 0 ? static_cast<uint8_t*>(std::malloc(size)) : nullptr;
+        if (size > 0 && t->buffer == nullptr) {
             LxLog::postDebug("LxWin32MidiParser:  Failed to allocate memory for track\n");
             return failOpen();
         }
         const uint32_t first = std::min(t->length, t->bufferSize);
-        if (!readExactly(file_, t->buffer, first)) {
+        if (first > 0 && !readExactly(file_, t->buffer, first)) {
             LxLog::postDebug("LxWin32MidiParser:  Failed reading track from file\n");
             return failOpen();
         }
