@@ -225,10 +225,15 @@ TEST_F(NodeTest, HandlerDestroyingItsOwnNodeEndsItsPoster) {
     const int posters = LxEventPoster::alive();
     CallingListener listener;
     TestNode* node = new TestNode(manager.get());
-    listener.fn = [node] { delete node; };
+    std::atomic<bool> posted{false};  // this thread is done with the node
+    listener.fn = [&] {
+        lxtest::waitUntil([&] { return posted.load(); });
+        delete node;
+    };
     ASSERT_EQ(LX_OK, node->setEventListener(&listener));
     node->postEvent(new LxActiveEvent(node));
     node->postEvent(new LxActiveEvent(node));  // left undelivered and released
+    posted = true;
     EXPECT_TRUE(lxtest::waitUntil([&] { return listener.done.load() && LxEventPoster::alive() == posters; }));
 }
 
@@ -241,9 +246,10 @@ TEST_F(NodeTest, HandlersDestroyingEachOthersNodesDoNotWaitForEachOther) {
         TestNode* b = new TestNode(manager.get());
         CallingListener onA, onB;
         std::atomic<int> inside{0};
-        auto meetThenDelete = [&inside](TestNode* other) {
+        std::atomic<bool> posted{false};  // this thread is done with both nodes
+        auto meetThenDelete = [&](TestNode* other) {
             ++inside;
-            lxtest::waitUntil([&] { return inside.load() == 2; });
+            lxtest::waitUntil([&] { return inside.load() == 2 && posted.load(); });
             delete other;
         };
         onA.fn = [&] { meetThenDelete(b); };
@@ -252,6 +258,7 @@ TEST_F(NodeTest, HandlersDestroyingEachOthersNodesDoNotWaitForEachOther) {
         b->setEventListener(&onB);
         a->postEvent(new LxActiveEvent(a));
         b->postEvent(new LxActiveEvent(b));
+        posted = true;
         if (!lxtest::waitUntil([&] { return onA.done && onB.done && LxEventPoster::alive() == posters; },
                                20000)) {
             std::fprintf(stderr, "round %d: the two handlers wait for each other\n", round);
