@@ -125,6 +125,13 @@ TEST_F(VideoRendererTest, PrefetchDoesNotHoldThePlayerUpWithoutFrames) {
     push.renderer->notifyEndOfMedia();
     EXPECT_TRUE(push.sees(LxPrefetchCompleteEventType, 2500));
     EXPECT_FALSE(pull.renderer->hasPendingFrame() || push.renderer->hasPendingFrame());
+    // A host that paints the cue before the renderer's thread takes it completes the prefetch too
+    // (a paused graph sends no second cue).
+    VideoRig painted(&manager, LxFormat::PushStream);
+    painted.renderer->prefetch();
+    painted.produce(3);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return painted.show(0) == 3; }, 20000));
+    EXPECT_TRUE(painted.sees(LxPrefetchCompleteEventType, 20000));
 }
 
 TEST_F(VideoRendererTest, StopTimeAndEndOfMediaAreReportedByTheRenderersThread) {
