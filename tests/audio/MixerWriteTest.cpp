@@ -1,6 +1,6 @@
 // The mixer's data path on the simulated device with a manual clock: streaming writes heard
-// exactly and in order, resets, silence, resident clips filling up, and writes that are only
-// timed or give up.
+// exactly and in order, resets, silence, and writes that are only timed or give up (a resident
+// clip filling its buffer is heard in the renderer's tests).
 #include "MixerTestKit.h"
 
 #include "TestSupport.h"
@@ -92,24 +92,6 @@ TEST_F(MixerTest, SilenceUsesTheFormatsSilenceByteAndWholeFrames) {
     // More silence than the ring holds fills it once.
     ASSERT_EQ(LX_OK, mixer->fillSilence(p16, LxTime(3.0)));
     EXPECT_EQ(4808, mixer->rec(p16)->writePosition);
-}
-
-TEST_F(MixerTest, ResidentClipsFillFromTheStartOnceAndNoFurther) {
-    start();
-    const short p = open(LxMono, LxSample16, 22050, 4410, 0, 1);  // 2205 frames
-    std::vector<uint8_t> clip = mixerkit::ramp16(3000, 1);
-    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(p, clip.data(), 0, 1000));
-    EXPECT_EQ(2000, mixer->rec(p)->writePosition);
-    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(p, clip.data(), 2000, 2000));  // 1205 frames fit
-    EXPECT_EQ(4410, mixer->rec(p)->writePosition);
-    EXPECT_EQ(LX_ERR_RESIDENT_FULL, mixer->writeResidentFrames(p, clip.data(), 0, 1));
-    EXPECT_FALSE(mixer->info(p).playing);
-
-    // One call bringing more than the whole buffer also ends exactly full.
-    const short big = open(LxMono, LxSample16, 22050, 4410, 0, 1);
-    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(big, clip.data(), 0, 3000));
-    EXPECT_EQ(4410, mixer->rec(big)->writePosition);
-    EXPECT_EQ(LX_ERR_RESIDENT_FULL, mixer->writeResidentFrames(big, clip.data(), 0, 3000));
 }
 
 TEST_F(MixerTest, WritesNobodyCanHearAreOnlyTimed) {
