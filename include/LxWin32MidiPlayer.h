@@ -31,8 +31,10 @@ struct MidiStreamObject;
 /// the manager's MIDI access mutex. To keep it, no thread calls into the manager's arbitration
 /// while it holds the signal: the player thread records a decision under the signal and tells the
 /// manager after releasing it. The callback thread takes only the stop wait; the step at the end
-/// of the clip's data, which closes the stream and reports end of media, is handed to the player
-/// thread. Grant and revoke act on the stream at once, so that a revoked stream is closed before
+/// of the clip's data, which reports end of media, is handed to the player thread, which keeps
+/// the stream open until the synthesizer's last notes have died away and then closes it. A
+/// stream that fails (refused by the device, or damage found in the file) ends the clip the same
+/// way. Grant and revoke act on the stream at once, so that a revoked stream is closed before
 /// the manager starts sampled audio on a card that cannot run both.
 class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
   public:
