@@ -129,12 +129,15 @@ long LxVrmlSupport::finishInitializingPlayer() {
                 told.emplace_back(node->notifier, node->port);
             }
         }
-        if (changedFields != 0) {
-            recalculateMediaInfo();
-        }
     }
+    // The sound nodes have their ports (and set their gains) before fields set earlier may start
+    // the player.
     for (const auto& t : told) {
         t.first->audioPortChanged(t.second);
+    }
+    Guard guard(*lock);
+    if (changedFields != 0) {
+        recalculateMediaInfo();
     }
     return LX_OK;
 }

@@ -111,7 +111,13 @@ class SceneManager : public LxManager {
 
 struct Notifier : public LxSoundNodeNotifier {
     std::vector<LxAudioOutputPort*> seen;
-    void audioPortChanged(LxAudioOutputPort* port) override { seen.push_back(port); }
+    std::vector<std::string>* calls = nullptr;  // where "port" is noted among the player's requests
+    void audioPortChanged(LxAudioOutputPort* port) override {
+        seen.push_back(port);
+        if (calls != nullptr) {
+            calls->push_back("port");
+        }
+    }
 };
 
 class VrmlTest : public ::testing::Test {
@@ -206,11 +212,15 @@ TEST_F(VrmlTest, LoopChangeRestartsOnlyAStoppedPlayer) {
 }
 
 TEST_F(VrmlTest, ChangesBeforeReadyAndWithoutControlAccumulate) {
+    Notifier sound;
+    sound.calls = &calls;
+    support->addSoundNode(&sound);
     support->setRate(2.0f);
     support->setStartTime(LxTime(5002.0));
     EXPECT_TRUE(calls.empty()) << "nothing reaches a player that is not ready";
     ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
-    EXPECT_EQ((std::vector<std::string>{"rate 2.000000", "media 0.100", "start 5002.000"}), calls);
+    EXPECT_EQ((std::vector<std::string>{"port", "rate 2.000000", "media 0.100", "start 5002.000"}), calls)
+        << "the sound node has its port before the player starts";
 
     calls.clear();
     support->setPlayerControl(0);
