@@ -5,23 +5,35 @@
 #include "LxTimeBase.h"
 
 #include <atomic>
+#include <thread>
 
 namespace lxtest {
 
 class SettableTimeBase : public LxTimeBase {
   public:
     explicit SettableTimeBase(LxManager* manager, double startSeconds = 1000.0)
-        : LxTimeBase(manager), now_(startSeconds) {}
+        : LxTimeBase(manager), now_(startSeconds), owner_(std::this_thread::get_id()) {}
     ~SettableTimeBase() override { shutdownThread(); }
 
     void setTimeOfDay(double seconds) { now_.store(seconds); }
     void advance(double seconds) { now_.store(now_.load() + seconds); }
+    /// Times another thread than the creating one read the time: the timer thread reads it under
+    /// the time base's lock just before it waits for a deadline, so once this has grown, a call
+    /// that takes the lock finds the thread waiting.
+    int timerThreadReads() const { return otherReads_.load(); }
 
   protected:
-    double getTimeOfDay() override { return now_.load(); }
+    double getTimeOfDay() override {
+        if (std::this_thread::get_id() != owner_) {
+            ++otherReads_;
+        }
+        return now_.load();
+    }
 
   private:
     std::atomic<double> now_;
+    const std::thread::id owner_;
+    std::atomic<int> otherReads_{0};
 };
 
 }  // namespace lxtest

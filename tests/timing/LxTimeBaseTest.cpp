@@ -62,13 +62,16 @@ TEST_F(TimeBaseTest, TimersFireInDeadlineOrderAndEqualDeadlinesInSetOrder) {
 }
 
 TEST_F(TimeBaseTest, TimerSetEarlierThanTheOneWaitedForFiresFirst) {
+    SettableTimeBase tb(&manager);
     unsigned long late = 0, early = 0;
-    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(1, 0), &late, &log));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // the thread now waits for `late`
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(60, 0), &late, &log));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return tb.timerThreadReads() > 0; }, 20000));  // waits for `late`
     ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 50000), &early, &log));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }));
+    // Both deadlines passed at once: a thread still asleep for `late` would sleep a minute.
+    tb.advance(61.0);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }, 20000))
+        << "not woken for the earlier timer";
     EXPECT_EQ(early, log.snapshot()[0]);
-    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
     EXPECT_EQ(late, log.snapshot()[1]);
 }
 
@@ -127,10 +130,14 @@ TEST_F(TimeBaseTest, FrozenTimeHoldsPendingTimersUntilTheTempoReturns) {
 }
 
 TEST_F(TimeBaseTest, RescheduledLaterWhileWaitedForFiresAtBothDeadlines) {
+    SettableTimeBase tb(&manager);
     ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime(0, 100000), &id, &log));
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return tb.timerThreadReads() > 0; }, 20000));
     ASSERT_EQ(LX_OK, tb.rescheduleTimer(id, LxTime(0, 300000)));
-    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }));
+    tb.advance(0.15);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return log.size() == 1; }, 20000)) << "the deadline waited for";
+    tb.advance(0.2);
+    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 2; }, 20000)) << "the new deadline";
 }
 
 // Kill protocol: after killTimer returns on another thread the callback is not running and will
