@@ -167,16 +167,21 @@ def start_ahead(rig, name):
 
 
 def joined_late(rig, name):
-    """A clip that started 0.5 s ago joins 0.5 s in (plus the 0.1-s start-up latency) and plays on to its end."""
+    """A clip that started 0.5 s before now plays in step with the scene: when a tone due 1 s after
+    now is heard (on the left), the clip (on the right) is 1.5 s in, plus the 0.1-s start-up latency
+    by which a clip already under way is put ahead; and it is heard on to its end."""
     clip = rig.noise(3)
     src = H.mono(H.read(clip)[0])
-    x, rate, r = rig.run(name, ['--start', '-0.5', clip])
-    s = H.span(x, rate)
-    if s is None:
-        return [played(r), check('heard', 'noise', 'silence', False)]
-    at, score = H.locate(src, H.mono(H.cut(x, rate, s[0], s[0] + 0.05)))
-    return [played(r), near('joined at', 0.6, at / rate, LENGTH), check('match', '> 0.95', '%.3f' % score, score > 0.95),
-            near('length', 3.0 - at / rate, s[1] - s[0], LENGTH)]
+    x, rate, r = rig.run(name, ['--start', '-0.5', '--location', '2,0,0', clip,
+                                '--start', str(LEAD), '--location', '-2,0,0', rig.tone(0.1, 330)])
+    s, marker = H.span(x[:, 1:], rate), H.span(x[:, :1], rate)
+    if s is None or marker is None:
+        return [played(r), check('heard', 'noise right, tone left', 'silence', False)]
+    at, score = H.locate(src, x[int(s[0] * rate):int(s[0] * rate) + 2205, 1])
+    then, _ = H.locate(src, x[int(marker[0] * rate):int(marker[0] * rate) + 2205, 1])
+    return [played(r), near('clip position when the tone is heard', LEAD + 0.6, then / rate, LENGTH),
+            check('match', '> 0.95', '%.3f' % score, score > 0.95),
+            near('heard from where it joined to its end', 3.0 - at / rate, s[1] - s[0], LENGTH)]
 
 
 def stop_time(rig, name):
