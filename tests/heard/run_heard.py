@@ -7,6 +7,7 @@ Every case prints one line per check: expected, measured, verdict. Exit 1 when a
 import argparse
 import concurrent.futures
 import glob
+import gzip
 import hashlib
 import os
 import shutil
@@ -371,6 +372,93 @@ def terminated(rig, name):
                   riff_size == len(data) - 8 and data_size == len(data) - 44 and data_size > 44100)]
 
 
+# ------------------------------------------------------------------------------------------------
+# Worlds: VRML97 files whose Sound, AudioClip and MovieTexture nodes lorvex-play plays as a browser.
+
+def world(rig, name, text, extra=()):
+    path = rig.path(name + '.wrl')
+    with open(path, 'w') as f:
+        f.write('#VRML V2.0 utf8\n' + text)
+    return rig.run(name, list(extra) + [path])
+
+
+def world_sides(rig, name):
+    """Nested Transforms put A on the listener's left inside its minimum ellipse and B on the right
+    half way across its ramp (-10 dB); both are started by --at as a sensor would."""
+    a_clip, b_clip = (os.path.basename(rig.tone(0.5, hz)) for hz in (440, 880))
+    x, rate, r = world(rig, name, """
+        Viewpoint { position 0 0 0 }
+        Transform { translation -1 0 0 children Transform { translation -2 0 0 children
+          Sound { source DEF A AudioClip { url "%s" } minFront 4 minBack 4 } } }
+        Transform { rotation 0 1 0 3.14159265 children
+          Sound { source DEF B AudioClip { url "%s" } location -3 0 0 minFront 1 minBack 1 maxFront 5 maxBack 5 } }
+        """ % (a_clip, b_clip), ['--at', 'A=%g' % LEAD, '--at', 'B=%g' % (LEAD + 1)])
+    seg = H.segments(x, rate)
+    if len(seg) != 2:
+        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    a, b = (H.cut(x, rate, on + 0.05, off - 0.05) for on, off in seg)
+    ratio = np.sqrt(np.mean(b[:, 1]**2)) / max(1e-9, np.sqrt(np.mean(a[:, 0]**2)))
+    return [played(r), heard_pitch(a, rate, 440, 'A pitch'),
+            check('A left : right', '> 2', '%.2f' % min(H.balance(a), 999), H.balance(a) > 2),
+            check('B left : right', '< 0.5', '%.2f' % H.balance(b), H.balance(b) < 0.5),
+            near('B level (-10 dB) : A level', 10 ** -0.5, ratio, 0.03, ''), near('B after A', 1.0, seg[1][0] - seg[0][0], LENGTH)]
+
+
+def world_ambient(rig, name):
+    """A looping clip whose startTime is 0 (1970) is joined in progress and heard throughout; a
+    non-looping one ended long ago and stays silent."""
+    clip, tone = rig.noise(3), rig.tone(0.5, 440)
+    x, rate, r = world(rig, name, """
+        Sound { source AudioClip { url "%s" loop TRUE startTime 0 } minFront 20 minBack 20 }
+        Sound { source AudioClip { url "%s" startTime 0 } minFront 20 minBack 20 }
+        """ % (os.path.basename(clip), os.path.basename(tone)), ['-t', '3'])
+    s = H.span(x, rate)
+    if s is None:
+        return [played(r), check('heard', 'noise', 'silence', False)]
+    src = H.mono(H.read(clip)[0])
+    at, score = H.locate(np.r_[src, src], H.mono(H.cut(x, rate, s[0] + 0.5, s[0] + 0.55)))
+    seg = H.segments(x, rate)
+    return [played(r), check('joined in progress: matches the clip', '> 0.95', '%.3f' % score, score > 0.95),
+            check('gaps', '0', '%d' % (len(seg) - 1), len(seg) == 1),
+            check('the non-looping clip', 'silent', 'said so' if 'time had passed' in r.stdout else r.stdout,
+                  'time had passed' in r.stdout)]
+
+
+def world_inline_movie(rig, name):
+    """A compressed world that Inlines another, whose MovieTexture is painted and heard."""
+    file, args = MOVIES['MPEG-1']
+    rig.make(file, 'ffmpeg -v error -y ' + args + ' {out}')
+    inner = rig.path(name + '-inner.wrl.gz')
+    with gzip.open(inner, 'wt') as f:
+        f.write('#VRML V2.0 utf8\nShape { appearance Appearance { texture DEF M MovieTexture { url "%s" } } }\n'
+                'Sound { source USE M }\n' % file)
+    frames = rig.path(name + '-frames')
+    shutil.rmtree(frames, ignore_errors=True)
+    x, rate, r = world(rig, name, 'Transform { children Inline { url "%s" } }' % os.path.basename(inner),
+                       ['--frames', frames, '--at', 'M=%g' % LEAD])
+    pictures = sorted(glob.glob(os.path.join(frames, '*.png')))
+    distinct = len({hashlib.md5(open(p, 'rb').read()).hexdigest() for p in pictures})
+    return [played(r), heard_pitch(x, rate, 660),
+            check('pictures painted, distinct', '>= 10, >= 10', '%d, %d' % (len(pictures), distinct),
+                  len(pictures) >= 10 and distinct >= 10)]
+
+
+def world_faults(rig, name):
+    """Faults are reported with file and line; the rest of the world still plays."""
+    tone = os.path.basename(rig.tone(0.5, 660))
+    x, rate, r = world(rig, name, """Group { children [ Shape { geometry Box { } } } ] }
+        Sound { source USE Nothing }
+        Sound { source AudioClip { url "not-here.wav" } }
+        Sound { source DEF Ok AudioClip { url "%s" } }
+        """ % tone, ['--at', 'Ok=%g' % LEAD])
+    said = r.stderr.strip().replace('\n', ' | ')
+    named = lambda what, line, text: check(what, '%s.wrl:%d' % (name, line), 'named' if text in r.stderr else said,
+                                           text in r.stderr)
+    return [played(r), heard_length(x, rate, 0.5), heard_pitch(x, rate, 660),
+            named('stray brace', 2, '%s.wrl:2: unmatched' % name), named('unknown USE', 3, '%s.wrl:3: USE of an unknown' % name),
+            named('missing url', 4, '%s.wrl:4: AudioClip: no url names a file' % name)]
+
+
 CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k, min(k + 9, len(LAYOUTS))))
          for k in range(0, len(LAYOUTS), 9)] + [
     ('wave', 'LIST chunk after the data', list_after_data),
@@ -388,6 +476,10 @@ CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k
 ] + [('media', k, movie(k)) for k in MOVIES] + [('bad', 'bad input: ' + k, bad(f)) for k, f in BAD.items()] + [
     ('bad', 'refused options', refusals),
     ('bad', 'SIGTERM while playing', terminated),
+    ('world', 'left and right, --at', world_sides),
+    ('world', 'ambient joined in progress', world_ambient),
+    ('world', 'Inline, .wrl.gz, MovieTexture', world_inline_movie),
+    ('world', 'faults by file and line', world_faults),
 ]
 
 

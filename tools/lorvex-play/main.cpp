@@ -690,7 +690,8 @@ bool loadWorlds(Options* options, LxManager* manager, std::vector<WorldMedia>* u
         }
         for (const WorldMedia& m : world.media) {
             if (m.path.empty()) {
-                fail("%s: %s: no url names a file", m.where.c_str(), worldLabel(m).c_str());
+                fail("%s: %s: no url names a file", m.where.c_str(),
+                     (m.name.empty() ? m.type : m.name + " (" + m.type + ")").c_str());
                 unplayable->push_back(m);
                 continue;
             }
