@@ -202,12 +202,12 @@ TEST(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
 
     // What the renderers hold now is the cue of that position, nothing from before the stop.
     rig.audio->clearReceived();
-    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audio->pull() > 0; }, 2000));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audio->pull() > 0; }, 20000));
     const std::vector<int> cue = amtest::channel0(rig.audio->received());
     EXPECT_EQ(static_cast<int>(units * kRate / 10000000) & 0x7FFF, cue.front());
     // The cue's picture comes on the graph's own thread, like its samples.
     const long expected = static_cast<long>(std::floor(at.getValue() * kFps + 1e-9));
-    EXPECT_TRUE(lxtest::waitUntil([&] { return rig.frameAt(at.getValue()) == expected; }, 2000))
+    EXPECT_TRUE(lxtest::waitUntil([&] { return rig.frameAt(at.getValue()) == expected; }, 20000))
         << "shows " << rig.frameAt(at.getValue()) << ", not " << expected;
 
     // Started again, it goes on from there to the end, which stops it at the duration.

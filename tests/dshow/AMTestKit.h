@@ -108,7 +108,7 @@ class Rig {
         EXPECT_TRUE(lxtest::waitUntil([&] { return heard() || p->getState() == LxNode::DEAD; }))
             << "the player neither initialised nor failed";
         // A dead player's error event is delivered on its poster thread, a moment later.
-        lxtest::waitUntil(heard, 500);
+        lxtest::waitUntil(heard, 10000);
         return p;
     }
 

@@ -83,7 +83,7 @@ TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
     const double t0 = now() + 0.3;
     setMap({t0, 0.0, 1.0, 0.0});
     ASSERT_EQ(LX_OK, p->startAtTime(LxTime(t0)));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return l.count(LxEndOfMediaEventType) == 1; }, 8000));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return l.count(LxEndOfMediaEventType) == 1; }, 20000));
     stopPainting();
 
     // How late each picture came: the first time the host saw frame n, against n's own time.

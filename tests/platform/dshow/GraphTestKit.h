@@ -85,7 +85,7 @@ class RecordingSink : public lxp::LxpRendererSink {
         held_ = held;
         changed_.notify_all();
     }
-    bool waitFor(const std::function<bool()>& pred, int ms = 5000) {
+    bool waitFor(const std::function<bool()>& pred, int ms = 20000) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, std::chrono::milliseconds(ms), pred);
     }
