@@ -14,6 +14,9 @@
 #include "FrameWriter.h"
 #include "VrmlWorld.h"
 
+#ifdef LORVEX_PLAY_ALSA
+#include <alsa/asoundlib.h>
+#endif
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -54,7 +57,11 @@ const char* const kUsage =
     "      --frame-rate FPS  rate at which frames are painted (default 10)\n"
     "      --contact-sheet F one PNG with all painted frames side by side\n"
     "  -v, --verbose         print the players' events as they arrive\n"
-    "      --version         print the library version and exit\n"
+    "  -q, --quiet           print nothing but errors\n"
+    "      --volume V        master volume 0..1, applied to every sound (default 1)\n"
+    "      --soundfont FILE  General MIDI SoundFont for MIDI clips (default: the system's)\n"
+    "      --list-devices    list the ALSA output devices and exit\n"
+    "      --version         print the library version and the backends built in, and exit\n"
     "\n"
     "World options:\n"
     "      --at NAME=SECONDS startTime of the AudioClip or MovieTexture DEF'd NAME: load time\n"
@@ -68,7 +75,12 @@ const char* const kUsage =
     "  --rate R              playback rate (pitch and speed)\n"
     "  --gain G              linear gain 0..1 (default 1)\n"
     "  --location X,Y,Z      3D position of the sound\n"
-    "  --priority P          priority in the channel arbitration (default 0.5)\n";
+    "  --priority P          priority in the channel arbitration (default 0.5)\n"
+    "\n"
+    "Exit status: 0 when every clip played; 1 when a clip failed, a world could not be read\n"
+    "or the output could not be opened; 2 for a mistake on the command line; 130 or 143\n"
+    "when stopped by Ctrl-C or SIGTERM (the output file is complete up to there).\n"
+    "See docs/lorvex-play.md for examples.\n";
 
 /// What a Sound node sets on the audio port it is handed.
 struct SoundSettings {
@@ -99,6 +111,9 @@ struct Options {
     int channels = -1;
     double runTime = -1.0;
     bool verbose = false;
+    double volume = 1.0;
+    std::string soundFont;
+    bool listDevices = false;
     std::string framesDir;
     double frameRate = 10.0;
     std::string contactSheet;
@@ -110,10 +125,15 @@ struct Options {
 };
 
 std::mutex gPrintMutex;
+bool gQuiet = false;   // --quiet: nothing on standard output
+float gVolume = 1.0f;  // --volume: every Sound node's gain is scaled by it
 
 void printLine(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void printLine(const char* format, ...) {
     std::lock_guard<std::mutex> guard(gPrintMutex);
+    if (gQuiet) {
+        return;
+    }
     va_list args;
     va_start(args, format);
     std::vfprintf(stdout, format, args);
@@ -152,6 +172,7 @@ const NumericOption kNumericOptions[] = {
     {"", "--start", -1e6, 1e6, false},   {"", "--stop", -1e6, 1e6, false},
     {"", "--rate", 0.01, 100, false},    {"", "--gain", 0, 1, false},
     {"", "--priority", 0, 1, false},     {"", "--frame-rate", 0.1, 1000, false},
+    {"", "--volume", 0, 1, false},
 };
 
 bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
@@ -203,6 +224,8 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
                 next.gain = static_cast<float>(number);
             } else if (name == "--priority") {
                 next.priority = static_cast<float>(number);
+            } else if (name == "--volume") {
+                options->volume = number;
             } else {
                 options->frameRate = number;
             }
@@ -213,6 +236,18 @@ bool parseArgs(int argc, char** argv, Options* options, bool* showVersion) {
             std::exit(0);
         } else if (arg == "-v" || arg == "--verbose") {
             options->verbose = true;
+        } else if (arg == "-q" || arg == "--quiet") {
+            gQuiet = true;
+        } else if (arg == "--list-devices") {
+            options->listDevices = true;
+        } else if (arg == "--soundfont") {
+            const char* v = value("--soundfont");
+            struct stat st;
+            if (v == nullptr || stat(v, &st) != 0 || !S_ISREG(st.st_mode)) {
+                fail("--soundfont: cannot read %s", v == nullptr ? "(nothing)" : v);
+                return false;
+            }
+            options->soundFont = v;
         } else if (arg == "-o" || arg == "--output") {
             const char* v = value("--output");
             if (v == nullptr) {
@@ -295,7 +330,7 @@ class SoundNode : public LxSoundNodeNotifier {
         if (settings.hasLocation) {
             newPort->setSoundLocation(settings.location);
         }
-        newPort->setGain(settings.gain);
+        newPort->setGain(settings.gain * gVolume);
     }
 
     SoundSettings settings;
@@ -655,6 +690,51 @@ void followClip(Clip& c, double t, double startIn, bool anotherHasChannel) {
     }
 }
 
+#ifdef LORVEX_PLAY_ALSA
+constexpr bool kHaveAlsa = true;
+#else
+constexpr bool kHaveAlsa = false;
+#endif
+#ifdef LORVEX_PLAY_GSTREAMER
+constexpr bool kHaveGStreamer = true;
+#else
+constexpr bool kHaveGStreamer = false;
+#endif
+#ifdef LORVEX_PLAY_FLUIDSYNTH
+constexpr bool kHaveFluidSynth = true;
+#else
+constexpr bool kHaveFluidSynth = false;
+#endif
+
+/// --list-devices: the ALSA devices that take sound, as -o alsa:NAME names them.
+int listDevices() {
+#ifdef LORVEX_PLAY_ALSA
+    void** hints = nullptr;
+    if (snd_device_name_hint(-1, "pcm", &hints) != 0) {
+        fail("cannot list the ALSA devices");
+        return 1;
+    }
+    for (void** h = hints; *h != nullptr; ++h) {
+        char* name = snd_device_name_get_hint(*h, "NAME");
+        char* description = snd_device_name_get_hint(*h, "DESC");
+        char* direction = snd_device_name_get_hint(*h, "IOID");
+        if (name != nullptr && (direction == nullptr || std::strcmp(direction, "Output") == 0)) {
+            std::string text = description != nullptr ? description : "";
+            std::replace(text.begin(), text.end(), '\n', ' ');
+            std::printf("alsa:%-30s %s\n", name, text.c_str());
+        }
+        std::free(name);
+        std::free(description);
+        std::free(direction);
+    }
+    snd_device_name_free_hint(hints);
+    return 0;
+#else
+    fail("this lorvex-play was built without ALSA; it plays into WAV files or a null output");
+    return 1;
+#endif
+}
+
 std::string worldLabel(const WorldMedia& m) {
     return m.name.empty() ? m.type + " at " + m.where : m.name + " (" + m.type + ")";
 }
@@ -735,14 +815,23 @@ int main(int argc, char** argv) {
     if (!parseArgs(argc, argv, &options, &showVersion)) {
         return 2;
     }
+    if (!options.soundFont.empty()) {
+        LxPlatformSetMidiSoundFont(options.soundFont.c_str());
+    }
+    gVolume = static_cast<float>(options.volume);
     if (showVersion) {
         long major = 0;
         long minor = 0;
         LxGetVersion(&major, &minor);
         std::printf("lorvex-play: Lorvex interface %ld.%ld, thread services 1.16 %s\n", major, minor,
                     KtCheckVersion(1, 16) ? "supported" : "not supported");
+        std::printf("lorvex-play: backends: ALSA %s, GStreamer %s, FluidSynth %s\n", kHaveAlsa ? "yes" : "no",
+                    kHaveGStreamer ? "yes" : "no", kHaveFluidSynth ? "yes" : "no");
         std::printf("lorvex-play: MIDI SoundFont %s\n", LxPlatformGetMidiSoundFont().c_str());
         return 0;
+    }
+    if (options.listDevices) {
+        return listDevices();
     }
     if (options.clips.empty() && options.worlds.empty()) {
         std::fputs(kUsage, stderr);
