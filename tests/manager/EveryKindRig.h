@@ -43,6 +43,17 @@ class Manager : public LxWin32Manager {
         }
         return n;
     }
+    /// "active/held/waiting/idle" ports of both channel types, read under the channel lock.
+    std::string channels() {
+        std::lock_guard<KtMutex> guard(*channelLock);
+        std::string text;
+        for (const LxChannelInfo& c : channelInfo) {
+            text += std::to_string(c.activeCount) + "/" + std::to_string(c.activePorts.size()) + "/" +
+                    std::to_string(c.waitingPorts.size()) + "/" + std::to_string(c.inactivePorts.size()) +
+                    " ";
+        }
+        return text;
+    }
 };
 
 class Rig : public ::testing::Test {
