@@ -112,18 +112,6 @@ TEST(LxAudioFormat, WildcardsCountOnTheOtherSideAndThisSidesBecomeDefaults) {
     a->unref();
 }
 
-TEST(LxVideoFrame, OwnsAZeroedBufferOfItsSizeAndItsOwnFormat) {
-    EXPECT_EQ(1, LxVideoFormat::getBytesPerPixel(static_cast<LxPixelFormat_s>(6)));  // unknown
-    LxVideoFrame frame(2, 2, LxPixel16);
-    ASSERT_NE(nullptr, frame.getPixelData());
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ(0, frame.getPixelData()[i]);
-    }
-    frame.getPixelData()[7] = 0xFF;  // the eighth byte is the frame's (AddressSanitizer watches)
-    EXPECT_EQ(LxPixel16, frame.getPixelFormat());
-    EXPECT_EQ(Push, frame.format->getStreamStyle());
-}
-
 TEST(LxDefVideoFrameAllocator, NeedsAVideoFormatAndStopsAtTwoFrames) {
     LxDefVideoFrameAllocator alloc;
     LxFrame* out = nullptr;

@@ -219,24 +219,6 @@ class CallingListener : public LxEventListener {
     }
 };
 
-// A handler that destroys the node it listens to cannot wait for its own thread: the poster ends
-// once the handler returns and frees itself.
-TEST_F(NodeTest, HandlerDestroyingItsOwnNodeEndsItsPoster) {
-    const int posters = LxEventPoster::alive();
-    CallingListener listener;
-    TestNode* node = new TestNode(manager.get());
-    std::atomic<bool> posted{false};  // this thread is done with the node
-    listener.fn = [&] {
-        lxtest::waitUntil([&] { return posted.load(); });
-        delete node;
-    };
-    ASSERT_EQ(LX_OK, node->setEventListener(&listener));
-    node->postEvent(new LxActiveEvent(node));
-    node->postEvent(new LxActiveEvent(node));  // left undelivered and released
-    posted = true;
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.done.load() && LxEventPoster::alive() == posters; }));
-}
-
 // Two handlers, each destroying the other's node at the same moment: neither may wait for the
 // other for ever. Repeated, since which of them finds the cycle varies.
 TEST_F(NodeTest, HandlersDestroyingEachOthersNodesDoNotWaitForEachOther) {

@@ -22,7 +22,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -133,16 +132,6 @@ class Rig : public ::testing::Test {
             return nullptr;
         }
         return p;
-    }
-
-    /// Ends the process when a wait that only a hang can exceed runs out: a hung thread would
-    /// otherwise keep the test from ever reporting.
-    static void orAbort(bool ok, const char* what) {
-        if (!ok) {
-            std::fprintf(stderr, "hang: %s\n", what);
-            std::fflush(stderr);
-            std::abort();
-        }
     }
 
     KtDefaultThreadManager threads;

@@ -100,7 +100,14 @@ TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
                 }
                 if (!lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) > 0; }, 20000)) {
                     ++lost;
-                } else if (rng() % 8 == 0) {
+                }
+                // The same event twice, looked for before the player plays, while the events heard
+                // are still kept by the node (later, a freed event's address may come again).
+                std::set<LxEvent*> seen;
+                for (const auto& e : listener.entries()) {
+                    doubled += seen.insert(e.event).second ? 0 : 1;
+                }
+                if (lost.load() == 0 && rng() % 8 == 0) {
                     ++lived;
                     manager->connectAllUnconnected(p);
                     p->setTimeBase(manager->getMasterTimeBase());
@@ -133,10 +140,6 @@ TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
                 }
                 if (manager->destroyPlayer(p) != LX_OK) {  // its poster has ended: the listener may go
                     ++lost;
-                }
-                std::set<LxEvent*> seen;
-                for (const auto& e : listener.entries()) {
-                    doubled += seen.insert(e.event).second ? 0 : 1;
                 }
                 doubled += listener.count(LxInitializedEventType) > 1 ? 1 : 0;
             }

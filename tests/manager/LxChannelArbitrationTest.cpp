@@ -202,22 +202,6 @@ TEST_F(ArbitrationTest, ChannelLimitShrinksAndGrows) {
     release({&a, &b, &c});
 }
 
-TEST_F(ArbitrationTest, HalfDuplexStrongerSampledPortPreemptsIdleMidi) {
-    manager->configure(4, 1, true);
-    FakeAudioPort midi(LxMidiChannel, 0.3f), raw(LxRawChannel, 0.8f);
-    manager->requestPortChannel(&midi, zero);
-    ASSERT_TRUE(midi.hasChannel());
-    ASSERT_TRUE(manager->info(LxMidiChannel).started);
-
-    manager->requestPortChannel(&raw, zero);
-    EXPECT_FALSE(midi.hasChannel());
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&midi}), ports(manager->info(LxMidiChannel).inactivePorts));
-    EXPECT_FALSE(manager->info(LxMidiChannel).started);
-    EXPECT_TRUE(manager->info(LxRawChannel).started);
-    EXPECT_TRUE(raw.hasChannel());
-    release({&raw, &midi});
-}
-
 TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
     manager->configure(4, 1, true);
     FakeAudioPort m(LxMidiChannel, 0.3f), r(LxRawChannel, 0.9f);

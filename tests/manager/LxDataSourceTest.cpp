@@ -14,18 +14,6 @@ std::string contentOf(const char* fileName) {
     return source.getContentName();
 }
 
-TEST(LxFilenameDataSource, UrlAndLocalFileName) {
-    LxFilenameDataSource source("clips\\a.wav");
-    EXPECT_EQ(LxDataSource::PullSource, source.getSourceType());
-    EXPECT_EQ(std::string("file:clips\\a.wav"), source.getURL());
-    EXPECT_EQ(std::string("clips\\a.wav"), source.getLocalFileName());
-    EXPECT_EQ(1, source.setPosition(1234));
-    EXPECT_EQ(0, source.getPosition()) << "a file source is read by name, not through read()";
-    char buffer[16];
-    long length = sizeof buffer;
-    EXPECT_EQ(LX_ERR_GENERIC, source.read(buffer, &length));
-}
-
 TEST(LxFilenameDataSource, ContentNamesComeFromTheFirstMatchingPrefixInTableOrder) {
     struct Case {
         const char* file;

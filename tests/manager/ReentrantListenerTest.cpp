@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -113,7 +112,8 @@ void Listener::handleEvent(LxEvent* event) {
 }
 
 TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {
-    const unsigned seed = std::random_device()();
+    const unsigned seed = lxtest::testSeed();  // a hang ends in the test's timeout, after the seed is printed
+    SCOPED_TRACE("LORVEX_SEED=" + std::to_string(seed));
     const int posters = LxEventPoster::alive();
     for (int i = 0; i < kClips; ++i) {
         scenes[i] = new LxVrmlSupport(manager);
@@ -121,15 +121,6 @@ TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {
         listeners[i].scene = scenes[i];
         listeners[i].rng.seed(seed + 100 + i);
     }
-    // Fails the test, instead of hanging it, when any thread stays stuck.
-    std::mutex doneLock;
-    std::condition_variable doneChanged;
-    bool done = false;
-    std::thread watchdog([&] {
-        std::unique_lock<std::mutex> lock(doneLock);
-        orAbort(doneChanged.wait_for(lock, std::chrono::seconds(90), [&] { return done; }),
-                ("listeners and hosts, seed " + std::to_string(seed)).c_str());
-    });
     std::vector<std::thread> hosts;
     for (int h = 0; h < kHosts; ++h) {
         hosts.emplace_back([&, h] {
@@ -159,17 +150,11 @@ TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {
     for (int i = 0; i < kMaxPlain; ++i) {
         destroyPlain();
     }
-    {
-        std::lock_guard<std::mutex> lock(doneLock);
-        done = true;
-    }
-    doneChanged.notify_all();
-    watchdog.join();
     std::printf(
         "[ measured ] %d handler calls, %d own players destroyed from them, %d destroys of others asked, %d "
         "made\n",
         calls.load(), destroyedOwn.load(), destroyedOther.load(), std::min(plainMade.load(), kMaxPlain));
-    EXPECT_EQ(0, manager->players()) << "seed " << seed;
+    EXPECT_EQ(0, manager->players());
     for (LxVrmlSupport* s : scenes) {
         delete s;
     }

