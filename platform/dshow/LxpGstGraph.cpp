@@ -93,8 +93,8 @@ void initGStreamer() {
         g_clear_error(&error);
         return;
     }
-    const char* needed[] = {"uridecodebin", "appsink",    "audioconvert",
-                            "videoconvert", "capsfilter", "fakesink"};
+    const char* needed[] = {"uridecodebin", "appsink",    "audioconvert", "audioresample",
+                            "videoconvert", "videoscale", "capsfilter",   "fakesink"};
     for (const char* name : needed) {
         GstElementFactory* factory = gst_element_factory_find(name);
         if (factory == nullptr) {
@@ -158,6 +158,7 @@ class GstGraph : public FilterGraphBase {
         gst_bin_add(GST_BIN(pipeline_), decodebin);
         g_signal_connect(decodebin, "pad-added", G_CALLBACK(&GstGraph::onPadAdded), this);
         g_signal_connect(decodebin, "unknown-type", G_CALLBACK(&GstGraph::onUnknownType), this);
+        g_signal_connect(decodebin, "autoplug-select", G_CALLBACK(&GstGraph::onAutoplugSelect), this);
         g_signal_connect(pipeline_, "deep-element-added", G_CALLBACK(&GstGraph::onElementAdded), this);
         GstBus* bus = gst_element_get_bus(pipeline_);
         gst_bus_set_sync_handler(bus, &GstGraph::onBusMessage, this, nullptr);
@@ -696,6 +697,37 @@ class GstGraph : public FilterGraphBase {
 
     static void onPadAdded(GstElement*, GstPad* pad, gpointer self) {
         static_cast<GstGraph*>(self)->padAdded(pad);
+    }
+
+    // Files come from the web, and the registry holds decoders for far more than Lorvex plays:
+    // only the demuxers, parsers and decoders of WAVE, MPEG-1/2 systems and video, MPEG audio and
+    // QuickTime/MP4 with their common codecs are used, so a clip of any other kind is refused as
+    // undecodable instead of reaching a decoder nobody here has tried.
+    static gint onAutoplugSelect(GstElement*, GstPad*, GstCaps*, GstElementFactory* factory, gpointer) {
+        static const char* const kAllowed[] = {
+            // containers and parsers
+            "wavparse", "mpegpsdemux", "tsdemux", "qtdemux", "id3demux", "apedemux", "mpegaudioparse",
+            "mpegvideoparse", "mpeg4videoparse", "h264parse", "h263parse", "aacparse", "ac3parse",
+            "jpegparse",
+            // MPEG audio and video
+            "avdec_mp1float", "avdec_mp2float", "avdec_mp3float", "avdec_mp3", "mpg123audiodec", "mpeg2dec",
+            "avdec_mpegvideo", "avdec_mpeg2video", "avdec_ac3", "a52dec", "dvdlpcmdec",
+            // QuickTime and MP4
+            "avdec_mpeg4", "avdec_h264", "avdec_h263", "avdec_aac", "faad", "avdec_alac", "jpegdec",
+            "avdec_mjpeg", "avdec_svq1", "avdec_svq3", "avdec_cinepak", "avdec_qtrle", "avdec_rpza",
+            "avdec_smc", "avdec_8bps", "avdec_png", "pngdec", "avdec_qdm2", "avdec_mace3", "avdec_mace6",
+            "avdec_adpcm_ima_qt",
+            // WAVE encodings
+            "avdec_adpcm_ima_wav", "avdec_adpcm_ms", "alawdec", "mulawdec"};
+        enum { kTry = 0, kSkip = 2 };  // GstAutoplugSelectResult
+        const char* name = gst_plugin_feature_get_name(GST_PLUGIN_FEATURE(factory));
+        for (const char* allowed : kAllowed) {
+            if (std::strcmp(name, allowed) == 0) {
+                return kTry;
+            }
+        }
+        LxLog::postDebug("LxpGstGraph: %s is not used for clips\n", name);
+        return kSkip;
     }
 
     static void onUnknownType(GstElement*, GstPad*, GstCaps* caps, gpointer self) {

@@ -142,6 +142,9 @@ const char* gstVideoFormat(LxPixelFormat_s format) {
     }
 }
 
+/// The largest picture side handed on; a clip from the web may declare any size.
+constexpr int kMaxPicture = 4096;
+
 class GstFace : public GstRendererFace {
   public:
     explicit GstFace(RendererFilter* owner)
@@ -157,11 +160,17 @@ class GstFace : public GstRendererFace {
         bin_ = gst_bin_new(nullptr);
         gst_object_ref_sink(bin_);
         GstElement* convert = gst_element_factory_make(audio ? "audioconvert" : "videoconvert", nullptr);
+        // A rate the sound engine cannot take is resampled, a picture larger than kMaxPicture on
+        // a side is scaled down; both pass everything else through untouched.
+        GstElement* scale = gst_element_factory_make(audio ? "audioresample" : "videoscale", nullptr);
         GstElement* filter = gst_element_factory_make("capsfilter", nullptr);
         appsink_ = gst_element_factory_make("appsink", nullptr);
-        if (convert == nullptr || filter == nullptr || appsink_ == nullptr) {
+        if (convert == nullptr || scale == nullptr || filter == nullptr || appsink_ == nullptr) {
             if (convert != nullptr) {
                 gst_object_unref(convert);
+            }
+            if (scale != nullptr) {
+                gst_object_unref(scale);
             }
             if (filter != nullptr) {
                 gst_object_unref(filter);
@@ -172,19 +181,22 @@ class GstFace : public GstRendererFace {
             }
             return false;
         }
-        GstCaps* caps = audio ? gst_caps_from_string(
-                                    "audio/x-raw, format=(string){ S16LE, U8 }, "
-                                    "layout=(string)interleaved, channels=(int)[ 1, 2 ]")
-                              : gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
-                                                    gstVideoFormat(owner_->pixelFormat()), nullptr);
+        GstCaps* caps =
+            audio ? gst_caps_from_string(
+                        "audio/x-raw, format=(string){ S16LE, U8 }, "
+                        "layout=(string)interleaved, channels=(int)[ 1, 2 ], "
+                        "rate=(int)[ 1, 384000 ]")
+                  : gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING,
+                                        gstVideoFormat(owner_->pixelFormat()), "width", GST_TYPE_INT_RANGE, 1,
+                                        kMaxPicture, "height", GST_TYPE_INT_RANGE, 1, kMaxPicture, nullptr);
         g_object_set(filter, "caps", caps, nullptr);
         gst_caps_unref(caps);
         // The video sink waits for each frame's time; audio is taken as fast as the consumer
         // takes it (see the file comment).
         g_object_set(appsink_, "sync", audio ? FALSE : TRUE, "enable-last-sample", FALSE, "qos", FALSE,
                      "emit-signals", FALSE, nullptr);
-        gst_bin_add_many(GST_BIN(bin_), convert, filter, appsink_, nullptr);
-        if (!gst_element_link_many(convert, filter, appsink_, nullptr)) {
+        gst_bin_add_many(GST_BIN(bin_), convert, scale, filter, appsink_, nullptr);
+        if (!gst_element_link_many(convert, scale, filter, appsink_, nullptr)) {
             return false;
         }
         GstPad* target = gst_element_get_static_pad(convert, "sink");

@@ -82,7 +82,7 @@ AM_MEDIA_TYPE videoMediaType(const LxpVideoSpec& spec) {
     int32_t bpp = 4;
     pixelFormatInfo(spec.pixelFormat, &type.subtype, &bpp);
     type.bFixedSizeSamples = 1;
-    type.lSampleSize = static_cast<uint32_t>(spec.stride * spec.height);
+    type.lSampleSize = static_cast<uint32_t>(static_cast<int64_t>(spec.stride) * spec.height);
     type.formattype = FORMAT_VideoInfo;
     VIDEOINFOHEADER* vih = static_cast<VIDEOINFOHEADER*>(CoTaskMemAlloc(sizeof(VIDEOINFOHEADER)));
     if (vih != nullptr) {
@@ -712,7 +712,7 @@ void RendererFilter::deliver(LxpRendererSink* sink, IMediaSample* sample, bool a
         buffer.discontinuity = sample->IsDiscontinuity() == S_OK;
         sink->audioBuffer(audio, buffer);
     } else {
-        if (length < video.stride * video.height || video.height <= 0) {
+        if (length < static_cast<int64_t>(video.stride) * video.height || video.height <= 0) {
             LxLog::postDebug("LxpRenderer: short video sample of %d bytes dropped\n", length);
             return;
         }
