@@ -123,6 +123,9 @@ long LxWin32AudioOutputPort::fillSilence(const LxTime& duration) {
 long LxWin32AudioOutputPort::playPort(char loop) {
     return mixer->playPort(portNumber, loop);
 }
+long LxWin32AudioOutputPort::playPortFrom(char loop, long position) {
+    return mixer->playPortFrom(portNumber, loop, position);
+}
 void LxWin32AudioOutputPort::stopPort() {
     mixer->stopPort(portNumber, 1);
 }

@@ -89,6 +89,14 @@ LxTime later(const LxTime& t, double seconds) {
     return LxTime(t.getValue() + seconds);
 }
 
+/// The speed at which a clip's samples play at a rate (a rate of 0 counts as 1).
+double speedOf(float rate) {
+    return rate != 0.0f ? std::fabs(static_cast<double>(rate)) : 1.0;
+}
+
+/// A port of a sounding resident clip that waits for its channel is looked at this often.
+constexpr uint32_t kJoinPollMs = 10;
+
 }  // namespace
 
 LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
@@ -136,6 +144,7 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
       registeredPorts(0),
       soundPending(0),
       poolLock(KtMutex::create()) {
+    std::fill(portEventsSeen, portEventsSeen + kMaxPorts, 0u);
     inputNames = new (std::nothrow) char*[1];
     inputs = new (std::nothrow) LxInputConnectable*[1];
     if (inputNames != nullptr && inputs != nullptr) {
@@ -626,8 +635,9 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
     if (portsActive) {
         // The clip is playing: the new port wants its channel now, like the others.
         manager->updatePortChannel(p, refTime(), 1);
-        if (isResident && residentStarted) {
-            p->playPort(loop);
+        if (isResident && (residentStarted || tailPending)) {
+            portEventsSeen[slot] = 0;  // joins where the clip is, once it holds a channel
+            joinGrantedPorts(refTime());
         }
     }
     waitNotify.unlock();
@@ -761,9 +771,9 @@ void LxWin32AudioRenderer::run() {
         if (s == STOPPED) {
             w = KT_INFINITE;
             if (tailPending) {
-                const LxTime now = refTime();
-                if (!tailPlayedOut(now)) {
-                    w = std::max<uint32_t>(1, std::min<uint32_t>(25, msUntil(tailStopAt, now)));
+                const uint32_t tail = tailWait(refTime());
+                if (tail > 0) {
+                    w = tail;
                     continue;
                 }
                 stopAllPorts();
@@ -1033,35 +1043,34 @@ uint32_t LxWin32AudioRenderer::checkLowWater(int tag, uint32_t lowResult) {
 }
 
 uint32_t LxWin32AudioRenderer::residentStep(const LxTime& now) {
+    // A port still waiting for its channel is looked at often, so that it joins on time.
+    const uint32_t most = residentStarted && joinGrantedPorts(now) ? kJoinPollMs : 100;
     if (residentDone) {
         LxLog::postDebug("LxAR: resident buffer full\n");
         if (!residentStarted) {
             LxLog::postDebug("LxWin32AudioRenderer:  starting resident clip\n");
-            residentStarted = 1;
             // A buffer that played out by itself still counts as playing in the mixer; stopping it
             // first makes the new start begin at the clip's first sample.
             stopAllPorts();
-            playAllPorts(loop);
-            residentEndSet = 0;
+            startResident(now);
         }
         if (!loop) {
             if (!residentEndSet) {
-                const double speed = rate != 0.0f ? std::fabs(static_cast<double>(rate)) : 1.0;
-                residentEndAt = later(now, duration.getValue() / speed);
+                residentEndAt = later(now, duration.getValue() / speedOf(rate));
                 residentEndSet = 1;
             }
             if (now >= residentEndAt) {
                 finishResident();
                 return 0;
             }
-            return msUntil(residentEndAt, now);
+            return std::min(most, std::max<uint32_t>(1, msUntil(residentEndAt, now)));
         }
         LxFrame* tossed = source != nullptr ? source->getFrameForTime(now, LxTime()) : nullptr;
         if (tossed != nullptr) {
             LxLog::postDebug("LxAR:  pull and toss\n");
             returnFrame(tossed);
         }
-        return 100;
+        return most;
     }
 
     LxFrame* got = source != nullptr ? source->getFrameForTime(now, LxTime()) : nullptr;
@@ -1087,10 +1096,9 @@ uint32_t LxWin32AudioRenderer::residentStep(const LxTime& now) {
     }
     if (!residentStarted) {
         LxLog::postDebug("LxAR: starting resident clip in pullsomemore\n");
-        playAllPorts(loop);
-        residentStarted = 1;
+        startResident(now);
     }
-    uint32_t w = 25;
+    uint32_t w = std::min<uint32_t>(25, most);
     if (eomDone) {
         LxLog::postDebug("LxWin32AudioRenderer:  Done sending resident to buffer, got the EOM for %5.3f\n",
                          duration.getValue());
@@ -1107,13 +1115,57 @@ uint32_t LxWin32AudioRenderer::residentStep(const LxTime& now) {
     return w;
 }
 
+void LxWin32AudioRenderer::startResident(const LxTime& now) {
+    residentStarted = 1;
+    playAllPorts(loop);
+    residentSoundStart = now;
+    residentEndAt = later(now, duration.getValue() / speedOf(rate));
+    residentEndSet = 1;
+    for (int i = 0; i < portCount; ++i) {
+        portEventsSeen[i] = static_cast<LxRendererPort*>(ports[i])->events.load();
+    }
+}
+
+bool LxWin32AudioRenderer::joinGrantedPorts(const LxTime& now) {
+    const double elapsed = now.getValue() - residentSoundStart.getValue();
+    const double samplingRate = format != nullptr ? format->getSamplingRate() : 0.0;
+    int64_t position =
+        static_cast<int64_t>(std::floor(elapsed * samplingRate * speedOf(rate))) * bytesPerFrame;
+    if (loop && bufferSize > 0) {
+        position %= bufferSize;
+    }
+    if (position < 0 || position >= bufferSize) {
+        return false;  // the clip has played out: nothing is left to join
+    }
+    bool waiting = false;
+    for (int i = 0; i < portCount; ++i) {
+        LxRendererPort* p = static_cast<LxRendererPort*>(ports[i]);
+        const uint32_t events = p->events.load();
+        if (!p->hasChannel()) {
+            waiting = true;
+        } else if (events != portEventsSeen[i]) {
+            // The grant rewound and stopped the buffer (or it never played): it starts where
+            // the clip would be now, so that it ends with the clip and stays in step with the
+            // ports that held their channels all along.
+            portEventsSeen[i] = events;
+            p->playPortFrom(loop, static_cast<long>(position));
+        }
+    }
+    return waiting;
+}
+
 void LxWin32AudioRenderer::finishResident() {
     setCurrentState(STOPPED);
-    soundPending.store(0);  // the buffer, played without looping, now plays out by itself
     clock->stop();
     flush();
     residentStarted = 0;
     residentEndSet = 0;
+    // The buffer, played without looping, plays out by itself. Until its last sample is heard
+    // the ports keep their channels (or keep waiting for one, to join on time), the clip counts
+    // as sounding, and its stop time still ends it.
+    tailPending = 1;
+    tailStopAt = residentEndAt;
+    tailGiveUpAt = later(residentEndAt, 1.0);
     postEvent(new (std::nothrow) LxEndOfMediaEvent(this));
 }
 
@@ -1179,6 +1231,39 @@ void LxWin32AudioRenderer::finishDrain() {
     tailPending = 1;
     LxLog::postDebug("LxWin32AudioRenderer:  posting EOM event\n");
     postEvent(new (std::nothrow) LxEndOfMediaEvent(this));
+}
+
+uint32_t LxWin32AudioRenderer::tailWait(const LxTime& now) {
+    const LxTime stopTime = clock->getStopTime();
+    const bool hasStop = stopTime != LxTime::maxTime();
+    if (hasStop && now >= stopTime) {
+        LxLog::postDebug("LxWin32AudioRenderer:  passed stopTime while playing out\n");
+        return 0;
+    }
+    uint32_t w;
+    if (isResident) {
+        // A port that plays is over when its buffer stops by itself after the last sample (the
+        // device's own count, which may run behind the clock); one that waits for a channel
+        // has sound to play until the clip's end by the clock.
+        const bool waiting = joinGrantedPorts(now) && now < tailStopAt;
+        bool sounding = false;
+        for (int i = 0; i < portCount && !sounding; ++i) {
+            sounding = mixer->isPortSounding(ports[i]->getPortNumber()) != 0;
+        }
+        if (now >= tailGiveUpAt || (!sounding && !waiting)) {
+            return 0;
+        }
+        w = waiting ? std::min(kJoinPollMs, msUntil(tailStopAt, now)) : 25;
+    } else {
+        if (tailPlayedOut(now)) {
+            return 0;
+        }
+        w = std::min<uint32_t>(25, msUntil(tailStopAt, now));
+    }
+    if (hasStop) {
+        w = std::min(w, msUntil(stopTime, now));
+    }
+    return std::max<uint32_t>(1, w);
 }
 
 bool LxWin32AudioRenderer::tailPlayedOut(const LxTime& now) {

@@ -255,6 +255,10 @@ long LxWin32Mixer::acquireChannel(short port) {
     }
     rec->noChannel = 0;
     if (rec->soundBuffer != nullptr) {
+        // The buffer outlived a revocation, or was made before the grant: what the scene set
+        // meanwhile (gain, pan, tempo, location, spatialisation) was only stored, and must be
+        // heard from the first sample the channel plays.
+        applyStoredSettings(rec);
         if (rec->isResident && rec->looping) {
             rec->soundBuffer->Play(0, 0, DSBPLAY_LOOPING);
         }
@@ -305,6 +309,10 @@ long LxWin32Mixer::releaseChannel(short port, char destroy) {
 }
 
 long LxWin32Mixer::playPort(short port, char loop) {
+    return playPortFrom(port, loop, -1);
+}
+
+long LxWin32Mixer::playPortFrom(short port, char loop, long position) {
     Hold slot(slotLock(port));
     if (state.load() != READY) {
         return LX_ERR_MIXER_NOT_READY;
@@ -313,7 +321,10 @@ long LxWin32Mixer::playPort(short port, char loop) {
     if (rec == nullptr || rec->noChannel || rec->soundBuffer == nullptr) {
         return LX_ERR_NO_PORT;
     }
-    if (!rec->playing.load()) {
+    if (position >= 0) {
+        const long frame = rec->bytesPerFrame > 0 ? rec->bytesPerFrame : 1;
+        rec->soundBuffer->SetCurrentPosition(static_cast<uint32_t>(position - position % frame));
+    } else if (!rec->playing.load()) {
         rec->soundBuffer->SetCurrentPosition(0);
     }
     if (FAILED(rec->soundBuffer->Play(0, 0, loop ? DSBPLAY_LOOPING : 0))) {
@@ -515,6 +526,19 @@ long LxWin32Mixer::initSecondarySoundBuffer(LxWin32AudioPortData* rec) {
     }
     ds->Release();
     return result;
+}
+
+void LxWin32Mixer::applyStoredSettings(LxWin32AudioPortData* rec) {
+    IDirectSoundBuffer* sb = rec->soundBuffer;
+    sb->SetVolume(rec->volume);
+    sb->SetPan(rec->panValue);
+    if (rec->tempo > 0.0f) {
+        sb->SetFrequency(lxmixer::frequencyOf(static_cast<double>(rec->tempo * rec->rate)));
+    }
+    if (rec->buffer3D != nullptr) {
+        rec->buffer3D->SetPosition(rec->location[0], rec->location[1], rec->location[2], DS3D_IMMEDIATE);
+        rec->buffer3D->SetMode(rec->spatialize ? DS3DMODE_NORMAL : DS3DMODE_DISABLE, DS3D_IMMEDIATE);
+    }
 }
 
 long LxWin32Mixer::duplicateSoundBuffer(short sourcePort, short newPort) {

@@ -45,6 +45,8 @@ class LxWin32AudioOutputPort : public LxAudioOutputPort {
     long fillSilence(long frames);
     long fillSilence(const LxTime& duration);
     long playPort(char loop);
+    /// Plays from byte position (see LxWin32Mixer::playPortFrom).
+    long playPortFrom(char loop, long position);
     /// Stops the port and clears its loop flag.
     void stopPort();
     long discardFrames();

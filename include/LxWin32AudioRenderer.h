@@ -169,9 +169,13 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     int32_t tailPlayed;
     int32_t tailLastFillable;
     LxTime tailGiveUpAt;
-    /// A resident clip replayed without looping ends at residentEndAt.
+    /// A resident clip began to sound at residentSoundStart; without looping its last sample
+    /// is heard at residentEndAt. A port granted its channel meanwhile joins at the place the
+    /// clip has reached; portEventsSeen[i] is ports[i]'s grant count the renderer acted on.
     char residentEndSet;
     LxTime residentEndAt;
+    LxTime residentSoundStart;
+    uint32_t portEventsSeen[kMaxPorts];
     /// Bit i: ports[i] is registered with the manager's arbitration.
     uint32_t registeredPorts;
     /// 1 from a start until the renderer has nothing more to make heard (stopped, or the last
@@ -206,6 +210,15 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     void finishDrain();
     /// Whether the last samples of a drained clip have been played. waitNotify held.
     bool tailPlayedOut(const LxTime& now);
+    /// The wait before the next look at what a stopped clip still plays (its drained tail, or
+    /// a resident buffer playing out); 0 once it is over or its stop time has come. waitNotify
+    /// held.
+    uint32_t tailWait(const LxTime& now);
+    /// A resident clip starts sounding now on every port that holds a channel.
+    void startResident(const LxTime& now);
+    /// Ports of a sounding resident clip granted a channel since last seen play from where the
+    /// clip is now; true when some port still waits for one. waitNotify held.
+    bool joinGrantedPorts(const LxTime& now);
     /// End of a resident clip: STOPPED and end of media, the buffer plays out by itself.
     void finishResident();
     void stopAllPorts();

@@ -96,6 +96,9 @@ class LxWin32Mixer : public LxMixer {
     /// The port must be silent: its buffer stops (or, with destroy, is released).
     long releaseChannel(short port, char destroy);
     long playPort(short port, char loop);
+    /// playPort from byte position (rounded down to a sample frame), whether or not the buffer
+    /// plays: a clip that gets its channel late joins where it would be by now.
+    long playPortFrom(short port, char loop, long position);
     void stopPort(short port, char clearLoop);
     /// 1 while the port's buffer plays (a buffer played without looping stops by itself after
     /// its last sample has been mixed). Takes only the mixer lock, briefly; any thread.
@@ -204,6 +207,9 @@ class LxWin32Mixer : public LxMixer {
     /// Milliseconds bytes take to play at the port's rate and tempo.
     uint32_t playMillis(LxWin32AudioPortData* record, double bytes);
     void destroyRecord(short port, LxWin32AudioPortData* record);
+    /// Puts the stored gain, pan, tempo, location and spatialisation on the record's buffer.
+    /// Slot lock held.
+    void applyStoredSettings(LxWin32AudioPortData* record);
 
     /// Serialises initDirectSound and closeDirectSound (before any slot lock).
     KtMutex* deviceLock;

@@ -486,8 +486,6 @@ CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k
 # Checks that fail because of faults in the library not yet mended: measured and printed as LEFT OUT,
 # not counted, until the fault is gone (then the entry goes). --strict counts them.
 PENDING = {
-    ('one channel, two clips', '*'): 'a port gives its channel up at end of media, before it is heard; one that '
-                                     'waits for a channel is not isSounding',
     ('MPEG-1', 'length'): 'the filter-graph player loses the last MPEG audio frame',
 }
 
