@@ -76,7 +76,7 @@ TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
     RecordingListener unknown;
     s.durationKnown = false;
     p = rig.open(rig.clip(s), &unknown);
-    EXPECT_EQ(0xE2, amtest::resultOf(unknown, LxInitializedEventType));
+    EXPECT_EQ(0xE2, unknown.resultOf(LxInitializedEventType));
     EXPECT_EQ(0u, unknown.count(LxDurationChangedEventType));
     EXPECT_EQ(LxTime(-1, 0), p->getDuration());
 }
@@ -120,7 +120,7 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
         const auto start = std::chrono::steady_clock::now();
         LxAMPlayer* p = rig.open(c.arrange(), &listener);
         // COM fails as the thread starts, possibly before the listener was there to hear it.
-        const long code = amtest::resultOf(listener, LxCatastrophicErrorEventType);
+        const long code = listener.resultOf(LxCatastrophicErrorEventType);
         if (!(c.code == 0x440 && code == -1)) {
             EXPECT_EQ(c.code, code);
         }
@@ -136,7 +136,7 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
     lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
     RecordingListener listener;
     LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &listener);
-    EXPECT_EQ(0xE2, amtest::resultOf(listener, LxInitializedEventType));
+    EXPECT_EQ(0xE2, listener.resultOf(LxInitializedEventType));
     EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
 }
 

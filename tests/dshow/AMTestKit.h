@@ -182,16 +182,6 @@ class Rig {
     int clips = 0;
 };
 
-/// The result of the first event of type, or -1.
-inline long resultOf(lxtest::RecordingListener& l, LxEventType_s type) {
-    for (const auto& e : l.entries()) {
-        if (e.type == type) {
-            return e.result;
-        }
-    }
-    return -1;
-}
-
 }  // namespace amtest
 
 #endif

@@ -33,7 +33,7 @@ TEST_F(AMPlayerE2E, EachClipInitialisesWithWhatItHasItsDurationAndFrameCount) {
         LxPlayer* p = open(e.clip.path, &listener, false);
         ASSERT_NE(nullptr, p);
         std::printf("[ measured ] %s initialised in %.0f ms\n", e.name, lxtest::msSince(start));
-        EXPECT_EQ(e.code, amtest::resultOfInit(listener));
+        EXPECT_EQ(e.code, listener.resultOf(LxInitializedEventType));
         EXPECT_NEAR(e.seconds, p->getDuration().getValue(), 0.05 + e.slack * 0.05);
         EXPECT_NEAR(e.frames, p->getNumFrames(), e.slack);
         EXPECT_EQ(e.connected, manager->connectAllUnconnected(p));

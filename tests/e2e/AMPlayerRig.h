@@ -68,16 +68,6 @@ struct Painted {
     int counter;   // the frame counter the picture shows (-1: none yet or unreadable)
 };
 
-/// The result of the player's initialized event (-1 without one).
-inline long resultOfInit(lxtest::RecordingListener& l) {
-    for (const auto& e : l.entries()) {
-        if (e.type == LxInitializedEventType) {
-            return e.result;
-        }
-    }
-    return -1;
-}
-
 /// A manager whose sound goes to a WAV file in real time, with the file's frames mapped to
 /// reference time (see the file comment), and a host that paints.
 class AMPlayerE2E : public ::testing::Test {

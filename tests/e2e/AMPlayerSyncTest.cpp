@@ -21,7 +21,7 @@ TEST_F(AMPlayerE2E, PicturesShowTheFrameOfTheirMediaTimeAcrossASeekARateChangeAn
     RecordingListener l;
     LxPlayer* p = open(clip.path, &l);
     ASSERT_NE(nullptr, p);
-    ASSERT_EQ(0xE3, amtest::resultOfInit(l));
+    ASSERT_EQ(0xE3, l.resultOf(LxInitializedEventType));
     startPainting(p);
 
     // A cued start from the beginning.
@@ -77,7 +77,7 @@ TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
     RecordingListener l;
     LxPlayer* p = open(path, &l);
     ASSERT_NE(nullptr, p);
-    ASSERT_EQ(0xE3, amtest::resultOfInit(l));
+    ASSERT_EQ(0xE3, l.resultOf(LxInitializedEventType));
     startPainting(p);
     cue(p, l);
     const double t0 = now() + 0.3;

@@ -56,6 +56,16 @@ size_t RecordingListener::count(LxEventType_s type) {
     return n;
 }
 
+long RecordingListener::resultOf(LxEventType_s type) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const Entry& e : entries_) {
+        if (e.type == type) {
+            return e.result;
+        }
+    }
+    return -1;
+}
+
 bool RecordingListener::waitForCount(size_t n, int timeoutMs) {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),

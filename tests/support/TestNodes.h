@@ -51,6 +51,8 @@ class RecordingListener : public LxEventListener {
     size_t count();
     /// Number of handled events of one type.
     size_t count(LxEventType_s type);
+    /// The result of the first initialized or catastrophic-error event of a type (-1: none yet).
+    long resultOf(LxEventType_s type);
     /// Waits (up to timeoutMs) until at least n events were handled.
     bool waitForCount(size_t n, int timeoutMs = 10000);
     /// Makes the next handler call block until release(); blockedNow() tells when it is blocked.
