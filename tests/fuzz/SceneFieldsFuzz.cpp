@@ -1,0 +1,161 @@
+// Fuzz target: sequences of scene-field changes on the scene support, as a browser's routes may
+// send them: any times (NaN, infinities, centuries away), any rates (negative, zero, huge), loops,
+// batches left open, latency changes and sound nodes coming and going, on a player that records.
+#include "LxManager.h"
+#include "LxPlayer.h"
+#include "LxResult.h"
+#include "LxVrmlSupport.h"
+
+#include "FakeAudioPort.h"
+#include "SettableTimeBase.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+class FieldPlayer : public LxPlayer {
+  public:
+    explicit FieldPlayer(LxManager* m) : LxPlayer(m, nullptr) {}
+    ~FieldPlayer() override {
+        for (lxtest::FakeAudioPort* p : ports_) {
+            delete p;
+        }
+    }
+    long startAtTime(LxTime) override { return (state_ = STARTED, LX_OK); }
+    long stopAtTime(LxTime) override { return LX_OK; }
+    void stop() override { state_ = STOPPED; }
+    long setRate(float*) override { return LX_OK; }
+    long setMediaTime(LxTime) override { return LX_OK; }
+    long setTimeBase(LxTimeBase*) override { return LX_OK; }
+    LxNodeState getState() override { return state_; }
+    void setLoop(char) override {}
+    LxTime getDuration() override { return duration; }
+    long getNewAudioPort(LxAudioOutputPort** port) override {
+        ports_.push_back(new lxtest::FakeAudioPort());
+        *port = ports_.back();
+        return LX_OK;
+    }
+    void run() override {}
+    LxTime duration{4, 0};
+
+  private:
+    LxNodeState state_ = STOPPED;
+    std::vector<lxtest::FakeAudioPort*> ports_;
+};
+
+class FieldManager : public LxManager {
+  public:
+    explicit FieldManager(KtThreadManager* tm)
+        : LxManager(tm), clock(new lxtest::SettableTimeBase(this, 5000.0)) {
+        masterTimeBase = clock;
+    }
+    lxtest::SettableTimeBase* clock;
+    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
+    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
+    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+
+  protected:
+    long initTimers() override { return LX_OK; }
+    long initAudio() override { return LX_OK; }
+    long initVideo() override { return LX_OK; }
+    long startupChannelType(LxAudioChannelType_s) override { return LX_OK; }
+    long shutdownChannelType(LxAudioChannelType_s) override { return LX_OK; }
+};
+
+struct Node : LxSoundNodeNotifier {
+    void audioPortChanged(LxAudioOutputPort* port) override {
+        if (port != nullptr) {
+            port->setGain(0.5f);
+        }
+    }
+};
+
+// Reads the input as operations: one byte of opcode, then the bytes of its argument.
+struct Reader {
+    const uint8_t* p;
+    size_t n;
+    bool more() const { return n > 0; }
+    uint8_t byte() { return n > 0 ? (--n, *p++) : 0; }
+    double number() {
+        static const double special[] = {NAN,    INFINITY,     -INFINITY,    0,    -0.0, 1e300,
+                                         -1e300, 2147483648.0, 4294967296.0, 7200, 5000, 4999.999999,
+                                         1e-9};
+        const uint8_t tag = byte();
+        if (tag < 64) {
+            return special[tag % (sizeof special / sizeof special[0])];
+        }
+        double d = 0;
+        uint8_t raw[sizeof d] = {0};
+        for (uint8_t& b : raw) {
+            b = byte();
+        }
+        std::memcpy(&d, raw, sizeof d);
+        return d;
+    }
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static KtDefaultThreadManager threads;
+    FieldManager* manager = new FieldManager(&threads);
+    FieldPlayer* player = new FieldPlayer(manager);
+    manager->addPlayer(player);
+    Node nodes[3];
+    {
+        LxVrmlSupport support(player, manager);
+        Reader in{data, size};
+        while (in.more()) {
+            switch (in.byte() % 14) {
+                case 0:
+                    support.beginChangingFields(LxTime(in.number()));
+                    break;
+                case 1:
+                    support.setStartTime(LxTime(in.number()));
+                    break;
+                case 2:
+                    support.setStopTime(LxTime(in.number()));
+                    break;
+                case 3:
+                    support.setLoop(static_cast<char>(in.byte() & 1));
+                    break;
+                case 4:
+                    support.setRate(static_cast<float>(in.number()));
+                    break;
+                case 5:
+                    support.doneChangingFields();
+                    break;
+                case 6:
+                    support.finishInitializingPlayer();
+                    break;
+                case 7:
+                    support.setPlayerControl(static_cast<char>(in.byte() & 1));
+                    break;
+                case 8:
+                    manager->setStartUpLatency(LxTime(in.number()));
+                    break;
+                case 9:
+                    manager->clock->setTimeOfDay(in.number());
+                    break;
+                case 10:
+                    player->duration = LxTime(in.number());
+                    break;
+                case 11:
+                    support.addSoundNode(&nodes[in.byte() % 3]);
+                    break;
+                case 12:
+                    support.removeSoundNode(&nodes[in.byte() % 3]);
+                    break;
+                default:
+                    support.stop();
+                    break;
+            }
+        }
+    }  // the support destroys the player through the manager
+    manager->closeManager();
+    return 0;
+}
