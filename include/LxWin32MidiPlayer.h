@@ -75,7 +75,8 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// gone silent (at most kTailLimitMs after the end of the clip's data), or until a stop.
     char isSounding() const override;
     /// Called by the manager with its channel lock held. While the player wants to sound, the
-    /// stream is opened (from the start of the clip) and started before this returns. Returns 1.
+    /// stream is opened (where the clock stands, what comes before chased) and started before
+    /// this returns. Returns 1.
     long grantChannel() override;
     /// Called by the manager with its channel lock held. While the player wants to sound, the
     /// stream is stopped (all notes off), both buffers are waited for and the stream is closed
@@ -95,6 +96,11 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     long stopAll() override;
     /// Marks the port sounding, then the base step. Player thread, signal held.
     long startAll(LxTime t) override;
+    /// The base step, then the music goes on from t (through the file's tempo map, with what
+    /// comes before t chased): at the next start, or at once while the stream plays (stopped,
+    /// repositioned and started again; a start still to come keeps its time). Player thread,
+    /// signal held.
+    long setTimeAll(LxTime t) override;
 
     // --- The stream. Any thread but the device's callback thread; each takes the signal (the
     // caller may hold it already, except for stopMidi(true)).
@@ -174,6 +180,11 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     int fillAndQueueLocked(int i, bool restart);
     /// Sends one channel's volume message; false when refused.
     bool sendChannelVolume(unsigned channel);
+    /// Where a stream started now begins, in media seconds: the position asked for (the clock is
+    /// then set to run from it now, so that the media time is what is heard), or, for a stream
+    /// started again within a pass, the clock's media time; a looping clip's position past its
+    /// end wraps.
+    double streamStartPosition();
 
     /// The open stream (null when none). Written with the signal held.
     std::atomic<lxp::MidiStreamObject*> stream;
@@ -221,6 +232,15 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     char endingPass;
     /// Starting the stream failed; the player thread ends the pass.
     std::atomic<bool> startFailed;
+    /// Media seconds the next pass's stream begins at. Signal held.
+    double seekPosition;
+    /// seekPosition is new: the next stream start begins there and sets the clock to it. Signal
+    /// held.
+    char positionPending;
+    /// Where the stream being opened begins, in media seconds. Signal held.
+    double streamFrom;
+    /// The channel volumes before the clip's first event. Written at load.
+    uint32_t startVolumes[16];
 
     LxWin32MidiPlayer(const LxWin32MidiPlayer&) = delete;
     LxWin32MidiPlayer& operator=(const LxWin32MidiPlayer&) = delete;

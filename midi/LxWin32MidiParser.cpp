@@ -3,8 +3,10 @@
 #include "LxLog.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 using namespace lxp;
@@ -75,8 +77,11 @@ int LxWin32MidiParser::openFile(const char* fileName) {
     ticksPerBuffer_ = 0;
     tempo_ = 0;
     smpteTempo_ = 0;
-    smpteTempoDue_ = false;
+    tempoDue_ = false;
     mergeFlags_ = 0;
+    chase_.clear();
+    chaseNext_ = 0;
+    seekTick_ = 0;
 
     file_ = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -444,13 +449,14 @@ LxWin32MidiParser::AddResult LxWin32MidiParser::addEvent(LxMidiEvent* event, LxM
         return static_cast<uint32_t>(std::min(t, static_cast<double>(0xFFFFFF)));  // the record holds 24 bits
     };
 
-    if (smpteTempoDue_) {
-        // The fixed pace of an SMPTE division goes first, with the record of the first event.
+    if (tempoDue_) {
+        // The fixed pace of an SMPTE division, or the tempo in force at a seek's point, goes
+        // first, with the record of the first event.
         if (room() < 2 * kRecordSize) {
             return BUFFER_FULL;
         }
         player_->takeTempoChanged();
-        smpteTempoDue_ = false;
+        tempoDue_ = false;
         write(0, (MEVT_TEMPO << 24) | scaled(tempo_));
     } else if (player_->takeTempoChanged()) {
         if (room() < kRecordSize) {
@@ -530,7 +536,7 @@ int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) 
             tempo_ = smpteTempo_;
             ticksPerBuffer_ =
                 static_cast<uint32_t>(static_cast<uint64_t>(getStreamDivision()) * 60000u / tempo_);
-            smpteTempoDue_ = true;
+            tempoDue_ = true;
         }
     } else if (mergeFlags_ & kMergeEnd) {
         return PARSE_END_REACHED;
@@ -543,6 +549,20 @@ int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) 
         return PARSE_FAILED_BEFORE;
     }
 
+    // What a seek chased comes before anything from the point on, at the point's tick.
+    while (chaseNext_ < chase_.size()) {
+        const uint32_t m = chase_[chaseNext_];
+        LxMidiEvent event{currentTick_,
+                          static_cast<uint8_t>(m),
+                          static_cast<uint8_t>(m >> 8),
+                          static_cast<uint8_t>(m >> 16),
+                          0,
+                          nullptr};
+        if (addEvent(&event, buffer) == BUFFER_FULL) {
+            return PARSE_OK;
+        }
+        ++chaseNext_;
+    }
     if (mergeFlags_ & kMergePending) {
         mergeFlags_ &= ~kMergePending;
         if (!isEndOfTrack(pending_)) {
@@ -584,4 +604,179 @@ int LxWin32MidiParser::parseNewBuffer(bool restart, LxMidiStreamBuffer* buffer) 
             return PARSE_OK;
         }
     }
+}
+
+namespace {
+
+/// What the music has set on one channel up to a seek's point (-1: never set).
+struct ChannelChase {
+    int16_t controller[128];
+    int16_t program;
+    int32_t bend;
+    int16_t pressure;
+    uint8_t held[128];  ///< velocity of a note sounding at the point, 0 when silent
+};
+
+void chaseChannelEvent(ChannelChase& c, const LxMidiEvent& e) {
+    switch (e.status & 0xF0) {
+        case 0x90:
+            c.held[e.data1 & 0x7F] = e.data2;  // velocity 0 is a note-off
+            break;
+        case 0x80:
+            c.held[e.data1 & 0x7F] = 0;
+            break;
+        case 0xB0:
+            if (e.data1 == 120 || e.data1 == 123) {  // all sound / all notes off
+                std::memset(c.held, 0, sizeof c.held);
+            } else if (e.data1 == 121) {  // reset all controllers: the device's defaults again
+                for (int k : {1, 11, 64, 65, 66, 67, 68, 69}) {
+                    c.controller[k] = -1;
+                }
+                c.bend = -1;
+                c.pressure = -1;
+            } else if (e.data1 < 120) {
+                c.controller[e.data1] = e.data2;
+            }
+            break;
+        case 0xC0:
+            c.program = e.data1;
+            break;
+        case 0xD0:
+            c.pressure = e.data1;
+            break;
+        case 0xE0:
+            c.bend = e.data1 | (e.data2 << 8);
+            break;
+        default:
+            break;  // polyphonic pressure belongs to a note already started
+    }
+}
+
+}  // namespace
+
+bool LxWin32MidiParser::seekTo(double us) {
+    chase_.clear();
+    chaseNext_ = 0;
+    seekTick_ = 0;
+    if (tracks_ == nullptr || !(us > 0.0)) {
+        return tracks_ != nullptr;
+    }
+    ChannelChase* channels = new (std::nothrow) ChannelChase[16];
+    if (channels == nullptr) {
+        return false;
+    }
+    for (int ch = 0; ch < 16; ++ch) {
+        std::fill(std::begin(channels[ch].controller), std::end(channels[ch].controller), int16_t{-1});
+        channels[ch].program = -1;
+        channels[ch].bend = -1;
+        channels[ch].pressure = -1;
+        std::memset(channels[ch].held, 0, sizeof channels[ch].held);
+    }
+    // The time of a tick counts from the last tempo change before it: a quarter note lasts the
+    // tempo's microseconds (500,000 until the file sets one); an SMPTE division keeps its pace.
+    const double ticksPerQuarter = getStreamDivision();
+    double tempo = smpteTempo_ != 0 ? smpteTempo_ : 500000.0;
+    int64_t baseTick = 0;
+    double baseUs = 0.0;
+    auto timeOf = [&](int64_t tick) {
+        return baseUs + static_cast<double>(tick - baseTick) * tempo / ticksPerQuarter;
+    };
+    bool tempoSeen = false;
+    bool ok = true;
+    while (heapSize_ > 0 && timeOf(tracks_[heap_[0]].nextEventDue) < us) {
+        const uint32_t index = popTrack();
+        LxMidiTrack* track = &tracks_[index];
+        LxMidiEvent event;
+        const bool read = readEvent(track, &event);
+        if (!(track->flags & kTrackEnded)) {
+            pushTrack(index);
+        }
+        if (!read) {
+            LxLog::postDebug("LxWin32MidiParser:  MIDI file is corrupt!\n");
+            mergeFlags_ |= kMergeError;
+            ok = false;
+            break;
+        }
+        if (event.status >= 0x80 && event.status < 0xF0) {
+            chaseChannelEvent(channels[event.status & 0x0F], event);
+        } else if (event.status == 0xFF && event.data1 == 0x51 && event.length >= 3 && smpteTempo_ == 0) {
+            const uint8_t* p = event.payload;
+            baseUs = timeOf(event.tick);
+            baseTick = event.tick;
+            tempo_ = (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[1]) << 8) | p[2];
+            tempo = std::max(tempo_, 1u);
+            ticksPerBuffer_ =
+                static_cast<uint32_t>(static_cast<uint64_t>(division_) * 60000u / std::max(tempo_, 1u));
+            tempoSeen = true;
+        }
+        freePayload(&event);
+    }
+    // The first whole tick at or after the point; it never passes the next event, which lies at
+    // or after the point too.
+    int64_t tick = baseTick + static_cast<int64_t>(std::ceil((us - baseUs) * ticksPerQuarter / tempo - 1e-6));
+    tick = std::max(tick, baseTick);
+    if (heapSize_ > 0) {
+        tick = std::min(tick, tracks_[heap_[0]].nextEventDue);
+    }
+    if (ok && heapSize_ == 0) {
+        // The point lies past the music: the pass ends at once, with nothing to sound.
+        currentTick_ = tick;
+        seekTick_ = tick;
+    } else if (ok) {
+        currentTick_ = tick;
+        seekTick_ = tick;
+        tempoDue_ = tempoDue_ || tempoSeen;
+        // Bank and program first, as an instrument is chosen, then the controllers (a parameter
+        // number before its data entry), the wheel and the pressure; the held notes last.
+        static const uint8_t kFirst[] = {0, 32};
+        static const uint8_t kLast[] = {101, 100, 99, 98, 6, 38};
+        auto isOrdered = [](int k) {
+            for (uint8_t f : kFirst)
+                if (f == k)
+                    return true;
+            for (uint8_t f : kLast)
+                if (f == k)
+                    return true;
+            return false;
+        };
+        for (uint32_t ch = 0; ch < 16; ++ch) {
+            const ChannelChase& c = channels[ch];
+            auto controller = [&](int k) {
+                if (c.controller[k] >= 0) {
+                    chase_.push_back(0xB0u | ch | (static_cast<uint32_t>(k) << 8) |
+                                     (static_cast<uint32_t>(c.controller[k]) << 16));
+                }
+            };
+            for (uint8_t k : kFirst) {
+                controller(k);
+            }
+            if (c.program >= 0) {
+                chase_.push_back(0xC0u | ch | (static_cast<uint32_t>(c.program) << 8));
+            }
+            for (int k = 0; k < 120; ++k) {
+                if (!isOrdered(k)) {
+                    controller(k);
+                }
+            }
+            for (uint8_t k : kLast) {
+                controller(k);
+            }
+            if (c.bend >= 0) {
+                chase_.push_back(0xE0u | ch | (static_cast<uint32_t>(c.bend) << 8));
+            }
+            if (c.pressure >= 0) {
+                chase_.push_back(0xD0u | ch | (static_cast<uint32_t>(c.pressure) << 8));
+            }
+        }
+        for (uint32_t ch = 0; ch < 16; ++ch) {
+            for (uint32_t n = 0; n < 128; ++n) {
+                if (channels[ch].held[n] != 0) {
+                    chase_.push_back(0x90u | ch | (n << 8) |
+                                     (static_cast<uint32_t>(channels[ch].held[n]) << 16));
+                }
+            }
+        }
+    }
+    delete[] channels;
+    return ok;
 }

@@ -8,6 +8,7 @@
 #include "platform/midi/LxpMidi.h"
 
 #include <cstdint>
+#include <vector>
 
 /// What the stream parser reads from and writes to its player. The MIDI player implements it;
 /// the parser calls it on the thread that parses (the player's thread or the device's callback
@@ -90,6 +91,14 @@ class LxWin32MidiParser {
     /// Closes the file and frees every track buffer, the track array and a pending event of this
     /// parser.
     void closeFile();
+    /// Right after openFile: moves to the first tick at or after media time us (microseconds at
+    /// rate 1, through the file's tempo map) and "chases" what comes before it, so that the next
+    /// pass begins with the tempo, programs, controllers, pitch bends and channel pressures in
+    /// force there, then the notes held across it, all at once, and goes on from the point.
+    /// true, or false when the file turned out corrupt on the way (the pass then fails).
+    bool seekTo(double us);
+    /// The tick the last seekTo reached (0 after openFile).
+    int64_t getSeekTick() const { return seekTick_; }
 
     /// The header's division as written (an SMPTE division has its high bit set).
     uint32_t getDivision() const { return division_; }
@@ -135,8 +144,13 @@ class LxWin32MidiParser {
     uint32_t tempo_ = 0;
     /// Microseconds per quarter note that pace an SMPTE division; 0 for ticks per quarter note.
     uint32_t smpteTempo_ = 0;
-    /// The SMPTE pace is still to be written at the start of the pass.
-    bool smpteTempoDue_ = false;
+    /// The tempo (the SMPTE pace, or the one a seek chased) is still to be written at the start of
+    /// the pass.
+    bool tempoDue_ = false;
+    /// Short messages a seek chased, still to be written at the seek's tick, and the next one.
+    std::vector<uint32_t> chase_;
+    size_t chaseNext_ = 0;
+    int64_t seekTick_ = 0;
     long eventDataBlocks_ = 0;
     // The merge: tracks that have not ended, in a heap by their next event's tick (then by track
     // number), so that taking the next event costs log(tracks), not tracks.

@@ -87,11 +87,15 @@ LxWin32MidiPlayer::LxWin32MidiPlayer(LxManager* m, LxDataSource* source)
       tailing(false),
       tailEndMs(0),
       endingPass(0),
-      startFailed(false) {
+      startFailed(false),
+      seekPosition(0.0),
+      positionPending(1),
+      streamFrom(0.0) {
     channelType = LxMidiChannel;
     channelHeld = 0;
-    for (auto& v : channelVolumes) {
-        v.store(kDefaultChannelVolume);
+    for (int c = 0; c < 16; ++c) {
+        channelVolumes[c].store(kDefaultChannelVolume);
+        startVolumes[c] = kDefaultChannelVolume;
     }
     streamBuffers = new (std::nothrow) LxMidiStreamBuffer[2]();
     parserLink = new (std::nothrow) ParserLink(this);
@@ -226,8 +230,9 @@ long LxWin32MidiPlayer::revokeChannel() {
     lock();
     holdingChannel.store(0);
     channelHeld = 0;
-    // The player still wants to sound: a later grant plays the clip again from its start. A
-    // stream left open by a refused stop goes too: a port without the channel holds no device.
+    // The player still wants to sound: a later grant plays the clip on from where its clock has
+    // got to. A stream left open by a refused stop goes too: a port without the channel holds no
+    // device.
     if (active || stream.load() != nullptr) {
         stopStreamLocked();
     }
@@ -278,12 +283,56 @@ long LxWin32MidiPlayer::stopAll() {
         stopStreamLocked();  // a stop asked for cuts the release tails too
     }
     playing.store(false);
-    return LxPlayer::stopAll();
+    const long result = LxPlayer::stopAll();
+    // A later start without a new position goes on from where the clock stopped, as heard; after
+    // the clip's own end it plays the clip again from its start.
+    seekPosition = endingPass ? 0.0 : clock->getMediaTime().getValue();
+    positionPending = 1;
+    return result;
 }
 
 long LxWin32MidiPlayer::startAll(LxTime t) {
     playing.store(true);
     return LxPlayer::startAll(t);
+}
+
+long LxWin32MidiPlayer::setTimeAll(LxTime t) {
+    // A loop's new pass (endingPass) finds the clock stopped and starts it itself.
+    if (getCurrentState() != STARTED || endingPass) {
+        const long result = LxPlayer::setTimeAll(t);
+        if (result == LX_OK) {
+            seekPosition = t.getValue();
+            positionPending = 1;
+        }
+        return result;
+    }
+    // The running clock refuses a new media time: it is stopped and started again. While the
+    // music plays the stream goes with it and starts again at once from t; a start still to come
+    // keeps its reference time (read back from the clock: the sync time runs from its start,
+    // while the media time waits at the origin).
+    LxTimeBase* tb = clock->getTimeBase();
+    const LxTime now = tb != nullptr ? tb->getRefTime() : LxTime::zero();
+    LxTime startAt = now;
+    const float rate = clock->getRate();
+    if (!active && rate > 0.0f) {
+        const double ahead = (clock->getSyncTime().getValue() - clock->getMediaTime().getValue()) / rate;
+        startAt = LxTime(now.getValue() - ahead);
+    }
+    const bool wasStreaming = streamStarted != 0;
+    if (wasStreaming) {
+        stopStreamLocked();
+    }
+    clock->stop();
+    const long result = LxPlayer::setTimeAll(t);
+    if (result == LX_OK) {
+        seekPosition = t.getValue();
+        positionPending = 1;
+    }
+    clock->startAtTime(active ? now : startAt);
+    if (wasStreaming && active && holdingChannel.load()) {
+        startStreamLocked();
+    }
+    return result;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -370,7 +419,8 @@ long LxWin32MidiPlayer::initPlayer() {
     LxLog::postDebug("LxWin32MidiPlayer:  initPlayer()\n");
     lock();
     bool ok = true;
-    if (!fileOpen) {
+    // The clip opened at load is at its start; a pass that begins elsewhere reads it afresh.
+    if (!fileOpen || streamFrom > 0.0) {
         LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
         const char* name = pull != nullptr ? pull->getLocalFileName() : nullptr;
         if (parser == nullptr || name == nullptr || parser->openFile(name) != 1) {
@@ -378,6 +428,17 @@ long LxWin32MidiPlayer::initPlayer() {
             return 0;
         }
         fileOpen = 1;
+        // The volumes the music had set go with the pass that set them; those before the point
+        // are chased again.
+        for (int c = 0; c < 16; ++c) {
+            channelVolumes[c].store(startVolumes[c]);
+        }
+        // Media time runs at the file's own tempo: the tempo scale paces only what is heard.
+        if (!parser->seekTo(streamFrom * 1e6)) {
+            stopStreamLocked();
+            unlock();
+            return 0;
+        }
     }
     if (stream.load() == nullptr) {
         HMIDISTRM s = nullptr;
@@ -472,6 +533,27 @@ long LxWin32MidiPlayer::startMidi() {
     return result;
 }
 
+double LxWin32MidiPlayer::streamStartPosition() {
+    double position = positionPending ? seekPosition : clock->getMediaTime().getValue();
+    const double length = duration.getValue();
+    if (loop && length > 0.0 && position >= length) {
+        position = std::fmod(position, length);
+    }
+    position = std::max(position, 0.0);
+    if (positionPending) {
+        positionPending = 0;
+        // A start time in the past has run the clock on from the position asked for: the music
+        // begins there now, and so does the media time.
+        LxTimeBase* tb = clock->getTimeBase();
+        if (tb != nullptr && clock->getRate() > 0.0f) {
+            clock->stop();
+            clock->setMediaTime(LxTime(position));
+            clock->startAtTime(tb->getRefTime());
+        }
+    }
+    return position;
+}
+
 void LxWin32MidiPlayer::startStreamLocked() {
     // The same decision may arrive twice (from the grant made inside the manager's answer and
     // from the answer itself): the stream is started once.
@@ -479,10 +561,11 @@ void LxWin32MidiPlayer::startStreamLocked() {
         return;
     }
     // A stream left open by a stop the device refused is closed first, so that the clip starts
-    // again from its beginning.
+    // again from where it is to play.
     if (stream.load() != nullptr) {
         stopStreamLocked();
     }
+    streamFrom = streamStartPosition();
     if (startMidi() != 1) {
         // The device refused the stream or the clip's first buffers: this pass cannot make
         // progress. The player thread ends it (the manager may be calling from elsewhere now).
@@ -708,7 +791,8 @@ long LxWin32MidiPlayer::readFileModel(const char* fileName) {
         postEvent(new (std::nothrow) LxDurationChangedEvent(this, old, length));
         const uint8_t* used = model->getChannelsUsed();
         for (int c = 0; c < 16; ++c) {
-            channelVolumes[c].store(used[c] ? kDefaultChannelVolume : 0);
+            startVolumes[c] = used[c] ? kDefaultChannelVolume : 0;
+            channelVolumes[c].store(startVolumes[c]);
         }
     }
     delete model;

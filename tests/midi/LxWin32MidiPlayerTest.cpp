@@ -24,6 +24,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <map>
 #include <memory>
 #include <thread>
@@ -339,7 +341,7 @@ TEST_F(MidiPlayerTest, HalfDuplexCardSampledAudioTakesTheChannelAndGivesItBack) 
     midisim::advanceMs(10);
     const std::vector<Message> played = since(back, true);
     ASSERT_FALSE(played.empty());
-    EXPECT_EQ(msg(0x90, 60, 100), played.front().message) << "from the beginning of the clip";
+    EXPECT_EQ(msg(0x90, 60, 100), played.front().message) << "the long note held across the clock's point";
     EXPECT_EQ(t0, played.front().playMicros);
 }
 
@@ -464,6 +466,99 @@ TEST_F(MidiPlayerTest, TwoPlayersAtOnceEachPlayTheirOwnClip) {
     c[1]->player = nullptr;
     second->closeManager();
     manager_ = first;
+}
+
+// A clip joined late: the stream begins with what the music has set before the point (program,
+// controllers, wheel, pressure on channel 0), the notes held across it (channel 0's long note,
+// channel 1's note cut by the point), then goes on from the point's tick at the tempo map's
+// times, the tempo change at 1 s included. Set while stopped, or while playing (the stream starts
+// again at once), at two rates, wrapped by the loop; past the end a clip ends at once.
+TEST_F(MidiPlayerTest, AClipJoinedLatePlaysTheMusicAtThatPointWithWhatCameBeforeChased) {
+    startManager();
+    std::string ch1;  // a note every 48 ticks, 24 long
+    for (int i = 0; i < 20; ++i) {
+        ch1 += noteOn(i == 0 ? 0 : 24, 1, 70 + i) + noteOff(24, 1, 70 + i);
+    }
+    const std::string bytes = smf(1, 96,
+                                  {track(tempoEvent(0, 500000) + tempoEvent(192, 250000)),
+                                   track(std::string("\x00\xC0\x05", 3) + cc(0, 0, 7, 90) + cc(0, 0, 10, 30) +
+                                         std::string("\x00\xE0\x00\x50\x00\xD0\x3C", 7) + noteOn(0, 0, 60) +
+                                         cc(288, 0, 7, 80) + noteOff(672, 0, 60)),
+                                   track(ch1)});
+    const RefFile ref = readReference(bytes);
+    std::vector<RefEvent> music = ref.events;
+    std::stable_sort(music.begin(), music.end(),
+                     [](const RefEvent& a, const RefEvent& b) { return a.tick < b.tick; });
+    Clip& c = load(file("late.mid", bytes));
+    ASSERT_DOUBLE_EQ(3.0, c.player->getDuration().getValue());
+    const std::vector<uint32_t> state80 = {msg(0xC0, 5),       msg(0xB0, 7, 80), msg(0xB0, 10, 30),
+                                           msg(0xE0, 0, 0x50), msg(0xD0, 0x3C),  msg(0x90, 60, 100)};
+    std::vector<uint32_t> state90 = state80;
+    state90[1] = msg(0xB0, 7, 90);
+    const struct {
+        double set;  // the media time set
+        bool loop, whilePlaying;
+        float rate;
+        int64_t tick;  // where the music goes on
+        std::vector<uint32_t> chased;
+    } rows[] = {
+        {2.01, false, false, 1.0f, 580, state80},  // 1 s + 387.84 ticks of 2604 us
+        {0.6, false, false, 1.0f, 116, state90},   // 115.2 ticks of 5208 us
+        {2.01, false, true, 1.0f, 580, state80},  {2.01, false, false, 2.0f, 580, state80},
+        {5.01, true, false, 1.0f, 580, state80},  // 3 s later, wrapped
+        {4.0, false, false, 1.0f, -1, {}},        // past the end
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        std::vector<uint32_t> chased = row.chased;
+        if (!chased.empty()) {
+            chased.push_back(msg(0x91, 70 + static_cast<int>(row.tick / 48), 100));  // channel 1's note
+        }
+        float rate = row.rate;
+        ASSERT_EQ(LX_OK, c.player->setRate(&rate));
+        c.player->setLoop(row.loop ? 1 : 0);
+        const size_t eoms = c.events.count(LxEndOfMediaEventType);
+        if (row.whilePlaying) {
+            start(c);
+            midisim::advanceMs(300);
+        }
+        size_t from = mark();
+        const auto before = std::chrono::steady_clock::now();
+        ASSERT_EQ(LX_OK, c.player->setMediaTime(LxTime(row.set)));
+        const int64_t t0 = row.whilePlaying ? midisim::nowMicros() : start(c);
+        const double media = c.player->getMediaTime().getValue();
+        const double waited =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
+        if (row.tick < 0) {
+            midisim::advanceMs(10);
+            ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == eoms + 1; }));
+            EXPECT_TRUE(since(from, true).empty());
+            EXPECT_DOUBLE_EQ(3.0, c.player->getMediaTime().getValue());
+            continue;
+        }
+        const double at = std::fmod(row.set, 3.0);
+        EXPECT_GE(media, at - 1e-6) << "the media time is what is heard";
+        EXPECT_LE(media, at + (waited + 0.01) * row.rate);
+        midisim::advanceMs(600);
+        const std::vector<Message> played = since(from, true);
+        size_t i = 0;
+        for (; i < chased.size() && i < played.size(); ++i) {
+            EXPECT_EQ(chased[i], played[i].message) << i;
+            EXPECT_EQ(t0, played[i].playMicros) << i;
+        }
+        for (const RefEvent& e : music) {
+            const double due = (ref.seconds(e.tick) - ref.seconds(row.tick)) / row.rate;
+            if (e.tick < row.tick || due > 0.5) {
+                continue;
+            }
+            ASSERT_LT(i, played.size());
+            EXPECT_EQ(e.message, played[i].message) << i;
+            EXPECT_NEAR(due, (played[i].playMicros - t0) / 1e6, 1e-3) << i;
+            ++i;
+        }
+        EXPECT_GE(i, chased.size() + 4);
+        c.player->stop();
+    }
 }
 
 /// n notes on channel 0, each lasting half ticks with half ticks of rest between.
