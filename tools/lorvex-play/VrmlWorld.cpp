@@ -269,7 +269,16 @@ class Parser {
             throw ParseError{t.line, std::string("expected '") + text + "', found '" + t.text + "'"};
         }
     }
+    // Every open node and list meets the same end of file, and every level past the deepest one
+    // allowed the same refusal: each is said once.
     void report(const ParseError& e) {
+        const bool atEnd = pos_ >= tokens_.size();
+        const bool tooDeep = e.what.rfind("nodes nested deeper", 0) == 0;
+        if ((atEnd && endSaid_) || (tooDeep && depthSaid_)) {
+            return;
+        }
+        endSaid_ = endSaid_ || atEnd;
+        depthSaid_ = depthSaid_ || tooDeep;
         messages_->push_back(file_ + ":" + std::to_string(e.line) + ": " + e.what);
     }
 
@@ -350,6 +359,16 @@ class Parser {
     }
 
     NodePtr parseNode() {
+        // Nodes nest by recursion here and in the walk over the scene: a hostile file could
+        // nest them deep enough to overflow the stack.
+        if (nesting_ >= kMaxNesting) {
+            throw ParseError{line(), "nodes nested deeper than " + std::to_string(kMaxNesting) + " levels"};
+        }
+        struct Nest {
+            int& n;
+            explicit Nest(int& count) : n(++count) {}
+            ~Nest() { --n; }
+        } nest(nesting_);
         const Token& first = next("a node");
         if (first.kind != kWord) {
             throw ParseError{first.line, "expected a node, found '" + first.text + "'"};
@@ -451,6 +470,10 @@ class Parser {
     std::vector<std::string>* messages_;
     std::map<std::string, NodePtr> defs_;
     size_t pos_ = 0;
+    int nesting_ = 0;
+    bool endSaid_ = false;
+    bool depthSaid_ = false;
+    static constexpr int kMaxNesting = 256;
 };
 
 // ---------------------------------------------------------------------------------------------
