@@ -10,6 +10,7 @@
 #include <atomic>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -68,8 +69,22 @@ std::vector<LxAudioOutputPort*> ports(const std::list<LxPortChannelEntry>& list)
     return out;
 }
 
+// Which of the ports hold a channel, '1' or '0' each, in the order given.
+std::string held(std::initializer_list<FakeAudioPort*> list) {
+    std::string text;
+    for (FakeAudioPort* p : list) {
+        text += p->hasChannel() ? '1' : '0';
+    }
+    return text;
+}
+
 class ArbitrationTest : public ::testing::Test {
   protected:
+    /// Whether the MIDI and the sampled-audio types are started, '1' or '0' each.
+    std::string started() {
+        return std::string(1, manager->info(LxMidiChannel).started ? '1' : '0') +
+               (manager->info(LxRawChannel).started ? '1' : '0');
+    }
     KtDefaultThreadManager threads;
     ArbiterManager* manager = new ArbiterManager(&threads);
     void TearDown() override { manager->closeManager(); }
@@ -88,11 +103,8 @@ TEST_F(ArbitrationTest, StrongerNewcomerTakesTheWeakestChannel) {
     for (FakeAudioPort* p : {&p1, &p2, &p3}) {
         ASSERT_EQ(LX_OK, manager->requestPortChannel(p, zero));
     }
-    EXPECT_TRUE(p1.hasChannel());
-    EXPECT_TRUE(p2.hasChannel());
-    EXPECT_FALSE(p3.hasChannel());
+    EXPECT_EQ("110", held({&p1, &p2, &p3}));
     EXPECT_EQ(1, manager->startups[LxRawChannel]) << "the type starts with its first port";
-
     ASSERT_EQ(LX_OK, manager->requestPortChannel(&p4, zero));
     const LxChannelInfo& raw = manager->info(LxRawChannel);
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&p4, &p1}), ports(raw.activePorts));
@@ -109,25 +121,19 @@ TEST_F(ArbitrationTest, PrecedenceOrder) {
     FakeAudioPort a(LxRawChannel, 0.7f), b(LxRawChannel, 0.7f);
     manager->requestPortChannel(&a, LxTime(10, 0));
     manager->requestPortChannel(&b, LxTime(11, 0));
-    EXPECT_TRUE(b.hasChannel());
-    EXPECT_FALSE(a.hasChannel());
+    EXPECT_EQ("01", held({&a, &b}));
     release({&a, &b});
-
     // Priority 0.5: times are ignored and the higher gain wins; all equal: the incumbent stays.
     FakeAudioPort c(LxRawChannel, 0.5f, 0.3f), d(LxRawChannel, 0.5f, 0.6f), e(LxRawChannel, 0.5f, 0.6f);
     manager->requestPortChannel(&c, LxTime(30, 0));
     manager->requestPortChannel(&d, LxTime(1, 0));
-    EXPECT_TRUE(d.hasChannel());
     manager->requestPortChannel(&e, LxTime(50, 0));
-    EXPECT_TRUE(d.hasChannel()) << "an equal newcomer does not displace the incumbent";
-    EXPECT_FALSE(e.hasChannel());
-
+    EXPECT_EQ("010", held({&c, &d, &e}));
     // A port that wants to play beats one that does not, whatever the priorities.
     FakeAudioPort low(LxRawChannel, 0.01f, 0.01f);
     manager->requestPortChannel(&low, zero);
     ASSERT_EQ(LX_OK, manager->updatePortChannel(&low, LxTime(60, 0), 1));
-    EXPECT_TRUE(low.hasChannel());
-    EXPECT_FALSE(d.hasChannel());
+    EXPECT_EQ("01", held({&d, &low}));
     release({&c, &d, &e, &low});
 }
 
@@ -166,18 +172,15 @@ TEST_F(ArbitrationTest, StoppingKeepsTheChannelUnlessSomeoneWaits) {
     manager->requestPortChannel(&a, zero);
     manager->updatePortChannel(&a, LxTime(1, 0), 1);
     manager->updatePortChannel(&a, zero, 0);
-    EXPECT_TRUE(a.hasChannel()) << "nobody waits, so the port keeps its channel";
-
+    EXPECT_EQ("1", held({&a})) << "nobody waits, so the port keeps its channel";
     manager->requestPortChannel(&b, zero);
     manager->updatePortChannel(&b, LxTime(2, 0), 1);  // wants to play: beats the idle holder
-    EXPECT_TRUE(b.hasChannel());
-    EXPECT_FALSE(a.hasChannel());
+    EXPECT_EQ("01", held({&a, &b}));
     manager->updatePortChannel(&a, LxTime(3, 0), 1);  // both play now: the higher priority wins
-    EXPECT_TRUE(a.hasChannel());
+    EXPECT_EQ("10", held({&a, &b}));
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&b}), ports(manager->info(LxRawChannel).waitingPorts));
     manager->updatePortChannel(&a, zero, 0);  // a stops while b waits: a gives its channel up
-    EXPECT_TRUE(b.hasChannel());
-    EXPECT_FALSE(a.hasChannel());
+    EXPECT_EQ("01", held({&a, &b}));
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).inactivePorts));
     release({&a, &b});
 }
@@ -190,44 +193,41 @@ TEST_F(ArbitrationTest, ChannelLimitShrinksAndGrows) {
         manager->updatePortChannel(p, LxTime(1, 0), 1);
     }
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
-    EXPECT_TRUE(a.hasChannel());
+    EXPECT_EQ("100", held({&a, &b, &c}));
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&b, &c}), ports(manager->info(LxRawChannel).waitingPorts))
         << "the weakest goes first, each to the front";
-
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(-1));
     EXPECT_EQ(64, manager->info(LxRawChannel).maxChannels);
-    EXPECT_TRUE(b.hasChannel());
-    EXPECT_TRUE(c.hasChannel());
+    EXPECT_EQ("111", held({&a, &b, &c}));
     EXPECT_EQ(3, manager->info(LxRawChannel).activeCount);
     release({&a, &b, &c});
 }
 
+// On a half-duplex card an idle port gives the card up to a stronger one of the other type, a
+// playing one only once it stops; each type waits while the other holds the card.
 TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
     manager->configure(4, 1, true);
-    FakeAudioPort m(LxMidiChannel, 0.3f), r(LxRawChannel, 0.9f);
+    FakeAudioPort m(LxMidiChannel, 0.3f), r(LxRawChannel, 0.9f), idle(LxMidiChannel, 0.3f);
+    manager->requestPortChannel(&idle, zero);
+    manager->requestPortChannel(&r, zero);
+    EXPECT_EQ("01", held({&idle, &r})) << "a stronger sampled port pre-empts idle music";
+    release({&idle, &r});
     manager->requestPortChannel(&m, zero);
     manager->updatePortChannel(&m, LxTime(1, 0), 1);  // the music plays
     manager->requestPortChannel(&r, zero);
-    EXPECT_FALSE(r.hasChannel()) << "a port that plays beats one that does not";
-    EXPECT_EQ(1u, manager->info(LxRawChannel).inactivePorts.size());
-
+    EXPECT_EQ("10", held({&m, &r})) << "a port that plays beats one that does not";
     manager->updatePortChannel(&r, LxTime(2, 0), 1);  // waits: its type cannot start meanwhile
     EXPECT_EQ(1u, manager->info(LxRawChannel).waitingPorts.size());
-    EXPECT_TRUE(m.hasChannel());
-
+    EXPECT_EQ("10", held({&m, &r}));
     manager->updatePortChannel(&m, zero, 0);  // the music stops: sampled audio takes the card
-    EXPECT_FALSE(m.hasChannel());
-    EXPECT_FALSE(manager->info(LxMidiChannel).started);
-    EXPECT_TRUE(manager->info(LxRawChannel).started);
-    EXPECT_TRUE(r.hasChannel());
-
+    EXPECT_EQ("01", held({&m, &r}));
+    EXPECT_EQ("01", started());
     // And back: MIDI wants to play again while the sampled port stops.
     manager->updatePortChannel(&m, LxTime(3, 0), 1);
     EXPECT_EQ(1u, manager->info(LxMidiChannel).waitingPorts.size());
     manager->updatePortChannel(&r, zero, 0);
-    EXPECT_TRUE(m.hasChannel());
-    EXPECT_TRUE(manager->info(LxMidiChannel).started);
-    EXPECT_FALSE(manager->info(LxRawChannel).started);
+    EXPECT_EQ("10", held({&m, &r}));
+    EXPECT_EQ("10", started());
     release({&r, &m});
 }
 

@@ -163,6 +163,8 @@ TEST_F(VrmlTest, StartRules) {
          "loop off, stop, media 10.100, start 4990.000"},                         // playing: stopped first
         {1.5, 4990, 0.1, false, false, "loop off, media 0.000, start 4990.000"},  // short clips: from zero
         {30, 5000 - 3 * 3600, 0.1, false, true, "loop off, stop"},  // hours past without loop: no start
+        {-1, 5000 - 3 * 3600, 0.1, true, false,
+         "loop on, media 0.000, start -5800.000"},                                // looping, length unknown
         {30, 5003, -0.2, false, false, "loop off, media 0.000, start 5003.200"},  // negative latency: later
     };
     for (const auto& c : cases) {
