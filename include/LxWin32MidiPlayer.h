@@ -180,10 +180,9 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     int fillAndQueueLocked(int i, bool restart);
     /// Sends one channel's volume message; false when refused.
     bool sendChannelVolume(unsigned channel);
-    /// Where a stream started now begins, in media seconds: the position asked for (the clock is
-    /// then set to run from it now, so that the media time is what is heard), or, for a stream
-    /// started again within a pass, the clock's media time; a looping clip's position past its
-    /// end wraps.
+    /// Where a stream started now begins, in media seconds: the position asked for, or, for a
+    /// stream started again within a pass, the clock's media time; a looping clip's position past
+    /// its end wraps. Once the stream runs, the clock is set to run from there.
     double streamStartPosition();
 
     /// The open stream (null when none). Written with the signal held.

@@ -535,23 +535,12 @@ long LxWin32MidiPlayer::startMidi() {
 
 double LxWin32MidiPlayer::streamStartPosition() {
     double position = positionPending ? seekPosition : clock->getMediaTime().getValue();
+    positionPending = 0;
     const double length = duration.getValue();
     if (loop && length > 0.0 && position >= length) {
         position = std::fmod(position, length);
     }
-    position = std::max(position, 0.0);
-    if (positionPending) {
-        positionPending = 0;
-        // A start time in the past has run the clock on from the position asked for: the music
-        // begins there now, and so does the media time.
-        LxTimeBase* tb = clock->getTimeBase();
-        if (tb != nullptr && clock->getRate() > 0.0f) {
-            clock->stop();
-            clock->setMediaTime(LxTime(position));
-            clock->startAtTime(tb->getRefTime());
-        }
-    }
-    return position;
+    return std::max(position, 0.0);
 }
 
 void LxWin32MidiPlayer::startStreamLocked() {
@@ -573,6 +562,16 @@ void LxWin32MidiPlayer::startStreamLocked() {
         if (LxEvent* wake = new (std::nothrow) LxEvent(this)) {
             nodeEventQueue->send(wake);
         }
+        return;
+    }
+    // The music begins at streamFrom now, and so does the media time: a start time in the past
+    // has run the clock on from the position asked for, and opening the device (loading its
+    // sounds) may take a while.
+    LxTimeBase* tb = clock->getTimeBase();
+    if (tb != nullptr && clock->getRate() > 0.0f) {
+        clock->stop();
+        clock->setMediaTime(LxTime(streamFrom));
+        clock->startAtTime(tb->getRefTime());
     }
 }
 
