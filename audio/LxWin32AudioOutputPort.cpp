@@ -126,6 +126,9 @@ long LxWin32AudioOutputPort::playPort(char loop) {
 long LxWin32AudioOutputPort::playPortFrom(char loop, long position) {
     return mixer->playPortFrom(portNumber, loop, position);
 }
+long LxWin32AudioOutputPort::scheduleStart(double seconds) {
+    return mixer->scheduleStart(portNumber, seconds);
+}
 void LxWin32AudioOutputPort::stopPort() {
     mixer->stopPort(portNumber, 1);
 }

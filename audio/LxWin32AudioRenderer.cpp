@@ -94,6 +94,10 @@ double speedOf(float rate) {
     return rate != 0.0f ? std::fabs(static_cast<double>(rate)) : 1.0;
 }
 
+/// A start asked for ahead of time is prepared at least this long before it, and 50 ms more
+/// than the manager's start-up latency, by which its producer has its first frames ready.
+constexpr double kPrepareMs = 150.0;
+
 /// A port of a sounding resident clip that waits for its channel is looked at this often.
 constexpr uint32_t kJoinPollMs = 10;
 
@@ -142,6 +146,7 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
       tailLastFillable(0),
       residentEndSet(0),
       registeredPorts(0),
+      prepareMs(kPrepareMs),
       soundPending(0),
       poolLock(KtMutex::create()) {
     std::fill(portEventsSeen, portEventsSeen + kMaxPorts, 0u);
@@ -454,6 +459,7 @@ long LxWin32AudioRenderer::startAtTime(LxTime refTime) {
     resetPending = 1;
     soundPending.store(1);
     startRefTime = refTime;
+    prepareMs = prepareAheadMs();
     setCurrentState(STARTED);
     eomReceived = 0;
     eomDone = 0;
@@ -811,6 +817,11 @@ void LxWin32AudioRenderer::run() {
     LxLog::postDebug("LxWin32AudioRenderer:  goodbye cruel world!\n");
 }
 
+double LxWin32AudioRenderer::prepareAheadMs() {
+    const double latency = manager != nullptr ? manager->getStartUpLatency().getValue() * 1000.0 : 0.0;
+    return std::max(kPrepareMs, latency + 50.0);
+}
+
 uint32_t LxWin32AudioRenderer::startedPass() {
     LxTimeBase* tb = clock->getTimeBase();
     const LxTime media = clock->getMediaTime();
@@ -825,7 +836,12 @@ uint32_t LxWin32AudioRenderer::startedPass() {
         if (clockRate != 0.0f) {
             ms /= std::fabs(static_cast<double>(clockRate));
         }
-        return std::max<uint32_t>(1, clampMs(ms));
+        // A forward clock's start is prepared a little ahead: the first samples go into the
+        // buffer early, set to be heard at the start's exact sample (see scheduleStart).
+        const bool forward = lead > 0 && clockRate > 0.0f;
+        if (!forward || ms > prepareMs) {
+            return std::max<uint32_t>(1, clampMs(forward ? ms - prepareMs : ms));
+        }
     }
 
     LxTime now = tb != nullptr ? tb->getRefTime() : LxTime();
@@ -844,6 +860,13 @@ uint32_t LxWin32AudioRenderer::startedPass() {
         portsActive = 1;
         if (format != nullptr && format->getIsStreaming()) {
             prefillSilence = 1;
+        }
+        if (now < startRefTime && tb != nullptr) {
+            const float tempo = tb->getTempo();
+            const double ahead = tempo > 0.0f ? (startRefTime.getValue() - now.getValue()) / tempo : 0.0;
+            for (int i = 0; i < portCount; ++i) {
+                ports[i]->scheduleStart(ahead);
+            }
         }
     }
     if (getCurrentState() != STARTED) {
@@ -900,7 +923,7 @@ bool LxWin32AudioRenderer::writeFromFrame(LxAudioFrame* f, const LxTime& now) {
         // producer keeps its pace and the clip is at the right place when it becomes audible.
         if (!silentPacing) {
             silentPacing = 1;
-            silentSince = now;
+            silentSince = now < startRefTime ? startRefTime : now;  // nothing plays before the start
             silentFrames = 0;
         }
         const double speed = format != nullptr ? format->getSamplingRate() * std::fabs(rate) : 0.0;
@@ -1118,8 +1141,8 @@ uint32_t LxWin32AudioRenderer::residentStep(const LxTime& now) {
 void LxWin32AudioRenderer::startResident(const LxTime& now) {
     residentStarted = 1;
     playAllPorts(loop);
-    residentSoundStart = now;
-    residentEndAt = later(now, duration.getValue() / speedOf(rate));
+    residentSoundStart = now < startRefTime ? startRefTime : now;  // a start ahead is scheduled
+    residentEndAt = later(residentSoundStart, duration.getValue() / speedOf(rate));
     residentEndSet = 1;
     for (int i = 0; i < portCount; ++i) {
         portEventsSeen[i] = static_cast<LxRendererPort*>(ports[i])->events.load();

@@ -5,8 +5,10 @@
 #include "LxLog.h"
 #include "LxResult.h"
 #include "audio/LxWin32MixerInternal.h"
+#include "platform/clock/LxpClock.h"
 #include "platform/sound/LxpSound.h"
 
+#include <cmath>
 #include <cstring>
 #include <new>
 
@@ -327,7 +329,10 @@ long LxWin32Mixer::playPortFrom(short port, char loop, long position) {
     } else if (!rec->playing.load()) {
         rec->soundBuffer->SetCurrentPosition(0);
     }
-    if (FAILED(rec->soundBuffer->Play(0, 0, loop ? DSBPLAY_LOOPING : 0))) {
+    const uint32_t flags = loop ? DSBPLAY_LOOPING : 0;
+    const int64_t at = rec->startAt;
+    rec->startAt = 0;
+    if (FAILED(at != 0 ? rec->soundBuffer->PlayAt(flags, at) : rec->soundBuffer->Play(0, 0, flags))) {
         LxLog::postDebug("LxWin32Mixer:  Failed to play buffer port %d\n", port);
     }
     rec->playing.store(1);
@@ -363,6 +368,7 @@ void LxWin32Mixer::stopPort(short port, char clearLoop) {
     if (clearLoop) {
         rec->looping = 0;
     }
+    rec->startAt = 0;
     if (rec->soundBuffer != nullptr) {
         rec->soundBuffer->Stop();
     }
@@ -415,23 +421,58 @@ long LxWin32Mixer::playAllPorts(LxWin32AudioPortData* rec) {
     IDirectSoundBuffer* buffers[1 + LX_MAX_DUPLICATES];
     short numbers[1 + LX_MAX_DUPLICATES];
     const int n = groupBuffers(rec, buffers, numbers);
+    // The port written through decides when the group is heard; the others' own start times go.
+    const int64_t at = rec->startAt;
     {
         Hold m(mutex);
         for (int i = 0; i < n; ++i) {
             LxWin32AudioPortData* r = record(numbers[i]);
             if (r != nullptr) {
                 r->playing.store(1);
+                r->startAt = 0;
             }
         }
+        rec->startAt = 0;
     }
     for (int i = 0; i < n; ++i) {
         if (i > 0) {
             LxLog::postDebug("LxWin32Mixer:  starting port %d\n", numbers[i]);
         }
-        buffers[i]->Play(0, 0, DSBPLAY_LOOPING);
+        if (at != 0) {
+            buffers[i]->PlayAt(DSBPLAY_LOOPING, at);
+        } else {
+            buffers[i]->Play(0, 0, DSBPLAY_LOOPING);
+        }
         buffers[i]->Release();
     }
     return LX_OK;
+}
+
+long LxWin32Mixer::scheduleStart(short port, double seconds) {
+    Hold slot(slotLock(port));
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
+    if (rec == nullptr) {
+        return LX_ERR_NO_PORT;
+    }
+    rec->startAt = seconds > 0.0 ? clockMicros() + static_cast<int64_t>(std::llround(seconds * 1e6)) : 0;
+    return LX_OK;
+}
+
+int64_t LxWin32Mixer::clockMicros() {
+    // The counter the time base reads, in the unit the sound device takes start times in.
+    lxp::Clock& c = lxp::clock();
+    int64_t count = 0;
+    int64_t frequency = 0;
+    if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
+        return static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
+    }
+    int64_t s = 0;
+    int32_t ms = 0;
+    c.timeOfDay(&s, &ms);
+    return s * 1000000 + static_cast<int64_t>(ms) * 1000;
 }
 
 long LxWin32Mixer::setPositionAllPorts(LxWin32AudioPortData* rec, uint32_t position) {

@@ -47,6 +47,8 @@ class LxWin32AudioOutputPort : public LxAudioOutputPort {
     long playPort(char loop);
     /// Plays from byte position (see LxWin32Mixer::playPortFrom).
     long playPortFrom(char loop, long position);
+    /// See LxWin32Mixer::scheduleStart.
+    long scheduleStart(double seconds);
     /// Stops the port and clears its loop flag.
     void stopPort();
     long discardFrames();

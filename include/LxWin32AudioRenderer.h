@@ -178,6 +178,8 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     uint32_t portEventsSeen[kMaxPorts];
     /// Bit i: ports[i] is registered with the manager's arbitration.
     uint32_t registeredPorts;
+    /// prepareAheadMs() as the latest start found it.
+    double prepareMs;
     /// 1 from a start until the renderer has nothing more to make heard (stopped, or the last
     /// samples of a drained clip played); a resident buffer playing out alone is the mixer's to
     /// report. Written under waitNotify, read by the ports' isSounding on any thread.
@@ -195,6 +197,9 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     LxAudioFrame* createFrame();
     /// Clears a frame and sends it to the pool. Any thread, no lock needed.
     void returnFrame(LxFrame* frame);
+    /// How long before a start asked for ahead of time the renderer goes active and writes its
+    /// first samples, set to be heard at the start's exact sample.
+    double prepareAheadMs();
     /// One pass of the STARTED state; returns the wait before the next. waitNotify held.
     uint32_t startedPass();
     uint32_t streamingStep(const LxTime& now);

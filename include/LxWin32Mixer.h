@@ -99,6 +99,11 @@ class LxWin32Mixer : public LxMixer {
     /// playPort from byte position (rounded down to a sample frame), whether or not the buffer
     /// plays: a clip that gets its channel late joins where it would be by now.
     long playPortFrom(short port, char loop, long position);
+    /// The port's next start (playPort, or the first write after a stop, which starts its
+    /// group) is heard `seconds` from now, at the exact sample, rather than when it is made:
+    /// a clip asked to start ahead of time is written early and begins on time. 0 or less:
+    /// at once.
+    long scheduleStart(short port, double seconds);
     void stopPort(short port, char clearLoop);
     /// 1 while the port's buffer plays (a buffer played without looping stops by itself after
     /// its last sample has been mixed). Takes only the mixer lock, briefly; any thread.
@@ -207,6 +212,8 @@ class LxWin32Mixer : public LxMixer {
     /// Milliseconds bytes take to play at the port's rate and tempo.
     uint32_t playMillis(LxWin32AudioPortData* record, double bytes);
     void destroyRecord(short port, LxWin32AudioPortData* record);
+    /// Microseconds of the process clock's counter (what scheduled starts are given in).
+    static int64_t clockMicros();
     /// Puts the stored gain, pan, tempo, location and spatialisation on the record's buffer.
     /// Slot lock held.
     void applyStoredSettings(LxWin32AudioPortData* record);

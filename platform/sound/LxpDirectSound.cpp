@@ -196,6 +196,7 @@ class SecondaryBuffer final : public ComObject<IDirectSoundBuffer> {
     HRESULT SetPan(int32_t pan) override;
     HRESULT SetFrequency(uint32_t frequency) override;
     HRESULT Stop() override;
+    HRESULT PlayAt(uint32_t flags, int64_t clockMicros) override;
     HRESULT Unlock(void* ptr1, uint32_t bytes1, void* ptr2, uint32_t bytes2) override;
 
     Device* device() { return device_; }
@@ -360,6 +361,10 @@ class PrimaryBuffer final : public ComObject<IDirectSoundBuffer> {
     HRESULT SetCurrentPosition(uint32_t) override {
         const HRESULT hr = intercept(Op::SetCurrentPosition);
         return FAILED(hr) ? hr : DSERR_INVALIDCALL;
+    }
+    HRESULT PlayAt(uint32_t, int64_t) override {
+        const HRESULT hr = intercept(Op::Play);
+        return FAILED(hr) ? hr : DSERR_INVALIDCALL;  // the primary buffer plays all the time
     }
     HRESULT SetFormat(const WAVEFORMATEX* format) override {
         const HRESULT hr = intercept(Op::SetFormat);
@@ -955,6 +960,27 @@ HRESULT SecondaryBuffer::Play(uint32_t reserved, uint32_t, uint32_t flags) {
     }
     if (reserved != 0) {
         return DSERR_INVALIDPARAM;
+    }
+    if ((voice().ctl.load(std::memory_order_acquire) & kCtlPlaying) == 0) {
+        // A stopped buffer starts at once; one that waits for its timed start keeps waiting.
+        voice().startMicros.store(kNoStart, std::memory_order_release);
+    }
+    setPlayBits((flags & DSBPLAY_LOOPING) != 0, false);
+    return DS_OK;
+}
+
+HRESULT SecondaryBuffer::PlayAt(uint32_t flags, int64_t clockMicros) {
+    device_->backend()->sync();
+    const HRESULT hr = device_->backend()->intercept(Op::Play, id_);
+    if (FAILED(hr)) {
+        return hr;
+    }
+    if (lost_.load()) {
+        return DSERR_BUFFERLOST;
+    }
+    if ((voice().ctl.load(std::memory_order_acquire) & kCtlPlaying) == 0) {
+        // Stored before the playing bit, which publishes it to the mixing thread.
+        voice().startMicros.store(clockMicros, std::memory_order_release);
     }
     setPlayBits((flags & DSBPLAY_LOOPING) != 0, false);
     return DS_OK;

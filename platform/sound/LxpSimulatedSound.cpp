@@ -112,22 +112,13 @@ class SimBackend : public sound::Backend {
         if (!config_.syncToClock) {
             return;
         }
-        int64_t count = 0;
-        int64_t frequency = 0;
-        int64_t micros;
-        if (clock().queryPerformanceCounter(&count) && clock().queryPerformanceFrequency(&frequency) &&
-            frequency > 0) {
-            micros = static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
-        } else {
-            int64_t s = 0;
-            int32_t ms = 0;
-            clock().timeOfDay(&s, &ms);
-            micros = s * 1000000 + ms * 1000;
-        }
+        const int64_t micros = sound::Engine::clockMicros();
         std::lock_guard<std::mutex> guard(renderMutex_);
         if (!clockOriginSet_) {
             clockOriginSet_ = true;
             clockOrigin_ = micros - renderedMicrosLocked();
+            // From here the output runs in step with the clock: timed starts land on their frame.
+            engine_->anchorAt(engine_->framesRendered(), micros);
         }
         renderUntilLocked(micros - clockOrigin_);
     }

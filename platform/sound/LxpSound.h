@@ -196,6 +196,11 @@ class IDirectSoundBuffer : public IUnknown {
     virtual HRESULT SetFrequency(uint32_t frequency) = 0;
     /// Stops; the play cursor stays where playing ended.
     virtual HRESULT Stop() = 0;
+    /// Not DirectSound's: Play (flags as there) so that the first sample is heard at clockMicros,
+    /// a time of lxp::clock()'s performance counter in microseconds. The engine begins the
+    /// buffer at that sample frame inside its block. A time that has passed, a buffer that
+    /// plays already, or an output not kept in step with the clock plays at once.
+    virtual HRESULT PlayAt(uint32_t flags, int64_t clockMicros) = 0;
     /// Commits the regions that Lock handed out.
     virtual HRESULT Unlock(void* ptr1, uint32_t bytes1, void* ptr2, uint32_t bytes2) = 0;
 };

@@ -1,5 +1,7 @@
 #include "platform/sound/LxpSoundEngine.h"
 
+#include "platform/clock/LxpClock.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -291,9 +293,73 @@ void Engine::stopThread() {
 }
 
 void Engine::threadMain() {
+    anchored_ = false;  // a new start of the output has a new place in time
     while (running_.load(std::memory_order_acquire)) {
+        followClock(outputFormat().rate);
         renderBlock(periodFrames());
     }
+}
+
+int64_t Engine::clockMicros() {
+    Clock& c = clock();
+    int64_t count = 0;
+    int64_t frequency = 0;
+    if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
+        return static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
+    }
+    int64_t s = 0;
+    int32_t ms = 0;
+    c.timeOfDay(&s, &ms);
+    return s * 1000000 + static_cast<int64_t>(ms) * 1000;
+}
+
+void Engine::anchorAt(uint64_t frame, int64_t micros) {
+    anchored_ = true;
+    anchorFrame_ = frame;
+    anchorMicros_ = static_cast<double>(micros);
+    anchorRate_ = outputFormat().rate;
+    windowBlocks_ = 0;
+}
+
+void Engine::followClock(uint32_t outRate) {
+    // Called when the sink has taken the last block: for an output paced in real time (or a
+    // device that blocks until it has room) the next frame is due now.
+    const int64_t now = clockMicros();
+    const uint64_t frame = framesOut_.load(std::memory_order_relaxed);
+    if (!anchored_ || outRate == 0 || outRate != anchorRate_) {
+        anchorAt(frame, now);
+        return;
+    }
+    const double late = static_cast<double>(now) -
+                        (anchorMicros_ + static_cast<double>(frame - anchorFrame_) * 1e6 / outRate);
+    if (std::fabs(late) > 150000.0) {
+        anchorAt(frame, now);  // the output stalled, or its pacing started again
+        return;
+    }
+    windowMin_ = windowBlocks_ == 0 ? late : std::min(windowMin_, late);
+    if (++windowBlocks_ >= 100) {
+        // About a second of blocks: a device clock that drifted by more than a millisecond
+        // against the system's moves the anchor; jitter below that leaves it alone, so that
+        // starts keep their exact distances in the output.
+        if (std::fabs(windowMin_) > 1000.0) {
+            anchorMicros_ += windowMin_;
+        }
+        windowBlocks_ = 0;
+    }
+}
+
+uint32_t Engine::startOffset(int64_t micros, uint32_t frames, uint32_t outRate) const {
+    if (!anchored_ || outRate == 0) {
+        return 0;
+    }
+    const double at = static_cast<double>(anchorFrame_) +
+                      (static_cast<double>(micros) - anchorMicros_) * outRate / 1e6 -
+                      static_cast<double>(blockFrame_);
+    const double first = std::floor(at + 0.5);
+    if (first <= 0.0) {
+        return 0;
+    }
+    return first >= frames ? frames : static_cast<uint32_t>(first);
 }
 
 int Engine::createVoice(SampleMemory* memory, bool is3D, int listener, ConsumedTap* tap) {
@@ -329,6 +395,7 @@ int Engine::createVoice(SampleMemory* memory, bool is3D, int listener, ConsumedT
                 p.store(floatBits(0.0f), std::memory_order_relaxed);
             }
             v.mode3D.store(DS3DMODE_NORMAL, std::memory_order_relaxed);
+            v.startMicros.store(kNoStart, std::memory_order_relaxed);
             v.fraction = 0;
             v.seenGeneration = ctl >> kCtlGenerationShift;
             v.gainsValid = false;
@@ -467,6 +534,13 @@ void Engine::renderBlock(uint32_t n) {
     renderCount_.fetch_add(1, std::memory_order_acq_rel);
     const auto start = std::chrono::steady_clock::now();
     const OutputFormat fmt = outputFormat();
+    blockFrame_ = framesOut_.load(std::memory_order_relaxed);
+    if (anchored_ && fmt.rate != anchorRate_ && anchorRate_ != 0 && fmt.rate != 0) {
+        // The output rate changed: time goes on from here at the new rate.
+        anchorMicros_ += static_cast<double>(blockFrame_ - anchorFrame_) * 1e6 / anchorRate_;
+        anchorFrame_ = blockFrame_;
+        anchorRate_ = fmt.rate;
+    }
     std::fill(mixL_.begin(), mixL_.begin() + n, 0.0f);
     std::fill(mixR_.begin(), mixR_.begin() + n, 0.0f);
 
@@ -563,6 +637,7 @@ void Engine::renderBlock(uint32_t n) {
     if (took > worstBlockNanos_.load(std::memory_order_relaxed)) {
         worstBlockNanos_.store(took, std::memory_order_relaxed);
     }
+    framesOut_.store(blockFrame_ + n, std::memory_order_release);
     renderCount_.fetch_add(1, std::memory_order_acq_rel);
     if (sink_) {
         sink_->write(out_.data(), n, fmt);
@@ -762,6 +837,17 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
         v.gainsValid = false;
         return;
     }
+    // A start asked for a later time begins at its frame of the block it falls in.
+    uint32_t offset = 0;
+    int64_t at = v.startMicros.load(std::memory_order_acquire);
+    if (at != kNoStart) {
+        offset = startOffset(at, n, outRate);
+        if (offset >= n) {
+            v.gainsValid = false;
+            return;  // not yet: the cursor waits at its place
+        }
+        v.startMicros.compare_exchange_strong(at, kNoStart, std::memory_order_acq_rel);
+    }
     SampleMemory* m = v.memory;
     const uint32_t frames = m->frames;
     if (frames == 0 || outRate == 0) {
@@ -794,7 +880,7 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
     float* R = mixR_.data();
     uint32_t frac = v.fraction;
     uint64_t consumed = 0;
-    uint32_t produced = 0;
+    uint32_t produced = offset;
     bool ended = false;
     {
         // Control threads hold this lock only while converting a bounded chunk at Unlock; a wait

@@ -123,6 +123,9 @@ struct ListenerState {
     bool load(float values[10]) const;
 };
 
+/// A voice's start time when it has none.
+constexpr int64_t kNoStart = INT64_MIN;
+
 /// Voice slot states.
 enum VoiceState : uint32_t { kVoiceFree = 0, kVoiceActive = 1, kVoiceReleasing = 2, kVoiceRetired = 3 };
 
@@ -161,6 +164,9 @@ struct alignas(64) Voice {
     std::atomic<int32_t> pan{0};
     std::atomic<uint32_t> position3D[3];
     std::atomic<uint32_t> mode3D{DS3DMODE_NORMAL};
+    /// When a Play asked for a later start: the clock time (microseconds of lxp::clock()'s
+    /// counter) of its first sample; kNoStart otherwise. Stored before the playing bit.
+    std::atomic<int64_t> startMicros{kNoStart};
     // Mixing-thread state.
     uint32_t fraction = 0;
     uint64_t seenGeneration = 0;
@@ -210,6 +216,17 @@ class Engine {
     /// Frames of one ~10 ms block at the current output rate.
     uint32_t periodFrames() const;
 
+    /// The output's place in time: output frame `frame` is heard at clock time `micros`
+    /// (lxp::clock()'s counter), from which frames go on at the output rate. The mixing thread
+    /// keeps it for a real output (measuring and correcting the device's drift); the simulated
+    /// output sets it when it follows the clock. Until it is set, timed starts play at once.
+    /// Called on the mixing thread (or the thread that renders).
+    void anchorAt(uint64_t frame, int64_t micros);
+    /// Frames rendered so far (the mixing thread's count).
+    uint64_t framesRendered() const { return framesOut_.load(std::memory_order_acquire); }
+    /// The clock time in microseconds of lxp::clock()'s counter (the time base's source).
+    static int64_t clockMicros();
+
     /// Renders frames of output, in ~10 ms blocks as the mixing thread does, into the sink. Runs as the
     /// mixing thread: only one thread at a time, and never while the engine's own thread runs.
     void renderFrames(uint32_t frames);
@@ -244,6 +261,9 @@ class Engine {
     void reclaimLocked(bool mixerIdle);
     void renderBlock(uint32_t frames);
     void mixVoice(Voice& v, uint32_t frames, uint32_t outRate);
+    /// Where in the block [blockFrame_, +frames) a voice asked to start at micros begins: 0 for
+    /// at once, frames or more for not in this block.
+    uint32_t startOffset(int64_t micros, uint32_t frames, uint32_t outRate) const;
     void computeGains(Voice& v, float* gl, float* gr);
 
     std::unique_ptr<Sink> sink_;
@@ -269,6 +289,20 @@ class Engine {
     std::atomic<uint64_t> primaryFormat_;
     uint64_t periodIndex_ = 0;
     uint32_t periodRate_ = 0;
+
+    // The output's clock (mixing thread): frames rendered, the block now rendered, the anchor.
+    std::atomic<uint64_t> framesOut_{0};
+    uint64_t blockFrame_ = 0;
+    bool anchored_ = false;
+    uint64_t anchorFrame_ = 0;
+    double anchorMicros_ = 0.0;
+    uint32_t anchorRate_ = 0;
+    /// The smallest lateness of the output against the anchor over the blocks of a window:
+    /// a real output is never early, only its wake-ups are late, so the smallest is the drift.
+    double windowMin_ = 0.0;
+    uint32_t windowBlocks_ = 0;
+    /// A real output's check before each block: anchors it, and corrects the device's drift.
+    void followClock(uint32_t outRate);
 
     // Mixing-thread scratch, sized once.
     std::vector<float> mixL_, mixR_, mixI_;

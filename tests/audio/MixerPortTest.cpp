@@ -4,6 +4,7 @@
 
 #include "TestSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -59,6 +60,64 @@ TEST_F(MixerTest, RevokedChannelsKeepTheBufferAndALoopingResidentClipResumes) {
     ASSERT_EQ(4410u, seen.size());
     for (uint32_t i = 0; i < 2205; ++i) {
         ASSERT_EQ(0, std::memcmp(&seen[2 * i], &clip[2 * ((frame + i) % 2205)], 2)) << "frame " << i;
+    }
+}
+
+// What the scene sets while a port has no channel (before its first grant, after a revocation)
+// is on its buffer from the grant on: location and spatialisation in 3D, pan without.
+TEST_F(MixerTest, SettingsMadeWithoutAChannelApplyAtTheGrant) {
+    for (const bool threeD : {true, false}) {
+        SCOPED_TRACE(threeD ? "3D" : "pan");
+        if (!threeD) {
+            setUpPlatform(simsound::Config(), mixerkit::directX1());
+        }
+        start();
+        const short p = open(LxMono, LxSample16, 22050, 8820, 0, 1, false);
+        for (const float v : {0.25f, 0.5f}) {
+            const float where[3] = {v, 2.0f, 3.0f};
+            mixer->setGain(p, v);
+            mixer->setTempo(p, 4 * v);
+            if (threeD) {
+                mixer->setSoundLocation(p, where);
+                mixer->setSpatialize(p, v > 0.3f);
+            } else {
+                mixer->setPan(p, -v);
+            }
+            ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
+            const simsound::BufferInfo i = mixer->info(p);
+            EXPECT_EQ(LxWin32Mixer::gainToVolume(v), i.volume);
+            EXPECT_EQ(static_cast<uint32_t>(4 * v * 22050), i.frequency);
+            EXPECT_EQ(threeD ? 0 : LxWin32Mixer::panToPanValue(-v), i.pan);
+            EXPECT_EQ(threeD ? v : 0.0f, i.position3D[0]);
+            EXPECT_EQ(threeD && v < 0.3f ? DS3DMODE_DISABLE : DS3DMODE_NORMAL, i.mode3D);
+            ASSERT_EQ(LX_OK, mixer->releaseChannel(p, 0));
+        }
+    }
+}
+
+// A start asked for ahead of time is heard from its exact sample, wherever it falls in the
+// engine's 10-ms block; one asked for now sounds from the next block.
+TEST_F(MixerTest, AScheduledStartIsHeardFromItsExactSample) {
+    start();
+    const short p = open(LxMono, LxSample16, 44100, 8820, 0, 1);
+    const std::vector<uint8_t> clip(8820, 0x40);
+    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(p, const_cast<uint8_t*>(clip.data()), 0, 4410));
+    const struct {
+        double seconds;
+        size_t frame;
+    } cases[] = {{0.0123457, 544}, {0.001, 44}, {0.0101, 445}, {0.25, 11025}, {0.0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.seconds);
+        mixer->stopPort(p, 1);
+        advance(10);  // every advance a whole 10 ms: the output stands on a whole frame
+        simsound::clearOutput();
+        ASSERT_EQ(LX_OK, mixer->scheduleStart(p, c.seconds));
+        ASSERT_EQ(LX_OK, mixer->playPort(p, 0));
+        advance(static_cast<int64_t>(std::ceil(c.seconds * 100)) * 10 + 30);
+        const std::vector<float> out = simsound::outputChannel(0);
+        const size_t first =
+            std::find_if(out.begin(), out.end(), [](float x) { return x != 0.0f; }) - out.begin();
+        EXPECT_EQ(c.frame, first);
     }
 }
 
