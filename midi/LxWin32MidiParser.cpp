@@ -661,6 +661,9 @@ bool LxWin32MidiParser::seekTo(double us) {
     if (tracks_ == nullptr || !(us > 0.0)) {
         return tracks_ != nullptr;
     }
+    // Media times are whole microseconds: a point less than one after a tick's time is that
+    // tick's, so that the time of any tick finds it again.
+    us -= 1.0;
     ChannelChase* channels = new (std::nothrow) ChannelChase[16];
     if (channels == nullptr) {
         return false;
@@ -713,7 +716,7 @@ bool LxWin32MidiParser::seekTo(double us) {
     }
     // The first whole tick at or after the point; it never passes the next event, which lies at
     // or after the point too.
-    int64_t tick = baseTick + static_cast<int64_t>(std::ceil((us - baseUs) * ticksPerQuarter / tempo - 1e-6));
+    int64_t tick = baseTick + static_cast<int64_t>(std::ceil((us - baseUs) * ticksPerQuarter / tempo));
     tick = std::max(tick, baseTick);
     if (heapSize_ > 0) {
         tick = std::min(tick, tracks_[heap_[0]].nextEventDue);

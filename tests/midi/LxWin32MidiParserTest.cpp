@@ -126,45 +126,6 @@ TEST_F(MidiParserTest, FullBuffersCarryTheNextEventOverWithItsDelta) {
     EXPECT_EQ(5u, out[3].event.dwDeltaTime);
 }
 
-// Ticks per quarter note follow the tempo; SMPTE divisions (frames per second x ticks per frame)
-// do not: the stream gets ticks per second and a fixed pace first, and tempo events are passed
-// over. A zero division or an SMPTE rate that does not exist cannot be opened.
-TEST_F(MidiParserTest, TimeDivisionsGiveEachEventItsTime) {
-    const double q = 500000 / 96e6;  // seconds per tick before the tempo change at tick 150
-    const struct {
-        int division;
-        double seconds[3];  // of the notes at ticks 100, 150 and 1150 at rate 1; none: refused
-    } cases[] = {{96, {100 * q, 150 * q, 150 * q + 1000 * q / 2}},
-                 {0xE728, {0.1, 0.15, 1.15}},                            // 25 fps x 40
-                 {0xE304, {100 / 119.88, 150 / 119.88, 1150 / 119.88}},  // 29.97 fps x 4
-                 {0xE850, {100 / 1920.0, 150 / 1920.0, 1150 / 1920.0}},  // 24 fps x 80
-                 {0, {}},
-                 {0xE700, {}},
-                 {0xE928, {}}};
-    owner_.tempoScale = 2.0f;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.division);
-        const std::string file =
-            smf(0, c.division,
-                {track(tempoEvent(0, 500000) + noteOn(100, 0, 60) + tempoEvent(50, 250000) +
-                       noteOn(0, 0, 61) + noteOn(1000, 0, 62))});
-        LxWin32MidiParser parser(&owner_);
-        if (c.seconds[2] == 0) {
-            EXPECT_EQ(0, parser.openFile(write("d.mid", file).c_str()));
-            continue;
-        }
-        ASSERT_EQ(1, parser.openFile(write("d.mid", file).c_str()));
-        std::vector<Record> out;
-        EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, drain(parser, &out));
-        const std::vector<Played> played = playStream(out, parser.getStreamDivision());
-        ASSERT_EQ(3u, played.size());
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_NEAR(c.seconds[i] / 2, played[i].micros / 1e6, 1e-5) << "note " << i;
-        }
-        parser.closeFile();
-    }
-}
-
 TEST_F(MidiParserTest, SysExMetaAndRunningStatus) {
     const std::string events = noteOn(0, 0, 60) + vlq(100) + "\xF0" + vlq(3) + "\x7E\x7F\xF7" + vlq(50) +
                                "\xF7" + vlq(1) + "\xF7" + textEvent(30, "marker") + vlq(20) +

@@ -406,7 +406,9 @@ TEST_F(MidiPlayerTest, FilesThatCannotBeOpenedFailWith0x433AndLeakNothing) {
     longer[21] = 0x40;  // the first track claims more bytes than the file holds
     bad.push_back(longer);
     bad.push_back("RIFF" + good.substr(4));
-    bad.push_back(smf(0, 0, {track(noteOn(0, 0, 60))}));  // no time division
+    for (int division : {0, 0xE700, 0xE928}) {  // none, no ticks per frame, 23 frames a second
+        bad.push_back(smf(0, division, {track(noteOn(0, 0, 60))}));
+    }
     for (size_t i = 0; i < bad.size(); ++i) {
         SCOPED_TRACE(i);
         Clip& c = load(file("bad" + std::to_string(i) + ".mid", bad[i]));
@@ -572,7 +574,8 @@ std::string notes(int n, uint32_t half) {
 
 // Files as other tools write them: tracks that stop without an end-of-track event, SMPTE time
 // (frames per second x ticks per frame, tempo events ignored). Each note sounds at its time in
-// the device's time, the duration says when the last ends, and the clip ends there.
+// the device's time, from the start at rate 1 and from 2.25 notes in at rate 2 (the note cut by
+// the point sounds at once); the duration says when the last ends, and the clip ends there.
 TEST_F(MidiPlayerTest, FilesWithoutEndOfTrackOrInSmpteTimePlayAtTheirTimeAndEnd) {
     startManager();
     const struct {
@@ -581,25 +584,36 @@ TEST_F(MidiPlayerTest, FilesWithoutEndOfTrackOrInSmpteTimePlayAtTheirTimeAndEnd)
     } cases[] = {
         {smf(1, 96, {track(tempoEvent(0, 500000) + notes(8, 24), false), track(noteOn(0, 1, 40), false)}),
          0.25},
-        {smf(0, 0xE728, {track(tempoEvent(0, 250000) + notes(8, 125), false)}), 0.25},  // 25 fps x 40
-        {smf(0, 0xE304, {track(notes(8, 15))}), 30 / 119.88},                           // 29.97 fps x 4
+        {smf(0, 0xE728, {track(tempoEvent(0, 250000) + notes(8, 100), false)}), 0.2},  // 25 fps x 40
+        {smf(0, 0xE304, {track(notes(8, 16))}), 32 * 1.001001 / 120},                  // 29.97 fps x 4
+        {smf(0, 0xE850, {track(notes(8, 96))}), 0.1},                                  // 24 fps x 80
     };
     for (const auto& row : cases) {
-        SCOPED_TRACE(&row - cases);
         Clip& c = load(file("t" + std::to_string(&row - cases) + ".mid", row.file));
         EXPECT_NEAR(7.5 * row.noteSeconds, c.player->getDuration().getValue(), 1e-3);
-        const size_t from = mark();
-        const int64_t t0 = start(c);
-        midisim::advanceMicros(static_cast<int64_t>(7.5 * row.noteSeconds * 1e6) + 1000);
-        ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == 1; }));
-        std::vector<Message> onsets = since(from, true);
-        onsets.erase(
-            std::remove_if(onsets.begin(), onsets.end(),
-                           [](const Message& m) { return !isNoteOn(m.message) || (m.message & 0x0F) != 0; }),
-            onsets.end());
-        ASSERT_EQ(8u, onsets.size());
-        for (size_t i = 0; i < onsets.size(); ++i) {
-            EXPECT_NEAR(i * row.noteSeconds, (onsets[i].playMicros - t0) / 1e6, 1e-3) << i;
+        for (const double at : {0.0, 2.25}) {
+            SCOPED_TRACE(testing::Message() << "row " << &row - cases << " from note " << at);
+            float rate = at == 0.0 ? 1.0f : 2.0f;
+            ASSERT_EQ(LX_OK, c.player->setRate(&rate));
+            ASSERT_EQ(LX_OK, c.player->setMediaTime(LxTime(at * row.noteSeconds)));
+            const size_t from = mark();
+            const size_t eoms = c.events.count(LxEndOfMediaEventType);
+            const int64_t t0 = start(c);
+            midisim::advanceMicros(static_cast<int64_t>((7.5 - at) * row.noteSeconds / rate * 1e6) + 1000);
+            ASSERT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == eoms + 1; }));
+            std::vector<Message> onsets = since(from, true);
+            onsets.erase(std::remove_if(onsets.begin(), onsets.end(),
+                                        [](const Message& m) {
+                                            return !isNoteOn(m.message) || (m.message & 0x0F) != 0;
+                                        }),
+                         onsets.end());
+            const int first = static_cast<int>(at);
+            ASSERT_EQ(static_cast<size_t>(8 - first), onsets.size());
+            for (size_t i = 0; i < onsets.size(); ++i) {
+                EXPECT_NEAR(std::max(0.0, first + i - at) * row.noteSeconds / rate,
+                            (onsets[i].playMicros - t0) / 1e6, 1e-3)
+                    << i;
+            }
         }
     }
 }
