@@ -283,11 +283,14 @@ long LxWin32MidiPlayer::stopAll() {
         stopStreamLocked();  // a stop asked for cuts the release tails too
     }
     playing.store(false);
+    const bool wasStarted = getCurrentState() == STARTED;
     const long result = LxPlayer::stopAll();
     // A later start without a new position goes on from where the clock stopped, as heard; after
-    // the clip's own end it plays the clip again from its start.
-    seekPosition = endingPass ? 0.0 : clock->getMediaTime().getValue();
-    positionPending = 1;
+    // the clip's own end it plays the clip again from its start (a stop after that keeps it so).
+    if (wasStarted) {
+        seekPosition = endingPass ? 0.0 : clock->getMediaTime().getValue();
+        positionPending = 1;
+    }
     return result;
 }
 

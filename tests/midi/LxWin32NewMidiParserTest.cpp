@@ -54,31 +54,22 @@ TEST_F(MidiFileModelTest, ReadsTracksChannelsAndLastTicks) {
     EXPECT_EQ(5000000000, LxWin32NewMidiParser::tickToTime(960, 96, model.getTempoMap()));
 }
 
-TEST_F(MidiFileModelTest, TempoMapTimesAndTickToTime) {
-    // No tempo at tick 0: the default 500000 stands there. 250000 from tick 192 (in track 2),
-    // 1000000 from tick 288.
+// No tempo at tick 0: the default 500000 stands there; 250000 from tick 192 (in track 2), 1000000
+// from tick 288. Nanoseconds at ticks across both changes and at them.
+TEST_F(MidiFileModelTest, TickToTimeFollowsTheTempoMap) {
     const std::string file =
         smf(1, 96, {track(tempoEvent(288, 1000000)), track(tempoEvent(192, 250000) + noteOn(400, 3, 1))});
     LxWin32NewMidiParser model;
     ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
-    const LxMidiTempoMap& map = model.getTempoMap();
-    ASSERT_EQ(3u, map.size());
-    EXPECT_EQ(0, map[0].tick);
-    EXPECT_EQ(500000u, map[0].tempo);
-    EXPECT_EQ(192, map[1].tick);
-    EXPECT_EQ(1000000000, map[1].startTime);
-    EXPECT_EQ(1250000000, map[2].startTime);
-    // Nanoseconds at ticks, across both changes and at them (an entry at the tick is passed over).
+    ASSERT_EQ(3u, model.getTempoMap().size());
     const int64_t times[][2] = {
         {0, 0}, {96, 500000000}, {192, 1000000000}, {240, 1125000000}, {288, 1250000000}, {672, 5250000000}};
     for (const auto& t : times) {
-        EXPECT_EQ(t[1], LxWin32NewMidiParser::tickToTime(t[0], model.getDivision(), map)) << t[0];
+        EXPECT_EQ(t[1], LxWin32NewMidiParser::tickToTime(t[0], model.getDivision(), model.getTempoMap()))
+            << t[0];
     }
-    EXPECT_EQ(592, model.getLastTick(1));
-    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, map)) << "no division, no time";
-    // One entry: tempo / division x tick x 1000, truncated.
-    const LxMidiTempoMap one = {{500000, 0, 0}};
-    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, one));
+    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, model.getTempoMap())) << "no division, no time";
+    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, {{500000, 0, 0}})) << "truncated";
 }
 
 TEST_F(MidiFileModelTest, MissingTracksAndBadFilesNeverReadPastTheEnd) {
