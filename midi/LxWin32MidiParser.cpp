@@ -81,7 +81,6 @@ int LxWin32MidiParser::openFile(const char* fileName) {
     mergeFlags_ = 0;
     chase_.clear();
     chaseNext_ = 0;
-    seekTick_ = 0;
 
     file_ = CreateFileA(fileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                         FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -657,7 +656,6 @@ void chaseChannelEvent(ChannelChase& c, const LxMidiEvent& e) {
 bool LxWin32MidiParser::seekTo(double us) {
     chase_.clear();
     chaseNext_ = 0;
-    seekTick_ = 0;
     if (tracks_ == nullptr || !(us > 0.0)) {
         return tracks_ != nullptr;
     }
@@ -716,7 +714,9 @@ bool LxWin32MidiParser::seekTo(double us) {
     }
     // The first whole tick at or after the point; it never passes the next event, which lies at
     // or after the point too.
-    int64_t tick = baseTick + static_cast<int64_t>(std::ceil((us - baseUs) * ticksPerQuarter / tempo));
+    // (A time beyond any tick a file can reach is held to one.)
+    const double ahead = std::ceil((us - baseUs) * ticksPerQuarter / tempo);
+    int64_t tick = baseTick + static_cast<int64_t>(std::min(ahead, 1e15));
     tick = std::max(tick, baseTick);
     if (heapSize_ > 0) {
         tick = std::min(tick, tracks_[heap_[0]].nextEventDue);
@@ -724,23 +724,16 @@ bool LxWin32MidiParser::seekTo(double us) {
     if (ok && heapSize_ == 0) {
         // The point lies past the music: the pass ends at once, with nothing to sound.
         currentTick_ = tick;
-        seekTick_ = tick;
     } else if (ok) {
         currentTick_ = tick;
-        seekTick_ = tick;
         tempoDue_ = tempoDue_ || tempoSeen;
         // Bank and program first, as an instrument is chosen, then the controllers (a parameter
         // number before its data entry), the wheel and the pressure; the held notes last.
         static const uint8_t kFirst[] = {0, 32};
         static const uint8_t kLast[] = {101, 100, 99, 98, 6, 38};
         auto isOrdered = [](int k) {
-            for (uint8_t f : kFirst)
-                if (f == k)
-                    return true;
-            for (uint8_t f : kLast)
-                if (f == k)
-                    return true;
-            return false;
+            return std::find(std::begin(kFirst), std::end(kFirst), k) != std::end(kFirst) ||
+                   std::find(std::begin(kLast), std::end(kLast), k) != std::end(kLast);
         };
         for (uint32_t ch = 0; ch < 16; ++ch) {
             const ChannelChase& c = channels[ch];

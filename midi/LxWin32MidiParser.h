@@ -97,8 +97,6 @@ class LxWin32MidiParser {
     /// force there, then the notes held across it, all at once, and goes on from the point.
     /// true, or false when the file turned out corrupt on the way (the pass then fails).
     bool seekTo(double us);
-    /// The tick the last seekTo reached (0 after openFile).
-    int64_t getSeekTick() const { return seekTick_; }
 
     /// The header's division as written (an SMPTE division has its high bit set).
     uint32_t getDivision() const { return division_; }
@@ -150,7 +148,6 @@ class LxWin32MidiParser {
     /// Short messages a seek chased, still to be written at the seek's tick, and the next one.
     std::vector<uint32_t> chase_;
     size_t chaseNext_ = 0;
-    int64_t seekTick_ = 0;
     long eventDataBlocks_ = 0;
     // The merge: tracks that have not ended, in a heap by their next event's tick (then by track
     // number), so that taking the next event costs log(tracks), not tracks.
