@@ -169,8 +169,7 @@ def start_ahead(rig, name):
 
 def joined_late(rig, name):
     """A clip that started 0.5 s before now plays in step with the scene: when a tone due 1 s after
-    now is heard (on the left), the clip (on the right) is 1.5 s in, plus the 0.1-s start-up latency
-    by which a clip already under way is put ahead; and it is heard on to its end."""
+    now is heard (on the left), the clip (on the right) is 1.5 s in; and it is heard on to its end."""
     clip = rig.noise(3)
     src = H.mono(H.read(clip)[0])
     x, rate, r = rig.run(name, ['--start', '-0.5', '--location', '2,0,0', clip,
@@ -180,7 +179,7 @@ def joined_late(rig, name):
         return [played(r), check('heard', 'noise right, tone left', 'silence', False)]
     at, score = H.locate(src, x[int(s[0] * rate):int(s[0] * rate) + 2205, 1])
     then, _ = H.locate(src, x[int(marker[0] * rate):int(marker[0] * rate) + 2205, 1])
-    return [played(r), near('clip position when the tone is heard', LEAD + 0.6, then / rate, LENGTH),
+    return [played(r), near('clip position when the tone is heard', LEAD + 0.5, then / rate, LENGTH),
             check('match', '> 0.95', '%.3f' % score, score > 0.95),
             near('heard from where it joined to its end', 3.0 - at / rate, s[1] - s[0], LENGTH)]
 

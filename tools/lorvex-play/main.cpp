@@ -884,6 +884,10 @@ int main(int argc, char** argv) {
         manager->closeManager();
         return 1;
     }
+    // The scene support starts a clip of 2 s or more the start-up latency into its media, to keep
+    // it on the scene's clock while the output starts; a listener hears that as the clip's first
+    // 0.1 s cut off. Here every clip is to be heard whole, from the point its start time names.
+    manager->setStartUpLatency(LxTime(0.0));
     if (options.channels > 0) {
         manager->setMaxAudioChannels(static_cast<short>(options.channels));
     }
