@@ -8,6 +8,7 @@
 #include "LxTimeBase.h"
 #include "audio/LxWAVEParser.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +20,9 @@ namespace {
 constexpr unsigned long kWaitForEvent = KT_INFINITE;
 // The renderer may take up to this long to give back an empty frame.
 const LxTime kEmptyFrameTimeout(0, 500000);
+// A start asked for ahead of time has its first frames read this long before it (the renderer
+// prepares such a start up to 150 ms ahead).
+constexpr unsigned long kReadAheadMs = 100;
 
 }  // namespace
 
@@ -253,10 +257,17 @@ void LxAudioPlayer::run() {
             w = kWaitForEvent;
             continue;
         }
-        w = leadWait();
-        if (w > 0) {
+        // A start ahead is read kReadAheadMs early: the renderer sets the first frames to be heard
+        // at the start's exact sample. The player goes active only at the start itself.
+        const unsigned long toStart = leadWait();
+        lock();
+        const bool forward = clock->getRate() > 0.0f;
+        unlock();
+        if (toStart > 0 && (!forward || toStart > kReadAheadMs)) {
+            w = forward ? toStart - kReadAheadMs : toStart;
             continue;
         }
+        w = 0;
 
         lock();
         LxTimeBase* tb = timeBase;
@@ -276,7 +287,7 @@ void LxAudioPlayer::run() {
             continue;
         }
 
-        if (!activePosted) {
+        if (!activePosted && toStart == 0) {
             LxLog::postDebug("LxAudioPlayer:  Just moving to started\n");
             activePosted = 1;
             postEvent(new (std::nothrow) LxActiveEvent(this));
@@ -293,7 +304,7 @@ void LxAudioPlayer::run() {
                 input->putEmptyFrame(empty);
             }
             LxLog::postDebug("LxAudioPlayer: no empty frame available\n");
-            w = 250;
+            w = activePosted || toStart == 0 ? 250 : std::min<unsigned long>(250, toStart);
             continue;
         }
         LxLog::postDebug("LxAudioPlayer: curframe filled = %i  fillable = %i\n",
@@ -334,8 +345,8 @@ void LxAudioPlayer::run() {
         const float rate = clock->getRate();
         unlock();
         const long seconds = bytesPerSecond > 0 ? d / bytesPerSecond : 0;
-        if (seconds == 0) {
-            w = 0;
+        if (seconds == 0 || (!activePosted && toStart > 0)) {
+            w = seconds == 0 ? 0 : std::min<unsigned long>(toStart, 1000);
         } else if (rate <= 0.0f) {
             w = 1000;  // a stopped or backward clock gives no pace to fill at
         } else {

@@ -264,18 +264,23 @@ TEST_F(AudioRendererTest, StreamingAndResidentClipsAreHeardWholeThenSilence) {
 
 // isSounding(): 1 from the start (even one still ahead) until the clip's last sample has been
 // mixed, although end of media comes earlier (a resident clip's once it is loaded, a streaming
-// clip's 300 ms before its last sample, whatever the output's pace); 0 at once after a stop.
+// clip's 300 ms before its last sample, whatever the output's pace); 0 at once after a stop, and
+// at a stop time that comes while a resident clip plays out alone (though the output stands).
 TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) {
     struct {
         double seconds;
         float rate;
         double ahead;
         bool stopEarly;
-    } const cases[] = {
-        {1.0, 1.0f, 0.3, false}, {2.5, 1.0f, 0.0, false}, {1.0, 0.5f, 0.0, false}, {2.5, 1.0f, 0.0, true}};
+        double stopAt;
+    } const cases[] = {{1.0, 1.0f, 0.3, false, 0},
+                       {2.5, 1.0f, 0.0, false, 0},
+                       {1.0, 0.5f, 0.0, false, 0},
+                       {2.5, 1.0f, 0.0, true, 0},
+                       {1.0, 1.0f, 0.0, false, 0.4}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message()
-                     << c.seconds << " s at rate " << c.rate << (c.stopEarly ? ", stop" : ""));
+        SCOPED_TRACE(::testing::Message() << c.seconds << " s at rate " << c.rate
+                                          << (c.stopEarly ? ", stop" : "") << " stop time " << c.stopAt);
         simsound::clearOutput();
         const std::string path = clip(c.seconds > 2 ? "s.wav" : "r.wav", 1, c.seconds, "sine 440");
         lxtest::RecordingListener events;
@@ -286,8 +291,20 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
         EXPECT_EQ(0, port->isSounding()) << "before the start";
         float rate = c.rate;
         ASSERT_EQ(LX_OK, p->setRate(&rate));
-        ASSERT_EQ(LX_OK, p->startAtTime(LxTime(timeBase->getRefTime().getValue() + c.ahead)));
+        const double at = timeBase->getRefTime().getValue() + c.ahead;
+        if (c.stopAt > 0) {
+            ASSERT_EQ(LX_OK, p->stopAtTime(LxTime(at + c.stopAt)));
+        }
+        ASSERT_EQ(LX_OK, p->startAtTime(LxTime(at)));
         EXPECT_EQ(1, port->isSounding()) << "scheduled";
+        if (c.stopAt > 0) {
+            ASSERT_TRUE(lxtest::waitUntil([&] {
+                return events.count(LxEndOfMediaEventType) == 1 && port->isSounding() == 0;
+            })) << "the stop time was ignored";
+            EXPECT_GE(timeBase->getRefTime().getValue(), at + c.stopAt - 0.002) << "silenced early";
+            manager->destroyPlayer(p);
+            continue;
+        }
         if (c.stopEarly) {
             play({r}, 300);
             p->stop();
@@ -438,42 +455,31 @@ TEST_F(AudioRendererTest, ABackwardClockIsWaitedForUntilItsStart) {
     EXPECT_GE(timeBase->getRefTime().getValue(), at.getValue() - 0.005) << "went on before the start";
 }
 
-// With two channels, the weakest of three clips waits silently and comes in, at once, when a
-// stronger one stops. Each clip is a tone of its own.
-TEST_F(AudioRendererTest, TheWeakestOfThreeClipsWaitsSilentlyAndComesInWhenAStrongerStops) {
-    ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(2));
-    struct Voice {
-        LxPlayer* p;
-        ProbeRenderer* r;
-        LxAudioOutputPort* port;
-    } v[3];
-    const int hz[3] = {440, 660, 990};
-    const float priority[3] = {0.9f, 0.6f, 0.3f};
-    for (int i = 0; i < 3; ++i) {
-        v[i].p =
-            player(clip(std::to_string(hz[i]) + ".wav", 1, 3.0, "sine " + std::to_string(hz[i])), &v[i].r);
-        ASSERT_EQ(LX_OK, v[i].p->getNewAudioPort(&v[i].port));
-        v[i].port->setPriority(priority[i]);
+// One channel, two resident clips: the weaker waits silently, counting as sounding, while the
+// stronger is heard whole (its end of media, posted once it is loaded, gives nothing up), and
+// gets the channel once the stronger one's last sample has played.
+TEST_F(AudioRendererTest, AWaitingResidentClipSoundsAndComesInOnceTheStrongerHasBeenHeard) {
+    ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
+    lxtest::RecordingListener events[2];
+    ProbeRenderer* r[2];
+    LxPlayer* p[2];
+    LxAudioOutputPort* port[2];
+    for (int i = 0; i < 2; ++i) {
+        p[i] = player(clip(i ? "weak.wav" : "strong.wav", 1, i ? 1.9 : 0.5, i ? "sine 660" : "sine 440"),
+                      &r[i], &events[i]);
+        ASSERT_EQ(LX_OK, p[i]->getNewAudioPort(&port[i]));
+        port[i]->setPriority(i ? 0.1f : 0.9f);
+        start(p[i], r[i]);
     }
-    for (int i : {0, 2, 1}) {  // the weakest starts before the middle one, and must still give way
-        start(v[i].p, v[i].r);
-    }
-    EXPECT_TRUE(v[0].port->hasChannel() && v[1].port->hasChannel());
-    EXPECT_FALSE(v[2].port->hasChannel());
-    auto power = [](int f) { return tonePower(heard(), 8820, 13230, f, 44100.0); };
-    play({v[0].r, v[1].r, v[2].r}, 500);
-    EXPECT_TRUE(power(440) > 0.01 && power(660) > 0.01);
-    EXPECT_LT(power(990), 0.0001) << "heard beyond the channel limit";
-
-    v[0].p->stop();
-    ASSERT_TRUE(lxtest::waitUntil([&] {
-        const ProbeRenderer::Fields f = v[2].r->fields();  // written into its new channel
-        return v[2].port->hasChannel() && !f.silentPacing && !f.resetPending;
-    })) << "the freed channel did not go to the waiting clip";
-    simsound::clearOutput();
-    play({v[1].r, v[2].r}, 500);
-    EXPECT_LT(power(440), 0.0001) << "the stopped clip is still heard";
-    EXPECT_TRUE(power(660) > 0.01 && power(990) > 0.01) << "the waiting clip did not come in";
+    ASSERT_TRUE(lxtest::waitUntil([&] { return events[1].count(LxEndOfMediaEventType) == 1; }));
+    play({r[0], r[1]}, 450);
+    EXPECT_TRUE(port[0]->hasChannel() && !port[1]->hasChannel()) << "the channel changed hands early";
+    EXPECT_EQ(1, port[1]->isSounding()) << "a clip waiting for a channel lets its host stop";
+    play({r[0], r[1]}, 150);
+    EXPECT_GT(tonePower(heard(), 17640, 4410, 440.0, 44100.0), 0.01) << "the stronger clip was cut";
+    EXPECT_LT(tonePower(heard(), 0, 22050, 660.0, 44100.0), 0.0001) << "heard beyond the channel limit";
+    EXPECT_TRUE(lxtest::waitUntil([&] { return port[1]->hasChannel() && port[0]->isSounding() == 0; }))
+        << "the channel did not go on once the stronger clip had been heard";
 }
 
 // destroyPlayer on a playing clip: silent at once; its buffer and threads are gone when it returns,

@@ -117,38 +117,17 @@ TEST_F(WaveParser, ExtraChunksOddLengthsAndLongFormatChunksArePassedOver) {
     EXPECT_EQ(oddData[1].body, readAll(*p->parser, 1, 64));
 }
 
-TEST_F(WaveParser, EveryCutOfAHeaderFailsWithItsOwnMessage) {
+// A file cut anywhere in its header (LIST with a 12-byte body, "fmt ", then the data chunk's
+// 8-byte head, 64 bytes in all) is refused, and the log says where the walk stopped.
+TEST_F(WaveParser, EveryCutOfAHeaderFailsSayingWhere) {
     lxtest::requireLog();
-    // LIST (12-byte body) then "fmt " then "data" of 64 bytes: each offset of the header lies in
-    // one field whose loss has its own message.
-    const std::vector<RiffChunk> full = {{"LIST", "INFOabcdefgh"}, clip()[0], clip()[1]};
-    const std::string file = lxtest::joinWave(full);
-    struct Span {
-        size_t end;  // cuts shorter than this (and not shorter than the previous end)
-        KtResult result;
-        const char* message;
-    };
-    const Span spans[] = {
-        {4, LX_ERR_INVALID_WAVE, "LxWAVEParser: not a valid audio file\n"},
-        {8, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read RIFF length\n"},
-        {12, LX_ERR_INVALID_WAVE, "LxWAVEParser: invalid WAVE audio file\n"},
-        {16, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find format chunk\n"},
-        {20, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
-        {36, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find format chunk\n"},  // inside LIST
-        {40, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
-        {56, LX_ERR_INVALID_WAVE, "LxWAVEParser: error reading format chunk\n"},
-        {60, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to find data chunk\n"},
-        {64, LX_ERR_INVALID_WAVE, "LxWAVEParser: unable to read chunk length\n"},
-    };
+    const std::string file = lxtest::joinWave({{"LIST", "INFOabcdefgh"}, clip()[0], clip()[1]});
     size_t cut = 0;
-    for (const Span& span : spans) {
-        for (; cut < span.end; ++cut) {
-            SCOPED_TRACE(testing::Message() << "cut at " << cut);
-            LxLogSink::clear();
-            EXPECT_EQ(span.result, headerOf(file.substr(0, cut)));
-            EXPECT_TRUE(LxLogSink::contains(span.message));
-            EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: header walk stopped at byte "));
-        }
+    for (; cut < 64; ++cut) {
+        SCOPED_TRACE(testing::Message() << "cut at " << cut);
+        LxLogSink::clear();
+        EXPECT_EQ(LX_ERR_INVALID_WAVE, headerOf(file.substr(0, cut)));
+        EXPECT_TRUE(LxLogSink::contains("LxWAVEParser: header walk stopped at byte "));
     }
     // From the data chunk's length on, the header is whole; samples missing behind it only make
     // the clip end early.

@@ -1,5 +1,5 @@
 // The mixer: start-up and its failures, the port table, channels revoked and granted again,
-// duplicates, tempo, and the lock order under concurrent use.
+// scheduled starts, duplicates, tempo, and the lock order under concurrent use.
 #include "MixerTestKit.h"
 
 #include "TestSupport.h"
@@ -32,87 +32,94 @@ TEST_F(MixerTest, TheTableHoldsTwoHundredFiftySixPortsAndReusesTheLowestNumber) 
     EXPECT_EQ(LX_OK, mixer->closePort(17));  // an empty slot closes quietly
 }
 
-TEST_F(MixerTest, RevokedChannelsKeepTheBufferAndALoopingResidentClipResumes) {
-    start();
-    LxWin32AudioOutputPort port(mixer.get());
-    LxWin32AudioPortConfig config(LxMono, LxSample16, 22050, 4410, 0, 1);
-    ASSERT_EQ(LX_OK, port.openPort(&config));
-    ASSERT_EQ(LX_OK, port.grantChannel());
-    const short n = port.getPortNumber();
-    const std::vector<uint8_t> clip = mixerkit::ramp16(2205, 1);
-    ASSERT_EQ(LX_OK, port.writeResidentFrames(const_cast<uint8_t*>(clip.data()), 0, 2205));
-    ASSERT_EQ(LX_OK, port.playPort(1));
-    lxp::IDirectSoundBuffer* before = mixer->buffer(n);
-    advance(30);
-
-    ASSERT_EQ(LX_OK, port.revokeChannel());
-    EXPECT_FALSE(port.hasChannel());
-    EXPECT_EQ(before, mixer->buffer(n));
-    EXPECT_FALSE(mixer->info(n).playing);
-    EXPECT_EQ(LX_ERR_NO_PORT, port.playPort(1));
-    ASSERT_EQ(LX_OK, port.grantChannel());
-    EXPECT_TRUE(mixer->info(n).playing && mixer->info(n).looping);
-    // The clip's samples survived the revocation: a whole loop from where it stood is the clip.
-    const uint32_t frame = mixer->info(n).position / 2;
-    lxp::simsound::clearConsumed(mixer->buffer(n));
-    advance(100);  // 2205 frames: one loop
-    const std::vector<uint8_t> seen = mixer->consumed(n);
-    ASSERT_EQ(4410u, seen.size());
-    for (uint32_t i = 0; i < 2205; ++i) {
-        ASSERT_EQ(0, std::memcmp(&seen[2 * i], &clip[2 * ((frame + i) % 2205)], 2)) << "frame " << i;
-    }
-}
-
-// What the scene sets while a port has no channel (before its first grant, after a revocation)
-// is on its buffer from the grant on: location and spatialisation in 3D, pan without.
-TEST_F(MixerTest, SettingsMadeWithoutAChannelApplyAtTheGrant) {
+// Without a channel (before its first grant, after a revocation) a port keeps its buffer, its
+// samples and what the scene sets, all of which is on the buffer from the grant on (location and
+// spatialisation in 3D, pan without); a looping resident clip resumes where it stood.
+TEST_F(MixerTest, APortWithoutAChannelKeepsItsBufferSamplesAndSettingsForTheGrant) {
     for (const bool threeD : {true, false}) {
         SCOPED_TRACE(threeD ? "3D" : "pan");
-        if (!threeD) {
-            setUpPlatform(simsound::Config(), mixerkit::directX1());
-        }
+        setUpPlatform(simsound::Config(), threeD ? LxSimulatedPlatform() : mixerkit::directX1());
         start();
-        const short p = open(LxMono, LxSample16, 22050, 8820, 0, 1, false);
+        LxWin32AudioOutputPort port(mixer.get());
+        LxWin32AudioPortConfig config(LxMono, LxSample16, 22050, 4410, 0, 1);
+        ASSERT_EQ(LX_OK, port.openPort(&config));
+        const short n = port.getPortNumber();
+        const std::vector<uint8_t> clip = mixerkit::ramp16(2205, 1);
+        ASSERT_EQ(LX_OK, port.writeResidentFrames(const_cast<uint8_t*>(clip.data()), 0, 2205));
+        lxp::IDirectSoundBuffer* before = mixer->buffer(n);
         for (const float v : {0.25f, 0.5f}) {
             const float where[3] = {v, 2.0f, 3.0f};
-            mixer->setGain(p, v);
-            mixer->setTempo(p, 4 * v);
-            if (threeD) {
-                mixer->setSoundLocation(p, where);
-                mixer->setSpatialize(p, v > 0.3f);
-            } else {
-                mixer->setPan(p, -v);
+            port.setGain(v);
+            port.setTempo(1.5f - 2 * v);
+            port.setSoundLocation(where);
+            port.setSpatialize(v > 0.3f);
+            port.setPan(-v);  // refused in 3D
+            EXPECT_EQ(LX_ERR_NO_PORT, port.playPort(1)) << "played without a channel";
+            ASSERT_EQ(LX_OK, port.grantChannel());
+            if (v < 0.3f) {
+                ASSERT_EQ(LX_OK, port.playPort(1));
+                advance(30);
+                ASSERT_EQ(LX_OK, port.revokeChannel());
+                EXPECT_FALSE(port.hasChannel() || mixer->info(n).playing);
+                continue;
             }
-            ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
-            const simsound::BufferInfo i = mixer->info(p);
+            const simsound::BufferInfo i = mixer->info(n);
+            EXPECT_EQ(before, mixer->buffer(n));
             EXPECT_EQ(LxWin32Mixer::gainToVolume(v), i.volume);
-            EXPECT_EQ(static_cast<uint32_t>(4 * v * 22050), i.frequency);
+            EXPECT_EQ(11025u, i.frequency);
             EXPECT_EQ(threeD ? 0 : LxWin32Mixer::panToPanValue(-v), i.pan);
             EXPECT_EQ(threeD ? v : 0.0f, i.position3D[0]);
-            EXPECT_EQ(threeD && v < 0.3f ? DS3DMODE_DISABLE : DS3DMODE_NORMAL, i.mode3D);
-            ASSERT_EQ(LX_OK, mixer->releaseChannel(p, 0));
+            EXPECT_EQ(DS3DMODE_NORMAL, i.mode3D);
+            EXPECT_TRUE(i.playing && i.looping);
         }
+        // The samples survived: a whole loop from where it stood is the clip.
+        const uint32_t frame = mixer->info(n).position / 2;
+        simsound::clearConsumed(mixer->buffer(n));
+        advance(200);  // 2205 frames at half speed: one loop
+        const std::vector<uint8_t> seen = mixer->consumed(n);
+        ASSERT_EQ(4410u, seen.size());
+        for (uint32_t f = 0; f < 2205; ++f) {
+            ASSERT_EQ(0, std::memcmp(&seen[2 * f], &clip[2 * ((frame + f) % 2205)], 2)) << "frame " << f;
+        }
+        // A tempo above the device's limit changes nothing; one of 0 or below stops the port; one
+        // given while the device is down is kept for its next buffer.
+        EXPECT_EQ(LX_ERR_GENERIC, port.setTempo(100.0f));
+        EXPECT_EQ(11025u, mixer->info(n).frequency);
+        EXPECT_EQ(LX_OK, port.setTempo(0.0f));
+        EXPECT_FALSE(mixer->info(n).playing || mixer->rec(n)->looping);
+        EXPECT_EQ(LX_ERR_NO_PORT, mixer->setTempo(91, 1.0f));
+        mixer->closeDirectSound(0);
+        EXPECT_EQ(LX_ERR_MIXER_NOT_READY, port.setTempo(2.0f));
+        ASSERT_EQ(LX_OK, mixer->initDirectSound());
+        ASSERT_EQ(LX_OK, port.grantChannel());
+        EXPECT_EQ(44100u, mixer->info(n).frequency);
     }
 }
 
 // A start asked for ahead of time is heard from its exact sample, wherever it falls in the
-// engine's 10-ms block; one asked for now sounds from the next block.
+// engine's 10-ms block, whether a resident clip is played or a streaming write starts its port;
+// one asked for now sounds from the next block.
 TEST_F(MixerTest, AScheduledStartIsHeardFromItsExactSample) {
     start();
-    const short p = open(LxMono, LxSample16, 44100, 8820, 0, 1);
-    const std::vector<uint8_t> clip(8820, 0x40);
-    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(p, const_cast<uint8_t*>(clip.data()), 0, 4410));
+    const short resident = open(LxMono, LxSample16, 44100, 8820, 0, 1);
+    const short streaming = open(LxMono, LxSample16, 44100, 8820, 0, 0);
+    std::vector<uint8_t> clip(8820, 0x40);
+    ASSERT_EQ(LX_OK, mixer->writeResidentFrames(resident, clip.data(), 0, 4410));
     const struct {
         double seconds;
         size_t frame;
-    } cases[] = {{0.0123457, 544}, {0.001, 44}, {0.0101, 445}, {0.25, 11025}, {0.0, 0}};
+        bool streamed;
+    } cases[] = {{0.0123457, 544, false}, {0.001, 44, true}, {0.0101, 445, false},
+                 {0.25, 11025, true},     {0.0, 0, false},   {0.0, 0, true}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.seconds);
-        mixer->stopPort(p, 1);
+        SCOPED_TRACE(testing::Message() << c.seconds << (c.streamed ? " streamed" : ""));
+        const short p = c.streamed ? streaming : resident;
+        mixer->stopPort(resident, 1);
+        mixer->stopPort(streaming, 1);
         advance(10);  // every advance a whole 10 ms: the output stands on a whole frame
         simsound::clearOutput();
         ASSERT_EQ(LX_OK, mixer->scheduleStart(p, c.seconds));
-        ASSERT_EQ(LX_OK, mixer->playPort(p, 0));
+        ASSERT_EQ(LX_OK, c.streamed ? mixer->writeFrames(p, clip.data(), 0, 2205) : mixer->playPort(p, 0));
         advance(static_cast<int64_t>(std::ceil(c.seconds * 100)) * 10 + 30);
         const std::vector<float> out = simsound::outputChannel(0);
         const size_t first =
@@ -190,29 +197,6 @@ TEST_F(MixerTest, ConcurrentPortTrafficNeitherDeadlocksNorLeaks) {
     }
     mixer->closeDirectSound(1);
     EXPECT_EQ(0, simsound::liveBuffers());
-}
-
-TEST_F(MixerTest, TempoSetsTheFrequencyAndStopsAtZeroOrBelow) {
-    start();
-    const short p = open(LxMono, LxSample16, 22050, 8820, 0, 1);
-    ASSERT_EQ(LX_OK, mixer->playPort(p, 1));
-    EXPECT_EQ(LX_OK, mixer->setTempo(p, 2.0f));
-    EXPECT_EQ(44100u, mixer->info(p).frequency);
-    EXPECT_EQ(2.0f, mixer->getTempo(p));
-    EXPECT_EQ(LX_ERR_GENERIC, mixer->setTempo(p, 100.0f));  // 2205 kHz: above the device's limit
-    EXPECT_EQ(44100u, mixer->info(p).frequency);
-    EXPECT_EQ(LX_OK, mixer->setTempo(p, 0.0f));
-    EXPECT_FALSE(mixer->info(p).playing);
-    EXPECT_EQ(0, mixer->rec(p)->looping);
-    ASSERT_EQ(LX_OK, mixer->playPort(p, 1));
-    EXPECT_EQ(LX_OK, mixer->setTempo(p, -1.0f));
-    EXPECT_FALSE(mixer->info(p).playing);
-    EXPECT_EQ(LX_ERR_NO_PORT, mixer->setTempo(91, 1.0f));
-    mixer->closeDirectSound(0);
-    EXPECT_EQ(LX_ERR_MIXER_NOT_READY, mixer->setTempo(p, 0.5f));
-    ASSERT_EQ(LX_OK, mixer->initDirectSound());
-    ASSERT_EQ(LX_OK, mixer->acquireChannel(p));
-    EXPECT_EQ(11025u, mixer->info(p).frequency);
 }
 
 // Each failure leaves the mixer closed with nothing open, and a plain retry then works (the
