@@ -92,17 +92,11 @@ class TestNode : public LxNode {
     using LxNode::setCurrentState;
     using LxNode::setDuration;
     LxTime getDuration() const { return duration; }
-    void forceState(LxNodeState s) { state = s; }
     /// Gives the node name and connectable arrays (borrowed: they must outlive the node's use).
     void setOutputs(char** names, LxOutputConnectable** outs, short n) {
         outputNames = names;
         outputs = outs;
         outputCount = n;
-    }
-    void setInputs(char** names, LxInputConnectable** ins, short n) {
-        inputNames = names;
-        inputs = ins;
-        inputCount = n;
     }
 };
 

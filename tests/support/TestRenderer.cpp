@@ -75,7 +75,7 @@ long TestRendererNode::setRate(float* rate) {
 long TestRendererNode::setMediaTime(LxTime mediaTime) {
     ++mediaTimeSets;
     lastMediaTimeUsec = static_cast<long>(mediaTime.sec()) * 1000000L + mediaTime.usec();
-    return mediaTimeResult_.load();
+    return LX_OK;
 }
 
 long TestRendererNode::setTimeBase(LxTimeBase* timeBase) {

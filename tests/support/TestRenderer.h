@@ -53,7 +53,6 @@ class TestAudioPort : public LxAudioOutputPort {
         channelHeld = 0;
         return LX_OK;
     }
-    void setType(LxAudioChannelType_s type) { channelType = type; }
 
   private:
     float location_[3] = {0, 0, 0};
@@ -99,10 +98,9 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
 
     // Test controls (any thread).
     void setStartMode(StartMode mode) { startMode_ = mode; }
-    /// The results the node's setTimeBase / setRate / setMediaTime give (1 accepts).
+    /// The results the node's setTimeBase / setRate give (1 accepts).
     void setTimeBaseResult(long r) { timeBaseResult_ = r; }
     void setRateResult(long r) { rateResult_ = r; }
-    void setMediaTimeResult(long r) { mediaTimeResult_ = r; }
     /// Gives the node output names and connectables of its own (borrowed; null to take them away).
     void setOutputs(char** names, LxOutputConnectable** outs, short n) {
         outputNames = names;
@@ -140,7 +138,6 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<StartMode> startMode_{ConfirmStart};
     std::atomic<long> timeBaseResult_{LX_OK};
     std::atomic<long> rateResult_{LX_OK};
-    std::atomic<long> mediaTimeResult_{LX_OK};
     const int maxFrames_;
     const int frameBytes_;
     LxQueue* pool_;

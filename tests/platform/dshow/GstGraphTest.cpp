@@ -1,6 +1,7 @@
-// The GStreamer filter graph on real clips: the cue on pause, accurate seeks, and graphs that go
-// away with their threads. What each clip renders to, broken files, rate, loops and the sound
-// are checked through the player in tests/e2e.
+// The GStreamer filter graph on real clips: seeks in a system stream, and graphs that go away with
+// their threads. What each clip renders to, accurate seeks in an MP4, broken files, rate, loops and
+// the sound are checked through the player in tests/e2e; the gate and frame units on the simulated
+// graph.
 #include "LxPlatformGraph.h"
 #include "platform/com/LxpCom.h"
 
@@ -96,61 +97,6 @@ TEST_F(GstGraph, SeeksInAnMpegSystemStreamLandOnTheFrameDespiteTheMuxDelay) {
             EXPECT_NEAR(t, seconds(rig.audioSink.audio()[0].start), 0.0005) << "audio starts at the position";
         }
     }
-}
-
-TEST_F(GstGraph, PauseCuesOneFrameAfterTheGateOpensAndSeeksLandOnTheFrame) {
-    const Clip clip = lxtest::mp4CounterClip();
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip.path));
-
-    // The player closes its gate around Pause: the cue waits for the gate, Pause does not.
-    std::atomic<bool> gateOpen{false};
-    std::atomic<int> gateWaits{0};
-    rig.videoSink.gate = [&] {
-        ++gateWaits;
-        lxtest::waitUntil([&] { return gateOpen.load(); }, 20000);
-        return gateOpen.load();
-    };
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(SUCCEEDED(rig.control->Pause()));
-    EXPECT_LT(lxtest::msSince(start), 5000) << "Pause waited for the gate";
-    ASSERT_TRUE(lxtest::waitUntil([&] { return gateWaits.load() > 0; }, 20000));
-    EXPECT_EQ(0u, rig.videoSink.pictureCount());
-    gateOpen = true;
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
-    OAFilterState state = -1;
-    EXPECT_EQ(S_OK, rig.control->GetState(20000, &state));
-    EXPECT_EQ(State_Paused, state);
-    std::vector<lxtest::RecordingSink::Picture> pictures = rig.videoSink.pictures();
-    ASSERT_EQ(1u, pictures.size()) << "a paused graph holds after the cue";
-    EXPECT_EQ(0, pictures[0].counter);
-    EXPECT_EQ(0, pictures[0].start);
-
-    // Accurate seeks: the frame at the position, not the key frame before it.
-    const double targets[] = {1.2, 0.52, 3.96};
-    for (double t : targets) {
-        SCOPED_TRACE(t);
-        rig.videoSink.clear();
-        ASSERT_EQ(S_OK, rig.seekTo(t));
-        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-        pictures = rig.videoSink.pictures();
-        const int frame = static_cast<int>(std::lround(t * 25));
-        EXPECT_EQ(frame, pictures[0].counter);
-        EXPECT_NEAR(t, seconds(pictures[0].start), 0.001);
-        EXPECT_NEAR(t, seconds(rig.position()), 0.001);
-    }
-
-    // Frame units: frame 77 is 3.08 s.
-    ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
-    rig.videoSink.clear();
-    LONGLONG frame = 77;
-    ASSERT_EQ(S_OK, rig.seeking->SetPositions(&frame, AM_SEEKING_AbsolutePositioning, nullptr,
-                                              AM_SEEKING_NoPositioning));
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-    EXPECT_EQ(77, rig.videoSink.pictures()[0].counter);
-    LONGLONG now = 0;
-    EXPECT_EQ(S_OK, rig.seeking->GetCurrentPosition(&now));
-    EXPECT_EQ(77, now);
 }
 
 TEST_F(GstGraph, GraphsReleasedWhilePlayingOrBlockedGoAwayQuicklyWithTheirThreads) {

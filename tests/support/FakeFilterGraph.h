@@ -1,2 +1,0 @@
-// The filter-graph stand-in now lives with the other COM fakes.
-#include "FakeCom.h"
