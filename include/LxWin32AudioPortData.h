@@ -65,8 +65,8 @@ class LxWin32AudioPortData {
     char looping;
     /// When the next start of the port (or of its group, started through it) is to be heard:
     /// microseconds of the process clock's counter, 0 for at once. Cleared by that start and by
-    /// a stop.
-    int64_t startAt = 0;
+    /// a stop; a group start clears its duplicates' without their slot locks, hence atomic.
+    std::atomic<int64_t> startAt{0};
     /// LX_PORT_OWNS_BUFFER, or the port whose buffer this one duplicates. Changed under the mixer lock.
     int16_t masterPort;
     /// Ports duplicating this one's buffer; LX_NO_DUPLICATE marks a free entry, used entries come

@@ -480,6 +480,9 @@ TEST_F(AudioRendererTest, AWaitingResidentClipSoundsAndComesInOnceTheStrongerHas
     EXPECT_LT(tonePower(heard(), 0, 22050, 660.0, 44100.0), 0.0001) << "heard beyond the channel limit";
     EXPECT_TRUE(lxtest::waitUntil([&] { return port[1]->hasChannel() && port[0]->isSounding() == 0; }))
         << "the channel did not go on once the stronger clip had been heard";
+    for (LxPlayer* q : p) {
+        manager->destroyPlayer(q);  // before its listener goes
+    }
 }
 
 // destroyPlayer on a playing clip: silent at once; its buffer and threads are gone when it returns,
