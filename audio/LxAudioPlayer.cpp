@@ -332,6 +332,10 @@ void LxAudioPlayer::run() {
                 parser->seek(0);
                 continue;
             }
+            if (!activePosted) {
+                // The whole clip was read ahead of its start: active still comes before the end.
+                postEvent(new (std::nothrow) LxActiveEvent(this));
+            }
             lock();
             ownEndReached = 1;
             activePosted = 0;
