@@ -24,6 +24,9 @@ class LxWin32AudioPortConfig;
 /// of unknown length) stream through a circular buffer that the renderer thread keeps filled,
 /// padding an imminent under-run with silence. The node reports start, stop by request, stop time
 /// and end of media as events, and asks the manager's arbitration for a channel for every port.
+/// End of media comes before the last sample is heard (a resident clip's once it is loaded):
+/// the ports give their channels up only when the sound has ended. A start asked for ahead of
+/// time is written early and set to begin at its exact sample.
 ///
 /// Threads. Three kinds meet here: the producer's thread (getEmptyFrame, putEmptyFrame,
 /// notifyEndOfMedia), the threads that drive the node (the player thread; host threads through
@@ -157,7 +160,10 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     /// The reference time of the latest start.
     LxTime startRefTime;
     /// End of media of a streaming clip: the event goes out at drainPostAt, while the last
-    /// samples still play; the ports stop at tailStopAt, once they have been heard.
+    /// samples still play; the ports stop at tailStopAt, once they have been heard. A resident
+    /// clip's tail is its buffer playing out after its end of media, until residentEndAt. While
+    /// a tail is pending the ports keep (or keep waiting for) their channels and a stop time
+    /// still ends the sound.
     char draining;
     LxTime drainPostAt;
     char tailPending;
@@ -180,9 +186,9 @@ class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectab
     uint32_t registeredPorts;
     /// prepareAheadMs() as the latest start found it.
     double prepareMs;
-    /// 1 from a start until the renderer has nothing more to make heard (stopped, or the last
-    /// samples of a drained clip played); a resident buffer playing out alone is the mixer's to
-    /// report. Written under waitNotify, read by the ports' isSounding on any thread.
+    /// 1 from a start until the renderer has nothing more to make heard (stopped, or the tail
+    /// of the clip played, a port that waits for its channel included). Written under
+    /// waitNotify, read by the ports' isSounding on any thread.
     std::atomic<char> soundPending;
     /// Guards framesCreated and the frame sizes for the producer (a leaf lock).
     KtMutex* poolLock;
