@@ -7,7 +7,7 @@
 #include "LxVrmlSupport.h"
 
 #include "FakeAudioPort.h"
-#include "SettableTimeBase.h"
+#include "TestManager.h"
 
 #include <cmath>
 #include <cstdint>
@@ -46,26 +46,6 @@ class FieldPlayer : public LxPlayer {
     std::vector<lxtest::FakeAudioPort*> ports_;
 };
 
-class FieldManager : public LxManager {
-  public:
-    explicit FieldManager(KtThreadManager* tm)
-        : LxManager(tm), clock(new lxtest::SettableTimeBase(this, 5000.0)) {
-        masterTimeBase = clock;
-    }
-    lxtest::SettableTimeBase* clock;
-    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
-    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
-    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-
-  protected:
-    long initTimers() override { return LX_OK; }
-    long initAudio() override { return LX_OK; }
-    long initVideo() override { return LX_OK; }
-    long startupChannelType(LxAudioChannelType_s) override { return LX_OK; }
-    long shutdownChannelType(LxAudioChannelType_s) override { return LX_OK; }
-};
-
 struct Node : LxSoundNodeNotifier {
     void audioPortChanged(LxAudioOutputPort* port) override {
         if (port != nullptr) {
@@ -102,7 +82,7 @@ struct Reader {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static KtDefaultThreadManager threads;
-    FieldManager* manager = new FieldManager(&threads);
+    lxtest::SceneManager* manager = new lxtest::SceneManager(&threads);
     FieldPlayer* player = new FieldPlayer(manager);
     manager->addPlayer(player);
     Node nodes[3];

@@ -5,6 +5,7 @@
 
 #include "LxManager.h"
 #include "LxResult.h"
+#include "SettableTimeBase.h"
 
 namespace lxtest {
 
@@ -34,6 +35,29 @@ class TestManager : public LxManager {
     long initVideo() override { return LX_ERR_GENERIC; }
     long startupChannelType(LxAudioChannelType_s) override { return LX_ERR_GENERIC; }
     long shutdownChannelType(LxAudioChannelType_s) override { return LX_ERR_GENERIC; }
+};
+
+/// The manager base with a settable master time base (reading 5000 s) and no devices, for tests
+/// of what drives players from the scene's clock. Ended with closeManager(), which also deletes
+/// the time base, as a host ends its manager.
+class SceneManager : public LxManager {
+  public:
+    explicit SceneManager(KtThreadManager* tm) : LxManager(tm), clock(new SettableTimeBase(this, 5000.0)) {
+        masterTimeBase = clock;
+    }
+    SettableTimeBase* clock;
+
+    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
+    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
+    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
+
+  protected:
+    long initTimers() override { return LX_OK; }
+    long initAudio() override { return LX_OK; }
+    long initVideo() override { return LX_OK; }
+    long startupChannelType(LxAudioChannelType_s) override { return LX_OK; }
+    long shutdownChannelType(LxAudioChannelType_s) override { return LX_OK; }
 };
 
 }  // namespace lxtest

@@ -6,6 +6,7 @@
 
 #include "FakeAudioPort.h"
 #include "SettableTimeBase.h"
+#include "TestManager.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -85,28 +86,7 @@ class RecordingPlayer : public LxPlayer {
     LxNodeState state_ = STOPPED;
 };
 
-// The manager base with a settable master time base and no devices.
-class SceneManager : public LxManager {
-  public:
-    // Ended with closeManager(), which also deletes the time base, as a host ends its manager->
-    explicit SceneManager(KtThreadManager* tm)
-        : LxManager(tm), clock(new lxtest::SettableTimeBase(this, 5000.0)) {
-        masterTimeBase = clock;
-    }
-    lxtest::SettableTimeBase* clock;
-
-    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
-    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
-    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-
-  protected:
-    long initTimers() override { return LX_OK; }
-    long initAudio() override { return LX_OK; }
-    long initVideo() override { return LX_OK; }
-    long startupChannelType(LxAudioChannelType_s) override { return LX_OK; }
-    long shutdownChannelType(LxAudioChannelType_s) override { return LX_OK; }
-};
+using lxtest::SceneManager;
 
 struct Notifier : public LxSoundNodeNotifier {
     std::vector<LxAudioOutputPort*> seen;
