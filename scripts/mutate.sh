@@ -331,7 +331,7 @@ def kill_leftovers(build):
 
 
 def run_tests(args, build, names):
-    """Runs the tests; returns ("pass" | "fail" | "timeout", failed test names, seconds)."""
+    """Runs the tests; returns ("pass" | "fail" | "timeout", failed test names, seconds, output)."""
     regex = "^(" + "|".join(re.escape(n) for n in names) + ")$"
     cmd = ["nice", "-n", "10", "ctest", "-R", regex, "-j", str(args.jobs), "--stop-on-failure"]
     start = time.monotonic()
@@ -343,14 +343,16 @@ def run_tests(args, build, names):
         os.killpg(proc.pid, signal.SIGKILL)
         proc.communicate()
         kill_leftovers(build)
-        return "timeout", [], time.monotonic() - start
+        return "timeout", [], time.monotonic() - start, ""
     seconds = time.monotonic() - start
-    failed = re.findall(r"Test\s+#\d+: (\S+) \.*\s*\*+", out)
+    failed = re.findall(r"^\s+\d+ - (\S+) \((?!Not Run)[^)]*\)\s*$", out, re.M)  # ctest's closing list
+    failed = failed or [n for n, status in re.findall(r"Test\s+#\d+: (\S+) \.+\s*([^\n]*)", out)
+                        if not status.startswith("Passed")]
     if proc.returncode == 0:
-        return "pass", [], seconds
+        return "pass", [], seconds, out
     if "Timeout" in out and not re.search(r"\*+(Failed|Exception|SEGFAULT|Subprocess)", out):
-        return "timeout", failed, seconds
-    return "fail", failed or ["(ctest)"], seconds
+        return "timeout", failed, seconds, out
+    return "fail", failed or ["(ctest)"], seconds, out
 
 
 # ---------------------------------------------------------------------------------------------
@@ -373,10 +375,11 @@ def mutate_file(args, work, src, build, rel):
     if not ok:
         say(f"mutate: {rel}: the unmutated tree does not build:\n{log[-3000:]}")
         return None
-    verdict, failed, seconds = run_tests(args, build, names)
+    verdict, failed, seconds, out = run_tests(args, build, names)
     say(f"   unmutated: tests {verdict} in {seconds:.1f} s")
     if verdict != "pass":
         say(f"mutate: {rel}: the tests do not pass without a mutant ({' '.join(failed)}); file skipped")
+        say("\n".join("      " + line for line in out.splitlines()[-40:]))
         return None
     stats = {"file": rel, "mutants": 0, "killed": 0, "survived": 0, "timeout": 0, "discarded": 0,
              "survivors": [], "timeouts": []}
@@ -395,7 +398,7 @@ def mutate_file(args, work, src, build, rel):
                 say(f"   [--] {rel}:{c['line']} {c['kind']} {describe(c)}: does not compile, discarded")
                 continue
             stats["mutants"] += 1
-            verdict, failed, seconds = run_tests(args, build, names)
+            verdict, failed, seconds, _ = run_tests(args, build, names)
             if verdict == "fail":
                 stats["killed"] += 1
                 say(f"{tag}: killed by {' '.join(failed)} ({seconds:.0f} s)")
