@@ -178,11 +178,15 @@ TEST_F(VrmlTest, StopTimeRulesAndRestart) {
     EXPECT_EQ((std::vector<std::string>{"stopAt 5010.000", "stop", "media 0.100", "start 5001.000"}), calls);
 }
 
-TEST_F(VrmlTest, LoopChangeRestartsOnlyAStoppedPlayer) {
+TEST_F(VrmlTest, LoopAndRateChangesTakeEffectAtOnceAndLoopRestartsOnlyAStoppedPlayer) {
     ready();
     player->setPlaying(true);
     support->setLoop(1);
     EXPECT_EQ((std::vector<std::string>{"loop on"}), calls);
+    calls.clear();
+    support->setRate(2.0f);  // a single setter outside a batch takes effect at once
+    support->setRate(1.0f);
+    EXPECT_EQ((std::vector<std::string>{"rate 2.000000", "rate 1.000000"}), calls);
     calls.clear();
     player->setPlaying(false);
     support->setLoop(0);
@@ -227,15 +231,21 @@ TEST_F(VrmlTest, PortsGoToSoundNodesAndComeBackThroughTheFreeList) {
     for (FakeAudioPort* p : player->ports) {
         EXPECT_FLOAT_EQ(0.0f, p->getGain()) << "every new port starts silent";
     }
+    // Both go back to the free list, the latest on top, and are handed out again from there.
+    Notifier d;
     support->removeSoundNode(&a);
+    support->removeSoundNode(&b);
     support->addSoundNode(&c);
+    support->addSoundNode(&d);
     ASSERT_EQ(1u, c.seen.size());
-    EXPECT_EQ(a.seen[0], c.seen[0]) << "the third node reuses the first node's port";
+    ASSERT_EQ(1u, d.seen.size());
+    EXPECT_EQ(b.seen[0], c.seen[0]) << "the third node reuses the port freed last";
+    EXPECT_EQ(a.seen[0], d.seen[0]) << "and the fourth the one freed before";
     EXPECT_EQ(2u, player->ports.size());
 
     support->destroyPlayer();
-    EXPECT_EQ(nullptr, b.seen.back());
     EXPECT_EQ(nullptr, c.seen.back());
+    EXPECT_EQ(nullptr, d.seen.back());
     EXPECT_EQ(LX_ERR_UNKNOWN_PLAYER, manager->verifyPlayer(player));
 }
 

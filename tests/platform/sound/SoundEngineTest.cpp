@@ -260,3 +260,47 @@ TEST_F(SoundEngine, LockAndPositionsRefuseImpossibleRanges) {
 }
 
 }  // namespace
+
+namespace {
+
+// Where a 3D sound is heard: its side comes from its place in the listener's own frame (a listener
+// moved and turned included), its level from the distance law (full within the minimum distance,
+// then min / (min + rolloff x (d - min))), and the far side falls off by the pan law.
+TEST_F(SoundEngine, ThreeDSoundsAreHeardOnTheirSideOfAMovedAndTurnedListener) {
+    Device dev(44100, DSBCAPS_CTRL3D);
+    IDirectSound3DListener* listener = nullptr;
+    ASSERT_EQ(DS_OK,
+              dev.primary->QueryInterface(IID_IDirectSound3DListener, reinterpret_cast<void**>(&listener)));
+    const std::vector<int16_t> sine = soundkit::sine16(441, 500.0 / 44100.0, 32767.0);
+    IDirectSoundBuffer* b =
+        playing(dev, sine, 44100, true, DSBCAPS_CTRLVOLUME | DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRL3D);
+    IDirectSound3DBuffer* b3 = nullptr;
+    ASSERT_EQ(DS_OK, b->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3)));
+    struct Case {
+        float at[3], front[3], sound[3];
+        double left, right;  // peak over the unit-gain peak
+    } cases[] = {
+        {{0, 0, 0}, {0, 0, 1}, {1, 0, 0}, 0.0, 1.0},          // facing +z, +x is on the right
+        {{0, 0, 0}, {0, 0, 1}, {-0.5f, 0, 0}, 1.0, 0.0},      // within the minimum distance: full
+        {{5, 2, 0}, {0, 0, 1}, {5, 2, 3}, 1.0 / 3, 1.0 / 3},  // moved: 3 ahead, centred
+        {{5, 0, 0}, {1, 0, 0}, {5, 0, 2}, 0.5, 0.0},          // turned to +x: +z is on the left, 2 away
+        {{0, 0, 0}, {0, 0, -1}, {0, 0, 4}, 0.25, 0.25},       // behind, 4 away
+    };
+    for (const Case& c : cases) {
+        ASSERT_EQ(DS_OK, listener->SetPosition(c.at[0], c.at[1], c.at[2], DS3D_IMMEDIATE));
+        ASSERT_EQ(DS_OK,
+                  listener->SetOrientation(c.front[0], c.front[1], c.front[2], 0, 1, 0, DS3D_IMMEDIATE));
+        ASSERT_EQ(DS_OK, b3->SetPosition(c.sound[0], c.sound[1], c.sound[2], DS3D_IMMEDIATE));
+        simsound::clearOutput();
+        simsound::advanceFrames(441 * 3);  // the first block glides to the new gains
+        EXPECT_NEAR(c.left, soundkit::peak(simsound::outputChannel(0), 441), 0.01)
+            << c.sound[0] << c.sound[2];
+        EXPECT_NEAR(c.right, soundkit::peak(simsound::outputChannel(1), 441), 0.01)
+            << c.sound[0] << c.sound[2];
+    }
+    b3->Release();
+    listener->Release();
+    b->Release();
+}
+
+}  // namespace
