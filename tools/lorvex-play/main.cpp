@@ -331,22 +331,13 @@ double now(LxManager* manager) {
     return manager->getMasterTimeBase()->getRefTime().getValue();
 }
 
-/// The scene time that the tool's times count from: now plus the start-up latency, the moment at
-/// which a clip started at once is first heard. So --start -1.3 is heard from 1.3 s into the
-/// clip, --stop 0.7 after 0.7 s of sound, and --at NAME=1 one second after that moment; the
-/// scene support itself works out the media position from the clip's start time as a browser's
-/// would.
-double origin(LxManager* manager) {
-    const double latency = manager->getStartUpLatency().getValue();
-    return now(manager) + std::max(0.0, latency);
-}
-
 // Applies the clip's fields in one batch, as a browser's event cascade does; t is the scene's
-// now and base the origin of the clip's own times, the same for every clip so that their start
-// and stop times keep their distances.
-void applyFields(Clip& clip, double t, double base) {
+// now, the same for every clip so that their start and stop times keep their distances. A plain
+// clip's times count from t (with no start-up latency, --start -1.3 is heard from 1.3 s into the
+// clip); a world's are scene times already.
+void applyFields(Clip& clip, double t) {
     LxVrmlSupport& s = *clip.support;
-    base = clip.options.absolute ? 0.0 : base;
+    const double base = clip.options.absolute ? 0.0 : t;
     s.beginChangingFields(LxTime(t));
     s.setLoop(clip.options.loop ? 1 : 0);
     s.setRate(clip.options.rate);
@@ -492,7 +483,7 @@ bool loadWorlds(Options* options, LxManager* manager, std::vector<WorldMedia>* u
     bool listenerSet = false;
     for (const std::string& path : options->worlds) {
         WorldOptions wo;
-        wo.loadTime = origin(manager);
+        wo.loadTime = now(manager);
         wo.startAt = options->startAt;
         wo.hasViewpoint = options->hasViewpoint;
         std::copy(options->viewpoint, options->viewpoint + 3, wo.viewpoint);
@@ -723,10 +714,9 @@ int main(int argc, char** argv) {
 
     // Every clip's fields at one moment of the scene's clock.
     const double sceneNow = now(manager);
-    const double sceneOrigin = origin(manager);
     for (auto& c : clips) {
         if (c->ready) {
-            applyFields(*c, sceneNow, sceneOrigin);
+            applyFields(*c, sceneNow);
         }
     }
 
