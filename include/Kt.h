@@ -70,6 +70,53 @@ class KtWaitNotify {
     Impl* impl_;
 };
 
+/// Holds a KtMutex or KtWaitNotify for the rest of a scope, so no return or early exit can leave
+/// it locked. unlock() lets go early (for a call that must not run under the lock, such as a host's
+/// listener) and lock() takes it back; the destructor releases it only if it is still held.
+template <class Lockable>
+class KtScopedLock {
+  public:
+    explicit KtScopedLock(Lockable& lockable) : lockable_(lockable) { lockable_.lock(); }
+    explicit KtScopedLock(Lockable* lockable) : KtScopedLock(*lockable) {}
+    ~KtScopedLock() {
+        if (held_)
+            lockable_.unlock();
+    }
+
+    void unlock() {
+        held_ = false;
+        lockable_.unlock();
+    }
+    void lock() {
+        lockable_.lock();
+        held_ = true;
+    }
+    bool holds() const { return held_; }
+
+    KtScopedLock(const KtScopedLock&) = delete;
+    KtScopedLock& operator=(const KtScopedLock&) = delete;
+
+  private:
+    Lockable& lockable_;
+    bool held_ = true;
+};
+
+/// Lets go of a lock the caller holds for the rest of a scope and takes it back on leaving it: for a
+/// call out of a locked region (a listener, a blocking wait) that must not run under the lock.
+template <class Lockable>
+class KtScopedUnlock {
+  public:
+    explicit KtScopedUnlock(Lockable& lockable) : lockable_(lockable) { lockable_.unlock(); }
+    explicit KtScopedUnlock(Lockable* lockable) : KtScopedUnlock(*lockable) {}
+    ~KtScopedUnlock() { lockable_.lock(); }
+
+    KtScopedUnlock(const KtScopedUnlock&) = delete;
+    KtScopedUnlock& operator=(const KtScopedUnlock&) = delete;
+
+  private:
+    Lockable& lockable_;
+};
+
 /// A gate: closed gates hold waiters back, an open gate lets every waiter through and stays open
 /// until it is closed again.
 class KtGateLock {

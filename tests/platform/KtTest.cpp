@@ -13,24 +13,32 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-TEST(KtMutex, IsReentrantForItsOwnerAndExcludesOthers) {
+TEST(KtMutex, IsReentrantForItsOwnerAndExcludesOthersAndTheGuardsReleaseIt) {
     KtMutex* m = KtMutex::create();
-    m->lock();
-    m->lock();  // the owner locks again without blocking
     std::atomic<bool> taken{false};
-    std::thread other([&] {
-        m->lock();
-        taken = true;
-        m->unlock();
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(taken.load());
-    m->unlock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(taken.load()) << "one unlock per lock";
-    m->unlock();
-    other.join();
-    EXPECT_TRUE(taken.load());
+    std::thread other;
+    {
+        KtScopedLock<KtMutex> outer(m);
+        {
+            KtScopedLock<KtMutex> inner(m);  // the owner locks again without blocking
+            other = std::thread([&] {
+                KtScopedLock<KtMutex> guard(m);
+                taken = true;
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            EXPECT_FALSE(taken.load());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_FALSE(taken.load()) << "one unlock per lock";
+        {
+            KtScopedUnlock<KtMutex> out(m);  // lets the other thread through, then takes it back
+            other.join();
+        }
+        EXPECT_TRUE(taken.load());
+        outer.unlock();
+        EXPECT_FALSE(outer.holds());
+    }                                                            // a released guard does not unlock again
+    std::thread([&] { KtScopedLock<KtMutex> free(m); }).join();  // nobody still holds it
     delete m;
 }
 
