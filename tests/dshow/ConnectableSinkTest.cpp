@@ -8,8 +8,8 @@
 #include "TestRenderer.h"
 #include "TestSupport.h"
 #include "platform/dshow/LxpGraphBase.h"
-#include "platform/dshow/filterlib/LxpConnectableSink.h"
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpConnectableSink.h"
+#include "filterlib/LxpRenderer.h"
 
 #include <gtest/gtest.h>
 

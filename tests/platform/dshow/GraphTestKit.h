@@ -6,7 +6,7 @@
 #include "Kt.h"
 #include "platform/dshow/LxpGraph.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "platform/dshow/filterlib/LxpRendererSink.h"
+#include "filterlib/LxpRendererSink.h"
 
 #include "GraphClips.h"
 #include "TestSupport.h"

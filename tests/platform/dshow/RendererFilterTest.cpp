@@ -2,7 +2,7 @@
 // queue's back-pressure, flushes, end of stream and the gate.
 #include "LxConnectable.h"
 #include "platform/dshow/LxpGraphBase.h"
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpRenderer.h"
 
 #include "FakeSample.h"
 #include "GraphTestKit.h"

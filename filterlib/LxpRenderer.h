@@ -15,7 +15,7 @@
 #include "platform/dshow/LxpGraph.h"
 #include "platform/dshow/LxpGstSinkFilter.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "platform/dshow/filterlib/LxpRendererSink.h"
+#include "filterlib/LxpRendererSink.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -8,7 +8,7 @@
 // pool lets it, as a DirectShow audio renderer takes samples as fast as it can buffer them. The
 // video sink waits for each frame's time. Flushes seen on the sink's pad are passed to the filter
 // so that a blocked delivery gives up at once.
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpRenderer.h"
 
 #include "LxLog.h"
 

@@ -1,7 +1,7 @@
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpRenderer.h"
 
 #include "LxLog.h"
-#include "platform/dshow/filterlib/LxpConnectableSink.h"
+#include "filterlib/LxpConnectableSink.h"
 
 #include <chrono>
 #include <cstring>

@@ -23,7 +23,7 @@
 #define LORVEX_PLATFORM_DSHOW_FILTERLIB_CONNECTABLE_SINK_H
 
 #include "LxConnectable.h"
-#include "platform/dshow/filterlib/LxpRendererSink.h"
+#include "filterlib/LxpRendererSink.h"
 
 class LxAMPlayer;
 

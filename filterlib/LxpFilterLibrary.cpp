@@ -5,7 +5,7 @@
 // registry after the loader that registered them has freed its handle, as the manager's probe does.
 #include "LxLog.h"
 #include "platform/dshow/LxpGraphConfig.h"
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpRenderer.h"
 
 #define LXP_EXPORT extern "C" __attribute__((visibility("default")))
 

@@ -1,6 +1,6 @@
 // A filter library built without GStreamer has no GStreamer face: its filters are fed through
 // IMemInputPin only (the simulated graph).
-#include "platform/dshow/filterlib/LxpRenderer.h"
+#include "filterlib/LxpRenderer.h"
 
 namespace lxp {
 

@@ -1,4 +1,4 @@
-#include "platform/dshow/filterlib/LxpConnectableSink.h"
+#include "filterlib/LxpConnectableSink.h"
 
 #include "LxAMPlayer.h"
 #include "LxLog.h"
