@@ -4,8 +4,8 @@
 // The library stays loaded once loaded (it is linked with -z nodelete): its factories live in the
 // registry after the loader that registered them has freed its handle, as the manager's probe does.
 #include "LxLog.h"
-#include "platform/dshow/LxpGraphConfig.h"
 #include "filterlib/LxpRenderer.h"
+#include "platform/dshow/LxpGraphConfig.h"
 
 #define LXP_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -15,44 +15,21 @@ constexpr HRESULT SELFREG_E_CLASS = static_cast<HRESULT>(0x80040201u);
 
 namespace {
 
-constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110u);
-
-class RendererFactory : public ComObject<IClassFactory> {
+class RendererFactory : public ClassFactory {
   public:
     explicit RendererFactory(RendererKind kind) : kind_(kind) {}
 
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IClassFactory) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+  protected:
+    HRESULT createObject(const IID& iid, void** out) override {
+        return handOut(new RendererFilter(kind_, graphconfig::videoPixelFormat()), iid, out);
     }
-    HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) override {
-        if (out == nullptr) {
-            return E_POINTER;
-        }
-        *out = nullptr;
-        if (outer != nullptr) {
-            return CLASS_E_NOAGGREGATION;
-        }
-        RendererFilter* filter = new RendererFilter(kind_, graphconfig::videoPixelFormat());
-        const HRESULT hr = filter->QueryInterface(iid, out);
-        filter->Release();
-        return hr;
-    }
-    HRESULT LockServer(bool) override { return S_OK; }
 
   private:
     const RendererKind kind_;
 };
 
 HRESULT registerRenderer(const CLSID& clsid, RendererKind kind) {
-    RendererFactory* factory = new RendererFactory(kind);
-    const HRESULT hr = registerClass(clsid, factory);
-    factory->Release();
-    return hr;
+    return registerFactory<RendererFactory>(clsid, kind);
 }
 
 }  // namespace

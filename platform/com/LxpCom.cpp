@@ -121,6 +121,26 @@ HRESULT CoGetClassObject(const CLSID& clsid, uint32_t, void*, const IID& iid, vo
     return hr;
 }
 
+HRESULT ClassFactory::QueryInterface(const IID& iid, void** out) {
+    if (out != nullptr && iid == IID_IClassFactory) {
+        *out = static_cast<IClassFactory*>(this);
+        AddRef();
+        return S_OK;
+    }
+    return queryBase(iid, out);
+}
+
+HRESULT ClassFactory::CreateInstance(IUnknown* outer, const IID& iid, void** out) {
+    if (out == nullptr) {
+        return E_POINTER;
+    }
+    *out = nullptr;
+    if (outer != nullptr) {
+        return CLASS_E_NOAGGREGATION;
+    }
+    return createObject(iid, out);
+}
+
 HRESULT registerClass(const CLSID& clsid, IClassFactory* factory) {
     if (factory == nullptr) {
         return E_POINTER;

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 namespace lxp {
 
@@ -27,6 +28,7 @@ constexpr HRESULT REGDB_E_CLASSNOTREG = static_cast<HRESULT>(0x80040154u);
 constexpr HRESULT CO_E_NOTINITIALIZED = static_cast<HRESULT>(0x800401F0u);
 constexpr HRESULT CO_E_DLLNOTFOUND = static_cast<HRESULT>(0x800401F8u);
 constexpr HRESULT HRESULT_MOD_NOT_FOUND = static_cast<HRESULT>(0x8007007Eu);  // module not found
+constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110u);
 
 inline bool SUCCEEDED(HRESULT hr) {
     return hr >= 0;
@@ -50,6 +52,23 @@ bool operator==(const GUID& a, const GUID& b);
 inline bool operator!=(const GUID& a, const GUID& b) {
     return !(a == b);
 }
+
+// The PCM format record that the sound device and the filter graphs share, packed as on Windows
+// (18 bytes) so that format blocks compare and copy byte for byte.
+constexpr uint16_t WAVE_FORMAT_PCM = 1;
+
+#pragma pack(push, 1)
+struct WAVEFORMATEX {
+    uint16_t wFormatTag;  // WAVE_FORMAT_PCM
+    uint16_t nChannels;
+    uint32_t nSamplesPerSec;
+    uint32_t nAvgBytesPerSec;
+    uint16_t nBlockAlign;
+    uint16_t wBitsPerSample;
+    uint16_t cbSize;
+};
+#pragma pack(pop)
+static_assert(sizeof(WAVEFORMATEX) == 18, "WAVEFORMATEX is 18 bytes");
 
 extern const IID IID_IUnknown;
 extern const IID IID_IClassFactory;
@@ -104,6 +123,31 @@ class ComObject : public Interface {
     std::atomic<uint32_t> refs_;
 };
 
+/// Hands a freshly made object (one reference, or null when it could not be allocated) to the
+/// caller as interface iid and drops the creator's reference.
+template <class Object>
+HRESULT handOut(Object* object, const IID& iid, void** out) {
+    if (object == nullptr) {
+        return E_OUTOFMEMORY;
+    }
+    const HRESULT hr = object->QueryInterface(iid, out);
+    object->Release();
+    return hr;
+}
+
+/// A class factory of ours: answers IClassFactory, refuses aggregation and leaves the making of
+/// the object to createObject.
+class ClassFactory : public ComObject<IClassFactory> {
+  public:
+    HRESULT QueryInterface(const IID& iid, void** out) override;
+    HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) override;
+    HRESULT LockServer(bool) override { return S_OK; }
+
+  protected:
+    /// Makes the object and hands it out as iid (see handOut); out is valid and already null.
+    virtual HRESULT createObject(const IID& iid, void** out) = 0;
+};
+
 /// Makes the calling thread able to create objects. S_OK the first time on a thread, S_FALSE when
 /// it was already initialised (each success needs one CoUninitialize).
 HRESULT CoInitialize(void* reserved);
@@ -120,6 +164,15 @@ HRESULT registerClass(const CLSID& clsid, IClassFactory* factory);
 /// Removes a class; S_OK, or S_FALSE when it was not registered.
 HRESULT unregisterClass(const CLSID& clsid);
 bool isClassRegistered(const CLSID& clsid);
+
+/// Registers a class whose factory is made here (see registerClass).
+template <class Factory, class... Args>
+HRESULT registerFactory(const CLSID& clsid, Args&&... args) {
+    Factory* factory = new Factory(std::forward<Args>(args)...);
+    const HRESULT hr = registerClass(clsid, factory);
+    factory->Release();
+    return hr;
+}
 
 /// Failure injection for the simulated platform.
 namespace comtest {

@@ -50,21 +50,6 @@ constexpr uint32_t AM_SEEKING_RelativePositioning = 2;
 constexpr uint32_t AM_SEEKING_IncrementalPositioning = 3;
 constexpr uint32_t AM_SEEKING_PositioningBitsMask = 3;
 
-// Packed as on Windows (18 bytes), so that format blocks compare and copy byte for byte.
-#pragma pack(push, 1)
-struct WAVEFORMATEX {
-    uint16_t wFormatTag;  // 1: PCM
-    uint16_t nChannels;
-    uint32_t nSamplesPerSec;
-    uint32_t nAvgBytesPerSec;
-    uint16_t nBlockAlign;
-    uint16_t wBitsPerSample;
-    uint16_t cbSize;
-};
-#pragma pack(pop)
-static_assert(sizeof(WAVEFORMATEX) == 18, "WAVEFORMATEX is 18 bytes");
-constexpr uint16_t WAVE_FORMAT_PCM = 1;
-
 struct RECT {
     int32_t left;
     int32_t top;

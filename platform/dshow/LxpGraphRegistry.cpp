@@ -16,8 +16,6 @@ namespace lxp {
 
 namespace {
 
-constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110u);
-
 std::atomic<bool> gSimulated{false};
 std::atomic<int> gPixelFormat{LxPixel32Alt};
 std::atomic<bool> gGStreamerMissing{false};
@@ -28,26 +26,12 @@ bool backendAvailable() {
 }
 
 /// Creates objects of one graph class through the chosen backend.
-class GraphClassFactory : public ComObject<IClassFactory> {
+class GraphClassFactory : public ClassFactory {
   public:
     explicit GraphClassFactory(bool decoder) : decoder_(decoder) {}
 
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IClassFactory) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
-    }
-    HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) override {
-        if (out == nullptr) {
-            return E_POINTER;
-        }
-        *out = nullptr;
-        if (outer != nullptr) {
-            return CLASS_E_NOAGGREGATION;
-        }
+  protected:
+    HRESULT createObject(const IID& iid, void** out) override {
         if (!decoder_) {
             return gSimulated.load() ? simgraph::createFilterGraph(iid, out)
                                      : gstgraph::createFilterGraph(iid, out);
@@ -58,24 +42,16 @@ class GraphClassFactory : public ComObject<IClassFactory> {
         // The graph's decoding chain decodes MPEG audio by itself; the filter exists so that a
         // graph built the Windows way, with the decoder added by hand, builds here too. It has no
         // pins and takes no part in rendering.
-        BasicFilter* filter = new BasicFilter(L"MPEG Layer 3 Codec");
-        const HRESULT hr = filter->QueryInterface(iid, out);
-        filter->Release();
-        return hr;
+        return handOut(new BasicFilter(L"MPEG Layer 3 Codec"), iid, out);
     }
-    HRESULT LockServer(bool) override { return S_OK; }
 
   private:
     const bool decoder_;
 };
 
 bool registerGraphClasses() {
-    GraphClassFactory* graphs = new GraphClassFactory(false);
-    registerClass(CLSID_FilterGraph, graphs);
-    graphs->Release();
-    GraphClassFactory* decoders = new GraphClassFactory(true);
-    registerClass(CLSID_MPEGLayer3Codec, decoders);
-    decoders->Release();
+    registerFactory<GraphClassFactory>(CLSID_FilterGraph, false);
+    registerFactory<GraphClassFactory>(CLSID_MPEGLayer3Codec, true);
     return true;
 }
 

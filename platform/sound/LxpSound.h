@@ -36,23 +36,6 @@ constexpr HRESULT DSERR_NOAGGREGATION = static_cast<HRESULT>(0x80040110u);
 constexpr HRESULT DSERR_BUFFERLOST = static_cast<HRESULT>(0x88780096u);
 constexpr HRESULT DSERR_UNINITIALIZED = static_cast<HRESULT>(0x887800AAu);
 
-// ---- Wave format ----
-constexpr uint16_t WAVE_FORMAT_PCM = 1;
-
-#pragma pack(push, 1)
-/// The 18-byte PCM format record.
-struct WAVEFORMATEX {
-    uint16_t wFormatTag;
-    uint16_t nChannels;
-    uint32_t nSamplesPerSec;
-    uint32_t nAvgBytesPerSec;
-    uint16_t nBlockAlign;
-    uint16_t wBitsPerSample;
-    uint16_t cbSize;
-};
-#pragma pack(pop)
-static_assert(sizeof(WAVEFORMATEX) == 18, "WAVEFORMATEX is 18 bytes");
-
 // ---- Buffer description and capabilities ----
 constexpr uint32_t DSBCAPS_PRIMARYBUFFER = 0x00000001;
 constexpr uint32_t DSBCAPS_STATIC = 0x00000002;
