@@ -1,5 +1,7 @@
 #include "midi/LxWin32MidiParser.h"
 
+#include "midi/LxMidiVarLen.h"
+
 #include "LxLog.h"
 
 #include <algorithm>
@@ -275,16 +277,11 @@ bool LxWin32MidiParser::getTrackByte(LxMidiTrack* track, uint8_t* byte) {
 }
 
 bool LxWin32MidiParser::readVarLen(LxMidiTrack* track, uint32_t* value) {
-    // Values beyond 32 bits (more than the standard's four bytes) saturate rather than wrap, so a
-    // corrupt length can only be too long, never a plausible small one.
+    // Beyond 32 bits (more than the standard's four bytes) a number saturates.
     uint64_t v = 0;
-    uint8_t b = 0;
-    do {
-        if (!getTrackByte(track, &b)) {
-            return false;
-        }
-        v = std::min<uint64_t>((v << 7) | (b & 0x7F), 0xFFFFFFFFu);
-    } while (b & 0x80);
+    if (!lxReadMidiVarLen([&](uint8_t* b) { return getTrackByte(track, b); }, 0xFFFFFFFFu, &v)) {
+        return false;
+    }
     *value = static_cast<uint32_t>(v);
     return true;
 }

@@ -1,5 +1,7 @@
 #include "midi/LxWin32NewMidiParser.h"
 
+#include "midi/LxMidiVarLen.h"
+
 #include "LxLog.h"
 #include "LxResult.h"
 
@@ -82,17 +84,7 @@ bool LxWin32NewMidiParser::readBytes(int n, uint32_t* value) {
 }
 
 bool LxWin32NewMidiParser::readVarLen(uint64_t* value) {
-    // Saturates instead of wrapping (see the stream parser).
-    uint64_t v = 0;
-    uint8_t b = 0;
-    do {
-        if (!readByte(&b)) {
-            return false;
-        }
-        v = std::min<uint64_t>((v << 7) | (b & 0x7F), UINT64_C(1) << 40);
-    } while (b & 0x80);
-    *value = v;
-    return true;
+    return lxReadMidiVarLen([this](uint8_t* b) { return readByte(b); }, UINT64_C(1) << 40, value);
 }
 
 bool LxWin32NewMidiParser::skip(uint64_t n) {
