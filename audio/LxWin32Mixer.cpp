@@ -457,22 +457,8 @@ long LxWin32Mixer::scheduleStart(short port, double seconds) {
     if (rec == nullptr) {
         return LX_ERR_NO_PORT;
     }
-    rec->startAt = seconds > 0.0 ? clockMicros() + static_cast<int64_t>(std::llround(seconds * 1e6)) : 0;
+    rec->startAt = seconds > 0.0 ? lxp::clockMicros() + static_cast<int64_t>(std::llround(seconds * 1e6)) : 0;
     return LX_OK;
-}
-
-int64_t LxWin32Mixer::clockMicros() {
-    // The counter the time base reads, in the unit the sound device takes start times in.
-    lxp::Clock& c = lxp::clock();
-    int64_t count = 0;
-    int64_t frequency = 0;
-    if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
-        return static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
-    }
-    int64_t s = 0;
-    int32_t ms = 0;
-    c.timeOfDay(&s, &ms);
-    return s * 1000000 + static_cast<int64_t>(ms) * 1000;
 }
 
 long LxWin32Mixer::setPositionAllPorts(LxWin32AudioPortData* rec, uint32_t position) {

@@ -212,8 +212,6 @@ class LxWin32Mixer : public LxMixer {
     /// Milliseconds bytes take to play at the port's rate and tempo.
     uint32_t playMillis(LxWin32AudioPortData* record, double bytes);
     void destroyRecord(short port, LxWin32AudioPortData* record);
-    /// Microseconds of the process clock's counter (what scheduled starts are given in).
-    static int64_t clockMicros();
     /// Puts the stored gain, pan, tempo, location and spatialisation on the record's buffer.
     /// Slot lock held.
     void applyStoredSettings(LxWin32AudioPortData* record);

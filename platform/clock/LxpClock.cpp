@@ -54,6 +54,19 @@ Clock& clock() {
     return c != nullptr ? *c : systemClock();
 }
 
+int64_t clockMicros() {
+    Clock& c = clock();
+    int64_t count = 0;
+    int64_t frequency = 0;
+    if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
+        return static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
+    }
+    int64_t s = 0;
+    int32_t ms = 0;
+    c.timeOfDay(&s, &ms);
+    return s * 1000000 + static_cast<int64_t>(ms) * 1000;
+}
+
 void setClock(Clock* clock) {
     gClock.store(clock, std::memory_order_release);
 }

@@ -27,6 +27,9 @@ class Clock {
 
 /// The process's clock: the system clock unless a test or host installed another.
 Clock& clock();
+/// Microseconds of clock()'s counter, or of its time of day where there is no counter: the unit
+/// scheduled sound starts are given in.
+int64_t clockMicros();
 /// Installs a clock for the whole process (null: back to the system clock). The caller keeps
 /// ownership and must keep it alive until it is replaced.
 void setClock(Clock* clock);

@@ -112,7 +112,7 @@ class SimBackend : public sound::Backend {
         if (!config_.syncToClock) {
             return;
         }
-        const int64_t micros = sound::Engine::clockMicros();
+        const int64_t micros = clockMicros();
         std::lock_guard<std::mutex> guard(renderMutex_);
         if (!clockOriginSet_) {
             clockOriginSet_ = true;
