@@ -1,5 +1,8 @@
 # Build settings shared by every part of Lorvex.
 
+# The version header, numbered from project(VERSION) so that the version is written once.
+configure_file(${PROJECT_SOURCE_DIR}/include/LxVersion.h.in ${PROJECT_BINARY_DIR}/include/LxVersion.h @ONLY)
+
 # Compiler flags for our own targets (not for third-party code).
 add_library(lorvex_build_options INTERFACE)
 target_compile_options(lorvex_build_options INTERFACE -Wall -Wextra)
@@ -8,6 +11,7 @@ if(LORVEX_WERROR)
 endif()
 target_include_directories(lorvex_build_options INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>)
 if(LORVEX_KEEP_LOG)
     target_compile_definitions(lorvex_build_options INTERFACE LORVEX_KEEP_LOG=1)
@@ -64,6 +68,7 @@ function(lorvex_finish_library)
         EXPORT_NAME lorvex)
     target_include_directories(lorvex PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+        $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/lorvex>)
     if(LORVEX_KEEP_LOG)
         target_compile_definitions(lorvex PUBLIC LORVEX_KEEP_LOG=1)

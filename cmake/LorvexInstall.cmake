@@ -7,6 +7,7 @@ install(TARGETS lorvex EXPORT LorvexTargets
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lorvex
     FILES_MATCHING PATTERN "*.h")
+install(FILES ${PROJECT_BINARY_DIR}/include/LxVersion.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lorvex)
 install(EXPORT LorvexTargets NAMESPACE Lorvex:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Lorvex)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/LorvexConfig.cmake.in
