@@ -583,7 +583,7 @@ HRESULT Device::CreateSoundBuffer(const DSBUFFERDESC* d, IDirectSoundBuffer** bu
     if (memory == nullptr) {
         return DSERR_OUTOFMEMORY;
     }
-    ConsumedTap* tap = backend_->tapConsumed() ? new (std::nothrow) ConsumedTap() : nullptr;
+    ConsumedTap* tap = backend_->tapConsumed() ? ConsumedTap::create(*memory) : nullptr;
     const int voice = engine_->createVoice(memory, (d->dwFlags & DSBCAPS_CTRL3D) != 0, listenerSlot_, tap);
     if (voice < 0) {
         delete tap;
@@ -640,7 +640,7 @@ HRESULT Device::DuplicateSoundBuffer(IDirectSoundBuffer* original, IDirectSoundB
         return DSERR_INVALIDPARAM;
     }
     SampleMemory* memory = source->memory();
-    ConsumedTap* tap = backend_->tapConsumed() ? new (std::nothrow) ConsumedTap() : nullptr;
+    ConsumedTap* tap = backend_->tapConsumed() ? ConsumedTap::create(*memory) : nullptr;
     const int voice =
         engine_->createVoice(memory, (source->flags() & DSBCAPS_CTRL3D) != 0, listenerSlot_, tap);
     if (voice < 0) {
@@ -1114,33 +1114,11 @@ void SecondaryBuffer::info(BufferInfo* out) {
     out->mode3D = appliedMode_;
 }
 
-class DeviceFactory final : public ComObject<IClassFactory> {
-  public:
-    HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IClassFactory) {
-            *out = static_cast<IClassFactory*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+class DeviceFactory final : public ClassFactory {
+  protected:
+    HRESULT createObject(const IID& iid, void** out) override {
+        return handOut(new (std::nothrow) Device(currentBackend()), iid, out);
     }
-    HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) override {
-        if (out == nullptr) {
-            return E_POINTER;
-        }
-        *out = nullptr;
-        if (outer != nullptr) {
-            return DSERR_NOAGGREGATION;
-        }
-        Device* d = new (std::nothrow) Device(currentBackend());
-        if (d == nullptr) {
-            return E_OUTOFMEMORY;
-        }
-        const HRESULT hr = d->QueryInterface(iid, out);
-        d->Release();
-        return hr;
-    }
-    HRESULT LockServer(bool) override { return S_OK; }
 };
 
 struct MixSourceEntry {
@@ -1182,9 +1160,7 @@ void registerDeviceClass() {
     if (isClassRegistered(CLSID_DirectSound)) {
         return;
     }
-    DeviceFactory* f = new DeviceFactory();
-    registerClass(CLSID_DirectSound, f);
-    f->Release();
+    registerFactory<DeviceFactory>(CLSID_DirectSound);
 }
 
 bool describeBuffer(IDirectSoundBuffer* buffer, BufferInfo* info) {
@@ -1201,15 +1177,13 @@ std::vector<uint8_t> consumedBytes(IDirectSoundBuffer* buffer) {
     if (b == nullptr || b->tap() == nullptr) {
         return {};
     }
-    std::lock_guard<std::mutex> guard(b->tap()->mutex);
-    return b->tap()->bytes;
+    return b->tap()->bytes();
 }
 
 void clearConsumedBytes(IDirectSoundBuffer* buffer) {
     SecondaryBuffer* b = dynamic_cast<SecondaryBuffer*>(buffer);
     if (b != nullptr && b->tap() != nullptr) {
-        std::lock_guard<std::mutex> guard(b->tap()->mutex);
-        b->tap()->bytes.clear();
+        b->tap()->clear();
     }
 }
 

@@ -300,19 +300,6 @@ void Engine::threadMain() {
     }
 }
 
-int64_t Engine::clockMicros() {
-    Clock& c = clock();
-    int64_t count = 0;
-    int64_t frequency = 0;
-    if (c.queryPerformanceCounter(&count) && c.queryPerformanceFrequency(&frequency) && frequency > 0) {
-        return static_cast<int64_t>(static_cast<long double>(count) * 1000000.0L / frequency);
-    }
-    int64_t s = 0;
-    int32_t ms = 0;
-    c.timeOfDay(&s, &ms);
-    return s * 1000000 + static_cast<int64_t>(ms) * 1000;
-}
-
 void Engine::anchorAt(uint64_t frame, int64_t micros) {
     anchored_ = true;
     anchorFrame_ = frame;
@@ -826,6 +813,69 @@ void Engine::setVectorKernels(bool on) {
     gVectorKernels.store(on);
 }
 
+ConsumedTap* ConsumedTap::create(const SampleMemory& memory, uint32_t seconds) {
+    const size_t capacity = static_cast<size_t>(memory.format.nAvgBytesPerSec) * seconds;
+    uint8_t* ring = new (std::nothrow) uint8_t[capacity > 0 ? capacity : 1];
+    if (ring == nullptr) {
+        return nullptr;
+    }
+    ConsumedTap* tap = new (std::nothrow) ConsumedTap(ring, capacity > 0 ? capacity : 1);
+    if (tap == nullptr) {
+        delete[] ring;
+    }
+    return tap;
+}
+
+void ConsumedTap::record(const SampleMemory& memory, uint32_t first, uint64_t count, bool loop) {
+    const uint32_t align = memory.blockAlign;
+    uint64_t w = written_.load(std::memory_order_relaxed);
+    const uint64_t room = capacity_ - (w - read_.load(std::memory_order_acquire));
+    uint64_t frames = count;
+    if (!loop) {
+        frames = std::min<uint64_t>(frames, first < memory.frames ? memory.frames - first : 0);
+    }
+    const uint64_t fit = std::min<uint64_t>(frames, room / align);
+    uint8_t frame[4];
+    uint32_t f = first;
+    for (uint64_t k = 0; k < fit; ++k) {
+        if (f >= memory.frames) {
+            f = 0;
+        }
+        memory.frameBytes(f, frame);
+        for (uint32_t b = 0; b < align; ++b) {
+            ring_[(w + b) % capacity_] = frame[b];
+        }
+        w += align;
+        ++f;
+    }
+    written_.store(w, std::memory_order_release);
+    if (fit < frames) {
+        dropped_.fetch_add((frames - fit) * align, std::memory_order_relaxed);
+    }
+}
+
+void ConsumedTap::drainLocked() {
+    const uint64_t w = written_.load(std::memory_order_acquire);
+    uint64_t r = read_.load(std::memory_order_relaxed);
+    bytes_.reserve(bytes_.size() + static_cast<size_t>(w - r));
+    for (; r < w; ++r) {
+        bytes_.push_back(ring_[r % capacity_]);
+    }
+    read_.store(r, std::memory_order_release);
+}
+
+std::vector<uint8_t> ConsumedTap::bytes() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    drainLocked();
+    return bytes_;
+}
+
+void ConsumedTap::clear() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    drainLocked();
+    bytes_.clear();
+}
+
 void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
     uint64_t w = v.ctl.load(std::memory_order_acquire);
     const uint64_t gen = w >> kCtlGenerationShift;
@@ -951,20 +1001,7 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
             frac = static_cast<uint32_t>(acc);
         }
         if (v.tap != nullptr && consumed > 0) {
-            std::lock_guard<std::mutex> tapGuard(v.tap->mutex);
-            uint8_t frame[4];
-            uint32_t f = startIdx;
-            for (uint64_t k = 0; k < consumed; ++k) {
-                if (f >= frames) {
-                    if (!loop) {
-                        break;
-                    }
-                    f = 0;
-                }
-                m->frameBytes(f, frame);
-                v.tap->bytes.insert(v.tap->bytes.end(), frame, frame + m->blockAlign);
-                ++f;
-            }
+            v.tap->record(*m, startIdx, consumed, loop);
         }
     }
     if (ended || idx >= frames) {

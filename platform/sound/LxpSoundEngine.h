@@ -129,10 +129,38 @@ constexpr int64_t kNoStart = INT64_MIN;
 /// Voice slot states.
 enum VoiceState : uint32_t { kVoiceFree = 0, kVoiceActive = 1, kVoiceReleasing = 2, kVoiceRetired = 3 };
 
-/// Bytes the cursor of a voice passed, kept for tests of the simulated backend.
-struct ConsumedTap {
-    std::mutex mutex;
-    std::vector<uint8_t> bytes;
+/// Bytes the cursor of a voice passed, kept for tests of the simulated backend. The mixing thread
+/// appends into a ring allocated up front, taking no lock and allocating nothing; readers move
+/// what it wrote into bytes. What does not fit in the ring before a reader drains it is dropped
+/// (and counted), never waited for.
+class ConsumedTap {
+  public:
+    /// Room for seconds of memory's format at its own rate; null when it cannot be allocated.
+    static ConsumedTap* create(const SampleMemory& memory, uint32_t seconds = 8);
+
+    /// Mixing thread: the bytes of frames [first, first + count) of memory (wrapping to frame 0
+    /// when loop is set, stopping at the end otherwise). Holds memory's commit lock.
+    void record(const SampleMemory& memory, uint32_t first, uint64_t count, bool loop);
+
+    /// Readers: everything recorded since the last clear; clear forgets it.
+    std::vector<uint8_t> bytes();
+    void clear();
+    /// Bytes the ring had no room for.
+    uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
+
+  private:
+    ConsumedTap(uint8_t* ring, size_t capacity) : ring_(ring), capacity_(capacity) {}
+    void drainLocked();
+
+    // The ring: written_ and read_ count bytes since the start; the mixing thread owns written_,
+    // a reader (holding mutex_) owns read_.
+    std::unique_ptr<uint8_t[]> ring_;
+    const size_t capacity_;
+    std::atomic<uint64_t> written_{0};
+    std::atomic<uint64_t> read_{0};
+    std::atomic<uint64_t> dropped_{0};
+    std::mutex mutex_;  // readers only
+    std::vector<uint8_t> bytes_;
 };
 
 /// The play state of a voice in one word: the play cursor in bytes (low 32 bits), playing, looping,
@@ -224,8 +252,6 @@ class Engine {
     void anchorAt(uint64_t frame, int64_t micros);
     /// Frames rendered so far (the mixing thread's count).
     uint64_t framesRendered() const { return framesOut_.load(std::memory_order_acquire); }
-    /// The clock time in microseconds of lxp::clock()'s counter (the time base's source).
-    static int64_t clockMicros();
 
     /// Renders frames of output, in ~10 ms blocks as the mixing thread does, into the sink. Runs as the
     /// mixing thread: only one thread at a time, and never while the engine's own thread runs.

@@ -5,6 +5,7 @@
 #include "SoundTestKit.h"
 
 #include "platform/LxpDuplex.h"
+#include "platform/sound/LxpSoundEngine.h"
 
 #include <gtest/gtest.h>
 
@@ -301,6 +302,67 @@ TEST_F(SoundEngine, ThreeDSoundsAreHeardOnTheirSideOfAMovedAndTurnedListener) {
     b3->Release();
     listener->Release();
     b->Release();
+}
+
+// The record of passed bytes that the mixing thread keeps without lock or allocation: frames in
+// order across the ring's wrap and the clip's loop, a one-shot stopping at its end, what the ring
+// has no room for counted as dropped, and a reader draining while the mixing thread appends.
+TEST(ConsumedTap, KeepsPassedFramesInOrderAndCountsWhatItDrops) {
+    WAVEFORMATEX f{WAVE_FORMAT_PCM, 1, 100, 200, 2, 16, 0};
+    sound::SampleMemory* m = sound::SampleMemory::create(f, 20);  // ten frames: 0x0100, 0x0101, ...
+    ASSERT_NE(nullptr, m);
+    for (int i = 0; i < 10; ++i) {
+        m->raw[2 * i] = static_cast<uint8_t>(i);
+        m->raw[2 * i + 1] = 1;
+    }
+    m->commit(0, 20);
+    std::unique_ptr<sound::ConsumedTap> tap(sound::ConsumedTap::create(*m, 1));  // 100 frames
+    ASSERT_NE(nullptr, tap);
+    auto record = [&](uint32_t first, uint64_t count, bool loop) {
+        std::lock_guard<std::mutex> guard(m->commitLock);
+        tap->record(*m, first, count, loop);
+    };
+    auto framesOf = [](const std::vector<uint8_t>& bytes) {
+        std::vector<int> out;
+        for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+            out.push_back(bytes[i] | (bytes[i + 1] << 8));
+        }
+        return out;
+    };
+    record(7, 6, true);
+    record(8, 5, false);
+    EXPECT_EQ((std::vector<int>{0x107, 0x108, 0x109, 0x100, 0x101, 0x102, 0x108, 0x109}),
+              framesOf(tap->bytes()));
+    tap->clear();
+    record(0, 103, true);  // the ring holds 100 frames
+    const std::vector<int> kept = framesOf(tap->bytes());
+    ASSERT_EQ(100u, kept.size());
+    EXPECT_EQ(0x109, kept.back());
+    EXPECT_EQ(6u, tap->dropped());
+    record(3, 1, true);  // drained: room again, after the wrap of the ring
+    EXPECT_EQ(0x103, framesOf(tap->bytes()).back());
+
+    tap->clear();
+    std::atomic<bool> done{false};
+    std::thread mixing([&] {
+        for (uint32_t k = 0; k < 20000; ++k) {
+            record(k % 10, 1, true);
+        }
+        done = true;
+    });
+    size_t seen = 0;
+    while (!done) {
+        seen = tap->bytes().size();
+    }
+    mixing.join();
+    const std::vector<int> all = framesOf(tap->bytes());
+    EXPECT_GE(all.size(), seen / 2);
+    EXPECT_EQ(20000u * 2 + 6, all.size() * 2 + tap->dropped());
+    for (int v : all) {
+        ASSERT_TRUE(v >= 0x100 && v <= 0x109) << v;
+    }
+    tap.reset();
+    m->unref();
 }
 
 }  // namespace
