@@ -220,6 +220,9 @@ class SecondaryBuffer final : public ComObject<IDirectSoundBuffer> {
     ~SecondaryBuffer() override;
 
     void setPlayBits(bool looping, bool stopOnly);
+    /// A control's setter: the injected failure of op, then the capability bit, then the range.
+    template <class T>
+    HRESULT setControl(Op op, uint32_t control, T value, T lowest, T highest, std::atomic<T>& field);
 
     Device* device_;
     SampleMemory* memory_;
@@ -1017,52 +1020,38 @@ HRESULT SecondaryBuffer::SetCurrentPosition(uint32_t position) {
     return DS_OK;
 }
 
-HRESULT SecondaryBuffer::SetVolume(int32_t volume) {
-    const HRESULT hr = device_->backend()->intercept(Op::SetVolume, id_);
+template <class T>
+HRESULT SecondaryBuffer::setControl(Op op, uint32_t control, T value, T lowest, T highest,
+                                    std::atomic<T>& field) {
+    const HRESULT hr = device_->backend()->intercept(op, id_);
     if (FAILED(hr)) {
         return hr;
     }
-    if ((flags_ & DSBCAPS_CTRLVOLUME) == 0) {
+    if ((flags_ & control) == 0) {
         return DSERR_CONTROLUNAVAIL;
     }
-    if (volume < DSBVOLUME_MIN || volume > DSBVOLUME_MAX) {
+    if (value < lowest || value > highest) {
         return DSERR_INVALIDPARAM;
     }
-    voice().volume.store(volume, std::memory_order_release);
+    field.store(value, std::memory_order_release);
     return DS_OK;
+}
+
+HRESULT SecondaryBuffer::SetVolume(int32_t volume) {
+    return setControl(Op::SetVolume, DSBCAPS_CTRLVOLUME, volume, DSBVOLUME_MIN, DSBVOLUME_MAX,
+                      voice().volume);
 }
 
 HRESULT SecondaryBuffer::SetPan(int32_t pan) {
-    const HRESULT hr = device_->backend()->intercept(Op::SetPan, id_);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    if ((flags_ & DSBCAPS_CTRLPAN) == 0) {
-        return DSERR_CONTROLUNAVAIL;
-    }
-    if (pan < DSBPAN_LEFT || pan > DSBPAN_RIGHT) {
-        return DSERR_INVALIDPARAM;
-    }
-    voice().pan.store(pan, std::memory_order_release);
-    return DS_OK;
+    return setControl(Op::SetPan, DSBCAPS_CTRLPAN, pan, DSBPAN_LEFT, DSBPAN_RIGHT, voice().pan);
 }
 
 HRESULT SecondaryBuffer::SetFrequency(uint32_t frequency) {
-    const HRESULT hr = device_->backend()->intercept(Op::SetFrequency, id_);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    if ((flags_ & DSBCAPS_CTRLFREQUENCY) == 0) {
-        return DSERR_CONTROLUNAVAIL;
-    }
     if (frequency == DSBFREQUENCY_ORIGINAL) {
         frequency = memory_->format.nSamplesPerSec;
     }
-    if (frequency < DSBFREQUENCY_MIN || frequency > DSBFREQUENCY_MAX) {
-        return DSERR_INVALIDPARAM;
-    }
-    voice().frequency.store(frequency, std::memory_order_release);
-    return DS_OK;
+    return setControl(Op::SetFrequency, DSBCAPS_CTRLFREQUENCY, frequency, DSBFREQUENCY_MIN, DSBFREQUENCY_MAX,
+                      voice().frequency);
 }
 
 void SecondaryBuffer::set3DPosition(const float* xyz, bool deferred) {

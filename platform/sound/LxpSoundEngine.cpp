@@ -20,6 +20,23 @@ namespace {
 /// The interpolation weight of a 32-bit phase fraction: its top 24 bits, exactly representable,
 /// so that the scalar and the vector kernels compute the very same weights.
 constexpr float kFractionScale = 1.0f / 16777216.0f;
+/// Nanoseconds since start, kept in worst when it is the longest yet.
+void keepWorstSince(std::chrono::steady_clock::time_point start, std::atomic<uint64_t>& worst) {
+    const uint64_t took = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
+            .count());
+    if (took > worst.load(std::memory_order_relaxed)) {
+        worst.store(took, std::memory_order_relaxed);
+    }
+}
+
+/// A mixed sample at full scale +-full (128 or 32768): clipped, then rounded half away from zero.
+inline int32_t quantize(float x, float full) {
+    float y = x * full;
+    y = y < -full ? -full : (y > full - 1.0f ? full - 1.0f : y);
+    return static_cast<int32_t>(y + (y >= 0.0f ? 0.5f : -0.5f));
+}
+
 inline float weightOf(uint32_t fraction) {
     return static_cast<float>(static_cast<int32_t>(fraction >> 8)) * kFractionScale;
 }
@@ -530,7 +547,30 @@ void Engine::renderBlock(uint32_t n) {
     }
     std::fill(mixL_.begin(), mixL_.begin() + n, 0.0f);
     std::fill(mixR_.begin(), mixR_.begin() + n, 0.0f);
+    updateListenerBases();
+    mixVoices(n, fmt.rate);
 
+    float* mi = mixI_.data();
+    for (uint32_t i = 0; i < n; ++i) {
+        mi[2 * i] = mixL_[i];
+        mi[2 * i + 1] = mixR_[i];
+    }
+    for (auto& s : sources_) {
+        MixSource* src = s.load(std::memory_order_acquire);
+        if (src != nullptr) {
+            src->mixInto(mi, n, 2, fmt.rate);
+        }
+    }
+    writeOutput(n, fmt);
+    keepWorstSince(start, worstBlockNanos_);
+    framesOut_.store(blockFrame_ + n, std::memory_order_release);
+    renderCount_.fetch_add(1, std::memory_order_acq_rel);
+    if (sink_) {
+        sink_->write(out_.data(), n, fmt);
+    }
+}
+
+void Engine::updateListenerBases() {
     for (uint32_t l = 0; l < kMaxListeners; ++l) {
         if (!listeners_[l].inUse.load(std::memory_order_acquire)) {
             basis_[l].valid = false;
@@ -565,7 +605,9 @@ void Engine::renderBlock(uint32_t n) {
         b.rolloff = v[9];
         b.valid = true;
     }
+}
 
+void Engine::mixVoices(uint32_t n, uint32_t outRate) {
     const uint32_t hw = highWater_.load(std::memory_order_acquire);
     for (uint32_t index = 0; index < hw; ++index) {
         Voice* chunk = chunks_[index / kVoicesPerChunk].load(std::memory_order_acquire);
@@ -576,58 +618,29 @@ void Engine::renderBlock(uint32_t n) {
         Voice& v = chunk[index % kVoicesPerChunk];
         const uint32_t st = v.state.load(std::memory_order_acquire);
         if (st == kVoiceActive) {
-            mixVoice(v, n, fmt.rate);
+            mixVoice(v, n, outRate);
         } else if (st == kVoiceReleasing) {
             v.state.store(kVoiceRetired, std::memory_order_release);
         }
     }
+}
 
-    float* mi = mixI_.data();
-    for (uint32_t i = 0; i < n; ++i) {
-        mi[2 * i] = mixL_[i];
-        mi[2 * i + 1] = mixR_[i];
-    }
-    for (auto& s : sources_) {
-        MixSource* src = s.load(std::memory_order_acquire);
-        if (src != nullptr) {
-            src->mixInto(mi, n, 2, fmt.rate);
-        }
-    }
-
+void Engine::writeOutput(uint32_t n, const OutputFormat& fmt) {
+    const float* mi = mixI_.data();
+    const float full = fmt.bits == 8 ? 128.0f : 32768.0f;
     uint8_t* out = out_.data();
-    if (fmt.bits == 8) {
-        for (uint32_t i = 0; i < n; ++i) {
-            for (uint32_t c = 0; c < fmt.channels; ++c) {
-                float x = fmt.channels == 1 ? 0.5f * (mi[2 * i] + mi[2 * i + 1]) : mi[2 * i + (c & 1u)];
-                float y = x * 128.0f;
-                y = y < -128.0f ? -128.0f : (y > 127.0f ? 127.0f : y);
-                const int32_t q = static_cast<int32_t>(y + (y >= 0.0f ? 0.5f : -0.5f));
+    for (uint32_t i = 0; i < n; ++i) {
+        for (uint32_t c = 0; c < fmt.channels; ++c) {
+            const float x = fmt.channels == 1 ? 0.5f * (mi[2 * i] + mi[2 * i + 1]) : mi[2 * i + (c & 1u)];
+            const int32_t q = quantize(x, full);
+            if (fmt.bits == 8) {
                 *out++ = static_cast<uint8_t>(q + 128);
-            }
-        }
-    } else {
-        for (uint32_t i = 0; i < n; ++i) {
-            for (uint32_t c = 0; c < fmt.channels; ++c) {
-                float x = fmt.channels == 1 ? 0.5f * (mi[2 * i] + mi[2 * i + 1]) : mi[2 * i + (c & 1u)];
-                float y = x * 32768.0f;
-                y = y < -32768.0f ? -32768.0f : (y > 32767.0f ? 32767.0f : y);
-                const int32_t q = static_cast<int32_t>(y + (y >= 0.0f ? 0.5f : -0.5f));
+            } else {
                 const uint16_t u = static_cast<uint16_t>(static_cast<int16_t>(q));
                 *out++ = static_cast<uint8_t>(u & 0xFF);
                 *out++ = static_cast<uint8_t>(u >> 8);
             }
         }
-    }
-    const uint64_t took = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
-            .count());
-    if (took > worstBlockNanos_.load(std::memory_order_relaxed)) {
-        worstBlockNanos_.store(took, std::memory_order_relaxed);
-    }
-    framesOut_.store(blockFrame_ + n, std::memory_order_release);
-    renderCount_.fetch_add(1, std::memory_order_acq_rel);
-    if (sink_) {
-        sink_->write(out_.data(), n, fmt);
     }
 }
 
@@ -702,6 +715,22 @@ enum RunKind { kMono = 0, kStereo = 1, kStereoToMono = 2 };
 
 std::atomic<bool> gVectorKernels{true};
 
+/// Adds one interpolated frame (x, y) at gains cl, cr into *L, *R; with ramp the gains first take
+/// one step of their glide. Inlined into every kernel with kind and ramp known.
+__attribute__((always_inline)) inline void mixFrame(int kind, bool ramp, float x, float y, float& cl,
+                                                    float& cr, float dl, float dr, float* L, float* R) {
+    if (kind == kStereoToMono) {
+        x = 0.5f * (x + y);
+        y = x;
+    }
+    if (ramp) {
+        cl += dl;
+        cr += dr;
+    }
+    *L += cl * x;
+    *R += cr * y;
+}
+
 /// Mixes count resampled frames of a voice into L and R at a 32.32 fixed-point phase. Fuses the
 /// resampling with the gain so that each frame is read and written once; the arithmetic is that
 /// of resampling first and scaling after. src[j + 1] must exist for every frame produced. With
@@ -715,16 +744,7 @@ void mixRun(const float* s0, const float* s1, uint32_t fraction, uint64_t step, 
         for (uint32_t i = 0; i < count; ++i) {
             float x = s0[i];
             float y = Kind == kMono ? x : s1[i];
-            if (Kind == kStereoToMono) {
-                x = 0.5f * (x + y);
-                y = x;
-            }
-            if (Ramp) {
-                cl += dl;
-                cr += dr;
-            }
-            L[i] += cl * x;
-            R[i] += cr * y;
+            mixFrame(Kind, Ramp, x, y, cl, cr, dl, dr, L + i, R + i);
         }
     } else {
         uint64_t acc = fraction;
@@ -780,16 +800,7 @@ void mixRun(const float* s0, const float* s1, uint32_t fraction, uint64_t step, 
                 const float b = s1[j];
                 y = b + f * (s1[j + 1] - b);
             }
-            if (Kind == kStereoToMono) {
-                x = 0.5f * (x + y);
-                y = x;
-            }
-            if (Ramp) {
-                cl += dl;
-                cr += dr;
-            }
-            L[i] += cl * x;
-            R[i] += cr * y;
+            mixFrame(Kind, Ramp, x, y, cl, cr, dl, dr, L + i, R + i);
             acc += step;
         }
     }
@@ -876,8 +887,7 @@ void ConsumedTap::clear() {
     bytes_.clear();
 }
 
-void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
-    uint64_t w = v.ctl.load(std::memory_order_acquire);
+bool Engine::playsInBlock(Voice& v, uint64_t w, uint32_t n, uint32_t outRate, uint32_t* offset) {
     const uint64_t gen = w >> kCtlGenerationShift;
     if (gen != v.seenGeneration) {
         v.seenGeneration = gen;
@@ -885,18 +895,52 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
     }
     if ((w & kCtlPlaying) == 0) {
         v.gainsValid = false;
-        return;
+        return false;
     }
     // A start asked for a later time begins at its frame of the block it falls in.
-    uint32_t offset = 0;
+    *offset = 0;
     int64_t at = v.startMicros.load(std::memory_order_acquire);
     if (at != kNoStart) {
-        offset = startOffset(at, n, outRate);
-        if (offset >= n) {
+        *offset = startOffset(at, n, outRate);
+        if (*offset >= n) {
             v.gainsValid = false;
-            return;  // not yet: the cursor waits at its place
+            return false;  // not yet: the cursor waits at its place
         }
         v.startMicros.compare_exchange_strong(at, kNoStart, std::memory_order_acq_rel);
+    }
+    return true;
+}
+
+void Engine::endBlock(Voice& v, uint64_t w, uint32_t idx, uint32_t frac, bool ended, float gl, float gr) {
+    const uint32_t frames = v.memory->frames;
+    const bool loop = (w & kCtlLooping) != 0;
+    if (ended || idx >= frames) {
+        if (loop) {
+            idx %= frames;
+        } else {
+            ended = true;
+            idx = 0;
+            frac = 0;
+        }
+    }
+    v.gainL = gl;
+    v.gainR = gr;
+    v.gainsValid = !ended;
+    v.fraction = frac;
+
+    const uint64_t gen = w >> kCtlGenerationShift;
+    const uint64_t flags = ended ? (w & kCtlLooping) : (w & (kCtlPlaying | kCtlLooping));
+    const uint64_t desired = (gen << kCtlGenerationShift) | flags | (idx * v.memory->blockAlign);
+    if (!v.ctl.compare_exchange_strong(w, desired, std::memory_order_acq_rel)) {
+        v.fraction = 0;  // a control thread changed the voice meanwhile; its state stands
+    }
+}
+
+void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
+    const uint64_t w = v.ctl.load(std::memory_order_acquire);
+    uint32_t offset = 0;
+    if (!playsInBlock(v, w, n, outRate, &offset)) {
+        return;
     }
     SampleMemory* m = v.memory;
     const uint32_t frames = m->frames;
@@ -939,13 +983,7 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
         if (!guard.owns_lock()) {
             const auto waitStart = std::chrono::steady_clock::now();
             guard.lock();
-            const uint64_t waited =
-                static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                          std::chrono::steady_clock::now() - waitStart)
-                                          .count());
-            if (waited > worstLockWaitNanos_.load(std::memory_order_relaxed)) {
-                worstLockWaitNanos_.store(waited, std::memory_order_relaxed);
-            }
+            keepWorstSince(waitStart, worstLockWaitNanos_);
             lockWaits_.fetch_add(1, std::memory_order_relaxed);
         }
         const float* s0 = m->samples;
@@ -982,16 +1020,7 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
                         const float a1 = s1[idx];
                         y = a1 + f * ((loop ? s1[0] : 0.0f) - a1);
                     }
-                    if (kind == kStereoToMono) {
-                        x = 0.5f * (x + y);
-                        y = x;
-                    }
-                    if (ramp) {
-                        cl += dl;
-                        cr += dr;
-                    }
-                    L[produced] += cl * x;
-                    R[produced] += cr * y;
+                    mixFrame(kind, ramp, x, y, cl, cr, dl, dr, L + produced, R + produced);
                 }
                 ++produced;
                 acc = frac + step;
@@ -1004,25 +1033,7 @@ void Engine::mixVoice(Voice& v, uint32_t n, uint32_t outRate) {
             v.tap->record(*m, startIdx, consumed, loop);
         }
     }
-    if (ended || idx >= frames) {
-        if (loop) {
-            idx %= frames;
-        } else {
-            ended = true;
-            idx = 0;
-            frac = 0;
-        }
-    }
-    v.gainL = gl;
-    v.gainR = gr;
-    v.gainsValid = !ended;
-    v.fraction = frac;
-
-    const uint64_t flags = ended ? (w & kCtlLooping) : (w & (kCtlPlaying | kCtlLooping));
-    const uint64_t desired = (gen << kCtlGenerationShift) | flags | (idx * m->blockAlign);
-    if (!v.ctl.compare_exchange_strong(w, desired, std::memory_order_acq_rel)) {
-        v.fraction = 0;  // a control thread changed the voice meanwhile; its state stands
-    }
+    endBlock(v, w, idx, frac, ended, gl, gr);
 }
 
 }  // namespace sound

@@ -286,7 +286,17 @@ class Engine {
     void stopThread();
     void reclaimLocked(bool mixerIdle);
     void renderBlock(uint32_t frames);
+    /// The listeners' axes for this block, from their committed values.
+    void updateListenerBases();
+    void mixVoices(uint32_t frames, uint32_t outRate);
+    /// The mixed block (mixI_) in the output's format into out_.
+    void writeOutput(uint32_t frames, const OutputFormat& fmt);
     void mixVoice(Voice& v, uint32_t frames, uint32_t outRate);
+    /// Whether v (control word w) plays in this block, and from which of its frames.
+    bool playsInBlock(Voice& v, uint64_t w, uint32_t frames, uint32_t outRate, uint32_t* offset);
+    /// Keeps the block's end state of v and stores its advanced cursor unless a control thread
+    /// changed the voice since w was read.
+    void endBlock(Voice& v, uint64_t w, uint32_t idx, uint32_t frac, bool ended, float gl, float gr);
     /// Where in the block [blockFrame_, +frames) a voice asked to start at micros begins: 0 for
     /// at once, frames or more for not in this block.
     uint32_t startOffset(int64_t micros, uint32_t frames, uint32_t outRate) const;
