@@ -532,12 +532,7 @@ HRESULT RendererFilter::connectedTo(IPin** peer) {
         return E_POINTER;
     }
     std::lock_guard<std::mutex> guard(mutex_);
-    *peer = peer_;
-    if (peer_ == nullptr) {
-        return VFW_E_NOT_CONNECTED;
-    }
-    peer_->AddRef();
-    return S_OK;
+    return answerConnectedTo(peer_, peer);
 }
 
 HRESULT RendererFilter::connectionMediaType(AM_MEDIA_TYPE* type) {
@@ -546,8 +541,7 @@ HRESULT RendererFilter::connectionMediaType(AM_MEDIA_TYPE* type) {
     }
     std::lock_guard<std::mutex> guard(mutex_);
     if (peer_ == nullptr) {
-        *type = makeMajorType(GUID_NULL);
-        return VFW_E_NOT_CONNECTED;
+        return answerNotConnected(type);
     }
     if (!haveSpec_) {
         *type = makeMajorType(kind_ == RendererKind::Audio ? MEDIATYPE_Audio : MEDIATYPE_Video);

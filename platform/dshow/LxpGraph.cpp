@@ -49,6 +49,20 @@ AM_MEDIA_TYPE makeMajorType(const GUID& major) {
     return type;
 }
 
+HRESULT answerConnectedTo(IPin* peer, IPin** out) {
+    *out = peer;
+    if (peer == nullptr) {
+        return VFW_E_NOT_CONNECTED;
+    }
+    peer->AddRef();
+    return S_OK;
+}
+
+HRESULT answerNotConnected(AM_MEDIA_TYPE* type) {
+    *type = makeMajorType(GUID_NULL);
+    return VFW_E_NOT_CONNECTED;
+}
+
 void copyName(WCHAR* target, size_t capacity, const WCHAR* source) {
     if (target == nullptr || capacity == 0) {
         return;

@@ -281,6 +281,11 @@ int32_t WideCharToMultiByte(uint32_t codePage, uint32_t flags, const WCHAR* src,
 
 /// Copies a wide name into a fixed array, truncating and always terminating.
 void copyName(WCHAR* target, size_t capacity, const WCHAR* source);
+/// IPin::ConnectedTo for a pin whose peer is peer (null when unconnected): *out takes a reference
+/// on it, or is null with VFW_E_NOT_CONNECTED. The caller holds whatever guards its peer.
+HRESULT answerConnectedTo(IPin* peer, IPin** out);
+/// IPin::ConnectionMediaType of an unconnected pin: an empty type and VFW_E_NOT_CONNECTED.
+HRESULT answerNotConnected(AM_MEDIA_TYPE* type);
 
 /// An enumerator over a fixed list of referenced items (for IEnumPins and IEnumFilters).
 template <class EnumInterface, class Item, const IID& EnumIid>

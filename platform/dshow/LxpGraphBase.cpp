@@ -105,12 +105,7 @@ HRESULT BasicPin::ConnectedTo(IPin** peer) {
         return E_POINTER;
     }
     std::lock_guard<std::mutex> guard(mutex_);
-    *peer = peer_;
-    if (peer_ == nullptr) {
-        return VFW_E_NOT_CONNECTED;
-    }
-    peer_->AddRef();
-    return S_OK;
+    return answerConnectedTo(peer_, peer);
 }
 
 HRESULT BasicPin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
@@ -119,8 +114,7 @@ HRESULT BasicPin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
     }
     std::lock_guard<std::mutex> guard(mutex_);
     if (peer_ == nullptr) {
-        *type = makeMajorType(GUID_NULL);
-        return VFW_E_NOT_CONNECTED;
+        return answerNotConnected(type);
     }
     return CopyMediaType(type, &type_);
 }
@@ -709,30 +703,18 @@ HRESULT FilterGraphBase::SetTimeFormat(const GUID* format) {
     return S_OK;
 }
 
-HRESULT FilterGraphBase::toMediaTime(const GUID& format, LONGLONG value, REFERENCE_TIME* out) {
+HRESULT FilterGraphBase::convertTime(const GUID& format, int64_t value, bool toMedia, int64_t* out) {
     if (format == TIME_FORMAT_MEDIA_TIME) {
         *out = value;
         return S_OK;
     }
+    // Frames at num/den frames a second: media time = frames * UNITS * den / num.
     int32_t num = 0;
     int32_t den = 0;
     if (format == TIME_FORMAT_FRAME && videoFrameRate(&num, &den)) {
-        *out = static_cast<REFERENCE_TIME>(std::llround(static_cast<double>(value) * UNITS * den / num));
-        return S_OK;
-    }
-    return E_INVALIDARG;
-}
-
-HRESULT FilterGraphBase::fromMediaTime(const GUID& format, REFERENCE_TIME value, LONGLONG* out) {
-    if (format == TIME_FORMAT_MEDIA_TIME) {
-        *out = value;
-        return S_OK;
-    }
-    int32_t num = 0;
-    int32_t den = 0;
-    if (format == TIME_FORMAT_FRAME && videoFrameRate(&num, &den)) {
-        *out = static_cast<LONGLONG>(
-            std::llround(static_cast<double>(value) * num / (static_cast<double>(UNITS) * den)));
+        const double v = static_cast<double>(value);
+        *out = static_cast<int64_t>(
+            std::llround(toMedia ? v * UNITS * den / num : v * num / (static_cast<double>(UNITS) * den)));
         return S_OK;
     }
     return E_INVALIDARG;

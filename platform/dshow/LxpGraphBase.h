@@ -213,8 +213,15 @@ class FilterGraphBase : public IGraphBuilder,
     void checkCompleteLocked();
     void purgeCompleteLocked();
     REFERENCE_TIME positionLocked();
-    HRESULT toMediaTime(const GUID& format, LONGLONG value, REFERENCE_TIME* out);
-    HRESULT fromMediaTime(const GUID& format, REFERENCE_TIME value, LONGLONG* out);
+    HRESULT toMediaTime(const GUID& format, LONGLONG value, REFERENCE_TIME* out) {
+        return convertTime(format, value, true, out);
+    }
+    HRESULT fromMediaTime(const GUID& format, REFERENCE_TIME value, LONGLONG* out) {
+        return convertTime(format, value, false, out);
+    }
+    /// A time in format to media time (100 ns) or back; E_INVALIDARG for a format the graph cannot
+    /// convert (frames without a known frame rate).
+    HRESULT convertTime(const GUID& format, int64_t value, bool toMedia, int64_t* out);
     void releaseFilters();
 
     const char* backendName_;
