@@ -49,9 +49,8 @@ class LxWAVEParser : public LxAudioParser {
     /// data chunk's last whole sample frame. 0x205 on a read error (frame untouched).
     KtResult readFrame(LxAudioFrame* frame, char* endOfMedia) override;
 
-    /// After readHeader: the header record, and where the samples start and how many bytes of
-    /// them the file holds (the declared length, cut to the file's end).
-    const LxWaveFormat* getWaveFormat() const { return waveFormat; }
+    /// After readHeader: where the samples start and how many bytes of them the file holds (the
+    /// declared length, cut to the file's end).
     long getDataStart() const { return dataStart; }
     uint32_t getDataLength() const { return dataLength; }
     long getPosition() const { return position; }

@@ -82,6 +82,15 @@ LxWin32AudioPortData* LxWin32Mixer::record(short port) {
     return port >= 0 && port < LX_MAX_PORTS ? ports[port].load() : nullptr;
 }
 
+long LxWin32Mixer::readyRecord(bool slotHeld, short port, LxWin32AudioPortData** rec) {
+    *rec = nullptr;
+    if (state.load() != READY) {
+        return LX_ERR_MIXER_NOT_READY;
+    }
+    *rec = slotHeld ? record(port) : nullptr;
+    return *rec != nullptr ? LX_OK : LX_ERR_NO_PORT;
+}
+
 short LxWin32Mixer::reserveSlotLocked() {
     for (short n = 0; n < LX_MAX_PORTS; ++n) {
         if (ports[n] == nullptr && !reserved[n]) {
@@ -450,12 +459,10 @@ long LxWin32Mixer::playAllPorts(LxWin32AudioPortData* rec) {
 
 long LxWin32Mixer::scheduleStart(short port, double seconds) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = readyRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     rec->startAt = seconds > 0.0 ? lxp::clockMicros() + static_cast<int64_t>(std::llround(seconds * 1e6)) : 0;
     return LX_OK;

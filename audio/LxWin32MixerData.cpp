@@ -31,6 +31,34 @@ void logLockFailure(HRESULT hr) {
     }
 }
 
+/// Writes bytes at the port's write position, fill(part, size, offset) supplying each of the
+/// (at most two, at the wrap) parts of the locked region, and moves the write position past them.
+/// *copied: the bytes written; LX_ERR_GENERIC when the buffer cannot be locked.
+template <class Fill>
+long writeAtWritePosition(LxWin32AudioPortData* rec, long bytes, Fill fill, long* copied) {
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    uint32_t n1 = 0;
+    uint32_t n2 = 0;
+    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
+                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
+    if (FAILED(hr)) {
+        logLockFailure(hr);
+        return LX_ERR_GENERIC;
+    }
+    fill(p1, n1, 0);
+    if (p2 != nullptr && n2 > 0) {
+        fill(p2, n2, n1);
+    }
+    rec->soundBuffer->Unlock(p1, n1, p2, n2);
+    *copied = static_cast<long>(n1) + static_cast<long>(n2);
+    rec->writePosition += static_cast<int32_t>(*copied);
+    if (rec->writePosition >= rec->bufferSize) {
+        rec->writePosition -= rec->bufferSize;
+    }
+    return LX_OK;
+}
+
 }  // namespace
 
 uint32_t LxWin32Mixer::playMillis(LxWin32AudioPortData* rec, double bytes) {
@@ -90,12 +118,10 @@ long LxWin32Mixer::discardFrames(short port) {
 
 long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset, long frames) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = readyRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     const long total = static_cast<long>(rec->bytesPerFrame) * frames;
     if (rec->duplicates[0] == LX_NO_DUPLICATE &&
@@ -156,29 +182,17 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
             return LX_ERR_WRITE_ABANDONED;  // a duplicated master whose own buffer is gone
         }
         const long chunk = std::min(total - written, fillable);
-        void* p1 = nullptr;
-        void* p2 = nullptr;
-        uint32_t n1 = 0;
-        uint32_t n2 = 0;
-        const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
-                                                  static_cast<uint32_t>(chunk), &p1, &n1, &p2, &n2, 0);
-        if (FAILED(hr)) {
-            logLockFailure(hr);
-            return LX_ERR_GENERIC;
+        long copied = 0;
+        const long result = writeAtWritePosition(
+            rec, chunk,
+            [&](void* part, uint32_t size, uint32_t at) { std::memcpy(part, src + written + at, size); },
+            &copied);
+        if (result != LX_OK) {
+            return result;
         }
-        std::memcpy(p1, src + written, n1);
-        if (p2 != nullptr && n2 > 0) {
-            std::memcpy(p2, src + written + n1, n2);
-        }
-        rec->soundBuffer->Unlock(p1, n1, p2, n2);
-        const long copied = static_cast<long>(n1) + static_cast<long>(n2);
         written += copied;
         if (!rec->playing.load()) {
             playAllPorts(rec);
-        }
-        rec->writePosition += static_cast<int32_t>(copied);
-        if (rec->writePosition >= rec->bufferSize) {
-            rec->writePosition -= rec->bufferSize;
         }
         if (written < total) {
             const double ms = rec->bytesPerSecond > 0
@@ -199,12 +213,10 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
 
 long LxWin32Mixer::writeResidentFrames(short port, unsigned char* data, long byteOffset, long frames) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = readyRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     long bytes = static_cast<long>(rec->bytesPerFrame) * frames;
     if (rec->writePosition >= rec->bufferSize) {
@@ -290,25 +302,13 @@ long LxWin32Mixer::doFillSilence(short port, long bytes) {
     }
     // More silence than the buffer holds fills it once: the rest would overwrite itself.
     bytes = std::min(bytes, static_cast<long>(rec->bufferSize));
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    uint32_t n1 = 0;
-    uint32_t n2 = 0;
-    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
-                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
-    if (FAILED(hr)) {
-        logLockFailure(hr);
-        return LX_ERR_GENERIC;
+    long copied = 0;
+    const long result = writeAtWritePosition(
+        rec, bytes, [silence](void* part, uint32_t size, uint32_t) { std::memset(part, silence, size); },
+        &copied);
+    if (result != LX_OK) {
+        return result;
     }
-    std::memset(p1, silence, n1);
-    if (p2 != nullptr && n2 > 0) {
-        std::memset(p2, silence, n2);
-    }
-    rec->writePosition += static_cast<int32_t>(n1 + n2);
-    if (rec->writePosition >= rec->bufferSize) {
-        rec->writePosition -= rec->bufferSize;
-    }
-    rec->soundBuffer->Unlock(p1, n1, p2, n2);
     if (!rec->playing.load()) {
         playAllPorts(rec);
     }

@@ -585,12 +585,10 @@ float LxWin32Mixer::getPan(short port) {
 
 long LxWin32Mixer::setPriority(short port, float priority) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = readyRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     rec->priority = priority;
     return LX_OK;
@@ -607,12 +605,10 @@ float LxWin32Mixer::getPriority(short port) {
 
 long LxWin32Mixer::setSpatialize(short port, char on) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = readyRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     rec->spatialize = on;
     if (rec->buffer3D != nullptr &&

@@ -204,6 +204,10 @@ class LxWin32Mixer : public LxMixer {
     KtMutex* slotLock(short port);
     /// The record of port (null for none); the caller holds the slot lock or the mixer lock.
     LxWin32AudioPortData* record(short port);
+    /// The record of port for an operation that needs the device ready: LX_OK with *rec set,
+    /// LX_ERR_MIXER_NOT_READY, or LX_ERR_NO_PORT (slotHeld false: the port has no slot). The
+    /// caller holds the slot lock.
+    long readyRecord(bool slotHeld, short port, LxWin32AudioPortData** rec);
     /// Fill level with the play cursor; the caller holds the slot lock.
     long fillableLocked(LxWin32AudioPortData* record);
     /// The buffers of a master and its listed duplicates, each with a reference the caller
