@@ -1,5 +1,7 @@
 #include "LxConnectable.h"
 
+#include "graph/LxOutputPin.h"
+
 #include "LxLog.h"
 #include "LxQueue.h"
 #include "LxResult.h"
@@ -92,27 +94,15 @@ LxFormat* LxAudioOutputConnectable::getFormat() {
 }
 
 KtResult LxAudioOutputConnectable::listFormats(LxFormat**& list, short* count) {
-    list = new (std::nothrow) LxFormat*[1];
-    if (list == nullptr) {
-        if (count != nullptr) {
-            *count = 0;
-        }
-        return LX_ERR_OUT_OF_MEMORY;
+    const KtResult result = lxListOneFormat(formats, list, count);
+    if (result != LX_OK && count != nullptr) {
+        *count = 0;
     }
-    list[0] = formats != nullptr ? formats[0] : nullptr;
-    if (count != nullptr) {
-        *count = list[0] != nullptr ? 1 : 0;
-    }
-    return LX_OK;
+    return result;
 }
 
 KtResult LxAudioOutputConnectable::connectTo(LxInputConnectable* input) {
-    if (connectedInput != nullptr) {
-        LxLog::postDebug("LxAudioOutputConnectable:  trying to connect after already connected!\n");
-        return LX_ERR_GENERIC;
-    }
-    connectedInput = input;
-    return LX_OK;
+    return lxConnectOnce(connectedInput, input, "LxAudioOutputConnectable");
 }
 
 KtResult LxAudioOutputConnectable::setSuggestedFrameRate(float) {

@@ -1,5 +1,7 @@
 #include "LxConnectable.h"
 
+#include "graph/LxOutputPin.h"
+
 #include "LxLog.h"
 #include "LxQueue.h"
 #include "LxResult.h"
@@ -106,24 +108,11 @@ LxFormat* LxVideoOutputConnectable::getFormat() {
 }
 
 KtResult LxVideoOutputConnectable::listFormats(LxFormat**& list, short* count) {
-    list = new (std::nothrow) LxFormat*[1];
-    if (list == nullptr) {
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    list[0] = formats != nullptr ? formats[0] : nullptr;
-    if (count != nullptr) {
-        *count = list[0] != nullptr ? 1 : 0;
-    }
-    return LX_OK;
+    return lxListOneFormat(formats, list, count);
 }
 
 KtResult LxVideoOutputConnectable::connectTo(LxInputConnectable* input) {
-    if (connectedInput != nullptr) {
-        LxLog::postDebug("LxVideoOutputConnectable:  trying to connect after already connected!\n");
-        return LX_ERR_GENERIC;
-    }
-    connectedInput = input;
-    return LX_OK;
+    return lxConnectOnce(connectedInput, input, "LxVideoOutputConnectable");
 }
 
 KtResult LxVideoOutputConnectable::setSuggestedFrameRate(float rate) {
