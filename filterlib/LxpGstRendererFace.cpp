@@ -81,12 +81,7 @@ class GstMediaSample : public ComObject<IMediaSample> {
     }
 
     HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IMediaSample) {
-            *out = static_cast<IMediaSample*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+        return queryOwn(iid, IID_IMediaSample, out);
     }
     HRESULT GetPointer(uint8_t** buffer) override {
         if (buffer == nullptr) {

@@ -91,7 +91,12 @@ void CoUninitialize() {
     }
 }
 
-HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t, const IID& iid, void** out) {
+namespace {
+
+/// What CoCreateInstance and CoGetClassObject share: the checks, the lookup of clsid's factory
+/// and its release after use(factory).
+template <class Use>
+HRESULT withFactory(const CLSID& clsid, void** out, Use use) {
     if (out == nullptr) {
         return E_POINTER;
     }
@@ -101,33 +106,23 @@ HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t, const II
     if (FAILED(hr)) {
         return hr;
     }
-    hr = factory->CreateInstance(outer, iid, out);
+    hr = use(factory);
     factory->Release();
     return hr;
+}
+
+}  // namespace
+
+HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t, const IID& iid, void** out) {
+    return withFactory(clsid, out, [&](IClassFactory* f) { return f->CreateInstance(outer, iid, out); });
 }
 
 HRESULT CoGetClassObject(const CLSID& clsid, uint32_t, void*, const IID& iid, void** out) {
-    if (out == nullptr) {
-        return E_POINTER;
-    }
-    *out = nullptr;
-    IClassFactory* factory = nullptr;
-    HRESULT hr = findFactory(clsid, &factory);
-    if (FAILED(hr)) {
-        return hr;
-    }
-    hr = factory->QueryInterface(iid, out);
-    factory->Release();
-    return hr;
+    return withFactory(clsid, out, [&](IClassFactory* f) { return f->QueryInterface(iid, out); });
 }
 
 HRESULT ClassFactory::QueryInterface(const IID& iid, void** out) {
-    if (out != nullptr && iid == IID_IClassFactory) {
-        *out = static_cast<IClassFactory*>(this);
-        AddRef();
-        return S_OK;
-    }
-    return queryBase(iid, out);
+    return queryOwn(iid, IID_IClassFactory, out);
 }
 
 HRESULT ClassFactory::CreateInstance(IUnknown* outer, const IID& iid, void** out) {

@@ -106,6 +106,15 @@ class ComObject : public Interface {
   protected:
     ComObject() : refs_(1) {}
     ~ComObject() override {}
+    /// QueryInterface of an object whose own interface is own (IUnknown answered as well).
+    HRESULT queryOwn(const IID& iid, const IID& own, void** out) {
+        if (out != nullptr && iid == own) {
+            *out = static_cast<Interface*>(this);
+            AddRef();
+            return S_OK;
+        }
+        return queryBase(iid, out);
+    }
     HRESULT queryBase(const IID& iid, void** out) {
         if (out == nullptr) {
             return E_POINTER;

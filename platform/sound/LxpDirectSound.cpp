@@ -98,12 +98,7 @@ class Device final : public ComObject<IDirectSound> {
     }
 
     HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IDirectSound) {
-            *out = static_cast<IDirectSound*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+        return queryOwn(iid, IID_IDirectSound, out);
     }
 
     HRESULT CreateSoundBuffer(const DSBUFFERDESC* description, IDirectSoundBuffer** buffer,
@@ -243,12 +238,7 @@ class Buffer3D final : public ComObject<IDirectSound3DBuffer> {
   public:
     explicit Buffer3D(SecondaryBuffer* buffer) : buffer_(buffer) { buffer_->AddRef(); }
     HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IDirectSound3DBuffer) {
-            *out = static_cast<IDirectSound3DBuffer*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+        return queryOwn(iid, IID_IDirectSound3DBuffer, out);
     }
     HRESULT SetPosition(float x, float y, float z, uint32_t apply) override {
         HRESULT hr = buffer_->device()->backend()->intercept(Op::BufferSetPosition, buffer_->id());
@@ -444,12 +434,7 @@ class Listener final : public ComObject<IDirectSound3DListener> {
   public:
     explicit Listener(PrimaryBuffer* primary) : primary_(primary) { primary_->AddRef(); }
     HRESULT QueryInterface(const IID& iid, void** out) override {
-        if (out != nullptr && iid == IID_IDirectSound3DListener) {
-            *out = static_cast<IDirectSound3DListener*>(this);
-            AddRef();
-            return S_OK;
-        }
-        return queryBase(iid, out);
+        return queryOwn(iid, IID_IDirectSound3DListener, out);
     }
     HRESULT SetPosition(float x, float y, float z, uint32_t apply) override {
         const float v[3] = {x, y, z};
@@ -741,11 +726,6 @@ void Device::info(DeviceInfo* out) {
 // ---- PrimaryBuffer ----
 
 HRESULT PrimaryBuffer::QueryInterface(const IID& iid, void** out) {
-    if (out != nullptr && iid == IID_IDirectSoundBuffer) {
-        *out = static_cast<IDirectSoundBuffer*>(this);
-        AddRef();
-        return S_OK;
-    }
     if (out != nullptr && iid == IID_IDirectSound3DListener) {
         *out = nullptr;
         const HRESULT hr = intercept(Op::QueryListener);
@@ -762,7 +742,7 @@ HRESULT PrimaryBuffer::QueryInterface(const IID& iid, void** out) {
         *out = static_cast<IDirectSound3DListener*>(l);
         return S_OK;
     }
-    return queryBase(iid, out);
+    return queryOwn(iid, IID_IDirectSoundBuffer, out);
 }
 
 // ---- SecondaryBuffer ----
@@ -783,11 +763,6 @@ SecondaryBuffer::~SecondaryBuffer() {
 }
 
 HRESULT SecondaryBuffer::QueryInterface(const IID& iid, void** out) {
-    if (out != nullptr && iid == IID_IDirectSoundBuffer) {
-        *out = static_cast<IDirectSoundBuffer*>(this);
-        AddRef();
-        return S_OK;
-    }
     if (out != nullptr && iid == IID_IDirectSound3DBuffer) {
         *out = nullptr;
         const HRESULT hr = device_->backend()->intercept(Op::Query3DBuffer, id_);
@@ -804,7 +779,7 @@ HRESULT SecondaryBuffer::QueryInterface(const IID& iid, void** out) {
         *out = static_cast<IDirectSound3DBuffer*>(b);
         return S_OK;
     }
-    return queryBase(iid, out);
+    return queryOwn(iid, IID_IDirectSoundBuffer, out);
 }
 
 HRESULT SecondaryBuffer::GetCurrentPosition(uint32_t* play, uint32_t* write) {
