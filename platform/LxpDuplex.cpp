@@ -16,11 +16,6 @@ void setHalfDuplex(bool halfDuplex) {
     gHalfDuplex = halfDuplex;
 }
 
-bool isHalfDuplex() {
-    std::lock_guard<std::mutex> guard(gMutex);
-    return gHalfDuplex;
-}
-
 bool tryOpen(Device device) {
     std::lock_guard<std::mutex> guard(gMutex);
     const int other = device == SampledAudio ? Midi : SampledAudio;

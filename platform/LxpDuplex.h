@@ -13,7 +13,6 @@ enum Device { SampledAudio = 0, Midi = 1 };
 
 /// Switches the simulated card between full duplex (false, the default) and half duplex.
 void setHalfDuplex(bool halfDuplex);
-bool isHalfDuplex();
 /// Records one more open of device; false (nothing recorded) when half duplex and the other
 /// device is open.
 bool tryOpen(Device device);

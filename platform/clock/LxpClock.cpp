@@ -121,12 +121,6 @@ int64_t ManualClock::nowMicros() {
     return nowMicros_;
 }
 
-void ManualClock::setNowMicros(int64_t micros) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    nowMicros_ = micros;
-    advanced_.notify_all();
-}
-
 void ManualClock::advanceMicros(int64_t micros) {
     std::lock_guard<std::mutex> guard(mutex_);
     nowMicros_ += micros;

@@ -54,7 +54,6 @@ class ManualClock : public Clock {
 
     /// Current time in microseconds since 1970.
     int64_t nowMicros();
-    void setNowMicros(int64_t micros);
     void advanceMicros(int64_t micros);
     void advanceMs(int64_t ms) { advanceMicros(ms * 1000); }
 

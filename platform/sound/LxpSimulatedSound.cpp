@@ -56,14 +56,6 @@ class ManualSink : public sound::Sink {
         }
         return out;
     }
-    size_t frames() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        size_t n = 0;
-        for (const Segment& s : segments_) {
-            n += s.bytes.size() / s.format.bytesPerFrame();
-        }
-        return n;
-    }
     void clear() {
         std::lock_guard<std::mutex> guard(mutex_);
         segments_.clear();
@@ -285,9 +277,6 @@ std::vector<float> outputChannel(int channel) {
 }
 std::vector<uint8_t> outputBytes() {
     return sim()->sink().bytes();
-}
-size_t outputFrames() {
-    return sim()->sink().frames();
 }
 void clearOutput() {
     sim()->sink().clear();

@@ -69,9 +69,8 @@ double renderedMs();
 /// clearOutput(), as floats of full scale +-1.0 (whatever the format it was rendered in).
 OutputFormat outputFormat();
 std::vector<float> outputChannel(int channel);
-/// The captured output's raw bytes and frames (meaningful while the format did not change).
+/// The captured output's raw bytes (meaningful while the format did not change).
 std::vector<uint8_t> outputBytes();
-size_t outputFrames();
 void clearOutput();
 
 bool describe(IDirectSoundBuffer* buffer, BufferInfo* info);
