@@ -537,42 +537,22 @@ bool loadWorlds(Options* options, LxManager* manager, std::vector<WorldMedia>* u
     return !options->clips.empty() || !unplayable->empty();
 }
 
-}  // namespace
+typedef std::vector<std::unique_ptr<Clip>> Clips;
 
-int main(int argc, char** argv) {
-    // First of all, so that a signal that comes while the output is being set up is not lost.
-    sigemptyset(&gStopSignals);
-    sigaddset(&gStopSignals, SIGINT);
-    sigaddset(&gStopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &gStopSignals, nullptr);
-    Options options;
-    bool showVersion = false;
-    if (!parseArgs(argc, argv, &options, &showVersion)) {
-        return 2;
-    }
-    if (options.help) {
-        std::fputs(kUsage, stdout);
-        return 0;
-    }
-    gQuiet = options.quiet;
-    if (!options.soundFont.empty()) {
-        LxPlatformSetMidiSoundFont(options.soundFont.c_str());
-    }
-    gVolume = static_cast<float>(options.volume);
-    if (showVersion) {
-        long major = 0;
-        long minor = 0;
-        LxGetVersion(&major, &minor);
-        std::printf("lorvex-play: Lorvex interface %ld.%ld, thread services 1.16 %s\n", major, minor,
-                    KtCheckVersion(1, 16) ? "supported" : "not supported");
-        std::printf("lorvex-play: backends: ALSA %s, GStreamer %s, FluidSynth %s\n", kHaveAlsa ? "yes" : "no",
-                    kHaveGStreamer ? "yes" : "no", kHaveFluidSynth ? "yes" : "no");
-        std::printf("lorvex-play: MIDI SoundFont %s\n", LxPlatformGetMidiSoundFont().c_str());
-        return 0;
-    }
-    if (options.listDevices) {
-        return listDevices();
-    }
+void printVersion() {
+    long major = 0;
+    long minor = 0;
+    LxGetVersion(&major, &minor);
+    std::printf("lorvex-play: Lorvex interface %ld.%ld, thread services 1.16 %s\n", major, minor,
+                KtCheckVersion(1, 16) ? "supported" : "not supported");
+    std::printf("lorvex-play: backends: ALSA %s, GStreamer %s, FluidSynth %s\n", kHaveAlsa ? "yes" : "no",
+                kHaveGStreamer ? "yes" : "no", kHaveFluidSynth ? "yes" : "no");
+    std::printf("lorvex-play: MIDI SoundFont %s\n", LxPlatformGetMidiSoundFont().c_str());
+}
+
+/// The exit status for a command line that names nothing to play or cannot be acted on, or -1
+/// when the run can go ahead.
+int checkInputs(const Options& options) {
     if (options.clips.empty() && options.worlds.empty()) {
         std::fputs(kUsage, stderr);
         return 2;
@@ -598,19 +578,19 @@ int main(int argc, char** argv) {
         fail("cannot make the frames folder %s: %s", options.framesDir.c_str(), std::strerror(errno));
         return 1;
     }
-    if (!configureOutput(options)) {
-        return 1;
-    }
-    raiseFileLimit();
+    return -1;
+}
 
-    KtDefaultThreadManager threads;
-    LxManager* manager = LxManager::createManager(&threads);
+/// The manager with its sub-systems started and the worlds loaded (their clips added to
+/// options); null when any of it failed, said already.
+LxManager* startManager(KtDefaultThreadManager* threads, LxWin32Window* window, Options* options,
+                        std::vector<WorldMedia>* unplayable) {
+    LxManager* manager = LxManager::createManager(threads);
     if (manager == nullptr) {
         fail("cannot create the manager");
-        return 1;
+        return nullptr;
     }
-    LxWin32Window window;
-    manager->setWindow(&window);
+    manager->setWindow(window);
     // Sounds are placed in 3D, as a browser's Sound nodes are; the mixer takes this setting only
     // before audio starts.
     manager->setSpatializeSounds(1);
@@ -618,34 +598,36 @@ int main(int argc, char** argv) {
     if (started != LX_OK) {
         fail("cannot start the media sub-systems: %s (0x%lx)", LxResultDescription(started), started);
         manager->closeManager();
-        return 1;
+        return nullptr;
     }
-    if (!outputUsable(options)) {
+    if (!outputUsable(*options)) {
         manager->closeManager();
-        return 1;
+        return nullptr;
     }
     // The scene support starts a clip of 2 s or more the start-up latency into its media, to keep
     // it on the scene's clock while the output starts; a listener hears that as the clip's first
     // 0.1 s cut off. Here every clip is to be heard whole, from the point its start time names.
     manager->setStartUpLatency(LxTime(0.0));
-    if (options.channels > 0) {
-        manager->setMaxAudioChannels(static_cast<short>(options.channels));
+    if (options->channels > 0) {
+        manager->setMaxAudioChannels(static_cast<short>(options->channels));
     }
-    std::vector<WorldMedia> unplayable;  // a world's clips without a file, for the summary
-    if (!loadWorlds(&options, manager, &unplayable)) {
+    if (!loadWorlds(options, manager, unplayable)) {
         manager->closeManager();
-        return 1;
+        return nullptr;
     }
+    return manager;
+}
 
-    std::vector<std::unique_ptr<Clip>> clips;
-    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+/// A clip and its player (or its error) for every clip option.
+void createPlayers(const Options& options, LxManager* manager, Clips* clips,
+                   std::vector<std::unique_ptr<LxFilenameDataSource>>* sources) {
     for (size_t i = 0; i < options.clips.size(); ++i) {
-        clips.emplace_back(new Clip(options.clips[i], static_cast<int>(i), options.verbose));
-        Clip& clip = *clips.back();
-        sources.emplace_back(new LxFilenameDataSource(clip.options.file.c_str()));
-        if (manager->createPlayer(sources.back().get(), &clip.player) != LX_OK || clip.player == nullptr) {
+        clips->emplace_back(new Clip(options.clips[i], static_cast<int>(i), options.verbose));
+        Clip& clip = *clips->back();
+        sources->emplace_back(new LxFilenameDataSource(clip.options.file.c_str()));
+        if (manager->createPlayer(sources->back().get(), &clip.player) != LX_OK || clip.player == nullptr) {
             fail("%s: no player for content type %s", clip.options.label.c_str(),
-                 sources.back()->getContentName());
+                 sources->back()->getContentName());
             clip.errorCode = LX_ERR_UNSUPPORTED;
             clip.player = nullptr;
             continue;
@@ -656,7 +638,10 @@ int main(int argc, char** argv) {
             clip.support->addSoundNode(sound.get());
         }
     }
+}
 
+/// Waits for every player's initialisation and connects the ready ones.
+void initializePlayers(const Options& options, Clips& clips) {
     const auto begin = std::chrono::steady_clock::now();
     auto elapsed = [&] {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
@@ -706,37 +691,24 @@ int main(int argc, char** argv) {
             c->frames.reset(new FrameWriter(options.framesDir, static_cast<int>(&c - &clips[0])));
         }
     }
+}
 
-    // The output device is opened when the first port gets a channel.
-    if (!outputUsable(options)) {
-        gOutputFailed = true;
-    }
-
-    // Every clip's fields at one moment of the scene's clock.
-    const double sceneNow = now(manager);
-    for (auto& c : clips) {
-        if (c->ready) {
-            applyFields(*c, sceneNow);
-        }
-    }
-
-    bool anyReady = false;
-    bool anyLoop = false;
-    for (auto& c : clips) {
-        anyReady = anyReady || c->ready;
-        anyLoop = anyLoop || (c->ready && c->options.loop);
-    }
+/// Follows the ready clips from the scene's time sceneNow until all are done, the run time is
+/// over, a signal came or the output failed; paints frames and shows progress on a terminal.
+void playClips(const Options& options, Clips& clips, double sceneNow, bool anyLoop) {
     double runTime = options.runTime;
     if (runTime < 0 && anyLoop) {
         runTime = 10.0;
     }
     const bool tty = isatty(STDOUT_FILENO) != 0;
-    const double playBegin = elapsed();
-    auto playing = [&] { return elapsed() - playBegin; };
+    const auto playBegin = std::chrono::steady_clock::now();
+    auto playing = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - playBegin).count();
+    };
     const double framePeriod = 1.0 / options.frameRate;
     double nextFrame = 0.0;
     double nextProgress = 0.0;
-    while (anyReady && gStopSignal == 0 && !gOutputFailed) {
+    while (gStopSignal == 0 && !gOutputFailed) {
         const double t = playing();
         if (runTime >= 0 && t >= runTime) {
             break;
@@ -783,56 +755,46 @@ int main(int argc, char** argv) {
         }
         pauseFor(5);
     }
-    if (tty && anyReady) {
+    if (tty) {
         printLine("\n");
     }
+}
 
-    // Summary of the clips that played (those that could not start said so already), then
-    // everything is taken down in the order a browser leaving the scene would.
-    int failures = 0;
-    if (anyReady) {
-        printLine("lorvex-play: %s\n", LxPlatformSound::describeOutput().c_str());
+/// One line for a clip that played; whether it counts as failed.
+bool summarizeClip(Clip& c, double sceneNow) {
+    long dropped = -1;  // unknown without a video output
+    LxOutputConnectable* videoOut = nullptr;
+    if (c.player->getOutputConnectable("Video", &videoOut) == LX_OK) {
+        if (auto* v = dynamic_cast<LxVideoOutputConnectable*>(videoOut)) {
+            dropped = v->getDroppedFrames();
+        }
     }
-    for (const WorldMedia& m : unplayable) {
-        printLine("  %s: no file for its url (%s)\n", worldLabel(m).c_str(),
-                  m.urls.empty() ? "none given" : m.urls.front().c_str());
+    const double media = c.player->getMediaTime().getValue();
+    const bool waited = c.options.absolute && !c.started.load() && c.options.start > sceneNow;
+    const char* how = c.errorCode.load() != 0  ? "FAILED"
+                      : c.timePassed           ? "silent: its time had passed when the world loaded"
+                      : c.givenUp              ? "ended without progress"
+                      : c.ended.load()         ? "played to its end"
+                      : c.stoppedAtTime.load() ? "stopped at its stop time"
+                      : c.started.load()       ? "playing when stopped"
+                      : waited                 ? "waiting for its start time when stopped"
+                                               : "never started";
+    const bool failed = c.errorCode.load() != 0 || c.givenUp ||
+                        (!c.started.load() && !c.ended.load() && !c.timePassed && !waited);
+    printLine("  %s: %s (duration %.3f s, media time %.3f s)", c.options.label.c_str(), how,
+              c.durationSeconds.load(), media);
+    if (c.frames) {
+        printLine(", %d frames painted", c.frames->painted());
     }
-    for (auto& c : clips) {
-        if (!c->ready) {
-            failures += gStopSignal == 0 ? 1 : 0;
-            continue;
-        }
-        long dropped = -1;  // unknown without a video output
-        LxOutputConnectable* videoOut = nullptr;
-        if (c->player->getOutputConnectable("Video", &videoOut) == LX_OK) {
-            if (auto* v = dynamic_cast<LxVideoOutputConnectable*>(videoOut)) {
-                dropped = v->getDroppedFrames();
-            }
-        }
-        const double media = c->player->getMediaTime().getValue();
-        const bool waited = c->options.absolute && !c->started.load() && c->options.start > sceneNow;
-        const char* how = c->errorCode.load() != 0  ? "FAILED"
-                          : c->timePassed           ? "silent: its time had passed when the world loaded"
-                          : c->givenUp              ? "ended without progress"
-                          : c->ended.load()         ? "played to its end"
-                          : c->stoppedAtTime.load() ? "stopped at its stop time"
-                          : c->started.load()       ? "playing when stopped"
-                          : waited                  ? "waiting for its start time when stopped"
-                                                    : "never started";
-        if (c->errorCode.load() != 0 || c->givenUp ||
-            (!c->started.load() && !c->ended.load() && !c->timePassed && !waited)) {
-            ++failures;
-        }
-        printLine("  %s: %s (duration %.3f s, media time %.3f s)", c->options.label.c_str(), how,
-                  c->durationSeconds.load(), media);
-        if (c->frames) {
-            printLine(", %d frames painted", c->frames->painted());
-        }
-        if (dropped >= 0) {
-            printLine(", %ld frames dropped", dropped);
-        }
-        printLine("\n");
+    if (dropped >= 0) {
+        printLine(", %ld frames dropped", dropped);
     }
+    printLine("\n");
+    return failed;
+}
+
+/// Takes every clip down in the order a browser leaving the scene would, then the manager.
+void takeDown(const Options& options, Clips& clips, LxManager* manager) {
     for (auto& c : clips) {
         if (c->frames && !options.contactSheet.empty()) {
             c->frames->writeContactSheet(options.contactSheet);
@@ -846,6 +808,95 @@ int main(int argc, char** argv) {
         }
     }
     manager->closeManager();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // First of all, so that a signal that comes while the output is being set up is not lost.
+    sigemptyset(&gStopSignals);
+    sigaddset(&gStopSignals, SIGINT);
+    sigaddset(&gStopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &gStopSignals, nullptr);
+    Options options;
+    bool showVersion = false;
+    if (!parseArgs(argc, argv, &options, &showVersion)) {
+        return 2;
+    }
+    if (options.help) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    gQuiet = options.quiet;
+    if (!options.soundFont.empty()) {
+        LxPlatformSetMidiSoundFont(options.soundFont.c_str());
+    }
+    gVolume = static_cast<float>(options.volume);
+    if (showVersion) {
+        printVersion();
+        return 0;
+    }
+    if (options.listDevices) {
+        return listDevices();
+    }
+    const int refused = checkInputs(options);
+    if (refused >= 0) {
+        return refused;
+    }
+    if (!configureOutput(options)) {
+        return 1;
+    }
+    raiseFileLimit();
+
+    KtDefaultThreadManager threads;
+    LxWin32Window window;
+    std::vector<WorldMedia> unplayable;  // a world's clips without a file, for the summary
+    LxManager* manager = startManager(&threads, &window, &options, &unplayable);
+    if (manager == nullptr) {
+        return 1;
+    }
+    Clips clips;
+    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+    createPlayers(options, manager, &clips, &sources);
+    initializePlayers(options, clips);
+
+    // The output device is opened when the first port gets a channel.
+    if (!outputUsable(options)) {
+        gOutputFailed = true;
+    }
+
+    // Every clip's fields at one moment of the scene's clock.
+    const double sceneNow = now(manager);
+    bool anyReady = false;
+    bool anyLoop = false;
+    for (auto& c : clips) {
+        if (c->ready) {
+            applyFields(*c, sceneNow);
+        }
+        anyReady = anyReady || c->ready;
+        anyLoop = anyLoop || (c->ready && c->options.loop);
+    }
+    if (anyReady) {
+        playClips(options, clips, sceneNow, anyLoop);
+    }
+
+    // Summary of the clips that played (those that could not start said so already).
+    int failures = 0;
+    if (anyReady) {
+        printLine("lorvex-play: %s\n", LxPlatformSound::describeOutput().c_str());
+    }
+    for (const WorldMedia& m : unplayable) {
+        printLine("  %s: no file for its url (%s)\n", worldLabel(m).c_str(),
+                  m.urls.empty() ? "none given" : m.urls.front().c_str());
+    }
+    for (auto& c : clips) {
+        if (!c->ready) {
+            failures += gStopSignal == 0 ? 1 : 0;
+        } else if (summarizeClip(*c, sceneNow)) {
+            ++failures;
+        }
+    }
+    takeDown(options, clips, manager);
     if (gStopSignal != 0) {
         fail("stopped by signal %d; the output is complete up to here", gStopSignal);
         return 128 + gStopSignal;
