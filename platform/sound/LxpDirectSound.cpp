@@ -725,22 +725,29 @@ void Device::info(DeviceInfo* out) {
 
 // ---- PrimaryBuffer ----
 
+/// The 3D interface of a buffer: hr, the injected failure of the query, when there is one; none
+/// without DSBCAPS_CTRL3D; otherwise a new object from make, its one reference the caller's.
+template <class Interface, class Make>
+HRESULT query3D(HRESULT hr, uint32_t flags, Make make, void** out) {
+    *out = nullptr;
+    if (FAILED(hr)) {
+        return hr;
+    }
+    if ((flags & DSBCAPS_CTRL3D) == 0) {
+        return E_NOINTERFACE;
+    }
+    Interface* object = make();
+    if (object == nullptr) {
+        return E_OUTOFMEMORY;
+    }
+    *out = object;
+    return S_OK;
+}
+
 HRESULT PrimaryBuffer::QueryInterface(const IID& iid, void** out) {
     if (out != nullptr && iid == IID_IDirectSound3DListener) {
-        *out = nullptr;
-        const HRESULT hr = intercept(Op::QueryListener);
-        if (FAILED(hr)) {
-            return hr;
-        }
-        if ((flags_ & DSBCAPS_CTRL3D) == 0) {
-            return E_NOINTERFACE;
-        }
-        Listener* l = new (std::nothrow) Listener(this);
-        if (l == nullptr) {
-            return E_OUTOFMEMORY;
-        }
-        *out = static_cast<IDirectSound3DListener*>(l);
-        return S_OK;
+        return query3D<IDirectSound3DListener>(
+            intercept(Op::QueryListener), flags_, [this] { return new (std::nothrow) Listener(this); }, out);
     }
     return queryOwn(iid, IID_IDirectSoundBuffer, out);
 }
@@ -764,20 +771,9 @@ SecondaryBuffer::~SecondaryBuffer() {
 
 HRESULT SecondaryBuffer::QueryInterface(const IID& iid, void** out) {
     if (out != nullptr && iid == IID_IDirectSound3DBuffer) {
-        *out = nullptr;
-        const HRESULT hr = device_->backend()->intercept(Op::Query3DBuffer, id_);
-        if (FAILED(hr)) {
-            return hr;
-        }
-        if ((flags_ & DSBCAPS_CTRL3D) == 0) {
-            return E_NOINTERFACE;
-        }
-        Buffer3D* b = new (std::nothrow) Buffer3D(this);
-        if (b == nullptr) {
-            return E_OUTOFMEMORY;
-        }
-        *out = static_cast<IDirectSound3DBuffer*>(b);
-        return S_OK;
+        return query3D<IDirectSound3DBuffer>(
+            device_->backend()->intercept(Op::Query3DBuffer, id_), flags_,
+            [this] { return new (std::nothrow) Buffer3D(this); }, out);
     }
     return queryOwn(iid, IID_IDirectSoundBuffer, out);
 }
