@@ -25,6 +25,24 @@ if(LORVEX_SANITIZE)
     add_link_options(-fsanitize=${LORVEX_SANITIZE})
 endif()
 
+# The include checker (cmake/LayerCheck.cmake) runs before the library links, and again whenever a
+# source or header of a layer changes, so an include against the layers fails the build.
+include(LorvexLayers)
+set(_lx_layer_globs ${PROJECT_SOURCE_DIR}/include/*.h)
+foreach(entry ${LORVEX_LAYER_RANKS})
+    string(REGEX REPLACE "=.*" "" folder "${entry}")
+    list(APPEND _lx_layer_globs ${PROJECT_SOURCE_DIR}/${folder}/*.h ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+endforeach()
+file(GLOB_RECURSE _lx_layer_inputs CONFIGURE_DEPENDS ${_lx_layer_globs})
+add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/layer-check.stamp
+    COMMAND ${CMAKE_COMMAND} -DROOT=${PROJECT_SOURCE_DIR} -DSTAMP=${PROJECT_BINARY_DIR}/layer-check.stamp
+        -P ${PROJECT_SOURCE_DIR}/cmake/LayerCheck.cmake
+    DEPENDS ${_lx_layer_inputs} ${PROJECT_SOURCE_DIR}/cmake/LayerCheck.cmake
+        ${PROJECT_SOURCE_DIR}/cmake/LorvexLayers.cmake
+    COMMENT "Checking the layers' includes"
+    VERBATIM)
+add_custom_target(lorvex_layer_check DEPENDS ${PROJECT_BINARY_DIR}/layer-check.stamp)
+
 # lorvex_add_component(<name> SOURCES <files...> [LIBRARIES <private libs...>])
 #
 # Adds the object library lorvex_<name> (one subsystem or platform layer) to the library.
