@@ -9,6 +9,9 @@
 
 namespace lxmixer {
 
+/// The mixer's enumeration gate (null after the library unloads).
+KtGateLock* enumGate();
+
 /// Holds a KtMutex (none for a null one) and can let it go and take it back in between.
 class Hold {
   public:

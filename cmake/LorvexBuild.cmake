@@ -76,6 +76,7 @@ function(lorvex_finish_library)
     endforeach()
     add_library(lorvex SHARED ${objects})
     add_library(Lorvex::lorvex ALIAS lorvex)
+    add_dependencies(lorvex lorvex_layer_check)
     set_target_properties(lorvex PROPERTIES
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}

@@ -4,11 +4,10 @@
 #include "LxDataSource.h"
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
-#include "LxWin32Manager.h"
 #include "midi/LxWin32MidiParser.h"
 #include "midi/LxWin32NewMidiParser.h"
 #include "platform/midi/LxpMidi.h"
@@ -445,7 +444,7 @@ long LxWin32MidiPlayer::initPlayer() {
     }
     if (stream.load() == nullptr) {
         HMIDISTRM s = nullptr;
-        KtMutex* access = LxWin32Manager::midiAccessMutex;
+        KtMutex* access = midiAccessMutex();
         if (access != nullptr) {
             access->lock();
         }
@@ -594,7 +593,7 @@ void LxWin32MidiPlayer::endFailedPass() {
     }
     LxLog::postDebug("LxWin32MidiPlayer:  the MIDI device refused the clip; ending it\n");
     if (manager != nullptr) {
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     lock();
     if (getCurrentState() == STARTED) {
@@ -613,7 +612,7 @@ long LxWin32MidiPlayer::stopMidi(char tellManager) {
     unlock();
     if (tellManager && result == LX_OK && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     return result;
 }
@@ -825,8 +824,9 @@ long LxWin32MidiPlayer::loadClip() {
     lock();
     fileOpen = 1;
     unlock();
-    const long result = manager != nullptr ? manager->requestPortChannel(this, LxTime::zero())
-                                           : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
+    const long result = manager != nullptr
+                            ? LxManagerServices::channels(manager)->requestPortChannel(this, LxTime::zero())
+                            : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
     if (result == LX_ERR_CHANNEL_TYPE_UNAVAILABLE) {
         LxLog::postDebug("LxWin32MidiPlayer: manager told us can't render MIDI\n");
         return LX_ERR_MIDI_RENDER;
@@ -883,7 +883,7 @@ void LxWin32MidiPlayer::goActive() {
     const LxTime now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
     unlock();
     if (manager != nullptr) {
-        manager->updatePortChannel(this, now, 1);
+        LxManagerServices::channels(manager)->updatePortChannel(this, now, 1);
     }
     lock();
     if (active && holdingChannel.load() && getCurrentState() == STARTED) {
@@ -904,7 +904,7 @@ void LxWin32MidiPlayer::autoStop() {
     unlock();
     if (wasActive && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     lock();
     ownEndReached = 1;
@@ -940,7 +940,7 @@ void LxWin32MidiPlayer::finishEndOfData() {
     unlock();
     if (manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     lock();
     ownEndReached = 1;
@@ -967,7 +967,7 @@ void LxWin32MidiPlayer::endTailIfSilent() {
 void LxWin32MidiPlayer::tellManagerIfStopped() {
     if (inactivePending.exchange(false) && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
 }
 
@@ -1053,7 +1053,7 @@ void LxWin32MidiPlayer::run() {
     LxLog::postDebug("LxWin32MidiPlayer:  Goodbye cruel world!\n");
     LxLog::postDebug("LxWin32MidiPlayer:  releasing port channel\n");
     if (manager != nullptr) {
-        manager->releasePortChannel(this);
+        LxManagerServices::channels(manager)->releasePortChannel(this);
     }
     endRun();
 }

@@ -3,7 +3,7 @@
 
 #include "LxConnectable.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
@@ -58,7 +58,7 @@ LxPlayer::LxPlayer(LxManager* m, LxDataSource* source)
     : LxNode(m),
       threadRunning(0),
       thread(nullptr),
-      threadManager(m != nullptr ? m->getThreadManager() : nullptr),
+      threadManager(m != nullptr ? LxManagerServices::threadManager(m) : nullptr),
       master(0),
       suspended(0),
       timeBase(nullptr),

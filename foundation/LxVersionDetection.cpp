@@ -3,13 +3,23 @@
 #include "LxVersionDetection.h"
 
 #include "LxLog.h"
-#include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
+#include "platform/kt/KtLibraryLock.h"
 #include "platform/probe/LxpProbe.h"
 
 #include <cstring>
 
 namespace {
+
+// Held for the whole of every probe and cache reset; created when the library loads.
+KtLibraryLock<KtMutex> gProbeLock;
+
+__attribute__((constructor(101))) void lxProbeLockLoad() {
+    gProbeLock.create();
+}
+__attribute__((destructor(101))) void lxProbeLockUnload() {
+    gProbeLock.destroy();
+}
 
 // Guarded by the probe lock.
 bool gComputed = false;
@@ -132,7 +142,7 @@ void detect() {
 }  // namespace
 
 void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, unsigned long* directShow) {
-    KtMutex* lock = LxClassLocks::probeLock();
+    KtMutex* lock = gProbeLock.get();
     if (lock != nullptr) {
         lock->lock();
     }
@@ -155,7 +165,7 @@ void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, uns
 }
 
 void LxResetDXAndWin32VersionCache() {
-    KtMutex* lock = LxClassLocks::probeLock();
+    KtMutex* lock = gProbeLock.get();
     if (lock != nullptr) {
         lock->lock();
     }
@@ -163,4 +173,8 @@ void LxResetDXAndWin32VersionCache() {
     if (lock != nullptr) {
         lock->unlock();
     }
+}
+
+KtMutex* LxVersionProbeLock() {
+    return gProbeLock.get();
 }
