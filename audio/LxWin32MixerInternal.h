@@ -12,10 +12,11 @@ namespace lxmixer {
 /// The mixer's enumeration gate (null after the library unloads).
 KtGateLock* enumGate();
 
-/// Holds a KtMutex (none for a null one) and can let it go and take it back in between.
+/// Holds a KtMutex (none for a null one) for a scope, like KtScopedLock; a KtScopedUnlock<Hold>
+/// lets it go for a sleep in between.
 class Hold {
   public:
-    explicit Hold(KtMutex* m) : m_(m), held_(false) { relock(); }
+    explicit Hold(KtMutex* m) : m_(m), held_(false) { lock(); }
     ~Hold() { unlock(); }
     bool valid() const { return m_ != nullptr; }
     void unlock() {
@@ -24,7 +25,7 @@ class Hold {
             m_->unlock();
         }
     }
-    void relock() {
+    void lock() {
         if (m_ != nullptr && !held_) {
             m_->lock();
             held_ = true;

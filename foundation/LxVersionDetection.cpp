@@ -8,6 +8,7 @@
 #include "platform/probe/LxpProbe.h"
 
 #include <cstring>
+#include <optional>
 
 namespace {
 
@@ -142,9 +143,10 @@ void detect() {
 }  // namespace
 
 void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, unsigned long* directShow) {
-    KtMutex* lock = gProbeLock.get();
-    if (lock != nullptr) {
-        lock->lock();
+    // The probe lock is gone once the library is being unloaded: the probe then runs unguarded.
+    std::optional<KtScopedLock<KtMutex>> guard;
+    if (KtMutex* lock = gProbeLock.get()) {
+        guard.emplace(*lock);
     }
     if (!gComputed) {
         gComputed = true;
@@ -159,20 +161,14 @@ void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, uns
     if (directShow != nullptr) {
         *directShow = gDirectShow;
     }
-    if (lock != nullptr) {
-        lock->unlock();
-    }
 }
 
 void LxResetDXAndWin32VersionCache() {
-    KtMutex* lock = gProbeLock.get();
-    if (lock != nullptr) {
-        lock->lock();
+    std::optional<KtScopedLock<KtMutex>> guard;
+    if (KtMutex* lock = gProbeLock.get()) {
+        guard.emplace(*lock);
     }
     gComputed = false;
-    if (lock != nullptr) {
-        lock->unlock();
-    }
 }
 
 KtMutex* LxVersionProbeLock() {
