@@ -110,15 +110,29 @@ class LxAMPlayer : public LxPlayer {
     std::atomic<KtGateLock*> filterGate;
     char graphRunning;
 
+    // Steps of the shared run loop; player's thread, signal not held.
+    /// COM for the player's thread.
+    long prepareThread() override;
+    unsigned long dataPollMs() override;
+    /// Builds the graph from the source with a renderer filter for each kind of stream.
+    long loadClip() override;
+    /// 0xE1 audio, 0xE2 video, 0xE3 both.
+    long initializedKind() override;
+    /// Cues the graph (paused) until every node has prefetched.
+    unsigned long prefetchStep() override;
+    /// At rate 0 the graph is paused and the player waits for a request.
+    bool holdStart(unsigned long* wait) override;
+    /// A backward clock waits (nearly) for ever: the graph plays forward only.
+    unsigned long startWait(long stall, float rate) override;
+    void silenceAtStopTime() override;
+    /// Runs the graph and goes active; then polls the graph for its end.
+    unsigned long playStep(unsigned long toStart) override;
+
   private:
-    // One pass of the loop in a state; each returns the wait before the next pass (ms).
-    unsigned long initializeGraphStep();
-    unsigned long prefetchStep();
-    unsigned long startedStep();
+    /// Takes one event from the graph: its end loops the clip inside the graph or ends it.
+    void pollGraphEvent();
     /// The wait before the graph is polled again while it plays at rate.
     unsigned long nextPoll(float rate);
-    /// The wait for a start that lies stall media milliseconds ahead at rate.
-    static unsigned long stallWait(long stall, float rate);
     /// Moves the graph to t after bumping the stream epoch.
     long reposition(LxTime t);
     /// Releases an interface, posting message with the count left when message is not null.
