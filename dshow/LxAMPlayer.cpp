@@ -14,6 +14,7 @@
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/dshow/LxpRendererFilter.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,11 @@ constexpr unsigned long kGateWaitMs = 1000;
 // How often the graph is polled for its events while it plays, and near its end.
 constexpr unsigned long kGraphPollMs = 100;
 constexpr unsigned long kEndPollMs = 5;
+// A graph of sound alone runs this long before a start asked for ahead of time, as the WAVE
+// player reads ahead: the audio renderer then has the first samples in time to set them for the
+// start's exact sample (it prepares a start 150 ms ahead). Run at the start itself, the graph's
+// first samples would reach the renderer after it and be heard at the next mixing block.
+constexpr unsigned long kCueLeadMs = 100;
 // A clip shorter than this is a short clip.
 const LxTime kShortClip(2, 0);
 
@@ -101,6 +107,7 @@ LxAMPlayer::LxAMPlayer(LxManager* manager, LxDataSource* source)
       hasVideo(0),
       filterGate(nullptr),
       graphRunning(0),
+      activeOwed(0),
       audioOutput(nullptr),
       videoOutput(nullptr),
       comInitialized(0),
@@ -771,11 +778,30 @@ void LxAMPlayer::silenceAtStopTime() {
     graphRunning = 0;
 }
 
-unsigned long LxAMPlayer::playStep(unsigned long) {
+unsigned long LxAMPlayer::cueLead() {
+    // A graph with pictures runs at the start: its pictures go out as its own clock reaches
+    // them, so running it early would show them early.
+    if (!hasAudio || hasVideo) {
+        return 0;
+    }
+    KtScopedLock guard(signal);
+    return clock->getRate() > 0.0f ? kCueLeadMs : 0;
+}
+
+unsigned long LxAMPlayer::playStep(unsigned long toStart) {
+    // The player goes active at the start itself, also when its graph runs ahead of it.
+    bool goesActive = false;
     if (!graphRunning) {
         LxLog::postDebug("LxAMPlayer:  Just moving to started - posting LxActiveEvent\n");
         startFilterGraph();
         graphRunning = 1;
+        activeOwed = toStart > 0 ? 1 : 0;
+        goesActive = toStart == 0;
+    } else if (activeOwed && toStart == 0) {
+        activeOwed = 0;
+        goesActive = true;
+    }
+    if (goesActive) {
         postEvent(new (std::nothrow) LxActiveEvent(this));
     }
     pollGraphEvent();
@@ -784,7 +810,8 @@ unsigned long LxAMPlayer::playStep(unsigned long) {
         KtScopedLock guard(signal);
         rate = clock->getRate();
     }
-    return nextPoll(rate);
+    const unsigned long poll = nextPoll(rate);
+    return activeOwed ? std::min(poll, toStart) : poll;
 }
 
 void LxAMPlayer::pollGraphEvent() {

@@ -109,6 +109,8 @@ class LxAMPlayer : public LxPlayer {
     /// Created open. Read by delivery threads through filterGateWait.
     std::atomic<KtGateLock*> filterGate;
     char graphRunning;
+    /// The graph runs ahead of its start and the active event is still to come. Player thread.
+    char activeOwed;
 
     // Steps of the shared run loop; player's thread, signal not held.
     /// COM for the player's thread.
@@ -125,7 +127,9 @@ class LxAMPlayer : public LxPlayer {
     /// A backward clock waits (nearly) for ever: the graph plays forward only.
     unsigned long startWait(long stall, float rate) override;
     void silenceAtStopTime() override;
-    /// Runs the graph and goes active; then polls the graph for its end.
+    /// A graph of sound alone runs a little ahead of a start (forward rates only).
+    unsigned long cueLead() override;
+    /// Runs the graph and goes active at the start; then polls the graph for its end.
     unsigned long playStep(unsigned long toStart) override;
 
   private:
