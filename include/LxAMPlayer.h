@@ -31,8 +31,8 @@ class IPin;
 /// Threads. The player's thread builds and drives the graph: every graph call below runs there
 /// (requests from other threads reach it through the request queue). The filter library's
 /// delivery threads call only filterGateWait and getStreamEpoch. The graph is paused to cue,
-/// run once the start time has come, paused on a stop, seeked, looped inside the graph and polled
-/// for its end.
+/// run once the start time has come (a graph of sound alone just before it, see cueLead), paused
+/// on a stop, seeked, looped inside the graph and polled for its end.
 class LxAMPlayer : public LxPlayer {
   public:
     /// Starts the player's thread, which initialises the player from the source by itself.
