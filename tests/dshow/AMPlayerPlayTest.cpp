@@ -125,7 +125,7 @@ TEST(AMPlayerPlay, ASoundOnlyGraphRunsJustAheadOfItsStartAndGoesActiveAtIt) {
     }));
     EXPECT_LT(firstAt, start) << "the first samples reached the renderer after the start";
     ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxActiveEventType) == 1; }));
-    EXPECT_GE(rig.now(), start);
+    EXPECT_GE(rig.now(), start - 0.005) << "active ahead of the start";
 }
 
 TEST(AMPlayerPlay, RateZeroAndSuspendHoldTheGraphAndALaterRateOrResumeRunsItAgain) {
