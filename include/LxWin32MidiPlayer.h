@@ -52,6 +52,11 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// die away (a note held by a pedal would sound for ever).
     static constexpr unsigned long kTailLimitMs = 2000;
 
+    /// Held around every attempt to open a MIDI stream, by the players and by the manager's
+    /// sound-card test, so that two opens never race for the one device. Exists while the library
+    /// is loaded (null after unload).
+    static KtMutex* midiAccessMutex();
+
     /// Starts the player thread, which loads the clip from the source's local file.
     LxWin32MidiPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Ends the thread (the stream is stopped and closed on the way), then frees what is left.

@@ -4,11 +4,10 @@
 #include "LxDataSource.h"
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
-#include "LxWin32Manager.h"
 #include "midi/LxWin32MidiParser.h"
 #include "midi/LxWin32NewMidiParser.h"
 #include "platform/midi/LxpMidi.h"
@@ -443,7 +442,7 @@ long LxWin32MidiPlayer::initPlayer() {
                                        reinterpret_cast<uintptr_t>(this), lxp::CALLBACK_FUNCTION);
         };
         lxp::MMRESULT opened = 0;
-        if (KtMutex* access = LxWin32Manager::midiAccessMutex) {
+        if (KtMutex* access = midiAccessMutex()) {
             KtScopedLock device(*access);
             opened = open();
         } else {
@@ -582,7 +581,7 @@ void LxWin32MidiPlayer::endFailedPass() {
     guard.unlock();
     LxLog::postDebug("LxWin32MidiPlayer:  the MIDI device refused the clip; ending it\n");
     if (manager != nullptr) {
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     guard.lock();
     if (getCurrentState() == STARTED) {
@@ -602,7 +601,7 @@ long LxWin32MidiPlayer::stopMidi(char tellManager) {
     }
     if (tellManager && result == LX_OK && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     return result;
 }
@@ -815,8 +814,9 @@ long LxWin32MidiPlayer::loadClip() {
         KtScopedLock guard(signal);
         fileOpen = 1;
     }
-    const long result = manager != nullptr ? manager->requestPortChannel(this, LxTime::zero())
-                                           : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
+    const long result = manager != nullptr
+                            ? LxManagerServices::channels(manager)->requestPortChannel(this, LxTime::zero())
+                            : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
     if (result == LX_ERR_CHANNEL_TYPE_UNAVAILABLE) {
         LxLog::postDebug("LxWin32MidiPlayer: manager told us can't render MIDI\n");
         return LX_ERR_MIDI_RENDER;
@@ -858,7 +858,7 @@ void LxWin32MidiPlayer::goActive() {
     const LxTime now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
     guard.unlock();
     if (manager != nullptr) {
-        manager->updatePortChannel(this, now, 1);
+        LxManagerServices::channels(manager)->updatePortChannel(this, now, 1);
     }
     guard.lock();
     if (active && holdingChannel.load() && getCurrentState() == STARTED) {
@@ -880,7 +880,7 @@ void LxWin32MidiPlayer::silenceAtStopTime() {
     }
     if (wasActive && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
 }
 
@@ -911,7 +911,7 @@ void LxWin32MidiPlayer::finishEndOfData() {
     guard.unlock();
     if (manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     guard.lock();
     ownEndReached = 1;
@@ -936,7 +936,7 @@ void LxWin32MidiPlayer::endTailIfSilent() {
 void LxWin32MidiPlayer::tellManagerIfStopped() {
     if (inactivePending.exchange(false) && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
 }
 
@@ -962,7 +962,7 @@ unsigned long LxWin32MidiPlayer::passWait(unsigned long w) {
 void LxWin32MidiPlayer::leaveLoop() {
     LxLog::postDebug("LxWin32MidiPlayer:  releasing port channel\n");
     if (manager != nullptr) {
-        manager->releasePortChannel(this);
+        LxManagerServices::channels(manager)->releasePortChannel(this);
     }
 }
 

@@ -4,7 +4,7 @@
 #include "LxConnectable.h"
 #include "LxDataSource.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
@@ -61,7 +61,7 @@ LxPlayer::LxPlayer(LxManager* m, LxDataSource* source)
     : LxNode(m),
       threadRunning(0),
       thread(nullptr),
-      threadManager(m != nullptr ? m->getThreadManager() : nullptr),
+      threadManager(m != nullptr ? LxManagerServices::threadManager(m) : nullptr),
       master(0),
       suspended(0),
       timeBase(nullptr),
