@@ -59,26 +59,20 @@ TEST_F(LateListener, AttachedAfterInitialisingHearsWhatOneAttachedBeforeHeard) {
     }
 }
 
-// The soak: a thousand players of every kind made from four host threads, each listener attached
-// at a random moment (before the clip can be read, at once after, or a little later); every
-// listener hears the initialized event exactly once and no event twice. Some players then live:
-// connected, started (ahead or joined late), sought, re-rated, looped, suspended, stopped or left
-// to play, with fewer channels than sounds so that the arbitration works. Afterwards the registry
-// is empty and every channel free. The pauses only vary the interleaving.
+// A thousand players of every kind made from four host threads, each listener attached at a random
+// moment (before the clip can be read, at once after, or a little later); every listener hears the
+// initialized event exactly once and no event twice, and the registry is empty afterwards. (Players
+// that play while others come and go are the re-entrant listener test's.)
 TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
     const unsigned seed = lxtest::testSeed();
     SCOPED_TRACE("LORVEX_SEED=" + std::to_string(seed));
     constexpr int kStarts = 1000, kThreads = 4;
-    manager->setMaxAudioChannels(4);
-    std::atomic<int> next{0}, lost{0}, doubled{0}, lived{0};
+    std::atomic<int> next{0}, lost{0}, doubled{0};
     const auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> hosts;
     for (int w = 0; w < kThreads; ++w) {
         hosts.emplace_back([&, w] {
             std::mt19937 rng(seed + w);
-            auto pause = [&](int maxMs) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(rng() % maxMs));
-            };
             while (lost.load() == 0 && next.fetch_add(1) < kStarts) {  // one loss is enough
                 lxtest::GatedFileSource* gate = nullptr;
                 LxPlayer* p = make(static_cast<Kind>(rng() % everykind::kKinds), &gate);
@@ -101,42 +95,11 @@ TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
                 if (!lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) > 0; }, 20000)) {
                     ++lost;
                 }
-                // The same event twice, looked for before the player plays, while the events heard
-                // are still kept by the node (later, a freed event's address may come again).
+                // The same event twice, looked for while the events heard are still kept by the node
+                // (once it is destroyed, a freed event's address may come again).
                 std::set<LxEvent*> seen;
                 for (const auto& e : listener.entries()) {
                     doubled += seen.insert(e.event).second ? 0 : 1;
-                }
-                if (lost.load() == 0 && rng() % 8 == 0) {
-                    ++lived;
-                    manager->connectAllUnconnected(p);
-                    p->setTimeBase(manager->getMasterTimeBase());
-                    p->setLoop(static_cast<char>(rng() % 2));
-                    const double now = manager->getMasterTimeBase()->getRefTime().getValue();
-                    p->startAtTime(LxTime(now + (static_cast<int>(rng() % 200) - 100) / 1000.0));
-                    for (int step = static_cast<int>(rng() % 4); step > 0; --step) {
-                        pause(100);
-                        float rate = 0.5f + static_cast<float>(rng() % 3) * 0.5f;
-                        switch (rng() % 4) {
-                            case 0:
-                                p->setMediaTime(LxTime((rng() % 400) / 1000.0));
-                                break;
-                            case 1:
-                                p->setRate(&rate);
-                                break;
-                            case 2:
-                                p->stop();
-                                p->startAtTime(manager->getMasterTimeBase()->getRefTime());
-                                break;
-                            default:
-                                p->suspend();
-                                p->resume();
-                                break;
-                        }
-                    }
-                    if (rng() % 2 == 0) {
-                        p->stop();
-                    }
                 }
                 if (manager->destroyPlayer(p) != LX_OK) {  // its poster has ended: the listener may go
                     ++lost;
@@ -148,13 +111,11 @@ TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
     for (std::thread& t : hosts) {
         t.join();
     }
-    std::printf("[ measured ] %d starts (%d played) from %d threads: %d lost, %d events twice, %.1f s\n",
-                kStarts, lived.load(), kThreads, lost.load(), doubled.load(),
-                lxtest::msSince(start) / 1000.0);
+    std::printf("[ measured ] %d starts from %d threads: %d lost, %d events twice, %.1f s\n", kStarts,
+                kThreads, lost.load(), doubled.load(), lxtest::msSince(start) / 1000.0);
     EXPECT_EQ(0, lost.load());
     EXPECT_EQ(0, doubled.load());
     EXPECT_EQ(0, manager->players());
-    EXPECT_EQ("0/0/0/0 0/0/0/0 ", manager->channels()) << "active/held/waiting/idle ports per type";
 }
 
 }  // namespace
