@@ -43,18 +43,14 @@ class ProbeRenderer : public LxWin32AudioRenderer {
         LxNodeState state;
     };
     Fields fields() {
-        waitNotify.lock();
-        const Fields f{bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark,     isResident,
-                       residentDone, residentStarted, eomDone,        draining,         hasWritten,
-                       silentPacing, resetPending,    framesCreated,  getCurrentState()};
-        waitNotify.unlock();
-        return f;
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        return {bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark,     isResident,
+                residentDone, residentStarted, eomDone,        draining,         hasWritten,
+                silentPacing, resetPending,    framesCreated,  getCurrentState()};
     }
     LxWin32AudioOutputPort* port(int i) {
-        waitNotify.lock();
-        LxWin32AudioOutputPort* p = i < portCount ? ports[i] : nullptr;
-        waitNotify.unlock();
-        return p;
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        return i < portCount ? ports[i] : nullptr;
     }
 };
 

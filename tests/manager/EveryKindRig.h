@@ -35,7 +35,7 @@ class Manager : public LxWin32Manager {
   public:
     explicit Manager(KtThreadManager* threads) : LxWin32Manager(threads) {}
     int players() {
-        std::lock_guard<KtMutex> guard(*playerListLock);
+        KtScopedLock<KtMutex> guard(playerListLock);
         int n = 0;
         for (LxPlayerListEntry* e = playerList; e != nullptr; e = e->next) {
             ++n;
@@ -44,7 +44,7 @@ class Manager : public LxWin32Manager {
     }
     /// "active/held/waiting/idle" ports of both channel types, read under the channel lock.
     std::string channels() {
-        std::lock_guard<KtMutex> guard(*channelLock);
+        KtScopedLock<KtMutex> guard(channelLock);
         std::string text;
         for (const LxChannelInfo& c : channelInfo) {
             text += std::to_string(c.activeCount) + "/" + std::to_string(c.activePorts.size()) + "/" +

@@ -33,8 +33,7 @@ class ArbiterManager : public LxManager {
     }
 
     const LxChannelInfo& info(int type) const { return channelInfo[type]; }
-    void lockChannels() { channelLock->lock(); }
-    void unlockChannels() { channelLock->unlock(); }
+    KtMutex& channelMutex() { return *channelLock; }
 
     bool failStartup[2] = {false, false};
     int startups[2] = {0, 0};
@@ -303,7 +302,8 @@ TEST_F(ArbitrationTest, ConcurrentOperationsKeepTheBookkeepingConsistent) {
             for (int s = 0; s < kSteps; ++s) {
                 const size_t i = static_cast<size_t>(w * kPortsPerThread) + rng() % kPortsPerThread;
                 const unsigned op = rng() % 4;
-                manager->lockChannels();  // re-entrant: registration and its flag change as one step
+                // The lock is re-entrant: registration and its flag change as one step.
+                KtScopedLock<KtMutex> guard(manager->channelMutex());
                 if (op == 0 && !registered[i]) {
                     manager->requestPortChannel(all[i].get(), LxTime::zero());
                     registered[i] = 1;
@@ -315,7 +315,6 @@ TEST_F(ArbitrationTest, ConcurrentOperationsKeepTheBookkeepingConsistent) {
                                                op == 1);
                 }
                 failures += consistent() ? 0 : 1;
-                manager->unlockChannels();
             }
         });
     }
