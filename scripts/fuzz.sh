@@ -12,7 +12,11 @@ fi
 
 seconds=${FUZZ_SECONDS:-30}
 build=build/fuzz
-CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+launcher=()
+if command -v ccache >/dev/null; then
+    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
+CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" \
     -DLORVEX_FUZZ=ON -DLORVEX_BUILD_TESTS=ON -DLORVEX_BUILD_TOOLS=ON -DLORVEX_WERROR=OFF >/dev/null
 
 # Every fuzz target of tests/fuzz: one corpus folder per target.

@@ -14,6 +14,11 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 export LSAN_OPTIONS=suppressions=$PWD/scripts/lsan-suppressions.txt:print_suppressions=0
 
 common=(-G Ninja -DCMAKE_BUILD_TYPE=Debug -DLORVEX_KEEP_LOG=ON -DLORVEX_WERROR=ON -DLORVEX_BUILD_TESTS=ON)
+# A developer's machine with ccache rebuilds a fresh clone in a fraction of the time; a fresh machine
+# simply builds everything.
+if command -v ccache >/dev/null; then
+    common+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+fi
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer: every test"
 cmake -S . -B build/asan "${common[@]}" -DLORVEX_SANITIZE=address,undefined >/dev/null
