@@ -231,6 +231,23 @@ TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
     release({&r, &m});
 }
 
+// A port going while others of its type still play: a stronger port of the other type that waits
+// takes the card from them.
+TEST_F(ArbitrationTest, HalfDuplexWaitingMusicTakesTheCardFromTheSampledPortsLeft) {
+    manager->configure(4, 1, true);
+    FakeAudioPort r1(LxRawChannel, 0.9f), r2(LxRawChannel, 0.2f), m(LxMidiChannel, 0.95f);
+    for (FakeAudioPort* p : {&r1, &r2, &m}) {
+        manager->requestPortChannel(p, zero);
+        manager->updatePortChannel(p, LxTime(1, 0), 1);
+    }
+    EXPECT_EQ("110", held({&r1, &r2, &m})) << "the music waits for a change on the card";
+    release({&r1});
+    EXPECT_EQ("01", held({&r2, &m}));
+    EXPECT_EQ("10", started());
+    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&r2}), ports(manager->info(LxRawChannel).waitingPorts));
+    release({&r2, &m});
+}
+
 TEST_F(ArbitrationTest, UnavailableTypesUnknownPortsAndRefusals) {
     manager->configure(1, 0, false);
     FakeAudioPort midi(LxMidiChannel);
