@@ -1,9 +1,10 @@
-"""What a listener hears in a WAV file: onset, offset, pitch, level, side, envelope."""
+"""What a listener hears in a WAV file: onset, offset, pitch, level, side, envelope, spectra."""
 import wave
 
 import numpy as np
 
 SILENT = 0.01  # amplitude (full scale 1.0) below which nothing counts as heard
+HOP = 0.005  # seconds between the spectra of a spectrogram
 
 
 def read(path):
@@ -95,3 +96,23 @@ def locate(source, piece):
     c = np.fft.irfft(np.fft.rfft(source, n) * np.conj(np.fft.rfft(piece, n)), n)[:len(source) - len(piece) + 1]
     k = int(np.argmax(c))
     return k, correlation(source[k:k + len(piece)], piece)
+
+
+def spectrogram(x, rate, n=2048, top=4000):
+    """Magnitude spectra (up to top Hz) of the mono mix, one every HOP seconds."""
+    m = mono(x)
+    if len(m) < n:
+        return np.zeros((0, n * top // rate))
+    frames = np.lib.stride_tricks.sliding_window_view(m, n)[::int(HOP * rate)] * np.hanning(n)
+    return np.abs(np.fft.rfft(frames))[:, :n * top // rate]
+
+
+def follow(source, piece):
+    """(offset in spectra, score): where in the spectrogram source the spectra of piece fit best;
+    notes and timbre both count, so a tune's place is found even where its rhythm repeats."""
+    n = len(source) + len(piece)
+    c = np.fft.irfft(np.sum(np.fft.rfft(source, n, axis=0) * np.conj(np.fft.rfft(piece, n, axis=0)), axis=1), n)
+    energy = np.convolve(np.sum(source**2, axis=1), np.ones(len(piece)), 'valid')
+    score = c[:len(energy)] / np.sqrt(energy * np.sum(piece**2) + 1e-30)
+    k = int(np.argmax(score))
+    return k, float(score[k])
