@@ -182,6 +182,12 @@ TEST_F(ArbitrationTest, StoppingKeepsTheChannelUnlessSomeoneWaits) {
     manager->updatePortChannel(&a, zero, 0);  // a stops while b waits: a gives its channel up
     EXPECT_EQ("01", held({&a, &b}));
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).inactivePorts));
+    manager->updatePortChannel(&a, LxTime(4, 0), 1);  // a plays again and takes the channel back
+    EXPECT_EQ("10", held({&a, &b}));
+    b.setPriority(0.95f);  // the waiting port now beats the holder: it takes the channel
+    manager->updatePortChannel(&b, LxTime(5, 0), 1);
+    EXPECT_EQ("01", held({&a, &b}));
+    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).waitingPorts));
     release({&a, &b});
 }
 
