@@ -159,17 +159,18 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
     }
     setCurrentState(STOPPED);
 
-    waitNotify.lock();
-    KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
-    thread = tm != nullptr ? tm->createThread(&LxWin32AudioRenderer::threadEntry, this, 4, 1, 2) : nullptr;
-    if (thread != nullptr) {
-        threadRunning = 1;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
+        thread =
+            tm != nullptr ? tm->createThread(&LxWin32AudioRenderer::threadEntry, this, 4, 1, 2) : nullptr;
+        if (thread != nullptr) {
+            threadRunning = 1;
+        }
     }
-    waitNotify.unlock();
     if (thread != nullptr && thread->start() != LX_OK) {
-        waitNotify.lock();
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
         threadRunning = 0;
-        waitNotify.unlock();
     }
 }
 
@@ -177,33 +178,34 @@ LxWin32AudioRenderer::~LxWin32AudioRenderer() {
     LxLog::postDebug("LxWin32AudioRenderer:  destructor\n");
     stopThread();
 
-    waitNotify.lock();
-    // Ports registered after the thread left (or when it never ran) go out of the arbitration
-    // here. Ports are then closed, so that the mixer's slots and buffers do not outlive the
-    // clip: a browser plays many clips, and the mixer's port table is finite.
-    releaseChannels();
-    if (ports != nullptr) {
-        for (int i = kMaxPorts - 1; i >= 0; --i) {
-            LxWin32AudioOutputPort* p = ports[i];
-            if (p == nullptr) {
-                continue;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        // Ports registered after the thread left (or when it never ran) go out of the arbitration
+        // here. Ports are then closed, so that the mixer's slots and buffers do not outlive the
+        // clip: a browser plays many clips, and the mixer's port table is finite.
+        releaseChannels();
+        if (ports != nullptr) {
+            for (int i = kMaxPorts - 1; i >= 0; --i) {
+                LxWin32AudioOutputPort* p = ports[i];
+                if (p == nullptr) {
+                    continue;
+                }
+                if (mixer != nullptr && p->getPortNumber() >= 0) {
+                    mixer->closePort(p->getPortNumber());
+                }
+                delete p;
+                ports[i] = nullptr;
             }
-            if (mixer != nullptr && p->getPortNumber() >= 0) {
-                mixer->closePort(p->getPortNumber());
-            }
-            delete p;
-            ports[i] = nullptr;
+            delete[] ports;
+            ports = nullptr;
         }
-        delete[] ports;
-        ports = nullptr;
+        masterPort = nullptr;
+        portCount = 0;
+        delete portConfig;
+        portConfig = nullptr;
+        delete currentFrame;
+        currentFrame = nullptr;
     }
-    masterPort = nullptr;
-    portCount = 0;
-    delete portConfig;
-    portConfig = nullptr;
-    delete currentFrame;
-    currentFrame = nullptr;
-    waitNotify.unlock();
 
     if (emptyFrames != nullptr) {
         while (LxFrame* f = static_cast<LxFrame*>(emptyFrames->receive(0, LxTime()))) {
@@ -232,23 +234,26 @@ LxWin32AudioRenderer::~LxWin32AudioRenderer() {
 }
 
 void LxWin32AudioRenderer::stopThread() {
-    waitNotify.lock();
-    if (getCurrentState() == STARTED) {
-        handleStop();
-        setCurrentState(STOPPED);
+    char running;
+    KtThread* t;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        if (getCurrentState() == STARTED) {
+            handleStop();
+            setCurrentState(STOPPED);
+        }
+        if (tailPending) {
+            stopAllPorts();
+            tailPending = 0;
+        }
+        running = threadRunning;
+        if (running) {
+            setCurrentState(DEAD);
+            waitNotify.notifyAll();
+        }
+        t = thread;
+        thread = nullptr;
     }
-    if (tailPending) {
-        stopAllPorts();
-        tailPending = 0;
-    }
-    const char running = threadRunning;
-    if (running) {
-        setCurrentState(DEAD);
-        waitNotify.notifyAll();
-    }
-    KtThread* t = thread;
-    thread = nullptr;
-    waitNotify.unlock();
     KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
     if (t != nullptr && tm != nullptr) {
         if (running) {
@@ -262,17 +267,14 @@ void LxWin32AudioRenderer::stopThread() {
 // Connectable
 
 KtResult LxWin32AudioRenderer::connectTo(LxOutputConnectable* output) {
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     source = output;
-    waitNotify.unlock();
     return LX_OK;
 }
 
 LxOutputConnectable* LxWin32AudioRenderer::connectedTo() {
-    waitNotify.lock();
-    LxOutputConnectable* s = source;
-    waitNotify.unlock();
-    return s;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return source;
 }
 
 KtResult LxWin32AudioRenderer::setFormat(LxFormat* f) {
@@ -289,10 +291,12 @@ KtResult LxWin32AudioRenderer::setFormat(LxFormat* f) {
         return LX_ERR_UNSUPPORTED;
     }
     audio->ref();
-    waitNotify.lock();
-    LxAudioFormat* old = format;
-    format = audio;
-    waitNotify.unlock();
+    LxAudioFormat* old;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        old = format;
+        format = audio;
+    }
     if (old != nullptr) {
         old->unref();
     }
@@ -300,10 +304,8 @@ KtResult LxWin32AudioRenderer::setFormat(LxFormat* f) {
 }
 
 LxFormat* LxWin32AudioRenderer::getFormat() {
-    waitNotify.lock();
-    LxFormat* f = format;
-    waitNotify.unlock();
-    return f;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return format;
 }
 
 KtResult LxWin32AudioRenderer::listFormats(LxFormat**& list, short* count) {
@@ -324,7 +326,7 @@ LxNode* LxWin32AudioRenderer::getNode() {
 
 void LxWin32AudioRenderer::flush() {
     LxLog::postDebug("LxWin32AudioRenderer:  flush\n");
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     if (currentFrame != nullptr) {
         returnFrame(currentFrame);
         currentFrame = nullptr;
@@ -334,7 +336,6 @@ void LxWin32AudioRenderer::flush() {
             returnFrame(f);
         }
     }
-    waitNotify.unlock();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -371,15 +372,14 @@ void LxWin32AudioRenderer::returnFrame(LxFrame* frame) {
 }
 
 LxFrame* LxWin32AudioRenderer::getEmptyFrame(const LxTime& timeout) {
-    poolLock->lock();
-    // Frames are made only once the set-up has fixed their size.
-    if (emptyFrames->length() == 0 && framesCreated < kPoolFrames && frameBytes > 0) {
-        LxLog::postDebug("LxWin32AudioRenderer:  creating another frame\n");
-        LxAudioFrame* f = createFrame();
-        poolLock->unlock();
-        return f;
+    {
+        KtScopedLock<KtMutex> guard(poolLock);
+        // Frames are made only once the set-up has fixed their size.
+        if (emptyFrames->length() == 0 && framesCreated < kPoolFrames && frameBytes > 0) {
+            LxLog::postDebug("LxWin32AudioRenderer:  creating another frame\n");
+            return createFrame();
+        }
     }
-    poolLock->unlock();
     LxLog::postDebug("LxWin32AudioRenderer:  waiting for an empty frame\n");
     LxTime wait = timeout;
     if (getCurrentState() == STARTED && kStartedPoolWait < wait) {
@@ -396,12 +396,11 @@ void LxWin32AudioRenderer::putEmptyFrame(LxFrame* frame) {
 }
 
 void LxWin32AudioRenderer::notifyEndOfMedia() {
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     LxLog::postDebug("LxWin32AudioRenderer:  notifyEndOfMedia() for %5.3f\n", duration.getValue());
     LxLog::postDebug("LxWin32AudioRenderer:  got the lock and set the EOM flag\n");
     eomReceived = 1;
     eomDone = 0;
-    waitNotify.unlock();
 }
 
 void LxWin32AudioRenderer::putFrame(LxFrame*) {}
@@ -418,7 +417,7 @@ char LxWin32AudioRenderer::onChangeState(LxNodeState newState) {
 }
 
 long LxWin32AudioRenderer::setDuration(const LxTime& d) {
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     LxNode::setDuration(d);
     // The set-up runs once: a later duration (a player that learns its length) must not open a
     // second master port and a second pool behind the first one's back.
@@ -428,26 +427,26 @@ long LxWin32AudioRenderer::setDuration(const LxTime& d) {
             waitNotify.notifyAll();
         }
     }
-    waitNotify.unlock();
     return LX_OK;
 }
 
 void LxWin32AudioRenderer::prefetch() {
     LxLog::postDebug("LxWin32AudioRenderer: in prefetch\n");
-    waitNotify.lock();
-    if (getCurrentState() == STOPPED) {
-        setCurrentState(PREFETCHING);
-    } else {
-        LxLog::postDebug("LxWin32AudioRenderer: skipping prefetch because was not in STOPPED state\n");
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        if (getCurrentState() == STOPPED) {
+            setCurrentState(PREFETCHING);
+        } else {
+            LxLog::postDebug("LxWin32AudioRenderer: skipping prefetch because was not in STOPPED state\n");
+        }
+        waitNotify.notifyAll();
     }
-    waitNotify.notifyAll();
-    waitNotify.unlock();
     LxLog::postDebug("LxWin32AudioRenderer: leaving prefetch()\n");
 }
 
 long LxWin32AudioRenderer::startAtTime(LxTime refTime) {
     LxLog::postDebug("LxWin32AudioRenderer:  startAtTime ()\n");
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     const long r = LxNode::startAtTime(refTime);
     postEvent(new (std::nothrow) LxStartEvent(this, clock->getMediaTime(), refTime));
     if (tailPending) {
@@ -464,30 +463,30 @@ long LxWin32AudioRenderer::startAtTime(LxTime refTime) {
     eomReceived = 0;
     eomDone = 0;
     waitNotify.notifyAll();
-    waitNotify.unlock();
     return r;
 }
 
 long LxWin32AudioRenderer::stopAtTime(LxTime refTime) {
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     const long r = LxNode::stopAtTime(refTime);
     waitNotify.notifyAll();  // the thread's wait must end at the new stop time
-    waitNotify.unlock();
     return r;
 }
 
 void LxWin32AudioRenderer::stop() {
     LxLog::postDebug("LxWin32AudioRenderer:  stop()\n");
-    waitNotify.lock();
-    if (getCurrentState() == STARTED) {
-        handleStop();
-        setCurrentState(STOPPED);
-        waitNotify.notifyAll();
+    LxTime media;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        if (getCurrentState() == STARTED) {
+            handleStop();
+            setCurrentState(STOPPED);
+            waitNotify.notifyAll();
+        }
+        // A drained clip's last samples play on: the player itself stops every node once all
+        // have reported their end, and that must not cut what is still to be heard.
+        media = clock->getMediaTime();
     }
-    // A drained clip's last samples play on: the player itself stops every node once all have
-    // reported their end, and that must not cut what is still to be heard.
-    const LxTime media = clock->getMediaTime();
-    waitNotify.unlock();
     postEvent(new (std::nothrow) LxStopByRequestEvent(this, media));
 }
 
@@ -496,7 +495,7 @@ long LxWin32AudioRenderer::setRate(float* newRate) {
     if (newRate == nullptr) {
         return LX_ERR_GENERIC;
     }
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     if (getCurrentState() == STARTED) {
         clock->stop();
         clock->setRate(newRate);
@@ -513,85 +512,67 @@ long LxWin32AudioRenderer::setRate(float* newRate) {
             result = r;
         }
     }
-    waitNotify.unlock();
     return result;
 }
 
 long LxWin32AudioRenderer::setMediaTime(LxTime mediaTime) {
-    waitNotify.lock();
-    const long r = LxNode::setMediaTime(mediaTime);
-    waitNotify.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::setMediaTime(mediaTime);
 }
 
 long LxWin32AudioRenderer::setTimeBase(LxTimeBase* timeBase) {
-    waitNotify.lock();
-    const long r = LxNode::setTimeBase(timeBase);
-    waitNotify.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::setTimeBase(timeBase);
 }
 
 LxTime LxWin32AudioRenderer::getStopTime() {
-    waitNotify.lock();
-    const LxTime t = LxNode::getStopTime();
-    waitNotify.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::getStopTime();
 }
 
 float LxWin32AudioRenderer::getRate() {
-    waitNotify.lock();
-    const float r = LxNode::getRate();
-    waitNotify.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::getRate();
 }
 
 LxTime LxWin32AudioRenderer::getMediaTime() {
-    waitNotify.lock();
-    const LxTime t = LxNode::getMediaTime();
-    waitNotify.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::getMediaTime();
 }
 
 LxTime LxWin32AudioRenderer::getSyncTime() {
-    waitNotify.lock();
-    const LxTime t = LxNode::getSyncTime();
-    waitNotify.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::getSyncTime();
 }
 
 LxTimeBase* LxWin32AudioRenderer::getTimeBase() {
-    waitNotify.lock();
-    LxTimeBase* tb = LxNode::getTimeBase();
-    waitNotify.unlock();
-    return tb;
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
+    return LxNode::getTimeBase();
 }
 
 void LxWin32AudioRenderer::setLoop(char l) {
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     LxNode::setLoop(l);
     if (getCurrentState() == STARTED && isResident) {
         playAllPorts(l);
         residentEndSet = 0;  // a clip that stops looping ends one clip length from now at most
     }
-    waitNotify.unlock();
 }
 
 long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
     if (out == nullptr) {
         return LX_ERR_GENERIC;
     }
-    waitNotify.lock();
+    KtScopedLock<KtWaitNotify> guard(waitNotify);
     if (portCount < 1) {
         LxLog::postDebug("LxWin32AudioRenderer:  failed to create masterPort\n");
         *out = nullptr;
-        waitNotify.unlock();
         return LX_ERR_GENERIC;
     }
     if (portCount == 1 && !masterHandedOut) {
         LxLog::postDebug("LxWin32AudioRenderer:  getNewAudioPort() returning masterPort\n");
         *out = masterPort;
         masterHandedOut = 1;
-        waitNotify.unlock();
         return LX_OK;
     }
     // The mixer keeps at most 32 duplicates of a buffer and the port table has room for 32: a
@@ -599,14 +580,12 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
     if (portCount >= kMaxPorts) {
         LxLog::postDebug("LxWin32AudioRenderer:  no room for another port\n");
         *out = nullptr;
-        waitNotify.unlock();
         return LX_ERR_GENERIC;
     }
     LxLog::postDebug("LxWin32AudioRenderer:  getNewAudioPort() creating an additional port\n");
     LxRendererPort* p = new (std::nothrow) LxRendererPort(mixer, &soundPending);
     if (p == nullptr) {
         *out = nullptr;
-        waitNotify.unlock();
         return LX_ERR_OUT_OF_MEMORY;
     }
     const int slot = portCount;
@@ -620,7 +599,6 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
         ports[slot] = nullptr;
         delete p;
         *out = nullptr;
-        waitNotify.unlock();
         return r;
     }
     LxLog::postDebug("LxWin32AudioRenderer:  Created a total of %d ports for this audio clip\n", slot + 1);
@@ -631,7 +609,6 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
         ports[slot] = nullptr;
         delete p;
         *out = nullptr;
-        waitNotify.unlock();
         return LX_ERR_GENERIC;
     }
     registeredPorts |= 1u << slot;
@@ -646,7 +623,6 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
             joinGrantedPorts(refTime());
         }
     }
-    waitNotify.unlock();
     return LX_OK;
 }
 
@@ -690,13 +666,14 @@ long LxWin32AudioRenderer::setUp() {
         LxLog::postDebug("LxWin32AudioRenderer:  creating streaming audio buffer of size %d\n",
                          static_cast<int>(size));
     }
-    poolLock->lock();
-    bytesPerFrame = bpf;
-    bytesPerSecond = bps;
-    bufferSize = size;
-    isResident = resident;
-    frameBytes = wholeFrames(0.5 * static_cast<double>(rateWhole));
-    poolLock->unlock();
+    {
+        KtScopedLock<KtMutex> guard(poolLock);
+        bytesPerFrame = bpf;
+        bytesPerSecond = bps;
+        bufferSize = size;
+        isResident = resident;
+        frameBytes = wholeFrames(0.5 * static_cast<double>(rateWhole));
+    }
     lowWaterMark = static_cast<int32_t>(static_cast<int64_t>(bps) * 75 / 1000);  // 75 ms
     LxLog::postDebug("LxWin32AudioRenderer:  lowWaterMark = %d\n", static_cast<int>(lowWaterMark));
 
@@ -728,13 +705,12 @@ long LxWin32AudioRenderer::setUp() {
         waitNotify.notifyAll();
     }
 
-    poolLock->lock();
+    KtScopedLock<KtMutex> guard(poolLock);
     for (int i = 0; i < kPoolFrames; ++i) {
         if (LxAudioFrame* f = createFrame()) {
             emptyFrames->send(f);
         }
     }
-    poolLock->unlock();
     return LX_OK;
 }
 
@@ -764,56 +740,58 @@ void LxWin32AudioRenderer::run() {
     uint32_t w = 0;
     // The lock is held from the moment the state is read until the thread waits again, so that a
     // state change made meanwhile always finds the thread waiting and wakes it.
-    waitNotify.lock();
-    for (;;) {
-        if (getCurrentState() != DEAD) {
-            waitNotify.wait(w);
-        }
-        const LxNodeState s = getCurrentState();
-        if (s == DEAD) {
-            soundPending.store(0);
-            break;
-        }
-        if (s == STOPPED) {
-            w = KT_INFINITE;
-            if (tailPending) {
-                const uint32_t tail = tailWait(refTime());
-                if (tail > 0) {
-                    w = tail;
-                    continue;
-                }
-                stopAllPorts();
-                tailPending = 0;
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        for (;;) {
+            if (getCurrentState() != DEAD) {
+                waitNotify.wait(w);
+            }
+            const LxNodeState s = getCurrentState();
+            if (s == DEAD) {
                 soundPending.store(0);
+                break;
             }
-            if (portsActive) {
-                LxLog::postDebug("LxWin32AudioRenderer: updating channels - going inactive\n");
-                updateChannels(LxTime(0, 0), 0);
-                portsActive = 0;
-            }
-            continue;
-        }
-        if (s == PREFETCHING) {
-            if (portCount < 1 && setUp() != LX_OK) {
-                setCurrentState(DEAD);
+            if (s == STOPPED) {
+                w = KT_INFINITE;
+                if (tailPending) {
+                    const uint32_t tail = tailWait(refTime());
+                    if (tail > 0) {
+                        w = tail;
+                        continue;
+                    }
+                    stopAllPorts();
+                    tailPending = 0;
+                    soundPending.store(0);
+                }
+                if (portsActive) {
+                    LxLog::postDebug("LxWin32AudioRenderer: updating channels - going inactive\n");
+                    updateChannels(LxTime(0, 0), 0);
+                    portsActive = 0;
+                }
                 continue;
             }
-            postEvent(new (std::nothrow) LxPrefetchCompleteEvent(this));
-            setCurrentState(STOPPED);
-            w = 0;
-            continue;
-        }
-        if (s == STARTED) {
-            w = startedPass();
+            if (s == PREFETCHING) {
+                if (portCount < 1 && setUp() != LX_OK) {
+                    setCurrentState(DEAD);
+                    continue;
+                }
+                postEvent(new (std::nothrow) LxPrefetchCompleteEvent(this));
+                setCurrentState(STOPPED);
+                w = 0;
+                continue;
+            }
+            if (s == STARTED) {
+                w = startedPass();
+            }
         }
     }
-    waitNotify.unlock();
     LxLog::postDebug("LxWin32AudioRenderer: asking manager to release all channels\n");
-    waitNotify.lock();
-    releaseChannels();
-    threadRunning = 0;
-    waitNotify.notifyAll();
-    waitNotify.unlock();
+    {
+        KtScopedLock<KtWaitNotify> guard(waitNotify);
+        releaseChannels();
+        threadRunning = 0;
+        waitNotify.notifyAll();
+    }
     LxLog::postDebug("LxWin32AudioRenderer:  goodbye cruel world!\n");
 }
 

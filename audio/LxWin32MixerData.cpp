@@ -128,9 +128,10 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
                                   ? std::floor(static_cast<double>(level - threshold) / rec->bytesPerSecond *
                                                1000.0 / (rec->tempo > 0 ? rec->tempo : 1.0))
                                   : 0.0;
-            slot.unlock();
-            sleepMs(ms);
-            slot.relock();
+            {
+                KtScopedUnlock<Hold> away(slot);
+                sleepMs(ms);
+            }
             if (!stillThere()) {
                 return LX_ERR_WRITE_ABANDONED;
             }
@@ -144,9 +145,10 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
         if (fillable == 0) {
             // Waits for room without the slot lock, so that a revocation, a close or the device
             // going down can come in meanwhile, and gives up when one did.
-            slot.unlock();
-            lxp::clock().sleep(50);
-            slot.relock();
+            {
+                KtScopedUnlock<Hold> away(slot);
+                lxp::clock().sleep(50);
+            }
             if (!stillThere()) {
                 return LX_ERR_WRITE_ABANDONED;
             }
@@ -186,9 +188,10 @@ long LxWin32Mixer::writeFrames(short port, unsigned char* data, long byteOffset,
                                                    (rec->tempo > 0 ? rec->tempo : 1.0) -
                                                50.0)
                                   : 0.0;
-            slot.unlock();
-            sleepMs(std::max(0.0, ms));
-            slot.relock();
+            {
+                KtScopedUnlock<Hold> away(slot);
+                sleepMs(std::max(0.0, ms));
+            }
             if (!stillThere()) {
                 return LX_ERR_WRITE_ABANDONED;
             }

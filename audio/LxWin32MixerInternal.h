@@ -9,10 +9,11 @@
 
 namespace lxmixer {
 
-/// Holds a KtMutex (none for a null one) and can let it go and take it back in between.
+/// Holds a KtMutex (none for a null one) for a scope, like KtScopedLock; a KtScopedUnlock<Hold>
+/// lets it go for a sleep in between.
 class Hold {
   public:
-    explicit Hold(KtMutex* m) : m_(m), held_(false) { relock(); }
+    explicit Hold(KtMutex* m) : m_(m), held_(false) { lock(); }
     ~Hold() { unlock(); }
     bool valid() const { return m_ != nullptr; }
     void unlock() {
@@ -21,7 +22,7 @@ class Hold {
             m_->unlock();
         }
     }
-    void relock() {
+    void lock() {
         if (m_ != nullptr && !held_) {
             m_->lock();
             held_ = true;

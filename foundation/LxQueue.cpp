@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <new>
+#include <optional>
 
 LxQueue::LxQueue() : head_(nullptr), tail_(nullptr), mutex_(KtMutex::create()), waiter_(nullptr) {}
 
@@ -22,21 +23,18 @@ void LxQueue::unlock() {
 }
 
 void LxQueue::send(void* message) {
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     KtWaitNotify* waiter = waiter_;
+    std::optional<KtScopedLock<KtWaitNotify>> waiterGuard;
     if (waiter != nullptr) {
-        waiter->lock();
+        waiterGuard.emplace(*waiter);
     }
     LxMsgList* node = new (std::nothrow) LxMsgList(message);
     if (node == nullptr) {
         LxLog::postDebug("LxQueue::send: out of memory");
-        if (waiter != nullptr) {
-            waiter->unlock();
-        }
-        mutex_->unlock();
         return;
     }
-    arrival_.lock();
+    KtScopedLock<KtWaitNotify> arrivalGuard(arrival_);
     if (head_.load(std::memory_order_relaxed) == nullptr) {
         head_.store(node, std::memory_order_release);
     } else {
@@ -46,28 +44,26 @@ void LxQueue::send(void* message) {
     arrival_.notify();
     if (waiter != nullptr) {
         waiter->notify();
-        waiter->unlock();
+        waiterGuard.reset();
     }
-    arrival_.unlock();
-    mutex_->unlock();
 }
 
 void LxQueue::push(void* message) {
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     LxMsgList* node = new (std::nothrow) LxMsgList(message, head_.load(std::memory_order_relaxed));
     if (node == nullptr) {
         LxLog::postDebug("LxQueue::push: out of memory");
-        mutex_->unlock();
         return;
     }
     // The waiter's lock is taken before the arrival signal's, as in send. Both run under the mutex
     // and so never overlap, but one order for every path keeps the lock graph free of cycles (and
     // ThreadSanitizer's lock-order check quiet).
     KtWaitNotify* waiter = waiter_;
+    std::optional<KtScopedLock<KtWaitNotify>> waiterGuard;
     if (waiter != nullptr) {
-        waiter->lock();
+        waiterGuard.emplace(*waiter);
     }
-    arrival_.lock();
+    KtScopedLock<KtWaitNotify> arrivalGuard(arrival_);
     if (node->next == nullptr) {
         tail_ = node;
     }
@@ -75,33 +71,30 @@ void LxQueue::push(void* message) {
     arrival_.notify();
     if (waiter != nullptr) {
         waiter->notify();
-        waiter->unlock();
+        waiterGuard.reset();
     }
-    arrival_.unlock();
-    mutex_->unlock();
 }
 
 void* LxQueue::receive(char block, const LxTime& timeout) {
-    arrival_.lock();
-    while (head_.load(std::memory_order_acquire) == nullptr) {
-        if (!block) {
-            arrival_.unlock();
-            return nullptr;
+    {
+        KtScopedLock<KtWaitNotify> arrivalGuard(arrival_);
+        while (head_.load(std::memory_order_acquire) == nullptr) {
+            if (!block) {
+                return nullptr;
+            }
+            const KtResult result = arrival_.wait(timeout.getMsecValue());
+            if (head_.load(std::memory_order_acquire) != nullptr) {
+                break;
+            }
+            if (result == KT_TIMEOUT) {
+                LxLog::postDebug("LxQueue: receive timed out\n");
+                return nullptr;
+            }
+            LxLog::postDebug("LxQueue: receive waiting again, KtResult = %i\n", static_cast<int>(result));
         }
-        const KtResult result = arrival_.wait(timeout.getMsecValue());
-        if (head_.load(std::memory_order_acquire) != nullptr) {
-            break;
-        }
-        if (result == KT_TIMEOUT) {
-            LxLog::postDebug("LxQueue: receive timed out\n");
-            arrival_.unlock();
-            return nullptr;
-        }
-        LxLog::postDebug("LxQueue: receive waiting again, KtResult = %i\n", static_cast<int>(result));
     }
-    arrival_.unlock();
 
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     LxMsgList* node = head_.load(std::memory_order_relaxed);
     void* message = nullptr;
     if (node != nullptr) {  // a second receiver may have taken it meanwhile
@@ -112,52 +105,44 @@ void* LxQueue::receive(char block, const LxTime& timeout) {
         message = node->message;
         delete node;
     }
-    mutex_->unlock();
     return message;
 }
 
 void* LxQueue::peek() {
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     LxMsgList* head = head_.load(std::memory_order_relaxed);
-    void* message = head == nullptr ? nullptr : head->message;
-    mutex_->unlock();
-    return message;
+    return head == nullptr ? nullptr : head->message;
 }
 
 short LxQueue::length() {
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     short n = 0;
     for (LxMsgList* node = head_.load(std::memory_order_relaxed); node != nullptr; node = node->next) {
         ++n;
     }
-    mutex_->unlock();
     return n;
 }
 
 long LxQueue::addWaiter(KtWaitNotify* waiter) {
-    mutex_->lock();
-    long result = LX_ERR_ALREADY_TAKEN;
-    if (waiter_ == nullptr) {
-        waiter_ = waiter;
-        result = LX_OK;
+    KtScopedLock<KtMutex> guard(mutex_);
+    if (waiter_ != nullptr) {
+        return LX_ERR_ALREADY_TAKEN;
     }
-    mutex_->unlock();
-    return result;
+    waiter_ = waiter;
+    return LX_OK;
 }
 
 long LxQueue::removeWaiter(KtWaitNotify* waiter) {
-    mutex_->lock();
-    long result = LX_ERR_NOT_QUEUE_WAITER;
-    if (waiter_ == waiter && waiter != nullptr) {
-        waiter_ = nullptr;
-        result = LX_OK;
+    KtScopedLock<KtMutex> guard(mutex_);
+    if (waiter_ != waiter || waiter == nullptr) {
+        return LX_ERR_NOT_QUEUE_WAITER;
     }
-    mutex_->unlock();
-    return result;
+    waiter_ = nullptr;
+    return LX_OK;
 }
 
 void LxQueue::deleteList() {
-    mutex_->lock();
+    KtScopedLock<KtMutex> guard(mutex_);
     LxMsgList* node = head_.exchange(nullptr);
     tail_ = nullptr;
     while (node != nullptr) {
@@ -165,7 +150,6 @@ void LxQueue::deleteList() {
         delete node;
         node = next;
     }
-    mutex_->unlock();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -194,7 +178,7 @@ void LxQueueSet::watch(LxQueue* queue) {
     queue->ref();
     queue->addWaiter(this);  // as designed, a queue that already has a waiter keeps it
     Entry* e = new Entry{queue, nullptr, nullptr};
-    lock();
+    KtScopedLock<KtWaitNotify> guard(*this);
     if (entries_ == nullptr) {
         e->prev = e->next = e;
         entries_ = e;
@@ -204,14 +188,15 @@ void LxQueueSet::watch(LxQueue* queue) {
         entries_->prev->next = e;
         entries_->prev = e;
     }
-    unlock();
 }
 
 LxQueueSet::~LxQueueSet() {
-    lock();
-    Entry* list = entries_;
-    entries_ = nullptr;
-    unlock();
+    Entry* list;
+    {
+        KtScopedLock<KtWaitNotify> guard(*this);
+        list = entries_;
+        entries_ = nullptr;
+    }
     if (list == nullptr) {
         return;
     }
@@ -226,19 +211,17 @@ LxQueueSet::~LxQueueSet() {
 }
 
 long LxQueueSet::waitForAny(unsigned long ms) {
-    lock();
+    KtScopedLock<KtWaitNotify> guard(*this);
     for (;;) {
         if (Entry* e = entries_) {
             do {
                 if (e->queue->poll()) {
-                    unlock();
                     return LX_QUEUE_HAS_MESSAGE;
                 }
                 e = e->next;
             } while (e != entries_);
         }
         if (wait(ms) == KT_TIMEOUT) {
-            unlock();
             return LX_QUEUE_WAIT_TIMED_OUT;
         }
     }
@@ -247,33 +230,34 @@ long LxQueueSet::waitForAny(unsigned long ms) {
 long LxQueueSet::removeQueue(LxQueue* queue) {
     queue->removeWaiter(this);
     int removed = 0;
-    lock();
-    if (entries_ != nullptr) {
-        Entry* e = entries_;
-        Entry* stop = entries_->prev;
-        for (;;) {
-            Entry* next = e->next;
-            const bool last = e == stop;
-            if (e->queue == queue) {
-                if (e->next == e) {
-                    entries_ = nullptr;
-                } else {
-                    e->prev->next = e->next;
-                    e->next->prev = e->prev;
-                    if (entries_ == e) {
-                        entries_ = e->next;
+    {
+        KtScopedLock<KtWaitNotify> guard(*this);
+        if (entries_ != nullptr) {
+            Entry* e = entries_;
+            Entry* stop = entries_->prev;
+            for (;;) {
+                Entry* next = e->next;
+                const bool last = e == stop;
+                if (e->queue == queue) {
+                    if (e->next == e) {
+                        entries_ = nullptr;
+                    } else {
+                        e->prev->next = e->next;
+                        e->next->prev = e->prev;
+                        if (entries_ == e) {
+                            entries_ = e->next;
+                        }
                     }
+                    delete e;
+                    ++removed;
                 }
-                delete e;
-                ++removed;
+                if (last) {
+                    break;
+                }
+                e = next;
             }
-            if (last) {
-                break;
-            }
-            e = next;
         }
     }
-    unlock();
     if (removed > 0) {
         queue->unref();  // one reference per watched queue, however many entries it had
     }

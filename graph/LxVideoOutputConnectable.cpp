@@ -132,10 +132,8 @@ KtResult LxVideoOutputConnectable::setSuggestedFrameRate(float rate) {
 }
 
 LxTime LxVideoOutputConnectable::getLastRequestedFrameTime() {
-    frameQueue->lock();
-    const LxTime t = lastRequestedFrameTime;
-    frameQueue->unlock();
-    return t;
+    KtScopedLock<LxQueue> guard(frameQueue);
+    return lastRequestedFrameTime;
 }
 
 KtResult LxVideoOutputConnectable::queueFrame(LxVideoFrame* frame) {
@@ -143,9 +141,8 @@ KtResult LxVideoOutputConnectable::queueFrame(LxVideoFrame* frame) {
         return LX_OK;
     }
     if (streamStyle == LxFormat::PullStream) {
-        frameQueue->lock();
+        KtScopedLock<LxQueue> guard(frameQueue);
         frameQueue->send(static_cast<LxFrame*>(frame));
-        frameQueue->unlock();
     } else if (connectedInput != nullptr) {
         connectedInput->putFrame(frame);
     } else {
@@ -156,7 +153,7 @@ KtResult LxVideoOutputConnectable::queueFrame(LxVideoFrame* frame) {
 }
 
 KtResult LxVideoOutputConnectable::dropFrame() {
-    frameQueue->lock();
+    KtScopedLock<LxQueue> guard(frameQueue);
     LxVideoFrame* frame =
         static_cast<LxVideoFrame*>(static_cast<LxFrame*>(frameQueue->receive(0, LxTime::zero())));
     if (frame == nullptr) {
@@ -170,7 +167,6 @@ KtResult LxVideoOutputConnectable::dropFrame() {
             delete frame;
         }
     }
-    frameQueue->unlock();
     return LX_OK;
 }
 
@@ -180,9 +176,10 @@ LxFrame* LxVideoOutputConnectable::getFrameForTime(LxTime, LxTime, LxTime timeou
 }
 
 LxFrame* LxVideoOutputConnectable::getFrameForTime(LxTime curTime, LxTime timeout) {
-    frameQueue->lock();
-    lastRequestedFrameTime = curTime;
-    frameQueue->unlock();
+    {
+        KtScopedLock<LxQueue> guard(frameQueue);
+        lastRequestedFrameTime = curTime;
+    }
     const char block = timeout == LxTime::zero() ? 0 : 1;
     for (;;) {
         // The blocking take runs without the queue's lock: the producer needs it to append.
@@ -192,22 +189,22 @@ LxFrame* LxVideoOutputConnectable::getFrameForTime(LxTime curTime, LxTime timeou
             LxLog::postDebug("LxVOC: no frame in queue\n");
             return nullptr;
         }
-        frameQueue->lock();
+        KtScopedLock<LxQueue> guard(frameQueue);
         LxVideoFrame* next = static_cast<LxVideoFrame*>(static_cast<LxFrame*>(frameQueue->peek()));
         if (next == nullptr) {
-            frameQueue->unlock();
+            guard.unlock();
             LxLog::postDebug("LxVOC: no next frame, returning current\n");
             return frame;
         }
         const LxTime& pt = frame->getPresentationTime();
         const LxTime& nextPt = next->getPresentationTime();
         if (pt <= curTime && curTime < nextPt) {
-            frameQueue->unlock();
+            guard.unlock();
             LxLog::postDebug("LxVOC: curFrame <= curTime <= nextFrame\n");
             return frame;
         }
         if (curTime >= nextPt) {
-            frameQueue->unlock();
+            guard.unlock();
             LxLog::postDebug("LxVOC: skipping frame, too late. Giving back.\n");
             ++droppedFrames;
             if (connectedInput != nullptr) {
@@ -221,7 +218,7 @@ LxFrame* LxVideoOutputConnectable::getFrameForTime(LxTime curTime, LxTime timeou
         // keeps showing its previous picture meanwhile, so the frame goes back to the head of the
         // queue for a later request instead of being shown too soon or thrown away.
         frameQueue->push(static_cast<LxFrame*>(frame));
-        frameQueue->unlock();
+        guard.unlock();
         LxLog::postDebug("LxVOC: frame is early, keeping it queued\n");
         return nullptr;
     }

@@ -169,7 +169,7 @@ long LxManager::requestPortChannel(LxAudioOutputPort* port, const LxTime& time) 
         LxLog::postDebug("LxManager:  cannot render requested channel type\n");
         return LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
     }
-    channelLock->lock();
+    KtScopedLock<KtMutex> guard(channelLock);
     LxChannelInfo& info = channelInfo[t];
     const LxPortChannelEntry e{port, port->getPriority(), time, port->getGain(), 0};
 
@@ -183,7 +183,6 @@ long LxManager::requestPortChannel(LxAudioOutputPort* port, const LxTime& time) 
             shutdownChannelType(o);
         } else {
             info.inactivePorts.push_front(e);
-            channelLock->unlock();
             return LX_OK;
         }
     }
@@ -191,7 +190,6 @@ long LxManager::requestPortChannel(LxAudioOutputPort* port, const LxTime& time) 
         startupChannelType(static_cast<LxAudioChannelType_s>(t));
         if (!info.started) {
             info.inactivePorts.push_front(e);
-            channelLock->unlock();
             return LX_OK;
         }
     }
@@ -203,7 +201,6 @@ long LxManager::requestPortChannel(LxAudioOutputPort* port, const LxTime& time) 
     } else {
         info.inactivePorts.push_front(e);
     }
-    channelLock->unlock();
     return LX_OK;
 }
 
@@ -212,7 +209,7 @@ long LxManager::updatePortChannel(LxAudioOutputPort* port, const LxTime& time, c
     if (channelInfo[t].maxChannels == 0) {
         return LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
     }
-    channelLock->lock();
+    KtScopedLock<KtMutex> guard(channelLock);
     LxChannelInfo& info = channelInfo[t];
     const LxAudioChannelType_s type = static_cast<LxAudioChannelType_s>(t);
     LxAudioChannelType_s o = static_cast<LxAudioChannelType_s>(2);
@@ -299,7 +296,6 @@ long LxManager::updatePortChannel(LxAudioOutputPort* port, const LxTime& time, c
         info.waitingPorts.erase(it);
         info.inactivePorts.push_front(e);
     }
-    channelLock->unlock();
     return LX_OK;
 }
 
@@ -308,7 +304,7 @@ void LxManager::releasePortChannel(LxAudioOutputPort* port) {
     if (channelInfo[t].maxChannels == 0) {
         return;
     }
-    channelLock->lock();
+    KtScopedLock<KtMutex> guard(channelLock);
     LxChannelInfo& info = channelInfo[t];
     if (port->hasChannel()) {
         if (port->revokeChannel() != LX_OK) {
@@ -329,7 +325,6 @@ void LxManager::releasePortChannel(LxAudioOutputPort* port) {
     } else {
         LxLog::postDebug("LxManager:  could not find prot in any list!\n");
     }
-    channelLock->unlock();
 }
 
 long LxManager::releaseWaitingPort(LxAudioChannelType_s type) {
@@ -365,15 +360,13 @@ long LxManager::releaseWaitingPort(LxAudioChannelType_s type) {
 }
 
 long LxManager::updateChannelInfo() {
-    channelLock->lock();
+    KtScopedLock<KtMutex> guard(channelLock);
     LxChannelInfo& raw = channelInfo[LxRawChannel];
     if (raw.maxChannels == 0) {
         maxAudioChannels = 0;  // no sampled audio on this system
-        channelLock->unlock();
         return LX_OK;
     }
     if (raw.maxChannels == maxAudioChannels) {
-        channelLock->unlock();
         return LX_OK;
     }
     raw.maxChannels = maxAudioChannels == AUTO_MAX_CHANNELS ? 64 : maxAudioChannels;
@@ -384,7 +377,6 @@ long LxManager::updateChannelInfo() {
     while (raw.activeCount < raw.maxChannels && !raw.waitingPorts.empty()) {
         promote(LxRawChannel);
     }
-    channelLock->unlock();
     return LX_OK;
 }
 

@@ -8,6 +8,7 @@
 #include "platform/probe/LxpProbe.h"
 
 #include <cstring>
+#include <optional>
 
 namespace {
 
@@ -132,9 +133,10 @@ void detect() {
 }  // namespace
 
 void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, unsigned long* directShow) {
-    KtMutex* lock = LxClassLocks::probeLock();
-    if (lock != nullptr) {
-        lock->lock();
+    // The class locks are gone once the library is being unloaded: the probe then runs unguarded.
+    std::optional<KtScopedLock<KtMutex>> guard;
+    if (KtMutex* lock = LxClassLocks::probeLock()) {
+        guard.emplace(*lock);
     }
     if (!gComputed) {
         gComputed = true;
@@ -149,18 +151,12 @@ void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, uns
     if (directShow != nullptr) {
         *directShow = gDirectShow;
     }
-    if (lock != nullptr) {
-        lock->unlock();
-    }
 }
 
 void LxResetDXAndWin32VersionCache() {
-    KtMutex* lock = LxClassLocks::probeLock();
-    if (lock != nullptr) {
-        lock->lock();
+    std::optional<KtScopedLock<KtMutex>> guard;
+    if (KtMutex* lock = LxClassLocks::probeLock()) {
+        guard.emplace(*lock);
     }
     gComputed = false;
-    if (lock != nullptr) {
-        lock->unlock();
-    }
 }

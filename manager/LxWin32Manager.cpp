@@ -42,9 +42,8 @@ LxWin32Manager::LxWin32Manager(KtThreadManager* threadManager)
 LxWin32Manager::~LxWin32Manager() {}
 
 void LxWin32Manager::resetExclusivityForTests() {
-    exPropsLock->lock();
+    KtScopedLock<KtMutex> guard(exPropsLock);
     exclusivityProperties = kNotProbed;
-    exPropsLock->unlock();
 }
 
 long LxWin32Manager::setWindow(LxWindow* newWindow) {
@@ -123,7 +122,7 @@ long LxWin32Manager::initAudio() {
 }
 
 bool LxWin32Manager::probeMidiStream() {
-    midiAccessMutex->lock();
+    KtScopedLock<KtMutex> guard(midiAccessMutex);
     lxp::HMIDISTRM stream = nullptr;
     uint32_t device = lxp::MIDI_MAPPER;
     const bool opened =
@@ -131,14 +130,13 @@ bool LxWin32Manager::probeMidiStream() {
     if (opened) {
         lxp::midiStreamClose(stream);
     }
-    midiAccessMutex->unlock();
     return opened;
 }
 
 long LxWin32Manager::initChannelInfo() {
     LxWin32Mixer* win32Mixer = static_cast<LxWin32Mixer*>(mixer);
-    exPropsLock->lock();
-    channelLock->lock();
+    KtScopedLock<KtMutex> exPropsGuard(exPropsLock);
+    KtScopedLock<KtMutex> channelGuard(channelLock);
     LxChannelInfo& raw = channelInfo[LxRawChannel];
     LxChannelInfo& midi = channelInfo[LxMidiChannel];
     midi.maxChannels = 1;
@@ -208,8 +206,6 @@ long LxWin32Manager::initChannelInfo() {
             midi.excludes[LxRawChannel] = halfDuplex;
         }
     }
-    channelLock->unlock();
-    exPropsLock->unlock();
     return LX_OK;
 }
 

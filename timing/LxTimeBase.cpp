@@ -136,18 +136,19 @@ LxTimeBase::~LxTimeBase() {
 }
 
 void LxTimeBase::shutdownThread() {
-    lock();
-    if (thread == nullptr) {
-        unlock();
-        return;
+    KtThread* t;
+    {
+        KtScopedLock<KtWaitNotify> guard(signal);
+        if (thread == nullptr) {
+            return;
+        }
+        t = thread;
+        thread = nullptr;
+        if (running) {
+            dying = 1;
+            notifyAll();
+        }
     }
-    KtThread* t = thread;
-    thread = nullptr;
-    if (running) {
-        dying = 1;
-        notifyAll();
-    }
-    unlock();
     KtThreadManager* tm = manager->getThreadManager();
     tm->waitForThread(t, KT_INFINITE);
     tm->releaseThread(t);
@@ -162,17 +163,15 @@ LxTime LxTimeBase::refTimeAt(double timeOfDay) {
 }
 
 LxTime LxTimeBase::getRefTime() {
-    lock();
-    const LxTime t = refTimeAt(getTimeOfDay());
-    unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(signal);
+    return refTimeAt(getTimeOfDay());
 }
 
 long LxTimeBase::setTempo(float newTempo) {
     if (newTempo < 0) {
         return LX_ERR_NEGATIVE_TEMPO;
     }
-    lock();
+    KtScopedLock<KtWaitNotify> guard(signal);
     // One reading of the time of day for both origins, so that reference time goes on from where
     // it stands at the old tempo without a jump.
     const double now = getTimeOfDay();
@@ -180,26 +179,22 @@ long LxTimeBase::setTempo(float newTempo) {
     timeOfDayOrigin.setValue(now);
     tempo = newTempo;
     notifyAll();
-    unlock();
     return LX_OK;
 }
 
 float LxTimeBase::getTempo() {
-    lock();
-    const float t = tempo;
-    unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(signal);
+    return tempo;
 }
 
 long LxTimeBase::setTimer(LxTimerCallback callback, const LxTime& delay, unsigned long* id, void* userData) {
-    lock();
+    KtScopedLock<KtWaitNotify> guard(signal);
     const unsigned long newId = ++lastTimerId;
     if (id != nullptr) {
         *id = newId;
     }
     LxTimer* timer = new (std::nothrow) LxTimer(callback, getRefTime() + delay, newId, userData);
     if (timer == nullptr) {
-        unlock();
         return LX_ERR_OUT_OF_MEMORY;
     }
     timerList->insert(timer);
@@ -209,43 +204,41 @@ long LxTimeBase::setTimer(LxTimerCallback callback, const LxTime& delay, unsigne
     } else {
         notifyAll();
     }
-    unlock();
     return LX_OK;
 }
 
 long LxTimeBase::rescheduleTimer(unsigned long id, const LxTime& delay) {
-    lock();
+    KtScopedLock<KtWaitNotify> guard(signal);
     LxTimer* timer = timerList->get(id);
     if (timer == nullptr) {
-        unlock();
         return LX_ERR_NO_TIMER;
     }
     timerList->remove(id);
     timer->deadline = getRefTime() + delay;
     timerList->insert(timer);
     notifyAll();
-    unlock();
     return LX_OK;
 }
 
 long LxTimeBase::killTimer(unsigned long id) {
     LxLog::postDebug("LxTimeBase:  killTimer timer %d\n", static_cast<int>(id));
-    lock();
-    LxTimer* timer = timerList->get(id);
-    if (timer == nullptr) {
-        unlock();
-        return LX_ERR_NO_TIMER;
+    LxTimer* timer;
+    bool onTimerThread;
+    {
+        KtScopedLock<KtWaitNotify> guard(signal);
+        timer = timerList->get(id);
+        if (timer == nullptr) {
+            return LX_ERR_NO_TIMER;
+        }
+        if (timer != currentTimer) {
+            removeTimer(timer);
+            return LX_OK;
+        }
+        onTimerThread =
+            thread != nullptr && manager->getThreadManager()->getCurrentThreadId() == thread->getId();
+        timer->killed = onTimerThread ? kKilledBySelf : kKilledWaitedFor;
+        notifyAll();
     }
-    if (timer != currentTimer) {
-        removeTimer(timer);
-        unlock();
-        return LX_OK;
-    }
-    const bool onTimerThread =
-        thread != nullptr && manager->getThreadManager()->getCurrentThreadId() == thread->getId();
-    timer->killed = onTimerThread ? kKilledBySelf : kKilledWaitedFor;
-    notifyAll();
-    unlock();
     if (onTimerThread) {
         return LX_OK;  // released by the timer thread once its servicing ends
     }
@@ -279,78 +272,78 @@ long LxTimeBase::callRunLoop(void* timeBase) {
 void LxTimeBase::run() {
     LxLog::postDebug("LxTimeBase:  in the run loop\n");
     for (;;) {
-        lock();
-        if (dying) {
-            break;
-        }
-        if (timerList->isEmpty()) {
-            wait();
+        LxTimer* timer;
+        {
+            KtScopedLock<KtWaitNotify> guard(signal);
             if (dying) {
                 break;
             }
+            if (timerList->isEmpty()) {
+                wait();
+                if (dying) {
+                    break;
+                }
+            }
+            if (timerList->isEmpty()) {
+                continue;
+            }
+            timer = timerList->getFirst();
+            currentTimer = timer;
+            timer->gate->close();
         }
-        if (timerList->isEmpty()) {
-            unlock();
-            continue;
-        }
-        LxTimer* timer = timerList->getFirst();
-        currentTimer = timer;
-        timer->gate->close();
-        unlock();
         serviceTimer(timer);
     }
-    unlock();
-    lock();
+    KtScopedLock<KtWaitNotify> guard(signal);
     running = 0;
     notifyAll();
-    unlock();
 }
 
 void LxTimeBase::serviceTimer(LxTimer* timer) {
     const LxTime due = timer->deadline;
     for (;;) {
-        lock();
-        // Millisecond counts of times since 1970 overflow 32 bits; their difference does not.
-        const int32_t ahead = static_cast<int32_t>(due.getMsecValue() - getRefTime().getMsecValue());
-        uint32_t waitMs = 0;
-        if (due == LxTime::maxTime()) {
-            waitMs = 0x7FFFFFFF;
-        } else if (ahead > 0) {
-            // A stopped reference time (tempo 0) never reaches a future deadline by itself; a
-            // deadline already reached fires at once whatever the tempo.
-            waitMs = tempo < 0.00001f ? 0x7FFFFFFF : static_cast<uint32_t>(ahead / tempo);
+        {
+            KtScopedLock<KtWaitNotify> guard(signal);
+            // Millisecond counts of times since 1970 overflow 32 bits; their difference does not.
+            const int32_t ahead = static_cast<int32_t>(due.getMsecValue() - getRefTime().getMsecValue());
+            uint32_t waitMs = 0;
+            if (due == LxTime::maxTime()) {
+                waitMs = 0x7FFFFFFF;
+            } else if (ahead > 0) {
+                // A stopped reference time (tempo 0) never reaches a future deadline by itself; a
+                // deadline already reached fires at once whatever the tempo.
+                waitMs = tempo < 0.00001f ? 0x7FFFFFFF : static_cast<uint32_t>(ahead / tempo);
+            }
+            if (waitMs >= 1 && !timer->killed) {
+                wait(waitMs);
+            }
+            if (dying || timer->killed) {
+                currentTimer = nullptr;
+                removeTimer(timer);
+                return;
+            }
+            LxTimer* first = timerList->getFirst();
+            if (first != nullptr && first->deadline.getValue() < due.getValue()) {
+                // A timer due earlier was set or rescheduled meanwhile: serve that one first.
+                currentTimer = nullptr;
+                timer->gate->open();
+                return;
+            }
         }
-        if (waitMs >= 1 && !timer->killed) {
-            wait(waitMs);
-        }
-        if (dying || timer->killed) {
-            currentTimer = nullptr;
-            removeTimer(timer);
-            unlock();
-            return;
-        }
-        LxTimer* first = timerList->getFirst();
-        if (first != nullptr && first->deadline.getValue() < due.getValue()) {
-            // A timer due earlier was set or rescheduled meanwhile: serve that one first.
-            currentTimer = nullptr;
-            timer->gate->open();
-            unlock();
-            return;
-        }
-        unlock();
         if ((due - getRefTime()).getValue() < 0.01) {
             break;
         }
     }
 
-    lock();
-    const bool killed = timer->killed != 0;
-    unlock();
+    bool killed;
+    {
+        KtScopedLock<KtWaitNotify> guard(signal);
+        killed = timer->killed != 0;
+    }
     if (!killed && timer->callback != nullptr) {
         timer->callback(timer->id, timer->userData);
     }
 
-    lock();
+    KtScopedLock<KtWaitNotify> guard(signal);
     if (timer->killed) {
         removeTimer(timer);
     } else if (timer->deadline == due) {
@@ -360,7 +353,6 @@ void LxTimeBase::serviceTimer(LxTimer* timer) {
         timerList->append(timer);
     }
     currentTimer = nullptr;
-    unlock();
 }
 
 void LxTimeBase::removeTimer(LxTimer* timer) {

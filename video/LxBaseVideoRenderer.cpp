@@ -85,7 +85,7 @@ LxBaseVideoRenderer::LxBaseVideoRenderer(LxManager* m)
 
 long LxBaseVideoRenderer::startThread() {
     KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     if (thread == nullptr && tm != nullptr) {
         thread = tm->createThread(&LxBaseVideoRenderer::threadEntry, this, 4, 1, 1);
         if (thread != nullptr) {
@@ -93,32 +93,33 @@ long LxBaseVideoRenderer::startThread() {
             thread->start();
         }
     }
-    const long result = thread != nullptr ? LX_OK : LX_ERR_GENERIC;
-    renderLock.unlock();
-    return result;
+    return thread != nullptr ? LX_OK : LX_ERR_GENERIC;
 }
 
 LxBaseVideoRenderer::~LxBaseVideoRenderer() {
     LxLog::postDebug("LxBaseVideoRenderer:  destructor\n");
-    renderLock.lock();
-    if (getCurrentState() == STARTED) {
-        LxLog::postDebug("LxBaseVideoRenderer:  handleStop ()\n");
-        clock->stop();
+    bool join = false;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        if (getCurrentState() == STARTED) {
+            LxLog::postDebug("LxBaseVideoRenderer:  handleStop ()\n");
+            clock->stop();
+        }
+        if (threadRunning) {
+            setCurrentState(DEAD);
+            wakeLocked();
+            join = true;
+        }
     }
-    if (threadRunning) {
-        setCurrentState(DEAD);
-        wakeLocked();
-        renderLock.unlock();
+    // The thread is joined without the lock: its last pass needs it to see DEAD.
+    if (join) {
         KtThreadManager* tm = manager->getThreadManager();
         tm->waitForThread(thread, KT_INFINITE);
         tm->releaseThread(thread);
         thread = nullptr;
-    } else {
-        renderLock.unlock();
-        if (thread != nullptr) {
-            manager->getThreadManager()->releaseThread(thread);
-            thread = nullptr;
-        }
+    } else if (thread != nullptr) {
+        manager->getThreadManager()->releaseThread(thread);
+        thread = nullptr;
     }
 
     if (inputNames != nullptr) {
@@ -189,7 +190,7 @@ KtResult LxBaseVideoRenderer::setFormat(LxFormat* f) {
         LxLog::postDebug("LxBaseVideoRenderer: tried to set non-video format\n");
         return LX_ERR_UNSUPPORTED;
     }
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     f->ref();
     if (currentFormat != nullptr) {
         currentFormat->unref();
@@ -206,15 +207,12 @@ KtResult LxBaseVideoRenderer::setFormat(LxFormat* f) {
     if (result == LX_OK) {
         result = frameAllocator->setFormat(f);
     }
-    renderLock.unlock();
     return result;
 }
 
 LxFormat* LxBaseVideoRenderer::getFormat() {
-    renderLock.lock();
-    LxFormat* f = currentFormat;
-    renderLock.unlock();
-    return f;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return currentFormat;
 }
 
 KtResult LxBaseVideoRenderer::listFormats(LxFormat**& list, short* count) {
@@ -244,10 +242,11 @@ LxFrame* LxBaseVideoRenderer::getEmptyFrame(const LxTime& timeout) {
         return f;
     }
     LxFrame* frame = nullptr;
-    renderLock.lock();
-    const KtResult result =
-        frameAllocator != nullptr ? frameAllocator->allocateFrame(&frame) : LX_ERR_NO_FORMAT;
-    renderLock.unlock();
+    KtResult result;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        result = frameAllocator != nullptr ? frameAllocator->allocateFrame(&frame) : LX_ERR_NO_FORMAT;
+    }
     if (result == LX_OK && frame != nullptr) {
         LxLog::postDebug("LxBaseVideoRenderer: created another frame\n");
         return frame;
@@ -273,30 +272,29 @@ void LxBaseVideoRenderer::putFrame(LxFrame* frame) {
     if (frame == nullptr) {
         return;
     }
-    filledFrames->lock();
+    KtScopedLock<LxQueue> guard(filledFrames);
     filledFrames->send(frame);
-    filledFrames->unlock();
 }
 
 void LxBaseVideoRenderer::notifyEndOfMedia() {
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     endOfMedia = 1;
     wakeLocked();
-    renderLock.unlock();
 }
 
 void LxBaseVideoRenderer::flush() {
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     if (LxFrame* pending = pendingFrame.exchange(nullptr)) {
         emptyFrames->push(pending);
     }
     // The filled-frame queue is drained whatever the style: a frame pushed into a pull-style
     // connection would otherwise never find its way back to the pool.
-    filledFrames->lock();
-    while (LxFrame* f = takeFrame(filledFrames, LxTime::zero())) {
-        emptyFrames->push(f);
+    {
+        KtScopedLock<LxQueue> queueGuard(filledFrames);
+        while (LxFrame* f = takeFrame(filledFrames, LxTime::zero())) {
+            emptyFrames->push(f);
+        }
     }
-    filledFrames->unlock();
     LxOutputConnectable* out = connectedOutput.load();
     if (streamStyle.load() != kNoStyle && streamStyle.load() != LxFormat::PushStream && out != nullptr) {
         while (LxFrame* f = out->getFrameForTime(LxTime::zero(), LxTime::maxTime(), LxTime::zero())) {
@@ -304,7 +302,6 @@ void LxBaseVideoRenderer::flush() {
             emptyFrames->push(f);
         }
     }
-    renderLock.unlock();
 }
 
 // --- Frame selection -----------------------------------------------------------------------------
@@ -329,12 +326,11 @@ LxFrame* LxBaseVideoRenderer::attachFrameFromTime(const LxTime& curTime, const L
         // thread does. The renderer is then as ready as if it held the frame itself; its thread
         // would otherwise wait for a first frame that a paused graph never sends again, and the
         // player would never hear that the prefetch is complete.
-        renderLock.lock();
+        KtScopedLock<KtWaitNotify> guard(renderLock);
         if (getCurrentState() == PREFETCHING && !prefetched) {
             prefetched = 1;
             wakeLocked();
         }
-        renderLock.unlock();
     }
     return frame;
 }
@@ -345,34 +341,31 @@ LxFrame* LxBaseVideoRenderer::selectPushedFrame(const LxTime& curTime, const LxT
         // A blocking take runs without the queue's lock (the producer needs it to append). Without
         // waiting, the take and the look at the next frame happen under one lock hold, so that a
         // flush cannot slip in between.
-        LxFrame* frame;
-        if (block) {
-            frame = takeFrame(filledFrames, timeout);
-            filledFrames->lock();
-        } else {
-            filledFrames->lock();
+        LxFrame* frame = block ? takeFrame(filledFrames, timeout) : nullptr;
+        KtScopedLock<LxQueue> guard(filledFrames);
+        if (!block) {
             frame = takeFrame(filledFrames, LxTime::zero());
         }
         if (frame == nullptr) {
-            filledFrames->unlock();
+            guard.unlock();
             LxLog::postDebug("LxBVR: no frame in queue\n");
             return nullptr;
         }
         LxVideoFrame* next = static_cast<LxVideoFrame*>(static_cast<LxFrame*>(filledFrames->peek()));
         if (next == nullptr) {
-            filledFrames->unlock();
+            guard.unlock();
             LxLog::postDebug("LxBVR: no next frame, returning current\n");
             return frame;
         }
         const LxTime pt = static_cast<LxVideoFrame*>(frame)->getPresentationTime();
         const LxTime nextPt = next->getPresentationTime();
         if (pt <= curTime && curTime < nextPt) {
-            filledFrames->unlock();
+            guard.unlock();
             LxLog::postDebug("LxBVR: curFrame <= curTime <= nextFrame\n");
             return frame;
         }
         if (curTime >= nextPt) {
-            filledFrames->unlock();
+            guard.unlock();
             LxLog::postDebug("LxBVR: skipping frame, too late. Giving back.\n");
             ++droppedFrames;
             emptyFrames->push(frame);
@@ -382,7 +375,7 @@ LxFrame* LxBaseVideoRenderer::selectPushedFrame(const LxTime& curTime, const LxT
         // pull side, it goes back to the head of the queue for a later request: the texture keeps
         // its previous picture meanwhile instead of showing this one too soon or losing it.
         filledFrames->push(frame);
-        filledFrames->unlock();
+        guard.unlock();
         LxLog::postDebug("LxBVR: frame is early, keeping it queued\n");
         return nullptr;
     }
@@ -397,11 +390,11 @@ long LxBaseVideoRenderer::setFrameAllocator(LxFrameAllocator* allocator) {
     if (allocator == nullptr) {
         return LX_ERR_GENERIC;
     }
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     if (currentFormat != nullptr) {
         const long result = allocator->setFormat(currentFormat);
         if (result != LX_OK) {
-            renderLock.unlock();
+            guard.unlock();
             LxLog::postDebug("LxBaseVideoRenderer: setFrameAllocator - could not set required format\n");
             return result;
         }
@@ -411,7 +404,6 @@ long LxBaseVideoRenderer::setFrameAllocator(LxFrameAllocator* allocator) {
         delete frameAllocator;
     }
     frameAllocator = allocator;
-    renderLock.unlock();
     return LX_OK;
 }
 
@@ -419,15 +411,16 @@ long LxBaseVideoRenderer::setFrameAllocator(LxFrameAllocator* allocator) {
 
 void LxBaseVideoRenderer::prefetch() {
     LxLog::postDebug("LxBaseVideoRenderer: in prefetch()\n");
-    renderLock.lock();
-    if (getCurrentState() == STOPPED) {
-        prefetched = 0;
-        setCurrentState(PREFETCHING);
-    } else {
-        LxLog::postDebug("LxBaseVideoRenderer: skipping prefetch because was not in STOPPED state\n");
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        if (getCurrentState() == STOPPED) {
+            prefetched = 0;
+            setCurrentState(PREFETCHING);
+        } else {
+            LxLog::postDebug("LxBaseVideoRenderer: skipping prefetch because was not in STOPPED state\n");
+        }
+        wakeLocked();
     }
-    wakeLocked();
-    renderLock.unlock();
     LxLog::postDebug("LxBaseVideoRenderer: leaving prefetch()\n");
 }
 
@@ -435,45 +428,51 @@ long LxBaseVideoRenderer::startAtTime(LxTime t) {
     LxLog::postDebug("LxBaseVideoRenderer:  startAtTime ()\n");
     // The state changes before the start is reported, so that whoever acts on the event finds
     // the renderer started (a stop right after it must flush).
-    renderLock.lock();
-    const long result = LxNode::startAtTime(t);
-    const LxTime media = clock->getMediaTime();
-    setCurrentState(STARTED);
-    wakeLocked();
-    renderLock.unlock();
+    long result;
+    LxTime media;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        result = LxNode::startAtTime(t);
+        media = clock->getMediaTime();
+        setCurrentState(STARTED);
+        wakeLocked();
+    }
     postEvent(new (std::nothrow) LxStartEvent(this, media, t));
     return result;
 }
 
 void LxBaseVideoRenderer::stop() {
     LxLog::postDebug("LxBaseVideoRenderer:  stop()\n");
-    renderLock.lock();
-    if (getCurrentState() == STARTED) {
-        handleStop();
-        flush();
-        setCurrentState(STOPPED);
-        wakeLocked();
+    LxTime media;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        if (getCurrentState() == STARTED) {
+            handleStop();
+            flush();
+            setCurrentState(STOPPED);
+            wakeLocked();
+        }
+        media = clock->getMediaTime();
     }
-    const LxTime media = clock->getMediaTime();
-    renderLock.unlock();
     postEvent(new (std::nothrow) LxStopByRequestEvent(this, media));
 }
 
 void LxBaseVideoRenderer::handleStop() {
     LxLog::postDebug("LxBaseVideoRenderer:  handleStop ()\n");
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     clock->stop();
-    renderLock.unlock();
 }
 
 void LxBaseVideoRenderer::handleEOM() {
     LxLog::postDebug("LxBaseVideoRenderer:  handleEOM ()\n");
-    renderLock.lock();
-    handleStop();
-    flush();
-    endOfMedia = 0;
-    const LxTime media = clock->getMediaTime();
-    renderLock.unlock();
+    LxTime media;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        handleStop();
+        flush();
+        endOfMedia = 0;
+        media = clock->getMediaTime();
+    }
     LxLog::postDebug("LxBaseVideoRenderer: posting EOM event\n");
     postEvent(new (std::nothrow) LxEndOfMediaEvent(this, media));
 }
@@ -483,90 +482,69 @@ char LxBaseVideoRenderer::onChangeState(LxNodeState) {
 }
 
 long LxBaseVideoRenderer::stopAtTime(LxTime refTime) {
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     const long r = LxNode::stopAtTime(refTime);
     wakeLocked();  // the thread looks at the new stop time at once
-    renderLock.unlock();
     return r;
 }
 
 LxTime LxBaseVideoRenderer::getStopTime() {
-    renderLock.lock();
-    const LxTime t = LxNode::getStopTime();
-    renderLock.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::getStopTime();
 }
 
 long LxBaseVideoRenderer::setRate(float* rate) {
-    renderLock.lock();
-    long r;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     if (getCurrentState() == STARTED) {
         // A running clock refuses a new rate: it is stopped, given the rate and started again now,
         // so that media time goes on without a jump (as the player's and the audio renderer's).
         clock->stop();
-        r = clock->setRate(rate);
+        const long r = clock->setRate(rate);
         LxTimeBase* tb = clock->getTimeBase();
         clock->startAtTime(tb != nullptr ? tb->getRefTime() : LxTime::zero());
-    } else {
-        r = LxNode::setRate(rate);
+        return r;
     }
-    renderLock.unlock();
-    return r;
+    return LxNode::setRate(rate);
 }
 
 float LxBaseVideoRenderer::getRate() {
-    renderLock.lock();
-    const float r = LxNode::getRate();
-    renderLock.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::getRate();
 }
 
 long LxBaseVideoRenderer::setMediaTime(LxTime mediaTime) {
-    renderLock.lock();
-    const long r = LxNode::setMediaTime(mediaTime);
-    renderLock.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::setMediaTime(mediaTime);
 }
 
 LxTime LxBaseVideoRenderer::getMediaTime() {
-    renderLock.lock();
-    const LxTime t = LxNode::getMediaTime();
-    renderLock.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::getMediaTime();
 }
 
 LxTime LxBaseVideoRenderer::getSyncTime() {
-    renderLock.lock();
-    const LxTime t = LxNode::getSyncTime();
-    renderLock.unlock();
-    return t;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::getSyncTime();
 }
 
 long LxBaseVideoRenderer::setTimeBase(LxTimeBase* timeBase) {
-    renderLock.lock();
-    const long r = LxNode::setTimeBase(timeBase);
-    renderLock.unlock();
-    return r;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::setTimeBase(timeBase);
 }
 
 LxTimeBase* LxBaseVideoRenderer::getTimeBase() {
-    renderLock.lock();
-    LxTimeBase* tb = LxNode::getTimeBase();
-    renderLock.unlock();
-    return tb;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return LxNode::getTimeBase();
 }
 
 void LxBaseVideoRenderer::setLoop(char l) {
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     loop = l;
-    renderLock.unlock();
 }
 
 char LxBaseVideoRenderer::getLoop() {
-    renderLock.lock();
-    const char l = loop;
-    renderLock.unlock();
-    return l;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return loop;
 }
 
 // --- The renderer's lock and statistics -----------------------------------------------------------
@@ -584,9 +562,8 @@ KtResult LxBaseVideoRenderer::wait(unsigned long ms) {
 }
 
 void LxBaseVideoRenderer::notifyAll() {
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     wakeLocked();
-    renderLock.unlock();
 }
 
 void LxBaseVideoRenderer::wakeLocked() {
@@ -603,10 +580,8 @@ short LxBaseVideoRenderer::getQueuedFrameCount() {
 }
 
 long LxBaseVideoRenderer::getFramesCreated() {
-    renderLock.lock();
-    const long n = frameAllocator != nullptr ? frameAllocator->getFramesCreated() : 0;
-    renderLock.unlock();
-    return n;
+    KtScopedLock<KtWaitNotify> guard(renderLock);
+    return frameAllocator != nullptr ? frameAllocator->getFramesCreated() : 0;
 }
 
 // --- The renderer's thread -----------------------------------------------------------------------
@@ -621,7 +596,9 @@ void LxBaseVideoRenderer::run() {
     unsigned long waitMs = 0;
     uint64_t seen = 0;
     for (;;) {
-        renderLock.lock();
+        // Each pass decides under the lock and lets go of it before it posts an event or waits
+        // for a frame, so that neither a listener nor a slow producer runs under it.
+        KtScopedLock<KtWaitNotify> guard(renderLock);
         // Sleep only when nothing woke the renderer since the last pass looked at its state: a
         // notification given while the thread was busy outside the lock would otherwise be lost
         // and a STOPPED renderer would sleep through its prefetch.
@@ -631,12 +608,10 @@ void LxBaseVideoRenderer::run() {
         seen = wakeups;
         const LxNodeState s = getCurrentState();
         if (s == DEAD) {
-            renderLock.unlock();
             break;
         }
         switch (s) {
             case STOPPED:
-                renderLock.unlock();
                 waitMs = KT_INFINITE;
                 break;
             case PREFETCHING:
@@ -644,12 +619,12 @@ void LxBaseVideoRenderer::run() {
                     // The state changes before the event goes out: a player that starts the node
                     // on the event must not have its STARTED overwritten afterwards.
                     setCurrentState(STOPPED);
-                    renderLock.unlock();
+                    guard.unlock();
                     postEvent(new (std::nothrow) LxPrefetchCompleteEvent(this));
                     LxLog::postDebug("LxBaseVideoRenderer: posted prefetchComplete event\n");
                     waitMs = KT_INFINITE;
                 } else {
-                    renderLock.unlock();
+                    guard.unlock();
                     LxLog::postDebug("LxBaseVideoRenderer: prefetching\n");
                     waitMs = 0;
                     prefetchFrame();
@@ -665,41 +640,41 @@ void LxBaseVideoRenderer::run() {
                     flush();
                     setCurrentState(STOPPED);
                     const LxTime media = clock->getMediaTime();
-                    renderLock.unlock();
+                    guard.unlock();
                     postEvent(new (std::nothrow) LxStopAtTimeEvent(this, media, stopTime));
                     waitMs = 0;
                 } else if (endOfMedia && !loop) {
-                    renderLock.unlock();
+                    guard.unlock();
                     handleEOM();
                     waitMs = 0;
                 } else {
-                    renderLock.unlock();
                     waitMs = kStartedPollMs;
                 }
                 break;
             }
             default:
-                renderLock.unlock();
                 break;
         }
     }
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     threadRunning = 0;
-    renderLock.unlock();
 }
 
 void LxBaseVideoRenderer::prefetchFrame() {
-    renderLock.lock();
-    const int style = streamStyle.load();
-    LxOutputConnectable* out = connectedOutput.load();
-    // Nothing to wait for: a renderer without a format, or one that already holds a prefetched
-    // frame (a second prefetch before anything was shown must not take a frame over the first).
-    if (style == kNoStyle || pendingFrame.load() != nullptr) {
-        prefetched = 1;
-        renderLock.unlock();
-        return;
+    int style;
+    LxOutputConnectable* out;
+    {
+        KtScopedLock<KtWaitNotify> guard(renderLock);
+        style = streamStyle.load();
+        out = connectedOutput.load();
+        // Nothing to wait for: a renderer without a format, or one that already holds a
+        // prefetched frame (a second prefetch before anything was shown must not take a frame
+        // over the first).
+        if (style == kNoStyle || pendingFrame.load() != nullptr) {
+            prefetched = 1;
+            return;
+        }
     }
-    renderLock.unlock();
 
     // The wait for the first frame (up to a second) happens without the renderer's lock, so that
     // the player's thread (stop, start) is never held up by a slow producer.
@@ -714,7 +689,7 @@ void LxBaseVideoRenderer::prefetchFrame() {
         }
     }
 
-    renderLock.lock();
+    KtScopedLock<KtWaitNotify> guard(renderLock);
     const LxNodeState s = getCurrentState();
     if (frame != nullptr) {
         if ((s == PREFETCHING || s == STARTED) && pendingFrame.load() == nullptr) {
@@ -729,5 +704,4 @@ void LxBaseVideoRenderer::prefetchFrame() {
     if (frame != nullptr || style != LxFormat::PushStream || endOfMedia) {
         prefetched = 1;
     }
-    renderLock.unlock();
 }

@@ -4,6 +4,7 @@
 // lock the library takes (its lock-order check relies on that). Timed waits run on CLOCK_MONOTONIC
 // so that a change of the calendar clock cannot stretch or cut them.
 #include "Kt.h"
+#include "platform/kt/KtPosixLock.h"
 
 #include <pthread.h>
 #include <cerrno>
@@ -154,21 +155,19 @@ KtResult KtWaitNotify::wait(unsigned long ms) {
 }
 
 void KtWaitNotify::notify() {
-    pthread_mutex_lock(&impl_->mutex);
+    KtPosixLock hold(impl_->mutex);
     if (impl_->tickets < impl_->waiters) {
         ++impl_->tickets;
         pthread_cond_signal(&impl_->cond);
     }
-    pthread_mutex_unlock(&impl_->mutex);
 }
 
 void KtWaitNotify::notifyAll() {
-    pthread_mutex_lock(&impl_->mutex);
+    KtPosixLock hold(impl_->mutex);
     if (impl_->tickets < impl_->waiters) {
         impl_->tickets = impl_->waiters;
         pthread_cond_broadcast(&impl_->cond);
     }
-    pthread_mutex_unlock(&impl_->mutex);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -196,27 +195,23 @@ KtGateLock::~KtGateLock() {
 }
 
 void KtGateLock::open() {
-    pthread_mutex_lock(&impl_->mutex);
+    KtPosixLock hold(impl_->mutex);
     impl_->open = true;
     pthread_cond_broadcast(&impl_->cond);
-    pthread_mutex_unlock(&impl_->mutex);
 }
 
 void KtGateLock::close() {
-    pthread_mutex_lock(&impl_->mutex);
+    KtPosixLock hold(impl_->mutex);
     impl_->open = false;
-    pthread_mutex_unlock(&impl_->mutex);
 }
 
 bool KtGateLock::isOpen() {
-    pthread_mutex_lock(&impl_->mutex);
-    const bool open = impl_->open;
-    pthread_mutex_unlock(&impl_->mutex);
-    return open;
+    KtPosixLock hold(impl_->mutex);
+    return impl_->open;
 }
 
 KtResult KtGateLock::wait(unsigned long ms) {
-    pthread_mutex_lock(&impl_->mutex);
+    KtPosixLock hold(impl_->mutex);
     const bool unlimited = isUnlimited(ms);
     const timespec deadline = unlimited ? timespec{} : deadlineAfter(ms);
     KtResult result = 1;
@@ -230,6 +225,5 @@ KtResult KtGateLock::wait(unsigned long ms) {
             break;
         }
     }
-    pthread_mutex_unlock(&impl_->mutex);
     return result;
 }

@@ -2,6 +2,7 @@
 #include "platform/kt/KtThreadIds.h"
 
 #include "Kt.h"
+#include "platform/kt/KtPosixLock.h"
 
 #include <pthread.h>
 #include <atomic>
@@ -42,10 +43,11 @@ void* threadMain(void* raw) {
     delete holder;
     tCurrentThreadId = state->id;
     state->entry(state->argument);
-    pthread_mutex_lock(&state->mutex);
-    state->finished = true;
-    pthread_cond_broadcast(&state->cond);
-    pthread_mutex_unlock(&state->mutex);
+    {
+        KtPosixLock hold(state->mutex);
+        state->finished = true;
+        pthread_cond_broadcast(&state->cond);
+    }
     return nullptr;
 }
 
@@ -82,31 +84,32 @@ class PosixThread : public KtThread {
         if (!started_ || joined_) {
             return 1;
         }
-        pthread_mutex_lock(&state_->mutex);
         KtResult result = 1;
-        if (static_cast<uint32_t>(ms) == KT_INFINITE) {
-            while (!state_->finished) {
-                pthread_cond_wait(&state_->cond, &state_->mutex);
-            }
-        } else {
-            timespec deadline;
-            clock_gettime(CLOCK_MONOTONIC, &deadline);
-            deadline.tv_sec += static_cast<time_t>(ms / 1000);
-            deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-            if (deadline.tv_nsec >= 1000000000L) {
-                deadline.tv_sec += 1;
-                deadline.tv_nsec -= 1000000000L;
-            }
-            while (!state_->finished) {
-                if (pthread_cond_timedwait(&state_->cond, &state_->mutex, &deadline) == ETIMEDOUT) {
-                    break;
+        {
+            KtPosixLock hold(state_->mutex);
+            if (static_cast<uint32_t>(ms) == KT_INFINITE) {
+                while (!state_->finished) {
+                    pthread_cond_wait(&state_->cond, &state_->mutex);
+                }
+            } else {
+                timespec deadline;
+                clock_gettime(CLOCK_MONOTONIC, &deadline);
+                deadline.tv_sec += static_cast<time_t>(ms / 1000);
+                deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+                if (deadline.tv_nsec >= 1000000000L) {
+                    deadline.tv_sec += 1;
+                    deadline.tv_nsec -= 1000000000L;
+                }
+                while (!state_->finished) {
+                    if (pthread_cond_timedwait(&state_->cond, &state_->mutex, &deadline) == ETIMEDOUT) {
+                        break;
+                    }
+                }
+                if (!state_->finished) {
+                    result = KT_TIMEOUT;
                 }
             }
-            if (!state_->finished) {
-                result = KT_TIMEOUT;
-            }
         }
-        pthread_mutex_unlock(&state_->mutex);
         if (result == 1) {
             pthread_join(thread_, nullptr);
             joined_ = true;

@@ -44,9 +44,9 @@ class ProbeRenderer : public LxWin32AudioRenderer {
     };
     Fields fields() {
         KtScopedLock<KtWaitNotify> guard(waitNotify);
-        return {bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark,     isResident,
-                residentDone, residentStarted, eomDone,        draining,         hasWritten,
-                silentPacing, resetPending,    framesCreated,  getCurrentState()};
+        return Fields{bufferSize,   frameBytes,      bytesPerSecond, lowWaterMark,     isResident,
+                      residentDone, residentStarted, eomDone,        draining,         hasWritten,
+                      silentPacing, resetPending,    framesCreated,  getCurrentState()};
     }
     LxWin32AudioOutputPort* port(int i) {
         KtScopedLock<KtWaitNotify> guard(waitNotify);

@@ -33,7 +33,7 @@ class ArbiterManager : public LxManager {
     }
 
     const LxChannelInfo& info(int type) const { return channelInfo[type]; }
-    KtMutex& channelMutex() { return *channelLock; }
+    KtMutex* channelMutex() { return channelLock; }
 
     bool failStartup[2] = {false, false};
     int startups[2] = {0, 0};
@@ -325,7 +325,7 @@ TEST_F(ArbitrationTest, ConcurrentOperationsKeepTheBookkeepingConsistent) {
             for (int s = 0; s < kSteps; ++s) {
                 const size_t i = static_cast<size_t>(w * kPortsPerThread) + rng() % kPortsPerThread;
                 const unsigned op = rng() % 4;
-                // The lock is re-entrant: registration and its flag change as one step.
+                // Re-entrant: registration and its flag change as one step.
                 KtScopedLock<KtMutex> guard(manager->channelMutex());
                 if (op == 0 && !registered[i]) {
                     manager->requestPortChannel(all[i].get(), LxTime::zero());

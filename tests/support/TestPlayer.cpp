@@ -54,7 +54,7 @@ void TestPlayer::run() {
         if (!beginPass(KT_INFINITE)) {
             break;
         }
-        lock();
+        KtScopedLock<KtWaitNotify> guard(signal);
         if (options_.initialize && getCurrentState() == UNINITIALIZED) {
             setCurrentState(INITIALIZING);
             duration = options_.duration;
@@ -62,7 +62,6 @@ void TestPlayer::run() {
             postEvent(new LxInitializedEvent(this, 0xE1));
             setCurrentState(STOPPED);
         }
-        unlock();
     }
     endRun();
 }
@@ -105,17 +104,19 @@ bool TestPlayer::onPlayerThread(const std::function<void()>& fn) {
         bool done = false;
     };
     auto done = std::make_shared<Done>();
-    lock();
-    const bool runnable = threadRunning && getCurrentState() != DEAD;
-    if (runnable) {
-        nodeEventQueue->send(new CommandEvent([fn, done] {
-            fn();
-            std::lock_guard<std::mutex> l(done->m);
-            done->done = true;
-            done->cv.notify_all();
-        }));
+    bool runnable;
+    {
+        KtScopedLock<KtWaitNotify> guard(signal);
+        runnable = threadRunning && getCurrentState() != DEAD;
+        if (runnable) {
+            nodeEventQueue->send(new CommandEvent([fn, done] {
+                fn();
+                std::lock_guard<std::mutex> l(done->m);
+                done->done = true;
+                done->cv.notify_all();
+            }));
+        }
     }
-    unlock();
     if (!runnable) {
         return false;
     }

@@ -67,10 +67,8 @@ class TestPlayer : public LxPlayer {
     /// Requests waiting in the API queue.
     short queuedRequests() { return apiQueue->length(); }
     char threadIsRunning() {
-        lock();
-        const char r = threadRunning;
-        unlock();
-        return r;
+        KtScopedLock<KtWaitNotify> guard(signal);
+        return threadRunning;
     }
 
     static long entry(void* player);

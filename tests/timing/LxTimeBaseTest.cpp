@@ -101,6 +101,10 @@ TEST_F(TimeBaseTest, FiredTimerIsDormantUntilRescheduledAndUnknownIdsAreRefused)
     EXPECT_EQ(LX_ERR_NO_TIMER, tb.killTimer(id));
     EXPECT_EQ(LX_ERR_NEGATIVE_TEMPO, tb.setTempo(-0.5f));
     EXPECT_FLOAT_EQ(1.0f, tb.getTempo());
+    // The lock is re-entrant, so only another thread sees one a refusal left held: the timer
+    // thread must still be able to take it and fire a new timer.
+    ASSERT_EQ(LX_OK, tb.setTimer(FireLog::callback, LxTime::zero(), &id, &log));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return log.size() == 3; })) << "a refusal kept the lock";
 }
 
 TEST_F(TimeBaseTest, TempoChangesTheRateWithoutAJumpAndZeroFreezes) {

@@ -22,13 +22,12 @@ class PluginPlayer : public LxPlayer {
             if (!beginPass(getCurrentState() == UNINITIALIZED ? 0 : KT_INFINITE)) {
                 break;
             }
-            lock();
+            KtScopedLock<KtWaitNotify> guard(signal);
             if (getCurrentState() == UNINITIALIZED) {
                 setCurrentState(INITIALIZING);
                 postEvent(new LxInitializedEvent(this, 0xE1));
                 setCurrentState(STOPPED);
             }
-            unlock();
         }
         endRun();
     }
