@@ -16,8 +16,6 @@
 
 namespace {
 
-// How long the loop sleeps when it has nothing to do until a request or node event arrives.
-constexpr unsigned long kWaitForEvent = KT_INFINITE;
 // The renderer may take up to this long to give back an empty frame.
 const LxTime kEmptyFrameTimeout(0, 500000);
 // A start asked for ahead of time has its first frames read this long before it (the renderer
@@ -106,10 +104,12 @@ KtResult LxAudioPlayer::initPlayer() {
     if (result != LX_OK) {
         return result;
     }
-    lock();
-    duration = parser->getDuration();
-    const LxTime announced = duration;
-    unlock();
+    LxTime announced;
+    {
+        KtScopedLock guard(signal);
+        duration = parser->getDuration();
+        announced = duration;
+    }
     postEvent(new (std::nothrow) LxDurationChangedEvent(this, LxTime(0, 0), announced));
 
     const short n = static_cast<short>((format->getChannels() != LxMono ? 2 : 1) *
@@ -167,202 +167,112 @@ void LxAudioPlayer::shutdown() {
     }
 }
 
-unsigned long LxAudioPlayer::leadWait() {
-    lock();
-    const LxTime media = clock->getMediaTime();
-    const LxTime sync = clock->getSyncTime();
-    const float rate = clock->getRate();
-    const LxTime latency = startLatency;
-    unlock();
-    LxLog::postDebug("LxAudioPlayer; mediaTime = %8.3f syncTime = %8.3f\n", media.getValue(),
-                     sync.getValue());
-    const long lead = static_cast<long>((media.getValue() - sync.getValue() - latency.getValue()) * 1000.0);
-    if (lead == 0) {
-        return 0;
-    }
-    // The lead is counted in media time; the clock covers it at |rate| media milliseconds per
-    // millisecond. A negative lead (a negative rate before the clock starts) is waited for by its
-    // magnitude too: read as an unsigned count it would be a wait of weeks.
-    double ms = std::fabs(static_cast<double>(lead));
-    if (rate != 0.0f) {
-        ms /= std::fabs(static_cast<double>(rate));
-    }
-    if (ms < 1.0) {
-        ms = 1.0;
-    }
-    if (ms > 4294967294.0) {
-        ms = 4294967294.0;
-    }
-    return static_cast<unsigned long>(ms);
-}
-
 void LxAudioPlayer::run() {
     LxLog::postDebug("LxAudioPlayer:  in run loop\n");
-    lock();
-    activePosted = 0;
-    unlock();
-    unsigned long w = 0;
-    for (;;) {
-        if (!beginPass(w)) {
-            break;
-        }
-
-        LxNodeState s = getCurrentState();
-        if (s == UNINITIALIZED) {
-            setCurrentState(INITIALIZING);
-            if (dataSource != nullptr) {
-                dataSource->connect();
-                dataSource->start();
-            }
-            s = getCurrentState();
-        }
-        if (s == INITIALIZING) {
-            LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
-            if (pull != nullptr && !pull->dataAvailable()) {
-                w = 100;
-                continue;
-            }
-            const KtResult result = initPlayer();
-            if (result != LX_OK) {
-                catastrophicError(result);
-                break;
-            }
-            postEvent(new (std::nothrow) LxInitializedEvent(this, LX_INITIALIZED_AUDIO));
-            setCurrentState(STOPPED);
-            s = getCurrentState();
-        }
-        if (s == STOPPED) {
-            w = kWaitForEvent;
-            continue;
-        }
-        if (s == DEAD) {
-            break;
-        }
-        if (s == PREFETCHING || s == PREFETCHED) {
-            LxLog::postDebug("LxAudioPlayer:  entered state %d and we didn't expect it\n",
-                             static_cast<int>(s));
-            w = kWaitForEvent;
-            continue;
-        }
-        if (s != STARTED) {
-            w = kWaitForEvent;
-            continue;
-        }
-
-        // Started: wait for the start time, watch the stop time, then fill.
-        lock();
-        const char ended = ownEndReached;
-        unlock();
-        if (ended) {
-            w = kWaitForEvent;
-            continue;
-        }
-        // A start ahead is read kReadAheadMs early: the renderer sets the first frames to be heard
-        // at the start's exact sample. The player goes active only at the start itself.
-        const unsigned long toStart = leadWait();
-        lock();
-        const bool forward = clock->getRate() > 0.0f;
-        unlock();
-        if (toStart > 0 && (!forward || toStart > kReadAheadMs)) {
-            w = forward ? toStart - kReadAheadMs : toStart;
-            continue;
-        }
-        w = 0;
-
-        lock();
-        LxTimeBase* tb = timeBase;
-        const bool stopNow = tb != nullptr && tb->getRefTime() >= clock->getStopTime();
-        unlock();
-        if (tb == nullptr) {
-            LxLog::postDebug("LxAudioPlayer:  timeBase is NULL!\n");
-        }
-        if (stopNow) {
-            LxLog::postDebug("LxAudioPlayer:  auto-stopping\n");
-            lock();
-            ownEndReached = 1;
-            handleStopTime(this);
-            activePosted = 0;
-            unlock();
-            w = kWaitForEvent;
-            continue;
-        }
-
-        if (!activePosted && toStart == 0) {
-            LxLog::postDebug("LxAudioPlayer:  Just moving to started\n");
-            activePosted = 1;
-            postEvent(new (std::nothrow) LxActiveEvent(this));
-        }
-        if (suspended) {
-            w = kWaitForEvent;
-            continue;
-        }
-        LxInputConnectable* input = output != nullptr ? output->connectedTo() : nullptr;
-        LxFrame* empty = input != nullptr ? input->getEmptyFrame(kEmptyFrameTimeout) : nullptr;
-        LxAudioFrame* frame = dynamic_cast<LxAudioFrame*>(empty);
-        if (frame == nullptr) {
-            if (empty != nullptr) {
-                input->putEmptyFrame(empty);
-            }
-            LxLog::postDebug("LxAudioPlayer: no empty frame available\n");
-            w = activePosted || toStart == 0 ? 250 : std::min<unsigned long>(250, toStart);
-            continue;
-        }
-        LxLog::postDebug("LxAudioPlayer: curframe filled = %i  fillable = %i\n",
-                         static_cast<int>(frame->filled), static_cast<int>(frame->fillable));
-        const int32_t before = frame->filled;
-        char eom = 0;
-        const KtResult read = parser != nullptr ? parser->readFrame(frame, &eom) : LX_ERR_WAVE_READ;
-        if (read != LX_OK) {
-            input->putEmptyFrame(frame);  // never filled: back to its pool
-            catastrophicError(read);
-            continue;
-        }
-        const int32_t d = frame->filled - before;
-        LxLog::postDebug("LxAudioPlayer: sending frame with %i filldiff\n", static_cast<int>(d));
-        output->queueFrame(frame);
-
-        if (eom) {
-            LxLog::postDebug("LxAudioPlayer: queued EOM frame\n");
-            input->notifyEndOfMedia();
-            lock();
-            const char looping = loop;
-            unlock();
-            if (looping) {
-                LxLog::postDebug("LxAudioPlayer: setting time to %8.3f, seek offset %i\n", 0.0, 0);
-                parser->seek(0);
-                continue;
-            }
-            if (!activePosted) {
-                // The whole clip was read ahead of its start: active still comes before the end.
-                postEvent(new (std::nothrow) LxActiveEvent(this));
-            }
-            lock();
-            ownEndReached = 1;
-            activePosted = 0;
-            handleEOM(this);
-            unlock();
-            w = kWaitForEvent;
-            continue;
-        }
-
-        lock();
-        const float rate = clock->getRate();
-        unlock();
-        const long seconds = bytesPerSecond > 0 ? d / bytesPerSecond : 0;
-        if (seconds == 0 || (!activePosted && toStart > 0)) {
-            w = seconds == 0 ? 0 : std::min<unsigned long>(toStart, 1000);
-        } else if (rate <= 0.0f) {
-            w = 1000;  // a stopped or backward clock gives no pace to fill at
-        } else {
-            const double ms = 1000.0 * static_cast<double>(seconds) / static_cast<double>(rate);
-            w = ms > 4294967294.0 ? 4294967294ul : static_cast<unsigned long>(ms);
-            if (w > 1000) {
-                w = 1000;
-            } else if (w > 100) {
-                w -= 100;
-            }
-        }
+    {
+        KtScopedLock guard(signal);
+        activePosted = 0;
     }
+    runLoop();
     LxLog::postDebug("LxAudioPlayer:  Goodbye cruel world!\n");
-    endRun();
+}
+
+long LxAudioPlayer::loadClip() {
+    return initPlayer();
+}
+
+unsigned long LxAudioPlayer::cueLead() {
+    // A start ahead is read kReadAheadMs early: the renderer sets the first frames to be heard at
+    // the start's exact sample. A backward clock is not read ahead.
+    KtScopedLock guard(signal);
+    return clock->getRate() > 0.0f ? kReadAheadMs : 0;
+}
+
+void LxAudioPlayer::silenceAtStopTime() {
+    LxLog::postDebug("LxAudioPlayer:  auto-stopping\n");
+    activePosted = 0;
+}
+
+unsigned long LxAudioPlayer::playStep(unsigned long toStart) {
+    // The player goes active only at the start itself, whatever was read ahead of it.
+    if (!activePosted && toStart == 0) {
+        LxLog::postDebug("LxAudioPlayer:  Just moving to started\n");
+        activePosted = 1;
+        postEvent(new (std::nothrow) LxActiveEvent(this));
+    }
+    if (suspended) {
+        return KT_INFINITE;
+    }
+    return fillFrame(toStart);
+}
+
+unsigned long LxAudioPlayer::fillFrame(unsigned long toStart) {
+    LxInputConnectable* input = output != nullptr ? output->connectedTo() : nullptr;
+    LxFrame* empty = input != nullptr ? input->getEmptyFrame(kEmptyFrameTimeout) : nullptr;
+    LxAudioFrame* frame = dynamic_cast<LxAudioFrame*>(empty);
+    if (frame == nullptr) {
+        if (empty != nullptr) {
+            input->putEmptyFrame(empty);
+        }
+        LxLog::postDebug("LxAudioPlayer: no empty frame available\n");
+        return activePosted || toStart == 0 ? 250 : std::min<unsigned long>(250, toStart);
+    }
+    const int32_t before = frame->filled;
+    char eom = 0;
+    const KtResult read = parser != nullptr ? parser->readFrame(frame, &eom) : LX_ERR_WAVE_READ;
+    if (read != LX_OK) {
+        input->putEmptyFrame(frame);  // never filled: back to its pool
+        catastrophicError(read);
+        return 0;
+    }
+    const int32_t filled = frame->filled - before;
+    LxLog::postDebug("LxAudioPlayer: sending frame with %i filldiff\n", static_cast<int>(filled));
+    output->queueFrame(frame);
+    if (eom) {
+        input->notifyEndOfMedia();
+        return endOfClip();
+    }
+    return fillPace(filled, toStart);
+}
+
+unsigned long LxAudioPlayer::endOfClip() {
+    LxLog::postDebug("LxAudioPlayer: queued EOM frame\n");
+    KtScopedLock guard(signal);
+    if (loop) {
+        guard.unlock();
+        LxLog::postDebug("LxAudioPlayer: setting time to %8.3f, seek offset %i\n", 0.0, 0);
+        parser->seek(0);
+        return 0;
+    }
+    if (!activePosted) {
+        // The whole clip was read ahead of its start: active still comes before the end.
+        guard.unlock();
+        postEvent(new (std::nothrow) LxActiveEvent(this));
+        guard.lock();
+    }
+    ownEndReached = 1;
+    activePosted = 0;
+    handleEOM(this);
+    return KT_INFINITE;
+}
+
+unsigned long LxAudioPlayer::fillPace(int32_t filled, unsigned long toStart) {
+    float rate = 0.0f;
+    {
+        KtScopedLock guard(signal);
+        rate = clock->getRate();
+    }
+    const long seconds = bytesPerSecond > 0 ? filled / bytesPerSecond : 0;
+    if (seconds == 0) {
+        return 0;  // less than a second queued: the renderer wants more now
+    }
+    if (!activePosted && toStart > 0) {
+        return std::min<unsigned long>(toStart, 1000);
+    }
+    if (rate <= 0.0f) {
+        return 1000;  // a stopped or backward clock gives no pace to fill at
+    }
+    // A second or more went out: the next frame is read 100 ms before the renderer needs it.
+    const unsigned long ms = clampWait(1000.0 * static_cast<double>(seconds) / static_cast<double>(rate));
+    return ms > 1000 ? 1000 : ms > 100 ? ms - 100 : ms;
 }

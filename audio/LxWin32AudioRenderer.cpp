@@ -3,7 +3,7 @@
 
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
@@ -161,7 +161,7 @@ LxWin32AudioRenderer::LxWin32AudioRenderer(LxManager* m, LxWin32Mixer* mx)
 
     {
         KtScopedLock<KtWaitNotify> guard(waitNotify);
-        KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
+        KtThreadManager* tm = manager != nullptr ? LxManagerServices::threadManager(manager) : nullptr;
         thread =
             tm != nullptr ? tm->createThread(&LxWin32AudioRenderer::threadEntry, this, 4, 1, 2) : nullptr;
         if (thread != nullptr) {
@@ -254,7 +254,7 @@ void LxWin32AudioRenderer::stopThread() {
         t = thread;
         thread = nullptr;
     }
-    KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
+    KtThreadManager* tm = manager != nullptr ? LxManagerServices::threadManager(manager) : nullptr;
     if (t != nullptr && tm != nullptr) {
         if (running) {
             tm->waitForThread(t, KT_INFINITE);
@@ -602,7 +602,8 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
         return r;
     }
     LxLog::postDebug("LxWin32AudioRenderer:  Created a total of %d ports for this audio clip\n", slot + 1);
-    if (manager == nullptr || manager->requestPortChannel(p, LxTime(0, 0)) != LX_OK) {
+    if (manager == nullptr ||
+        LxManagerServices::channels(manager)->requestPortChannel(p, LxTime(0, 0)) != LX_OK) {
         LxLog::postDebug("LxWin32AudioRenderer:  Failed to get channel for additional port\n");
         // A refused port is not kept half alive: its mixer port and buffer go at once.
         mixer->closePort(p->getPortNumber());
@@ -617,7 +618,7 @@ long LxWin32AudioRenderer::getNewAudioPort(LxAudioOutputPort** out) {
     portCount = static_cast<int16_t>(slot + 1);
     if (portsActive) {
         // The clip is playing: the new port wants its channel now, like the others.
-        manager->updatePortChannel(p, refTime(), 1);
+        LxManagerServices::channels(manager)->updatePortChannel(p, refTime(), 1);
         if (isResident && (residentStarted || tailPending)) {
             portEventsSeen[slot] = 0;  // joins where the clip is, once it holds a channel
             joinGrantedPorts(refTime());
@@ -697,7 +698,8 @@ long LxWin32AudioRenderer::setUp() {
     port->setTempo(rate);
 
     LxLog::postDebug("LxWin32AudioRenderer: requesting port channel\n");
-    if (manager != nullptr && manager->requestPortChannel(port, LxTime(0, 0)) == LX_OK) {
+    if (manager != nullptr &&
+        LxManagerServices::channels(manager)->requestPortChannel(port, LxTime(0, 0)) == LX_OK) {
         registeredPorts |= 1u;
     } else {
         LxLog::postDebug("LxWin32AudioRenderer: manager refused port channel request\n");
@@ -796,7 +798,9 @@ void LxWin32AudioRenderer::run() {
 }
 
 double LxWin32AudioRenderer::prepareAheadMs() {
-    const double latency = manager != nullptr ? manager->getStartUpLatency().getValue() * 1000.0 : 0.0;
+    const double latency = manager != nullptr
+                               ? LxManagerServices::channels(manager)->getStartUpLatency().getValue() * 1000.0
+                               : 0.0;
     return std::max(kPrepareMs, latency + 50.0);
 }
 
@@ -1300,7 +1304,7 @@ void LxWin32AudioRenderer::updateChannels(const LxTime& time, char wantsChannel)
         return;
     }
     for (int i = 0; i < portCount; ++i) {
-        if (manager->updatePortChannel(ports[i], time, wantsChannel) != LX_OK) {
+        if (LxManagerServices::channels(manager)->updatePortChannel(ports[i], time, wantsChannel) != LX_OK) {
             break;
         }
     }
@@ -1312,7 +1316,7 @@ void LxWin32AudioRenderer::releaseChannels() {
     }
     for (int i = 0; i < kMaxPorts; ++i) {
         if ((registeredPorts & (1u << i)) != 0 && ports[i] != nullptr) {
-            manager->releasePortChannel(ports[i]);
+            LxManagerServices::channels(manager)->releasePortChannel(ports[i]);
         }
     }
     registeredPorts = 0;

@@ -6,7 +6,7 @@
 #include "LxResult.h"
 #include "LxVersionDetection.h"
 #include "audio/LxWin32MixerInternal.h"
-#include "manager/LxClassLocks.h"
+#include "platform/kt/KtLibraryLock.h"
 #include "platform/sound/LxpSound.h"
 
 #include <cmath>
@@ -27,6 +27,17 @@ namespace {
 /// getDiagnostics on any thread). Constant-initialised.
 std::mutex gDiagnosticsMutex;
 
+/// The enumeration gate: created closed when the library loads, opened by the device enumeration,
+/// waited for by getDiagnostics.
+KtLibraryLock<KtGateLock> gEnumGate;
+
+__attribute__((constructor(101))) void lxEnumGateLoad() {
+    gEnumGate.create();
+}
+__attribute__((destructor(101))) void lxEnumGateUnload() {
+    gEnumGate.destroy();
+}
+
 void setText(char*& text, const char* value) {
     if (text == nullptr) {
         text = strdup(value);
@@ -40,7 +51,7 @@ void LxWin32Mixer::resetClassStateForTests() {
     diagnostics.~LxDiagnostics();
     new (&diagnostics) LxDiagnostics();
     enumerateRequested.store(0);
-    if (KtGateLock* gate = LxClassLocks::enumLock()) {
+    if (KtGateLock* gate = lxmixer::enumGate()) {
         gate->close();
     }
 }
@@ -344,14 +355,14 @@ int LxWin32Mixer::DSEnumCallBack(lxp::GUID*, const char* description, const char
         setText(diagnostics.soundDevice, description);
     }
     enumerateRequested.store(1);
-    if (KtGateLock* gate = LxClassLocks::enumLock()) {
+    if (KtGateLock* gate = lxmixer::enumGate()) {
         gate->open();
     }
     return 0;
 }
 
 long LxWin32Mixer::getDiagnostics(LxDiagnostics& out) {
-    KtGateLock* gate = LxClassLocks::enumLock();
+    KtGateLock* gate = lxmixer::enumGate();
     if (gate == nullptr || gate->wait(5000) == KT_TIMEOUT) {
         LxLog::postDebug("LxWin32Mixer:  Failed waiting for enumerate callback\n");
     }
@@ -660,4 +671,8 @@ float LxWin32Mixer::getTempo(short port) {
     Hold slot(slotLock(port));
     LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
     return state.load() == READY && rec != nullptr ? rec->tempo : -1.0f;
+}
+
+KtGateLock* lxmixer::enumGate() {
+    return gEnumGate.get();
 }

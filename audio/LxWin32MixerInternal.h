@@ -9,6 +9,9 @@
 
 namespace lxmixer {
 
+/// The mixer's enumeration gate (null after the library unloads).
+KtGateLock* enumGate();
+
 /// Holds a KtMutex (none for a null one) for a scope, like KtScopedLock; a KtScopedUnlock<Hold>
 /// lets it go for a sleep in between.
 class Hold {

@@ -14,6 +14,7 @@
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/dshow/LxpRendererFilter.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +34,11 @@ constexpr unsigned long kGateWaitMs = 1000;
 // How often the graph is polled for its events while it plays, and near its end.
 constexpr unsigned long kGraphPollMs = 100;
 constexpr unsigned long kEndPollMs = 5;
+// A graph of sound alone runs this long before a start asked for ahead of time, as the WAVE
+// player reads ahead: the audio renderer then has the first samples in time to set them for the
+// start's exact sample (it prepares a start 150 ms ahead). Run at the start itself, the graph's
+// first samples would reach the renderer after it and be heard at the next mixing block.
+constexpr unsigned long kCueLeadMs = 100;
 // A clip shorter than this is a short clip.
 const LxTime kShortClip(2, 0);
 
@@ -101,6 +107,7 @@ LxAMPlayer::LxAMPlayer(LxManager* manager, LxDataSource* source)
       hasVideo(0),
       filterGate(nullptr),
       graphRunning(0),
+      activeOwed(0),
       audioOutput(nullptr),
       videoOutput(nullptr),
       comInitialized(0),
@@ -337,9 +344,8 @@ void LxAMPlayer::updateDurationFromMedia() {
         if (FAILED(mediaSeeking->GetDuration(&frames))) {
             LxLog::postDebug("LxAMPlayer: failed to get frame/sample duration\n");
         } else {
-            lock();
+            KtScopedLock guard(signal);
             numFrames = static_cast<long>(frames);
-            unlock();
         }
         if (FAILED(mediaSeeking->SetTimeFormat(&original))) {
             LxLog::postDebug("LxAMPlayer: failed to reset time format to original\n");
@@ -353,11 +359,14 @@ void LxAMPlayer::updateDurationFromMedia() {
         return;
     }
     LxLog::postDebug("LxAMPlayer:  got the duration!\n");
-    lock();
-    const LxTime old = duration;
-    duration = fromGraphTime(length);
-    const LxTime now = duration;
-    unlock();
+    LxTime old;
+    LxTime now;
+    {
+        KtScopedLock guard(signal);
+        old = duration;
+        duration = fromGraphTime(length);
+        now = duration;
+    }
     postEvent(new (std::nothrow) LxDurationChangedEvent(this, old, now));
 }
 
@@ -662,22 +671,15 @@ void LxAMPlayer::walkTheGraph(IBaseFilter* start) {
 // ---------------------------------------------------------------------------------------------
 // The player's thread
 
-unsigned long LxAMPlayer::initializeGraphStep() {
-    LxLog::postDebug("LxAMPlayer:  Waiting for data\n");
+long LxAMPlayer::loadClip() {
     LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
-    if (pull != nullptr && !pull->dataAvailable()) {
-        return 250;
-    }
-    LxLog::postDebug("LxAMPlayer:  Done waiting\n");
     const char* file = pull != nullptr ? pull->getLocalFileName() : nullptr;
     LxLog::postDebug("LxAMPlayer:  local file name is %s\n", file != nullptr ? file : "");
     if (!CreateGraphBuilder()) {
-        catastrophicError(LX_ERR_FILTER_GRAPH);
-        return 0;
+        return LX_ERR_FILTER_GRAPH;
     }
     if (!AddSourceFilter()) {
-        catastrophicError(LX_ERR_SOURCE_FILTER);
-        return 0;
+        return LX_ERR_SOURCE_FILTER;
     }
     if (FAILED(CoCreateInstance(CLSID_LxAudioRenderer, nullptr, CLSCTX_INPROC_SERVER, IID_ILxRenderer,
                                 reinterpret_cast<void**>(&audioRendererObject)))) {
@@ -700,34 +702,35 @@ unsigned long LxAMPlayer::initializeGraphStep() {
     }
     hasVideo = videoRendererObject != nullptr && videoRendererFilter != nullptr ? 1 : 0;
     if (!hasAudio && !hasVideo) {
-        catastrophicError(LX_ERR_NO_RENDERER_FILTER);
-        return 0;
+        return LX_ERR_NO_RENDERER_FILTER;
     }
     const long added = addRenderers();
     if (added == LX_ERR_UNSUPPORTED || added == LX_ERR_GENERIC) {
-        catastrophicError(added);
-        return 0;
+        return added;
     }
     walkTheGraph(sourceFilter);
     updateDurationFromMedia();
-    lock();
-    shortClip = duration >= LxTime::zero() && duration < kShortClip ? 1 : 0;
-    unlock();
+    {
+        KtScopedLock guard(signal);
+        shortClip = duration >= LxTime::zero() && duration < kShortClip ? 1 : 0;
+    }
     initializeOutputConnectable();
     if (!hasAudio && !hasVideo) {
-        catastrophicError(LX_ERR_UNSUPPORTED);
-        return 0;
+        return LX_ERR_UNSUPPORTED;
     }
-    const long what = 0xE0 + (hasAudio ? 1 : 0) + (hasVideo ? 2 : 0);
-    postEvent(new (std::nothrow) LxInitializedEvent(this, what));
-    setCurrentState(STOPPED);
-    return KT_INFINITE;
+    return LX_OK;
+}
+
+long LxAMPlayer::initializedKind() {
+    return 0xE0 + (hasAudio ? 1 : 0) + (hasVideo ? 2 : 0);
 }
 
 unsigned long LxAMPlayer::prefetchStep() {
-    lock();
-    const char started = prefetchStarted;
-    unlock();
+    char started = 0;
+    {
+        KtScopedLock guard(signal);
+        started = prefetchStarted;
+    }
     if (!started) {
         LxLog::postDebug("LxAMPlayer: prefetching\n");
         if (!soughtSinceLoad) {
@@ -736,13 +739,14 @@ unsigned long LxAMPlayer::prefetchStep() {
             reposition(clock->getMediaTime());
         }
         pauseFilterGraph();  // the cue: the renderer filters receive their first samples
-        lock();
+        KtScopedLock guard(signal);
         prefetchStarted = 1;
-        unlock();
     }
-    lock();
-    const char complete = prefetchComplete();
-    unlock();
+    char complete = 0;
+    {
+        KtScopedLock guard(signal);
+        complete = prefetchComplete();
+    }
     if (complete) {
         LxLog::postDebug("LxAMPlayer: prefetch complete\n");
         setCurrentState(PREFETCHED);
@@ -752,94 +756,110 @@ unsigned long LxAMPlayer::prefetchStep() {
     return KT_INFINITE;  // the nodes' events wake the loop
 }
 
-unsigned long LxAMPlayer::startedStep() {
-    lock();
-    const char ended = ownEndReached;
-    const float rate = clock->getRate();
-    unlock();
-    if (ended) {
-        return KT_INFINITE;
+bool LxAMPlayer::holdStart(unsigned long* wait) {
+    float rate = 0.0f;
+    {
+        KtScopedLock guard(signal);
+        rate = clock->getRate();
     }
-    if (rate == 0.0f) {
-        if (graphRunning) {
-            pauseFilterGraph();
-            graphRunning = 0;
-        }
-        return KT_INFINITE;  // a new rate arrives as a request and wakes the loop
+    if (rate != 0.0f) {
+        return false;
     }
-    lock();
-    const LxTime media = clock->getMediaTime();
-    const LxTime sync = clock->getSyncTime();
-    const LxTime latency = startLatency;
-    LxTimeBase* tb = timeBase;
-    const LxTime stopTime = clock->getStopTime();
-    unlock();
-    LxLog::postDebug("LxAMPlayer:  syncTime=(%5.3f) mediaTime=(%5.3f)\n", sync.getValue(), media.getValue());
-    const long stall = static_cast<long>((media.getValue() - sync.getValue() - latency.getValue()) * 1000.0);
-    LxLog::postDebug("LxAMPlayer:  stallTime = %d\n", static_cast<int>(stall));
-    if (stall != 0) {
-        return stallWait(stall, rate);
-    }
-    if (tb != nullptr && tb->getRefTime() >= stopTime) {
+    if (graphRunning) {
         pauseFilterGraph();
-        lock();
-        ownEndReached = 1;
-        handleStopTime(this);
-        unlock();
         graphRunning = 0;
-        return KT_INFINITE;
     }
+    *wait = KT_INFINITE;  // a new rate arrives as a request and wakes the loop
+    return true;
+}
+
+void LxAMPlayer::silenceAtStopTime() {
+    pauseFilterGraph();
+    graphRunning = 0;
+}
+
+unsigned long LxAMPlayer::cueLead() {
+    // A graph with pictures runs at the start: its pictures go out as its own clock reaches
+    // them, so running it early would show them early.
+    if (!hasAudio || hasVideo) {
+        return 0;
+    }
+    KtScopedLock guard(signal);
+    return clock->getRate() > 0.0f ? kCueLeadMs : 0;
+}
+
+unsigned long LxAMPlayer::playStep(unsigned long toStart) {
+    // The player goes active at the start itself, also when its graph runs ahead of it.
+    bool goesActive = false;
     if (!graphRunning) {
         LxLog::postDebug("LxAMPlayer:  Just moving to started - posting LxActiveEvent\n");
         startFilterGraph();
         graphRunning = 1;
-        LxLog::postDebug("LxAMPlayer:  going active at %5.3f\n",
-                         tb != nullptr ? tb->getRefTime().getValue() : 0.0);
+        activeOwed = toStart > 0 ? 1 : 0;
+        goesActive = toStart == 0;
+    } else if (activeOwed && toStart == 0) {
+        activeOwed = 0;
+        goesActive = true;
+    }
+    if (goesActive) {
         postEvent(new (std::nothrow) LxActiveEvent(this));
     }
+    pollGraphEvent();
+    float rate = 0.0f;
+    {
+        KtScopedLock guard(signal);
+        rate = clock->getRate();
+    }
+    const unsigned long poll = nextPoll(rate);
+    return activeOwed ? std::min(poll, toStart) : poll;
+}
+
+void LxAMPlayer::pollGraphEvent() {
     int32_t code = 0;
     LONG_PTR param1 = 0;
     LONG_PTR param2 = 0;
-    if (mediaEvent != nullptr && mediaEvent->GetEvent(&code, &param1, &param2, 0) == S_OK) {
-        if (code == EC_COMPLETE) {
-            LxLog::postDebug("LxAMPlayer:  received EC_COMPLETE from filterGraph\n");
-            pauseFilterGraph();
-            lock();
-            const char looping = loop;
-            unlock();
-            if (looping) {
-                // The clip restarts inside the graph: the player stays STARTED and its clock runs on.
-                reposition(LxTime::zero());
-                startFilterGraph();
-            } else {
-                // A renderer that reached an end while the clip still looped took it for a loop
-                // point and waits for more: it hears again that nothing follows.
-                for (LxOutputConnectable* out : {audioOutput, videoOutput}) {
-                    LxInputConnectable* in = out != nullptr ? out->connectedTo() : nullptr;
-                    if (in != nullptr) {
-                        in->notifyEndOfMedia();
-                    }
-                }
-                lock();
-                ownEndReached = 1;
-                graphRunning = 0;
-                handleEOM(this);
-                unlock();
-            }
-        }
-        mediaEvent->FreeEventParams(code, param1, param2);
+    if (mediaEvent == nullptr || mediaEvent->GetEvent(&code, &param1, &param2, 0) != S_OK) {
+        return;
     }
-    return nextPoll(rate);
+    if (code == EC_COMPLETE) {
+        LxLog::postDebug("LxAMPlayer:  received EC_COMPLETE from filterGraph\n");
+        pauseFilterGraph();
+        KtScopedLock guard(signal);
+        if (loop) {
+            // The clip restarts inside the graph: the player stays STARTED and its clock runs on.
+            guard.unlock();
+            reposition(LxTime::zero());
+            startFilterGraph();
+        } else {
+            guard.unlock();
+            // A renderer that reached an end while the clip still looped took it for a loop
+            // point and waits for more: it hears again that nothing follows.
+            for (LxOutputConnectable* out : {audioOutput, videoOutput}) {
+                LxInputConnectable* in = out != nullptr ? out->connectedTo() : nullptr;
+                if (in != nullptr) {
+                    in->notifyEndOfMedia();
+                }
+            }
+            guard.lock();
+            ownEndReached = 1;
+            graphRunning = 0;
+            handleEOM(this);
+        }
+    }
+    mediaEvent->FreeEventParams(code, param1, param2);
 }
 
 unsigned long LxAMPlayer::nextPoll(float rate) {
     // Polled every 100 ms, and sooner when the clip's end is nearer than that: a loop restarts
     // the graph once its end is seen, so every millisecond the end goes unseen is a millisecond
     // the clip runs late from then on.
-    lock();
-    const LxTime length = duration;
-    const char paused = suspended;
-    unlock();
+    LxTime length;
+    char paused = 0;
+    {
+        KtScopedLock guard(signal);
+        length = duration;
+        paused = suspended;
+    }
     LONGLONG position = 0;
     if (!graphRunning || paused || rate <= 0.0f || length < LxTime::zero() || mediaSeeking == nullptr ||
         FAILED(mediaSeeking->GetCurrentPosition(&position))) {
@@ -852,12 +872,9 @@ unsigned long LxAMPlayer::nextPoll(float rate) {
     return left > static_cast<double>(kEndPollMs) ? static_cast<unsigned long>(left) + 1 : kEndPollMs;
 }
 
-unsigned long LxAMPlayer::stallWait(long stall, float rate) {
+unsigned long LxAMPlayer::startWait(long stall, float rate) {
     if (stall > 0 && rate > 0.0f) {
-        // The stall is counted in media time, which the clock covers at rate media milliseconds
-        // per millisecond.
-        const double ms = static_cast<double>(stall) / static_cast<double>(rate);
-        return ms < 1.0 ? 1 : ms > 4294967294.0 ? 4294967294ul : static_cast<unsigned long>(ms);
+        return LxPlayer::startWait(stall, rate);
     }
     // A backward clock before its start: the graph plays forward only, so the wait is (nearly)
     // without end, until a request changes the clock.
@@ -867,50 +884,19 @@ unsigned long LxAMPlayer::stallWait(long stall, float rate) {
 void LxAMPlayer::run() {
     LxLog::postDebug("LxAMPlayer:  in run loop\n");
     graphRunning = 0;
-    unsigned long w = 0;
-    for (;;) {
-        if (!beginPass(w)) {
-            break;
-        }
-
-        const LxNodeState s = getCurrentState();
-        if (s == UNINITIALIZED) {
-            setCurrentState(INITIALIZING);
-            if (FAILED(CoInitialize(nullptr))) {
-                catastrophicError(LX_ERR_DSHOW_COM);
-                w = 0;
-                continue;
-            }
-            comInitialized = 1;
-            LxLog::postDebug("LxAMPlayer: Starting dataSource transfer\n");
-            if (dataSource != nullptr) {
-                dataSource->connect();
-                dataSource->start();
-            }
-            w = 0;
-            continue;
-        }
-        if (s == INITIALIZING) {
-            w = initializeGraphStep();
-            continue;
-        }
-        if (s == STOPPED || s == PREFETCHED) {
-            w = KT_INFINITE;
-            continue;
-        }
-        if (s == PREFETCHING) {
-            w = prefetchStep();
-            continue;
-        }
-        if (s == STARTED) {
-            w = startedStep();
-            continue;
-        }
-        if (s != DEAD) {
-            LxLog::postDebug("LxAMPlayer:  entered state %d and we didn't expect it\n", static_cast<int>(s));
-        }
-        w = KT_INFINITE;
-    }
+    runLoop();
     LxLog::postDebug("LxAMPlayer:  Goodbye cruel world!\n");
-    endRun();
+}
+
+long LxAMPlayer::prepareThread() {
+    if (FAILED(CoInitialize(nullptr))) {
+        return LX_ERR_DSHOW_COM;
+    }
+    comInitialized = 1;
+    LxLog::postDebug("LxAMPlayer: Starting dataSource transfer\n");
+    return LX_OK;
+}
+
+unsigned long LxAMPlayer::dataPollMs() {
+    return 250;
 }

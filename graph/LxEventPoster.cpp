@@ -2,7 +2,7 @@
 
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 
 #include <mutex>
@@ -24,7 +24,7 @@ std::mutex& waitChainLock() {
 }  // namespace
 
 LxEventPoster::LxEventPoster(LxManager* m)
-    : threads(m->getThreadManager()),
+    : threads(LxManagerServices::threadManager(m)),
       queue(new (std::nothrow) LxQueue()),
       thread(nullptr),
       running(0),
@@ -35,7 +35,7 @@ LxEventPoster::LxEventPoster(LxManager* m)
 }
 
 LxEventPoster* LxEventPoster::create(LxManager* manager) {
-    if (manager == nullptr || manager->getThreadManager() == nullptr) {
+    if (manager == nullptr || LxManagerServices::threadManager(manager) == nullptr) {
         return nullptr;
     }
     LxEventPoster* poster = new (std::nothrow) LxEventPoster(manager);

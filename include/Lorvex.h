@@ -16,6 +16,8 @@
 #include "LxFormat.h"
 #include "LxLog.h"
 #include "LxManager.h"
+#include "LxManagerServices.h"
+#include "LxMediaTypes.h"
 #include "LxMixer.h"
 #include "LxNode.h"
 #include "LxPlatform.h"

@@ -31,8 +31,8 @@ class IPin;
 /// Threads. The player's thread builds and drives the graph: every graph call below runs there
 /// (requests from other threads reach it through the request queue). The filter library's
 /// delivery threads call only filterGateWait and getStreamEpoch. The graph is paused to cue,
-/// run once the start time has come, paused on a stop, seeked, looped inside the graph and polled
-/// for its end.
+/// run once the start time has come (a graph of sound alone just before it, see cueLead), paused
+/// on a stop, seeked, looped inside the graph and polled for its end.
 class LxAMPlayer : public LxPlayer {
   public:
     /// Starts the player's thread, which initialises the player from the source by itself.
@@ -109,16 +109,34 @@ class LxAMPlayer : public LxPlayer {
     /// Created open. Read by delivery threads through filterGateWait.
     std::atomic<KtGateLock*> filterGate;
     char graphRunning;
+    /// The graph runs ahead of its start and the active event is still to come. Player thread.
+    char activeOwed;
+
+    // Steps of the shared run loop; player's thread, signal not held.
+    /// COM for the player's thread.
+    long prepareThread() override;
+    unsigned long dataPollMs() override;
+    /// Builds the graph from the source with a renderer filter for each kind of stream.
+    long loadClip() override;
+    /// 0xE1 audio, 0xE2 video, 0xE3 both.
+    long initializedKind() override;
+    /// Cues the graph (paused) until every node has prefetched.
+    unsigned long prefetchStep() override;
+    /// At rate 0 the graph is paused and the player waits for a request.
+    bool holdStart(unsigned long* wait) override;
+    /// A backward clock waits (nearly) for ever: the graph plays forward only.
+    unsigned long startWait(long stall, float rate) override;
+    void silenceAtStopTime() override;
+    /// A graph of sound alone runs a little ahead of a start (forward rates only).
+    unsigned long cueLead() override;
+    /// Runs the graph and goes active at the start; then polls the graph for its end.
+    unsigned long playStep(unsigned long toStart) override;
 
   private:
-    // One pass of the loop in a state; each returns the wait before the next pass (ms).
-    unsigned long initializeGraphStep();
-    unsigned long prefetchStep();
-    unsigned long startedStep();
+    /// Takes one event from the graph: its end loops the clip inside the graph or ends it.
+    void pollGraphEvent();
     /// The wait before the graph is polled again while it plays at rate.
     unsigned long nextPoll(float rate);
-    /// The wait for a start that lies stall media milliseconds ahead at rate.
-    static unsigned long stallWait(long stall, float rate);
     /// Moves the graph to t after bumping the stream epoch.
     long reposition(LxTime t);
     /// Releases an interface, posting message with the count left when message is not null.

@@ -72,6 +72,12 @@ class LxAudioPlayer : public LxPlayer {
     /// Opens the parser, reads the header, announces the duration, sets up the output.
     KtResult initPlayer();
     void run() override;
+    // Steps of the shared run loop (player thread, signal not held).
+    long loadClip() override;
+    unsigned long cueLead() override;
+    void silenceAtStopTime() override;
+    /// Goes active at the start, then keeps the renderer supplied (unless suspended).
+    unsigned long playStep(unsigned long toStart) override;
     static long callPlayerRunLoop(void* player);
     KtResult seekToTime(const LxTime& t);
     /// On resume, the parser goes to the clock's media time. Player thread, signal held.
@@ -90,8 +96,12 @@ class LxAudioPlayer : public LxPlayer {
     short sampleFrameBytes;
 
   private:
-    /// The wait before the next pass of the loop while STARTED, or 0 to fill now.
-    unsigned long leadWait();
+    /// Reads one frame into the renderer's next empty frame; the wait before the next pass.
+    unsigned long fillFrame(unsigned long toStart);
+    /// The clip's last frame went out: back to its start when looping, otherwise the end.
+    unsigned long endOfClip();
+    /// The wait after filled bytes went out: paced by the clock, read a little ahead.
+    unsigned long fillPace(int32_t filled, unsigned long toStart);
     void releaseOutput();
 
     LxAudioPlayer(const LxAudioPlayer&) = delete;

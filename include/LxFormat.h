@@ -7,25 +7,10 @@
 #define LX_FORMAT_H
 
 #include "Kt.h"
+#include "LxMediaTypes.h"
 #include "LxTime.h"
 
 #include <cstdint>
-
-enum LxFormatType_s { LxVideoType = 0, LxAudioType = 1 };
-
-enum LxSampleFormat_s { LxSample8 = 0, LxSample16 = 1, LxAnySampleFormat = 2 };
-
-enum LxAudioChannels_s { LxMono = 0, LxStereo = 1, LxAnyChannels = 2 };
-
-/// Pixel layouts; there is no wildcard value (width and height use -1 as theirs).
-enum LxPixelFormat_s {
-    LxPixel24 = 0,
-    LxPixel32 = 1,
-    LxPixel16 = 2,
-    LxPixel24Alt = 3,
-    LxPixel32Alt = 4,
-    LxPixel8 = 5
-};
 
 /// A format: its type and stream style. Immutable after construction; reference counted
 /// (the creator, and whoever receives one from match(), holds one reference).

@@ -2,14 +2,15 @@
 //
 // The host creates one manager with LxManager::createManager(), gives it a window, starts the
 // sub-systems it wants, creates players through it, and ends it with closeManager(). Players take
-// their thread manager from it, renderers and ports ask it for audio channels, scene support
-// reads its start-up latency and destroys players through it. Every operation may be called from
-// any thread.
+// their thread manager from it, renderers and ports ask it for audio channels (both through
+// LxManagerServices, by the manager's pointer), scene support reads its start-up latency and
+// destroys players through it. Every operation may be called from any thread.
 #ifndef LX_MANAGER_H
 #define LX_MANAGER_H
 
 #include "Kt.h"
 #include "LxAudioOutputPort.h"
+#include "LxManagerServices.h"
 #include "LxMixer.h"
 #include "LxTime.h"
 
@@ -82,7 +83,7 @@ struct LxPlayerListEntry {
     LxPlayerListEntry* next;
 };
 
-class LxManager {
+class LxManager : public LxThreadServices, public LxChannelArbiter {
   public:
     enum LxWindowState { LxWindowStateDefault = 1 };
 
@@ -128,18 +129,18 @@ class LxManager {
     virtual long setMaxAudioChannels(short channels);
     virtual short getMaxAudioChannels();
     virtual long setStartUpLatency(const LxTime& latency);
-    virtual const LxTime& getStartUpLatency();
+    const LxTime& getStartUpLatency() override;
     virtual long getDiagnostics(LxDiagnostics& diagnostics) = 0;
     virtual long connectAllUnconnected(LxPlayer* player);
     virtual long addDefaultAudioRenderer(LxPlayer* player) = 0;
     virtual long addDefaultVideoRenderer(LxPlayer* player) = 0;
     virtual long connect(LxOutputConnectable* output, LxInputConnectable* input);
-    virtual long requestPortChannel(LxAudioOutputPort* port, const LxTime& time);
-    virtual long updatePortChannel(LxAudioOutputPort* port, const LxTime& time, char wantsChannel);
-    virtual void releasePortChannel(LxAudioOutputPort* port);
+    long requestPortChannel(LxAudioOutputPort* port, const LxTime& time) override;
+    long updatePortChannel(LxAudioOutputPort* port, const LxTime& time, char wantsChannel) override;
+    void releasePortChannel(LxAudioOutputPort* port) override;
 
     /// The thread manager given to createManager(); every object that starts a thread uses it.
-    KtThreadManager* getThreadManager() { return threadManager; }
+    KtThreadManager* getThreadManager() override { return threadManager; }
 
   protected:
     explicit LxManager(KtThreadManager* threadManager);

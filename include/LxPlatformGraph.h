@@ -8,7 +8,7 @@
 #ifndef LX_PLATFORM_GRAPH_H
 #define LX_PLATFORM_GRAPH_H
 
-#include "LxFormat.h"
+#include "LxMediaTypes.h"
 
 class LxPlatformGraph {
   public:

@@ -73,12 +73,12 @@ struct LxNodeListEntry {
 /// it held.
 ///
 /// A player class builds its graph, then calls startThread() with an entry that calls run().
-/// Its run loop, on each pass: takes the signal; if either queue has a message (poll), calls
-/// processEventQueues() and releases the signal; otherwise, DEAD ends the loop, and any other
-/// state releases the signal and sleeps in waitForEventOrTime(ms); then it does its own work.
-/// beginPass() is that start of a pass. When the loop ends it calls genericShutdown() and
-/// shutdown(), then clears threadRunning and notifies, both under the signal: endRun(). Its destructor calls
-/// waitAndShutdown() before anything else.
+/// The WAVE, MIDI and filter-graph players run the one loop runLoop() and fill in its steps; a
+/// pass takes the signal, handles what is queued (processEventQueues) or, with nothing queued,
+/// ends the loop when DEAD and otherwise sleeps in waitForEventOrTime(ms) (beginPass); then it
+/// runs the step of the player's state. When the loop ends it calls genericShutdown() and
+/// shutdown(), then clears threadRunning and notifies, both under the signal: endRun(). Its
+/// destructor calls waitAndShutdown() before anything else.
 class LxPlayer : public LxNode {
   public:
     LxPlayer(LxManager* manager, LxDataSource* dataSource);
@@ -176,6 +176,55 @@ class LxPlayer : public LxNode {
   protected:
     /// The player class's thread loop (see the class comment).
     virtual void run() = 0;
+
+    // --- The shared run loop. Player thread, signal not held, hooks included.
+    /// Longest wait the loop sleeps that still ends (KT_INFINITE is one more).
+    static constexpr unsigned long kLongestWait = 4294967294ul;
+    /// ms as a wait: at least least, at most kLongestWait.
+    static unsigned long clampWait(double ms, double least = 0.0);
+    /// Passes until the player is DEAD with nothing queued, then leaveLoop() and endRun(). The
+    /// steps: UNINITIALIZED becomes INITIALIZING (prepareThread, the source connected and
+    /// started); INITIALIZING waits for a pull source's data, then loadClip(), an
+    /// LxInitializedEvent(initializedKind()) and STOPPED; PREFETCHING runs prefetchStep();
+    /// STARTED runs startedStep(); other states wait for a request. A failed step makes the
+    /// player DEAD through catastrophicError.
+    void runLoop();
+    /// While STARTED: nothing after the player's own end; holdStart(); the wait for the start
+    /// (up to cueLead() early); the stop time, which silenceAtStopTime() and handleStopTime end;
+    /// then playStep().
+    unsigned long startedStep();
+    /// Milliseconds until the clock reaches its start point (startWait), 0 once it has.
+    unsigned long leadWait();
+
+    /// UNINITIALIZED: what the thread needs before the clip is touched; LX_OK or the error.
+    virtual long prepareThread();
+    /// How long INITIALIZING waits before it asks a pull source for its data again.
+    virtual unsigned long dataPollMs();
+    /// INITIALIZING once the data is there: opens the clip and reads what it needs; LX_OK or the
+    /// catastrophic error.
+    virtual long loadClip();
+    /// The code the initialized event carries.
+    virtual long initializedKind();
+    /// At the start of every pass, whatever the state.
+    virtual void housekeeping();
+    /// The wait the pass sleeps when asked for w.
+    virtual unsigned long passWait(unsigned long w);
+    /// PREFETCHING: the wait before the next pass. Only logs here.
+    virtual unsigned long prefetchStep();
+    /// STARTED before anything else: true, with the wait, while the player holds still.
+    virtual bool holdStart(unsigned long* wait);
+    /// How many milliseconds before the start playStep() begins (0: at the start).
+    virtual unsigned long cueLead();
+    /// The wait for a start lead media milliseconds ahead (non-zero) with the clock at rate: the
+    /// clock covers |rate| media milliseconds per millisecond (a stopped one counts as 1).
+    virtual unsigned long startWait(long lead, float rate);
+    /// The stop time has come: the player quietens before the stop is reported.
+    virtual void silenceAtStopTime();
+    /// STARTED, toStart ms before the start (at most cueLead()) or at it: the player's work; the
+    /// wait before the next pass.
+    virtual unsigned long playStep(unsigned long toStart);
+    /// The loop has ended; before endRun().
+    virtual void leaveLoop();
     /// After SUSPEND or RESUME changed the suspended flag. Player thread, signal held.
     virtual void handleSuspend();
     /// The player class releases its own resources. Empty here.

@@ -52,6 +52,11 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// die away (a note held by a pedal would sound for ever).
     static constexpr unsigned long kTailLimitMs = 2000;
 
+    /// Held around every attempt to open a MIDI stream, by the players and by the manager's
+    /// sound-card test, so that two opens never race for the one device. Exists while the library
+    /// is loaded (null after unload).
+    static KtMutex* midiAccessMutex();
+
     /// Starts the player thread, which loads the clip from the source's local file.
     LxWin32MidiPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Ends the thread (the stream is stopped and closed on the way), then frees what is left.
@@ -146,15 +151,24 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
                                uintptr_t param1, uintptr_t param2);
 
     // Steps of the run loop (player thread, signal not held unless said).
-    /// Loads the clip: 1, or the catastrophic error to raise.
-    long loadClip();
+    /// Loads the clip and asks the manager for the channel: LX_OK, or the catastrophic error.
+    long loadClip() override;
+    /// The stream's own business first: the manager told of a stop, the end of the data, a
+    /// refused stream, a tail that has died away.
+    void housekeeping() override;
+    /// A ringing tail is polled every kTailPollMs.
+    unsigned long passWait(unsigned long w) override;
+    /// Goes active; then sleeps until the stop time.
+    unsigned long playStep(unsigned long toStart) override;
+    /// Stops the stream and tells the manager the port went inactive.
+    void silenceAtStopTime() override;
+    /// Gives the channel back to the manager.
+    void leaveLoop() override;
     /// Sets the duration and the starting channel volumes from the file model: 1, or 0x203 when
     /// the model cannot be made.
     long readFileModel(const char* fileName);
     /// Going active: tells the manager, then starts the stream if the port holds the channel.
     void goActive();
-    /// The clip's stop time was reached.
-    void autoStop();
     /// The callback found the clip's data played out: closes, tells the manager, ends the pass.
     void finishEndOfData();
     /// Tells the manager about a stop done under the signal, if one is pending.
@@ -165,8 +179,6 @@ class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
     /// Closes the stream kept open for the release tails once the device is silent or the limit
     /// has passed.
     void endTailIfSilent();
-    /// Milliseconds until the clock's start point (0 when reached).
-    unsigned long leadWait();
     /// Milliseconds until the clock's stop time, KT_INFINITE when none is set.
     unsigned long stopTimeWait();
 

@@ -1,14 +1,9 @@
-// The library's class-wide locks.
+// The manager's class-wide lock, and the published pointers to the locks it shares.
 //
-// Created when the library is loaded, in this order: the MIDI access mutex (held around every
-// attempt to open a MIDI stream), the probe lock of GetDXAndWin32Version, the exclusivity-
-// properties lock of the manager, and the mixer's enumeration gate (created closed, opened by the
-// device enumeration). Deleted in the same order when the library is unloaded.
-//
-// They exist before any static constructor of the library can need them: the accessors create
-// all four (in that order) on first use, so another translation unit's static initialisation may
-// call them; the library's load and unload hooks run before every ordinary static constructor
-// and after every static destructor. After unload the accessors return null.
+// The exclusivity-properties lock guards LxWin32Manager::exclusivityProperties. When the library
+// loads it is created and LxWin32Manager::exPropsLock and LxWin32Manager::midiAccessMutex (the
+// MIDI player's device access lock) are set; both are cleared when it unloads. The lock itself is
+// created on first use as well, so another translation unit's static initialisation may need it.
 #ifndef LORVEX_MANAGER_CLASS_LOCKS_H
 #define LORVEX_MANAGER_CLASS_LOCKS_H
 
@@ -16,14 +11,8 @@
 
 class LxClassLocks {
   public:
-    /// LxWin32Manager::midiAccessMutex.
-    static KtMutex* midiAccessMutex();
-    /// The lock GetDXAndWin32Version holds for its whole run.
-    static KtMutex* probeLock();
     /// LxWin32Manager::exPropsLock: guards the exclusivity properties.
     static KtMutex* exPropsLock();
-    /// LxWin32Mixer's enumeration gate.
-    static KtGateLock* enumLock();
 
     /// Load and unload hooks (called by the library itself).
     static void create();

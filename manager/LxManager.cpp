@@ -28,11 +28,17 @@ LxManager::LxManager(KtThreadManager* tm)
       audibleMode(LxAudibleWithFocus),
       speakerConfig(),
       spatializeSounds(0),
-      startUpLatency(0, 100000) {}
+      startUpLatency(0, 100000) {
+    // The objects below the manager find its thread services and channel arbitration by its
+    // pointer (LxManagerServices), so they need not know the manager's class.
+    LxManagerServices::attach(this, this, this);
+}
 
 // The destructor releases only the channel records (their lists go with them); players, mixer,
 // time base and locks are released by closeManager.
-LxManager::~LxManager() {}
+LxManager::~LxManager() {
+    LxManagerServices::detach(this);
+}
 
 long LxManager::initSubSystem(unsigned long flags) {
     struct Step {

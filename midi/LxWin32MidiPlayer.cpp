@@ -4,11 +4,10 @@
 #include "LxDataSource.h"
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
-#include "LxWin32Manager.h"
 #include "midi/LxWin32MidiParser.h"
 #include "midi/LxWin32NewMidiParser.h"
 #include "platform/midi/LxpMidi.h"
@@ -109,9 +108,10 @@ LxWin32MidiPlayer::~LxWin32MidiPlayer() {
     // stop still holds buffers: they are freed only once they are back, as they come back by
     // playing out.
     for (int tries = 0; stream.load() != nullptr; ++tries) {
-        lock();
-        stopStreamLocked();
-        unlock();
+        {
+            KtScopedLock guard(signal);
+            stopStreamLocked();
+        }
         if (stream.load() == nullptr) {
             break;
         }
@@ -119,11 +119,10 @@ LxWin32MidiPlayer::~LxWin32MidiPlayer() {
             LxLog::postDebug("LxWin32MidiPlayer:  the device keeps its buffers; leaving them to it\n");
             return;
         }
-        stopWait.lock();
+        KtScopedLock wait(stopWait);
         if (buffersDone.load() < 2) {
             stopWait.wait(100);
         }
-        stopWait.unlock();
     }
     delete parser;
     parser = nullptr;
@@ -215,19 +214,18 @@ char LxWin32MidiPlayer::isSounding() const {
 
 long LxWin32MidiPlayer::grantChannel() {
     LxLog::postDebug("LxWin32MidiPlayer:  we are told that we can acquire the channel\n");
-    lock();
+    KtScopedLock guard(signal);
     holdingChannel.store(1);
     channelHeld = 1;
     if (active) {
         startStreamLocked();
     }
-    unlock();
     return LX_OK;
 }
 
 long LxWin32MidiPlayer::revokeChannel() {
     LxLog::postDebug("LxWin32MidiPlayer:  we are told we have to give up our channel\n");
-    lock();
+    KtScopedLock guard(signal);
     holdingChannel.store(0);
     channelHeld = 0;
     // The player still wants to sound: a later grant plays the clip on from where its clock has
@@ -236,7 +234,6 @@ long LxWin32MidiPlayer::revokeChannel() {
     if (active || stream.load() != nullptr) {
         stopStreamLocked();
     }
-    unlock();
     return LX_OK;
 }
 
@@ -369,11 +366,10 @@ bool LxWin32MidiPlayer::sendChannelVolume(unsigned c) {
 
 long LxWin32MidiPlayer::setAllChannelVolume() {
     LxLog::postDebug("LxWin32MidiPlayer:  setAllChannelVolume()");
-    lock();
+    KtScopedLock guard(signal);
     for (unsigned c = 0; c < 16; ++c) {
         sendChannelVolume(c);
     }
-    unlock();
     return LX_OK;
 }
 
@@ -381,10 +377,8 @@ long LxWin32MidiPlayer::setChannelVolume(unsigned long channel) {
     if (channel >= 16) {
         return LX_ERR_GENERIC;
     }
-    lock();
-    const bool sent = sendChannelVolume(static_cast<unsigned>(channel));
-    unlock();
-    return sent ? LX_OK : LX_ERR_GENERIC;
+    KtScopedLock guard(signal);
+    return sendChannelVolume(static_cast<unsigned>(channel)) ? LX_OK : LX_ERR_GENERIC;
 }
 
 int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart) {
@@ -420,14 +414,13 @@ int LxWin32MidiPlayer::fillAndQueueLocked(int i, bool restart) {
 
 long LxWin32MidiPlayer::initPlayer() {
     LxLog::postDebug("LxWin32MidiPlayer:  initPlayer()\n");
-    lock();
+    KtScopedLock guard(signal);
     bool ok = true;
     // The clip opened at load is at its start; a pass that begins elsewhere reads it afresh.
     if (!fileOpen || streamFrom > 0.0) {
         LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
         const char* name = pull != nullptr ? pull->getLocalFileName() : nullptr;
         if (parser == nullptr || name == nullptr || parser->openFile(name) != 1) {
-            unlock();
             return 0;
         }
         fileOpen = 1;
@@ -439,21 +432,21 @@ long LxWin32MidiPlayer::initPlayer() {
         // Media time runs at the file's own tempo: the tempo scale paces only what is heard.
         if (!parser->seekTo(streamFrom * 1e6)) {
             stopStreamLocked();
-            unlock();
             return 0;
         }
     }
     if (stream.load() == nullptr) {
         HMIDISTRM s = nullptr;
-        KtMutex* access = LxWin32Manager::midiAccessMutex;
-        if (access != nullptr) {
-            access->lock();
-        }
-        const lxp::MMRESULT opened =
-            lxp::midiStreamOpen(&s, &deviceId, 1, &LxWin32MidiPlayer::deviceCallback,
-                                reinterpret_cast<uintptr_t>(this), lxp::CALLBACK_FUNCTION);
-        if (access != nullptr) {
-            access->unlock();
+        auto open = [&] {
+            return lxp::midiStreamOpen(&s, &deviceId, 1, &LxWin32MidiPlayer::deviceCallback,
+                                       reinterpret_cast<uintptr_t>(this), lxp::CALLBACK_FUNCTION);
+        };
+        lxp::MMRESULT opened = 0;
+        if (KtMutex* access = midiAccessMutex()) {
+            KtScopedLock device(*access);
+            opened = open();
+        } else {
+            opened = open();
         }
         if (opened != MMSYSERR_NOERROR) {
             LxLog::postDebug("LxWin32MidiPlayer:  Failed to open midi stream\n");
@@ -489,7 +482,7 @@ long LxWin32MidiPlayer::initPlayer() {
     if (ok) {
         // With the stop wait's lock held, a buffer the device hands back early is counted only
         // after it was counted out here.
-        stopWait.lock();
+        KtScopedLock wait(stopWait);
         current = 0;
         for (int i = 0; i < 2; ++i) {
             const int parsed = fillAndQueueLocked(i, i == 0);
@@ -501,30 +494,27 @@ long LxWin32MidiPlayer::initPlayer() {
                 break;
             }
         }
-        stopWait.unlock();
     }
     if (!ok) {
         // Everything opened here goes again, so that a later grant or start begins afresh and no
         // stream is left holding the single MIDI device.
         stopStreamLocked();
-        unlock();
         return 0;
     }
     headersPrepared = 1;
-    unlock();
     return 1;
 }
 
 long LxWin32MidiPlayer::startMidi() {
-    lock();
+    KtScopedLock guard(signal);
     if (stream.load() == nullptr && initPlayer() != 1) {
         LxLog::postDebug("LxWin32MidiPlayer:  failed to initialize the MIDI player\n");
-        unlock();
         return 0;
     }
-    stopWait.lock();
-    streamState.store(STREAM_RUNNING);
-    stopWait.unlock();
+    {
+        KtScopedLock wait(stopWait);
+        streamState.store(STREAM_RUNNING);
+    }
     long result = 1;
     if (lxp::midiStreamRestart(stream.load()) != MMSYSERR_NOERROR) {
         LxLog::postDebug("LxWin32MidiPlayer:  failed to restart the stream\n");
@@ -532,7 +522,6 @@ long LxWin32MidiPlayer::startMidi() {
     }
     streamStarted = 1;
     setAllChannelVolume();
-    unlock();
     return result;
 }
 
@@ -582,21 +571,19 @@ void LxWin32MidiPlayer::endFailedPass() {
     if (!startFailed.load()) {
         return;
     }
-    lock();
+    KtScopedLock guard(signal);
     const bool wasActive = startFailed.exchange(false) && active;
-    if (wasActive) {
-        active = 0;
-        stopStreamLocked();
-    }
-    unlock();
     if (!wasActive) {
         return;
     }
+    active = 0;
+    stopStreamLocked();
+    guard.unlock();
     LxLog::postDebug("LxWin32MidiPlayer:  the MIDI device refused the clip; ending it\n");
     if (manager != nullptr) {
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
-    lock();
+    guard.lock();
     if (getCurrentState() == STARTED) {
         // An end without the loop: starting again would fail the same way.
         ownEndReached = 1;
@@ -604,16 +591,17 @@ void LxWin32MidiPlayer::endFailedPass() {
         stopAll();
         postEvent(new (std::nothrow) LxEndOfMediaEvent(this));
     }
-    unlock();
 }
 
 long LxWin32MidiPlayer::stopMidi(char tellManager) {
-    lock();
-    const long result = stopStreamLocked();
-    unlock();
+    long result = LX_OK;
+    {
+        KtScopedLock guard(signal);
+        result = stopStreamLocked();
+    }
     if (tellManager && result == LX_OK && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
     return result;
 }
@@ -623,7 +611,7 @@ long LxWin32MidiPlayer::stopStreamLocked() {
     streamStarted = 0;
     if (s != nullptr) {
         bool mustWait = false;
-        stopWait.lock();
+        KtScopedLock wait(stopWait);
         if (streamState.load() != STREAM_STOPPED) {
             // Set before the device is stopped, so that the callback does not queue a buffer
             // again into the stopped stream. A stop also overrides a pending end of data.
@@ -634,7 +622,7 @@ long LxWin32MidiPlayer::stopStreamLocked() {
                 mustWait = true;
             }
         }
-        stopWait.unlock();
+        wait.unlock();
         // Stopped and reset even when no buffer is out: both end every sounding note, and either
         // hands every buffer back.
         const bool stopped = lxp::midiStreamStop(s) == MMSYSERR_NOERROR;
@@ -652,11 +640,11 @@ long LxWin32MidiPlayer::stopStreamLocked() {
             return LX_ERR_GENERIC;
         }
         if (mustWait) {
-            stopWait.lock();
+            wait.lock();
             while (streamState.load() != STREAM_STOPPED) {
                 stopWait.wait(KT_INFINITE);
             }
-            stopWait.unlock();
+            wait.unlock();
         }
     }
     streamState.store(STREAM_RUNNING);
@@ -681,7 +669,7 @@ long LxWin32MidiPlayer::stopStreamLocked() {
 }
 
 void LxWin32MidiPlayer::freeBuffers() {
-    lock();
+    KtScopedLock guard(signal);
     HMIDISTRM s = stream.load();
     bool keep[2] = {false, false};
     for (int i = 0; streamBuffers != nullptr && i < 2; ++i) {
@@ -700,7 +688,6 @@ void LxWin32MidiPlayer::freeBuffers() {
             streamBuffers[i].header.dwFlags = 0;
         }
     }
-    unlock();
 }
 
 void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintptr_t parameter) {
@@ -711,10 +698,9 @@ void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintp
     // The refill runs here, on the device's thread, without the signal: it takes only the stop
     // wait's lock, which no one holds for long, and allocates nothing but the wake-up at the end
     // of the data.
-    stopWait.lock();
+    KtScopedLock wait(stopWait);
     if (streamState.load() == STREAM_STOPPED) {
         LxLog::postDebug("LxWin32MidiPlayer:    CALLBACKDEAD\n");
-        stopWait.unlock();
         return;
     }
     buffersDone.fetch_add(1);
@@ -762,7 +748,6 @@ void LxWin32MidiPlayer::handleMidiCallback(void* handle, uint32_t message, uintp
             }
         }
     }
-    stopWait.unlock();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -786,10 +771,12 @@ long LxWin32MidiPlayer::readFileModel(const char* fileName) {
             LxWin32NewMidiParser::tickToTime(lastTick, model->getDivision(), model->getTempoMap());
         const LxTime length(static_cast<double>(ns) * 1e-9);
         LxLog::postDebug("LxWin32MidiPlayer:  duration is %5.3f secs\n", length.getValue());
-        lock();
-        const LxTime old = duration;
-        duration = length;
-        unlock();
+        LxTime old;
+        {
+            KtScopedLock guard(signal);
+            old = duration;
+            duration = length;
+        }
         postEvent(new (std::nothrow) LxDurationChangedEvent(this, old, length));
         const uint8_t* used = model->getChannelsUsed();
         for (int c = 0; c < 16; ++c) {
@@ -815,18 +802,21 @@ long LxWin32MidiPlayer::loadClip() {
     if (p == nullptr) {
         return LX_ERR_OUT_OF_MEMORY;
     }
-    lock();
-    parser = p;
-    unlock();
+    {
+        KtScopedLock guard(signal);
+        parser = p;
+    }
     if (fileName == nullptr || p->openFile(fileName) != 1) {
         return LX_ERR_MIDI_OPEN;
     }
     LxLog::postDebug("LxWin32MidiPlayer:  telling manager we want a channel\n");
-    lock();
-    fileOpen = 1;
-    unlock();
-    const long result = manager != nullptr ? manager->requestPortChannel(this, LxTime::zero())
-                                           : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
+    {
+        KtScopedLock guard(signal);
+        fileOpen = 1;
+    }
+    const long result = manager != nullptr
+                            ? LxManagerServices::channels(manager)->requestPortChannel(this, LxTime::zero())
+                            : LX_ERR_CHANNEL_TYPE_UNAVAILABLE;
     if (result == LX_ERR_CHANNEL_TYPE_UNAVAILABLE) {
         LxLog::postDebug("LxWin32MidiPlayer: manager told us can't render MIDI\n");
         return LX_ERR_MIDI_RENDER;
@@ -834,44 +824,29 @@ long LxWin32MidiPlayer::loadClip() {
     return LX_OK;
 }
 
-unsigned long LxWin32MidiPlayer::leadWait() {
-    lock();
-    const LxTime media = clock->getMediaTime();
-    const LxTime sync = clock->getSyncTime();
-    const float rate = clock->getRate();
-    const LxTime latency = startLatency;
-    unlock();
-    const long lead = static_cast<long>((media.getValue() - sync.getValue() - latency.getValue()) * 1000.0);
-    if (lead == 0) {
-        return 0;
-    }
-    // The lead is media time, which the clock covers at |rate| media milliseconds per
-    // millisecond; a negative lead (a backward clock) is waited for by its size, not read as an
-    // unsigned count of weeks.
-    double ms = std::fabs(static_cast<double>(lead));
-    if (rate != 0.0f) {
-        ms /= std::fabs(static_cast<double>(rate));
-    }
-    return static_cast<unsigned long>(std::min(std::max(ms, 1.0), 4294967294.0));
-}
-
 unsigned long LxWin32MidiPlayer::stopTimeWait() {
-    lock();
-    LxTimeBase* tb = timeBase;
-    const LxTime stop = clock->getStopTime();
-    unlock();
+    LxTimeBase* tb = nullptr;
+    LxTime stop;
+    {
+        KtScopedLock guard(signal);
+        tb = timeBase;
+        stop = clock->getStopTime();
+    }
     if (tb == nullptr || stop == LxTime::maxTime()) {
         return KT_INFINITE;
     }
     // Nothing else wakes the loop while the music plays, so it sleeps until the stop time.
-    const double ms = (stop.getValue() - tb->getRefTime().getValue()) * 1000.0;
-    return static_cast<unsigned long>(std::min(std::max(ms, 1.0), 4294967294.0));
+    return clampWait((stop.getValue() - tb->getRefTime().getValue()) * 1000.0, 1.0);
+}
+
+unsigned long LxWin32MidiPlayer::playStep(unsigned long) {
+    goActive();
+    return stopTimeWait();
 }
 
 void LxWin32MidiPlayer::goActive() {
-    lock();
+    KtScopedLock guard(signal);
     if (active) {
-        unlock();
         return;
     }
     LxLog::postDebug("LxWin32MidiPlayer:  Just moving to started\n");
@@ -881,45 +856,41 @@ void LxWin32MidiPlayer::goActive() {
     // another) starts the stream itself.
     active = 1;
     const LxTime now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
-    unlock();
+    guard.unlock();
     if (manager != nullptr) {
-        manager->updatePortChannel(this, now, 1);
+        LxManagerServices::channels(manager)->updatePortChannel(this, now, 1);
     }
-    lock();
+    guard.lock();
     if (active && holdingChannel.load() && getCurrentState() == STARTED) {
         startStreamLocked();
     }
-    unlock();
 }
 
-void LxWin32MidiPlayer::autoStop() {
+void LxWin32MidiPlayer::silenceAtStopTime() {
     LxLog::postDebug("LxWin32MidiPlayer:  auto-stopping\n");
-    lock();
-    const bool wasActive = active != 0;
-    // Cleared first: a grant arriving while the manager is told must not start the music again.
-    active = 0;
-    if (wasActive) {
-        stopStreamLocked();
+    bool wasActive = false;
+    {
+        KtScopedLock guard(signal);
+        wasActive = active != 0;
+        // Cleared first: a grant arriving while the manager is told must not start the music again.
+        active = 0;
+        if (wasActive) {
+            stopStreamLocked();
+        }
     }
-    unlock();
     if (wasActive && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
-    lock();
-    ownEndReached = 1;
-    handleStopTime(this);
-    unlock();
 }
 
 void LxWin32MidiPlayer::finishEndOfData() {
     if (!endOfDataPending.load()) {
         return;
     }
-    lock();
+    KtScopedLock guard(signal);
     // A stop or revoke that closed the stream meanwhile has made the report stale.
     if (!endOfDataPending.exchange(false)) {
-        unlock();
         return;
     }
     active = 0;  // cleared before the manager is told, as in autoStop
@@ -937,132 +908,71 @@ void LxWin32MidiPlayer::finishEndOfData() {
         tailEndMs = steadyMs() + static_cast<int64_t>(kTailLimitMs);
         tailing.store(true);
     }
-    unlock();
+    guard.unlock();
     if (manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
-    lock();
+    guard.lock();
     ownEndReached = 1;
     endingPass = 1;
     handleEOM(this);  // loops by starting again, which makes the port active on the next pass
     endingPass = 0;
     signal.notifyAll();
-    unlock();
 }
 
 void LxWin32MidiPlayer::endTailIfSilent() {
     if (!tailing.load()) {
         return;
     }
-    lock();
+    KtScopedLock guard(signal);
     HMIDISTRM s = stream.load();
     if (tailing.load() && !active &&
         (s == nullptr || !lxp::midiOutIsSounding(s) || steadyMs() >= tailEndMs)) {
         stopStreamLocked();
     }
-    unlock();
 }
 
 void LxWin32MidiPlayer::tellManagerIfStopped() {
     if (inactivePending.exchange(false) && manager != nullptr) {
         LxLog::postDebug("LxWin32MidiPlayer:  telling manager we are going inactive\n");
-        manager->updatePortChannel(this, LxTime::zero(), 0);
+        LxManagerServices::channels(manager)->updatePortChannel(this, LxTime::zero(), 0);
     }
 }
 
 void LxWin32MidiPlayer::run() {
     LxLog::postDebug("LxWin32MidiPlayer:  in run loop\n");
-    unsigned long w = 0;
-    for (;;) {
-        // While the tail rings out, the device is asked every few milliseconds whether it has
-        // gone silent (it has no way to say so by itself).
-        if (!beginPass(tailing.load() ? std::min(w, kTailPollMs) : w)) {
-            break;
-        }
-        tellManagerIfStopped();
-        finishEndOfData();
-        endFailedPass();
-        endTailIfSilent();
-
-        LxNodeState s = getCurrentState();
-        if (s == DEAD) {
-            w = 0;  // the next pass answers what is still queued and leaves
-            continue;
-        }
-        if (s == UNINITIALIZED) {
-            setCurrentState(INITIALIZING);
-            if (dataSource != nullptr) {
-                dataSource->connect();
-                dataSource->start();
-            }
-            s = getCurrentState();
-        }
-        if (s == INITIALIZING) {
-            LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
-            if (pull != nullptr && !pull->dataAvailable()) {
-                w = 100;
-                continue;
-            }
-            const long result = loadClip();
-            if (result != LX_OK) {
-                catastrophicError(result);
-                break;
-            }
-            postEvent(new (std::nothrow) LxInitializedEvent(this, LX_INITIALIZED_AUDIO));
-            setCurrentState(STOPPED);
-            w = KT_INFINITE;
-            continue;
-        }
-        if (s == STOPPED) {
-            w = KT_INFINITE;
-            continue;
-        }
-        if (s != STARTED) {
-            LxLog::postDebug("LxWin32MidiPlayer:  entered state %d and we didn't expect it\n",
-                             static_cast<int>(s));
-            w = KT_INFINITE;
-            continue;
-        }
-
-        lock();
-        const char ended = ownEndReached;
-        unlock();
-        if (ended) {
-            w = KT_INFINITE;
-            continue;
-        }
-        w = leadWait();
-        if (w > 0) {
-            continue;
-        }
-        lock();
-        LxTimeBase* tb = timeBase;
-        const bool stopNow = tb != nullptr && tb->getRefTime() >= clock->getStopTime();
-        unlock();
-        if (tb == nullptr) {
-            LxLog::postDebug("LxWin32MidiPlayer:  timeBase is NULL!\n");
-        } else if (stopNow) {
-            autoStop();
-            w = KT_INFINITE;
-            continue;
-        }
-        goActive();
-        w = stopTimeWait();
-    }
+    runLoop();
     LxLog::postDebug("LxWin32MidiPlayer:  Goodbye cruel world!\n");
+}
+
+void LxWin32MidiPlayer::housekeeping() {
+    tellManagerIfStopped();
+    finishEndOfData();
+    endFailedPass();
+    endTailIfSilent();
+}
+
+unsigned long LxWin32MidiPlayer::passWait(unsigned long w) {
+    // While the tail rings out, the device is asked every few milliseconds whether it has gone
+    // silent (it has no way to say so by itself).
+    return tailing.load() ? std::min(w, kTailPollMs) : w;
+}
+
+void LxWin32MidiPlayer::leaveLoop() {
     LxLog::postDebug("LxWin32MidiPlayer:  releasing port channel\n");
     if (manager != nullptr) {
-        manager->releasePortChannel(this);
+        LxManagerServices::channels(manager)->releasePortChannel(this);
     }
-    endRun();
 }
 
 void LxWin32MidiPlayer::shutdown() {
-    lock();
-    stopStreamLocked();
-    LxWin32MidiParser* p = parser;
-    parser = nullptr;
-    unlock();
+    LxWin32MidiParser* p = nullptr;
+    {
+        KtScopedLock guard(signal);
+        stopStreamLocked();
+        p = parser;
+        parser = nullptr;
+    }
     delete p;
 }

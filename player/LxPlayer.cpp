@@ -2,12 +2,15 @@
 #include "LxPlayer.h"
 
 #include "LxConnectable.h"
+#include "LxDataSource.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <new>
 
@@ -58,7 +61,7 @@ LxPlayer::LxPlayer(LxManager* m, LxDataSource* source)
     : LxNode(m),
       threadRunning(0),
       thread(nullptr),
-      threadManager(m != nullptr ? m->getThreadManager() : nullptr),
+      threadManager(m != nullptr ? LxManagerServices::threadManager(m) : nullptr),
       master(0),
       suspended(0),
       timeBase(nullptr),
@@ -126,23 +129,20 @@ char LxPlayer::apiSanityCheck() {
 }
 
 bool LxPlayer::sendRequest(LxPlayerAPIEvent* request, long* result) {
-    lock();
+    KtScopedLock guard(signal);
     // Checked again under the signal: a player that died or lost its thread since the caller's
     // first look would never answer.
     if (getCurrentState() == DEAD) {
-        unlock();
         *result = LX_ERR_PLAYER_DEAD;
         return false;
     }
     if (!threadRunning) {
-        unlock();
         LxLog::postDebug("LxPlayer:  no player thread to carry out the request\n");
         *result = LX_ERR_GENERIC;
         return false;
     }
     apiQueue->send(request);
     signal.notifyAll();
-    unlock();
     return true;
 }
 
@@ -167,15 +167,13 @@ bool LxPlayer::sendAndWait(LxPlayerAPIEvent* request, long* result) {
 }
 
 void LxPlayer::sendNoReply(LxPlayerAPIEvent* request) {
-    lock();
+    KtScopedLock guard(signal);
     if (getCurrentState() == DEAD || !threadRunning) {
-        unlock();
         request->unref();
         return;
     }
     apiQueue->send(request);
     signal.notifyAll();
-    unlock();
 }
 
 namespace {
@@ -204,9 +202,11 @@ long LxPlayer::startAtTime(LxTime refTime) {
     if (!apiSanityCheck()) {
         return LX_ERR_ON_PLAYER_THREAD;
     }
-    lock();
-    const LxTime now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
-    unlock();
+    LxTime now = LxTime::zero();
+    {
+        KtScopedLock guard(signal);
+        now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
+    }
     LxLog::postDebug("LxPlayer:  in startAtTime (%5.3f) for %5.3f\n", refTime.getValue(), now.getValue());
     LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::START_AT_TIME, true);
     if (request == nullptr) {
@@ -254,9 +254,11 @@ void LxPlayer::stop() {
     LxLog::postDebug("LxPlayer:  sent STOP API event\n");
     awaitReply(request);
     request->unref();
-    lock();
-    const LxTime media = clock->getMediaTime();
-    unlock();
+    LxTime media;
+    {
+        KtScopedLock guard(signal);
+        media = clock->getMediaTime();
+    }
     postEvent(new (std::nothrow) LxStopByRequestEvent(this, media));
 }
 
@@ -396,11 +398,9 @@ void LxPlayer::setMaster(char m) {
     if (getCurrentState() == DEAD || !apiSanityCheck()) { \
         return deadValue;                                 \
     }                                                     \
-    lock();                                               \
+    KtScopedLock guard(signal);                           \
     waitForEventQueue();                                  \
-    const auto value = (expression);                      \
-    unlock();                                             \
-    return value
+    return (expression)
 
 LxTime LxPlayer::getStopTime() {
     LX_PLAYER_GETTER(deadTime(), clock->getStopTime());
@@ -442,11 +442,9 @@ LxTime LxPlayer::getStartLatency() {
     if (!apiSanityCheck()) {
         return LxTime::zero();
     }
-    lock();
+    KtScopedLock guard(signal);
     waitForEventQueue();
-    const LxTime value = startLatency;
-    unlock();
-    return value;
+    return startLatency;
 }
 
 void LxPlayer::waitForEventQueue() {
@@ -463,20 +461,20 @@ void LxPlayer::startThread(long (*entry)(void*)) {
     if (threadManager == nullptr) {
         return;
     }
-    lock();
+    KtScopedLock guard(signal);
     KtThread* t = threadManager->createThread(entry, this, 4, 1, 1);
-    if (t != nullptr) {
-        thread = t;
-        playerThreadId = t->getId();
-        threadRunning = 1;
+    if (t == nullptr) {
+        return;
     }
-    unlock();
-    if (t != nullptr && t->start() != LX_OK) {
-        lock();
+    thread = t;
+    playerThreadId = t->getId();
+    threadRunning = 1;
+    guard.unlock();
+    if (t->start() != LX_OK) {
+        guard.lock();
         threadRunning = 0;
         playerThreadId = 0;
         signal.notifyAll();
-        unlock();
     }
 }
 
@@ -485,17 +483,16 @@ long LxPlayer::waitForEventOrTime(unsigned long ms) {
 }
 
 bool LxPlayer::beginPass(unsigned long ms) {
-    lock();
-    if (apiQueue->poll() || nodeEventQueue->poll()) {
-        processEventQueues();
-        unlock();
-        return true;
+    {
+        KtScopedLock guard(signal);
+        if (apiQueue->poll() || nodeEventQueue->poll()) {
+            processEventQueues();
+            return true;
+        }
+        if (getCurrentState() == DEAD) {
+            return false;
+        }
     }
-    if (getCurrentState() == DEAD) {
-        unlock();
-        return false;
-    }
-    unlock();
     waitForEventOrTime(ms);
     return true;
 }
@@ -503,11 +500,176 @@ bool LxPlayer::beginPass(unsigned long ms) {
 void LxPlayer::endRun() {
     genericShutdown();
     shutdown();
-    lock();
+    KtScopedLock guard(signal);
     threadRunning = 0;
     signal.notifyAll();
-    unlock();
 }
+
+unsigned long LxPlayer::clampWait(double ms, double least) {
+    return static_cast<unsigned long>(std::min(std::max(ms, least), static_cast<double>(kLongestWait)));
+}
+
+void LxPlayer::runLoop() {
+    unsigned long w = 0;
+    while (beginPass(passWait(w))) {
+        housekeeping();
+        LxNodeState s = getCurrentState();
+        if (s == UNINITIALIZED) {
+            setCurrentState(INITIALIZING);
+            const long prepared = prepareThread();
+            if (prepared != LX_OK) {
+                catastrophicError(prepared);
+                w = 0;  // the next pass answers what is still queued and leaves
+                continue;
+            }
+            if (dataSource != nullptr) {
+                dataSource->connect();
+                dataSource->start();
+            }
+            s = getCurrentState();
+        }
+        switch (s) {
+            case INITIALIZING: {
+                LxPullDataSource* pull = dynamic_cast<LxPullDataSource*>(dataSource);
+                if (pull != nullptr && !pull->dataAvailable()) {
+                    w = dataPollMs();
+                    break;
+                }
+                const long loaded = loadClip();
+                if (loaded != LX_OK) {
+                    catastrophicError(loaded);
+                    w = 0;
+                    break;
+                }
+                postEvent(new (std::nothrow) LxInitializedEvent(this, initializedKind()));
+                setCurrentState(STOPPED);
+                w = KT_INFINITE;
+                break;
+            }
+            case PREFETCHING:
+                w = prefetchStep();
+                break;
+            case STARTED:
+                w = startedStep();
+                break;
+            case DEAD:
+                w = 0;
+                break;
+            default:
+                w = KT_INFINITE;  // STOPPED or PREFETCHED: only a request moves the player on
+                break;
+        }
+    }
+    leaveLoop();
+    endRun();
+}
+
+unsigned long LxPlayer::startedStep() {
+    {
+        KtScopedLock guard(signal);
+        if (ownEndReached) {
+            return KT_INFINITE;
+        }
+    }
+    unsigned long held = KT_INFINITE;
+    if (holdStart(&held)) {
+        return held;
+    }
+    const unsigned long toStart = leadWait();
+    const unsigned long early = cueLead();
+    if (toStart > early) {
+        return toStart - early;
+    }
+    LxTimeBase* tb = nullptr;
+    bool stopNow = false;
+    {
+        KtScopedLock guard(signal);
+        tb = timeBase;
+        stopNow = tb != nullptr && tb->getRefTime() >= clock->getStopTime();
+    }
+    if (tb == nullptr) {
+        LxLog::postDebug("LxPlayer:  timeBase is NULL!\n");
+    }
+    if (stopNow) {
+        silenceAtStopTime();
+        KtScopedLock guard(signal);
+        ownEndReached = 1;
+        handleStopTime(this);
+        return KT_INFINITE;
+    }
+    return playStep(toStart);
+}
+
+unsigned long LxPlayer::leadWait() {
+    LxTime media;
+    LxTime sync;
+    LxTime latency;
+    float rate = 0.0f;
+    {
+        KtScopedLock guard(signal);
+        media = clock->getMediaTime();
+        sync = clock->getSyncTime();
+        rate = clock->getRate();
+        latency = startLatency;
+    }
+    LxLog::postDebug("LxPlayer:  mediaTime = %8.3f syncTime = %8.3f\n", media.getValue(), sync.getValue());
+    const long lead = static_cast<long>((media.getValue() - sync.getValue() - latency.getValue()) * 1000.0);
+    return lead == 0 ? 0 : startWait(lead, rate);
+}
+
+unsigned long LxPlayer::startWait(long lead, float rate) {
+    // A negative lead (a backward clock before its start) is waited for by its magnitude too:
+    // read as an unsigned count it would be a wait of weeks.
+    double ms = std::fabs(static_cast<double>(lead));
+    if (rate != 0.0f) {
+        ms /= std::fabs(static_cast<double>(rate));
+    }
+    return clampWait(ms, 1.0);
+}
+
+long LxPlayer::prepareThread() {
+    return LX_OK;
+}
+
+unsigned long LxPlayer::dataPollMs() {
+    return 100;
+}
+
+long LxPlayer::loadClip() {
+    return LX_OK;
+}
+
+long LxPlayer::initializedKind() {
+    return LX_INITIALIZED_AUDIO;
+}
+
+void LxPlayer::housekeeping() {}
+
+unsigned long LxPlayer::passWait(unsigned long w) {
+    return w;
+}
+
+unsigned long LxPlayer::prefetchStep() {
+    LxLog::postDebug("LxPlayer:  entered state %d and we didn't expect it\n",
+                     static_cast<int>(getCurrentState()));
+    return KT_INFINITE;
+}
+
+bool LxPlayer::holdStart(unsigned long*) {
+    return false;
+}
+
+unsigned long LxPlayer::cueLead() {
+    return 0;
+}
+
+void LxPlayer::silenceAtStopTime() {}
+
+unsigned long LxPlayer::playStep(unsigned long) {
+    return KT_INFINITE;
+}
+
+void LxPlayer::leaveLoop() {}
 
 void LxPlayer::processEventQueues() {
     while (void* message = apiQueue->receive(0, LxTime::zero())) {
@@ -623,11 +785,10 @@ void LxPlayer::handleNodeEvent(LxEvent* event) {
 void LxPlayer::catastrophicError(long result) {
     state = DEAD;
     postEvent(new (std::nothrow) LxCatastrophicErrorEvent(this, result));
-    lock();
+    KtScopedLock guard(signal);
     while (apiQueue->poll()) {
         processEventQueues();
     }
-    unlock();
 }
 
 void LxPlayer::handleSuspend() {
@@ -638,13 +799,13 @@ void LxPlayer::handleSuspend() {
 // Shutdown
 
 void LxPlayer::waitAndShutdown() {
-    lock();
+    KtScopedLock guard(signal);
     loop = 0;
     if (getCurrentState() > STOPPED) {
         stopAll();
     }
     if (!threadRunning) {
-        unlock();
+        guard.unlock();
         genericShutdown();
         shutdown();
     } else {
@@ -653,7 +814,7 @@ void LxPlayer::waitAndShutdown() {
             nodeEventQueue->send(e);
         }
         signal.notifyAll();
-        unlock();
+        guard.unlock();
     }
     // Joined in both cases: a thread that ended by itself (or never started) still has to be
     // released, and the player must not go while its thread is still leaving the loop.

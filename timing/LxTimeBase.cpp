@@ -2,7 +2,7 @@
 #include "LxTimeBase.h"
 
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxResult.h"
 
 #include <new>
@@ -149,7 +149,7 @@ void LxTimeBase::shutdownThread() {
             notifyAll();
         }
     }
-    KtThreadManager* tm = manager->getThreadManager();
+    KtThreadManager* tm = LxManagerServices::threadManager(manager);
     tm->waitForThread(t, KT_INFINITE);
     tm->releaseThread(t);
 }
@@ -234,8 +234,8 @@ long LxTimeBase::killTimer(unsigned long id) {
             removeTimer(timer);
             return LX_OK;
         }
-        onTimerThread =
-            thread != nullptr && manager->getThreadManager()->getCurrentThreadId() == thread->getId();
+        onTimerThread = thread != nullptr &&
+                        LxManagerServices::threadManager(manager)->getCurrentThreadId() == thread->getId();
         timer->killed = onTimerThread ? kKilledBySelf : kKilledWaitedFor;
         notifyAll();
     }
@@ -253,10 +253,10 @@ long LxTimeBase::killTimer(unsigned long id) {
 
 void LxTimeBase::startThread() {
     LxLog::postDebug("LxTimeBase:  starting a thread\n");
-    if (manager == nullptr || manager->getThreadManager() == nullptr) {
+    if (manager == nullptr || LxManagerServices::threadManager(manager) == nullptr) {
         return;  // no thread services: timers stay pending
     }
-    KtThread* t = manager->getThreadManager()->createThread(callRunLoop, this, 4, 1, 1);
+    KtThread* t = LxManagerServices::threadManager(manager)->createThread(callRunLoop, this, 4, 1, 1);
     if (t != nullptr) {
         thread = t;
         running = 1;

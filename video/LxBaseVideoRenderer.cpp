@@ -4,7 +4,7 @@
 
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxManager.h"
+#include "LxManagerServices.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "LxTimeBase.h"
@@ -84,7 +84,7 @@ LxBaseVideoRenderer::LxBaseVideoRenderer(LxManager* m)
 }
 
 long LxBaseVideoRenderer::startThread() {
-    KtThreadManager* tm = manager != nullptr ? manager->getThreadManager() : nullptr;
+    KtThreadManager* tm = manager != nullptr ? LxManagerServices::threadManager(manager) : nullptr;
     KtScopedLock<KtWaitNotify> guard(renderLock);
     if (thread == nullptr && tm != nullptr) {
         thread = tm->createThread(&LxBaseVideoRenderer::threadEntry, this, 4, 1, 1);
@@ -113,12 +113,12 @@ LxBaseVideoRenderer::~LxBaseVideoRenderer() {
     }
     // The thread is joined without the lock: its last pass needs it to see DEAD.
     if (join) {
-        KtThreadManager* tm = manager->getThreadManager();
+        KtThreadManager* tm = LxManagerServices::threadManager(manager);
         tm->waitForThread(thread, KT_INFINITE);
         tm->releaseThread(thread);
         thread = nullptr;
     } else if (thread != nullptr) {
-        manager->getThreadManager()->releaseThread(thread);
+        LxManagerServices::threadManager(manager)->releaseThread(thread);
         thread = nullptr;
     }
 

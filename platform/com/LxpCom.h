@@ -1,8 +1,9 @@
 // The COM layer: per-thread initialisation and an in-process class registry.
 //
-// Objects that the design reaches through COM (the sound device, filter graphs, renderer filters)
-// are created here by class id. Backends and the filter library register their classes; tests can
-// make initialisation, creation and class-object lookup fail on demand.
+// Objects the library reaches through COM interfaces (the sound device, filter graphs, renderer
+// filters) are created here by class id, so that a backend can be swapped without its users
+// knowing. Backends and the filter library register their classes; tests can make initialisation,
+// creation and class-object lookup fail on demand.
 #ifndef LORVEX_PLATFORM_COM_H
 #define LORVEX_PLATFORM_COM_H
 

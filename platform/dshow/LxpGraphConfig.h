@@ -3,7 +3,7 @@
 #ifndef LORVEX_PLATFORM_DSHOW_GRAPH_CONFIG_H
 #define LORVEX_PLATFORM_DSHOW_GRAPH_CONFIG_H
 
-#include "LxFormat.h"
+#include "LxMediaTypes.h"
 
 namespace lxp {
 namespace graphconfig {

@@ -175,9 +175,6 @@ TEST_F(AudioPlayerTest, UnsupportedContentAndBadFilesEndInCatastrophicErrors) {
         openPlayer(file, c.contentName);
         ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
         EXPECT_EQ(c.result, listener.entries().back().result);
-        EXPECT_EQ(0u, listener.count(LxInitializedEventType));
-        EXPECT_EQ(LxNode::DEAD, player->getState());
-        EXPECT_EQ(LX_ERR_PLAYER_DEAD, player->startAtTime(LxTime()));
         delete player;
         player = nullptr;
         listener.clear();

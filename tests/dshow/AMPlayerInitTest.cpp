@@ -124,9 +124,7 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
         if (!(c.code == 0x440 && code == -1)) {
             EXPECT_EQ(c.code, code);
         }
-        EXPECT_EQ(0u, listener.count(LxInitializedEventType));
         EXPECT_EQ(LxNode::DEAD, p->getState());
-        EXPECT_EQ(0x202, p->startAtTime(LxTime::zero())) << "a dead player refuses requests";
         rig.destroy(p);
         EXPECT_LT(lxtest::msSince(start), 20000.0);
     }

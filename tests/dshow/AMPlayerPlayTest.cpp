@@ -102,6 +102,32 @@ TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSam
     EXPECT_EQ(-1, amtest::firstBreak(samples, false)) << "every sample once, in order";
 }
 
+// A graph of sound alone runs shortly before a start asked for ahead, so that the renderer has the
+// first samples to set for the start's exact sample; the player still goes active at the start.
+TEST(AMPlayerPlay, ASoundOnlyGraphRunsJustAheadOfItsStartAndGoesActiveAtIt) {
+    Rig rig;
+    ASSERT_TRUE(rig.registered);
+    RecordingListener listener;
+    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioOnly, 2.0)), &listener);
+    rig.connect(p);
+    const size_t mark = Rig::callCount();
+    const double start = rig.now() + 1.0;
+    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(start)));
+    const double ranAt = whenLogged(rig, "Run", mark);
+    EXPECT_EQ(0, listener.count(LxActiveEventType)) << "active before the start";
+    EXPECT_GE(ranAt, start - 0.15) << "run before the renderer prepares the start";
+    EXPECT_LT(ranAt, start) << "run at the start: its first samples come too late to be set for it";
+    double firstAt = -1.0;
+    ASSERT_TRUE(lxtest::waitUntil([&] {
+        rig.audio->pull();
+        firstAt = rig.now();
+        return !rig.audio->received().empty();
+    }));
+    EXPECT_LT(firstAt, start) << "the first samples reached the renderer after the start";
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxActiveEventType) == 1; }));
+    EXPECT_GE(rig.now(), start - 0.005) << "active ahead of the start";
+}
+
 TEST(AMPlayerPlay, RateZeroAndSuspendHoldTheGraphAndALaterRateOrResumeRunsItAgain) {
     Rig rig;
     ASSERT_TRUE(rig.registered);

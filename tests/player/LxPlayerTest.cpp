@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -47,6 +48,48 @@ class TracedRenderer : public TestRendererNode {
     std::atomic<int>* destroyed_;
 };
 
+// A player on the shared run loop whose steps the test scripts: what loading gives, how early it
+// starts its work; it records each call of its work (with the time to the start) and its stop.
+class LoopPlayer : public LxPlayer {
+  public:
+    LoopPlayer(LxManager* m, long loadResult, unsigned long lead)
+        : LxPlayer(m, nullptr), loadResult_(loadResult), lead_(lead) {
+        startThread([](void* p) -> long {
+            static_cast<LoopPlayer*>(p)->runLoop();
+            return 0;
+        });
+    }
+    ~LoopPlayer() override { waitAndShutdown(); }
+    using LxPlayer::clampWait;
+    using LxPlayer::startWait;
+    bool looping() {
+        KtScopedLock guard(signal);
+        return threadRunning != 0;
+    }
+    std::vector<unsigned long> work() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return work_;
+    }
+    std::atomic<int> silenced{0};
+
+  protected:
+    void run() override {}
+    long loadClip() override { return loadResult_; }
+    unsigned long cueLead() override { return lead_; }
+    void silenceAtStopTime() override { ++silenced; }
+    unsigned long playStep(unsigned long toStart) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        work_.push_back(toStart);
+        return KT_INFINITE;
+    }
+
+  private:
+    long loadResult_;
+    unsigned long lead_;
+    std::mutex mutex_;
+    std::vector<unsigned long> work_;
+};
+
 class PlayerTest : public ::testing::Test {
   protected:
     // Connects the player's "Audio" output to a renderer and lets the player find it (the player
@@ -65,7 +108,7 @@ class PlayerTest : public ::testing::Test {
         out->connectTo(renderer);
         player.onPlayerThread([&] { player.adoptOutput("Second", out); });
     }
-    static bool reaches(TestPlayer& player, LxNode::LxNodeState s) {
+    static bool reaches(LxPlayer& player, LxNode::LxNodeState s) {
         return lxtest::waitUntil([&] { return player.getState() == s; });
     }
 
@@ -453,6 +496,63 @@ TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
     LxVideoRenderer* video = reinterpret_cast<LxVideoRenderer*>(0x1);
     EXPECT_EQ(LX_ERR_GENERIC, player.getVideoRenderer(&video));
     EXPECT_EQ(nullptr, video);
+}
+
+TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCode) {
+    {
+        LoopPlayer player(manager.get(), LX_OK, 0);
+        player.setEventListener(&listener);
+        ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) == 1; }));
+        EXPECT_EQ(LX_INITIALIZED_AUDIO, listener.resultOf(LxInitializedEventType));
+    }
+    listener.clear();
+    LoopPlayer player(manager.get(), LX_ERR_INVALID_WAVE, 0);
+    player.setEventListener(&listener);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
+    EXPECT_EQ(LX_ERR_INVALID_WAVE, listener.resultOf(LxCatastrophicErrorEventType));
+    EXPECT_EQ(0u, listener.count(LxInitializedEventType));
+    EXPECT_EQ(LxNode::DEAD, player.getState());
+    EXPECT_EQ(LX_ERR_PLAYER_DEAD, player.startAtTime(LxTime()));
+    EXPECT_TRUE(lxtest::waitUntil([&] { return !player.looping(); })) << "the loop ended";
+}
+
+// A start ahead: the work begins cueLead early (told how far the start still is) and runs again
+// at the start; the stop time quietens the player before it stops.
+TEST_F(PlayerTest, TheRunLoopWorksFromTheCueLeadBeforeTheStartUntilTheStopTime) {
+    LoopPlayer player(manager.get(), LX_OK, 100);
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    player.setEventListener(&listener);
+    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ASSERT_EQ(LX_OK, player.stopAtTime(LxTime(100.8)));
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100.5)));
+    timeBase.set(100.35);
+    player.getState();  // a request wakes the loop for a pass
+    EXPECT_TRUE(player.work().empty()) << "150 ms ahead is before the lead";
+    timeBase.set(100.45);
+    player.getState();
+    ASSERT_TRUE(lxtest::waitUntil([&] { return !player.work().empty(); }));
+    EXPECT_NEAR(50.0, static_cast<double>(player.work().back()), 1.0);
+    timeBase.set(100.5);
+    player.getState();
+    ASSERT_TRUE(lxtest::waitUntil([&] { return player.work().size() >= 2 && player.work().back() == 0; }));
+    EXPECT_EQ(0, player.silenced.load());
+    timeBase.set(100.8);
+    player.getState();
+    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopAtTimeEventType) == 1; }));
+    EXPECT_EQ(1, player.silenced.load());
+    EXPECT_EQ(LxNode::STOPPED, player.getState());
+}
+
+TEST_F(PlayerTest, TheWaitForAStartIsItsLeadAtTheClocksSpeedAndAlwaysEnds) {
+    LoopPlayer player(manager.get(), LX_OK, 0);
+    EXPECT_EQ(250ul, player.startWait(500, 2.0f));
+    EXPECT_EQ(1000ul, player.startWait(500, 0.5f));
+    EXPECT_EQ(500ul, player.startWait(-500, -1.0f)) << "a backward clock's lead by its size";
+    EXPECT_EQ(500ul, player.startWait(500, 0.0f)) << "a stopped clock counts as rate 1";
+    EXPECT_EQ(1ul, player.startWait(1, 8.0f)) << "never 0, which would mean the start has come";
+    EXPECT_EQ(4294967294ul, player.startWait(2000000000L, 1e-6f)) << "never KT_INFINITE";
+    EXPECT_EQ(0ul, player.clampWait(-5.0));
 }
 
 }  // namespace

@@ -4,7 +4,9 @@
 #include "LxPlatformProbe.h"
 #include "LxVersionDetection.h"
 #include "LxWin32Manager.h"
+#include "LxWin32MidiPlayer.h"
 #include "TestSupport.h"
+#include "audio/LxWin32MixerInternal.h"
 #include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/probe/LxpProbe.h"
@@ -181,17 +183,17 @@ TEST_F(VersionDetection, LinuxIsTheNtFamilyVersionFiveWithoutDirectXLibraries) {
 
 TEST(ClassLocks, ExistFromLoadAsDistinctLocksWithTheGateClosed) {
     // Nothing in this process enumerated a device, so the gate is still as the load left it.
-    KtGateLock* gate = LxClassLocks::enumLock();
+    KtGateLock* gate = lxmixer::enumGate();
     ASSERT_NE(nullptr, gate);
     EXPECT_FALSE(gate->isOpen());
-    KtMutex* a = LxClassLocks::midiAccessMutex();
-    KtMutex* b = LxClassLocks::probeLock();
+    KtMutex* a = LxWin32MidiPlayer::midiAccessMutex();
+    KtMutex* b = LxVersionProbeLock();
     KtMutex* c = LxClassLocks::exPropsLock();
     ASSERT_NE(nullptr, a);
     EXPECT_NE(a, b);
     EXPECT_NE(b, c);
     EXPECT_NE(a, c);
-    EXPECT_EQ(a, LxClassLocks::midiAccessMutex());
+    EXPECT_EQ(a, LxWin32MidiPlayer::midiAccessMutex());
     EXPECT_EQ(a, LxWin32Manager::midiAccessMutex);
     EXPECT_EQ(c, LxWin32Manager::exPropsLock);
     // Re-entrant, as the manager's lock order needs.

@@ -3,14 +3,24 @@
 #include "LxVersionDetection.h"
 
 #include "LxLog.h"
-#include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
+#include "platform/kt/KtLibraryLock.h"
 #include "platform/probe/LxpProbe.h"
 
 #include <cstring>
 #include <optional>
 
 namespace {
+
+// Held for the whole of every probe and cache reset; created when the library loads.
+KtLibraryLock<KtMutex> gProbeLock;
+
+__attribute__((constructor(101))) void lxProbeLockLoad() {
+    gProbeLock.create();
+}
+__attribute__((destructor(101))) void lxProbeLockUnload() {
+    gProbeLock.destroy();
+}
 
 // Guarded by the probe lock.
 bool gComputed = false;
@@ -133,9 +143,9 @@ void detect() {
 }  // namespace
 
 void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, unsigned long* directShow) {
-    // The class locks are gone once the library is being unloaded: the probe then runs unguarded.
+    // The probe lock is gone once the library is being unloaded: the probe then runs unguarded.
     std::optional<KtScopedLock<KtMutex>> guard;
-    if (KtMutex* lock = LxClassLocks::probeLock()) {
+    if (KtMutex* lock = gProbeLock.get()) {
         guard.emplace(*lock);
     }
     if (!gComputed) {
@@ -155,8 +165,12 @@ void GetDXAndWin32Version(unsigned long* dxVersion, unsigned long* platform, uns
 
 void LxResetDXAndWin32VersionCache() {
     std::optional<KtScopedLock<KtMutex>> guard;
-    if (KtMutex* lock = LxClassLocks::probeLock()) {
+    if (KtMutex* lock = gProbeLock.get()) {
         guard.emplace(*lock);
     }
     gComputed = false;
+}
+
+KtMutex* LxVersionProbeLock() {
+    return gProbeLock.get();
 }
