@@ -278,8 +278,10 @@ TEST_F(ManagerCoreTest, ListenerMayDestroyItsOwnPlayer) {
     CallingListener listener;
     std::atomic<long> destroyed{0};
     listener.fn = [&] { destroyed = manager->destroyPlayer(p); };
-    p->setEventListener(&listener);
+    // Initialised before the listener comes, so the destroy runs from the kept events' replay: a host
+    // still inside getState() while its own listener frees the player would use freed memory.
     p->getState();
+    p->setEventListener(&listener);
     orAbort(lxtest::waitUntil([&] { return listener.done && LxEventPoster::alive() == posters; }, 20000),
             "destroyPlayer from the player's own listener");
     EXPECT_EQ(LX_OK, destroyed.load());
