@@ -284,6 +284,14 @@ class LxPlayer : public LxNode {
     bool sendAndWait(LxPlayerAPIEvent* request, long* result);
     /// Sends a request without a reply (released here when it cannot be sent).
     void sendNoReply(LxPlayerAPIEvent* request);
+    /// LX_OK when the calling thread may ask the player now; otherwise the code to return (dead,
+    /// or called on the player thread, which would wait on itself).
+    long refusal();
+    /// Sends a request of this type carrying a time or a time base, waits without limit for the
+    /// player thread's result and returns it. The caller has checked refusal() first.
+    long requestAndWait(long type, LxTime time, LxTimeBase* tb = nullptr);
+    /// Sends a request without a reply carrying a flag, unless refusal() forbids it.
+    void requestNoReply(long type, char flag = 0);
     /// An event taken while startAll waits for its nodes.
     void handleStartWaitEvent(LxEvent* event);
 

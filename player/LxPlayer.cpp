@@ -195,12 +195,43 @@ LxPlayerAPIEvent* makeRequest(long type, bool withReply) {
 
 }  // namespace
 
-long LxPlayer::startAtTime(LxTime refTime) {
+long LxPlayer::refusal() {
     if (getCurrentState() == DEAD) {
         return LX_ERR_PLAYER_DEAD;
     }
     if (!apiSanityCheck()) {
         return LX_ERR_ON_PLAYER_THREAD;
+    }
+    return LX_OK;
+}
+
+long LxPlayer::requestAndWait(long type, LxTime time, LxTimeBase* tb) {
+    LxPlayerAPIEvent* request = makeRequest(type, true);
+    if (request == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    request->time = time;
+    request->timeBase = tb;
+    long result = 0;
+    sendAndWait(request, &result);
+    request->unref();
+    return result;
+}
+
+void LxPlayer::requestNoReply(long type, char flag) {
+    if (refusal() != LX_OK) {
+        return;
+    }
+    if (LxPlayerAPIEvent* request = makeRequest(type, false)) {
+        request->flag = flag;
+        sendNoReply(request);
+    }
+}
+
+long LxPlayer::startAtTime(LxTime refTime) {
+    const long refused = refusal();
+    if (refused != LX_OK) {
+        return refused;
     }
     LxTime now = LxTime::zero();
     {
@@ -208,38 +239,20 @@ long LxPlayer::startAtTime(LxTime refTime) {
         now = timeBase != nullptr ? timeBase->getRefTime() : LxTime::zero();
     }
     LxLog::postDebug("LxPlayer:  in startAtTime (%5.3f) for %5.3f\n", refTime.getValue(), now.getValue());
-    LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::START_AT_TIME, true);
-    if (request == nullptr) {
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    request->time = refTime;
-    long result = 0;
-    sendAndWait(request, &result);
-    request->unref();
-    return result;
+    return requestAndWait(LxPlayerAPIEvent::START_AT_TIME, refTime);
 }
 
 long LxPlayer::stopAtTime(LxTime refTime) {
-    if (getCurrentState() == DEAD) {
-        return LX_ERR_PLAYER_DEAD;
+    const long refused = refusal();
+    if (refused != LX_OK) {
+        return refused;
     }
-    if (!apiSanityCheck()) {
-        return LX_ERR_ON_PLAYER_THREAD;
-    }
-    LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::STOP_AT_TIME, true);
-    if (request == nullptr) {
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    request->time = refTime;
-    long result = 0;
-    sendAndWait(request, &result);
-    request->unref();
-    return result;
+    return requestAndWait(LxPlayerAPIEvent::STOP_AT_TIME, refTime);
 }
 
 void LxPlayer::stop() {
     LxLog::postDebug("LxPlayer:  in stop ()\n");
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
+    if (refusal() != LX_OK) {
         return;
     }
     LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::STOP, true);
@@ -287,45 +300,25 @@ long LxPlayer::setRate(float* rate) {
 }
 
 long LxPlayer::setMediaTime(LxTime mediaTime) {
-    if (getCurrentState() == DEAD) {
-        return LX_ERR_PLAYER_DEAD;
+    const long refused = refusal();
+    if (refused != LX_OK) {
+        return refused;
     }
-    if (!apiSanityCheck()) {
-        return LX_ERR_ON_PLAYER_THREAD;
-    }
-    LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::SET_MEDIA_TIME, true);
-    if (request == nullptr) {
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    request->time = mediaTime;
-    long result = 0;
-    sendAndWait(request, &result);
-    request->unref();
-    return result;
+    return requestAndWait(LxPlayerAPIEvent::SET_MEDIA_TIME, mediaTime);
 }
 
 long LxPlayer::setTimeBase(LxTimeBase* tb) {
     LxLog::postDebug("LxPlayer:  setTimeBase ()\n");
-    if (getCurrentState() == DEAD) {
-        return LX_ERR_PLAYER_DEAD;
+    const long refused = refusal();
+    if (refused != LX_OK) {
+        return refused;
     }
-    if (!apiSanityCheck()) {
-        return LX_ERR_ON_PLAYER_THREAD;
-    }
-    LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::SET_TIME_BASE, true);
-    if (request == nullptr) {
-        return LX_ERR_OUT_OF_MEMORY;
-    }
-    request->timeBase = tb;
-    long result = 0;
-    sendAndWait(request, &result);
-    request->unref();
-    return result;
+    return requestAndWait(LxPlayerAPIEvent::SET_TIME_BASE, LxTime(), tb);
 }
 
 LxNode::LxNodeState LxPlayer::getState() {
     LxLog::postDebug("LxPlayer:  getState()\n");
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
+    if (refusal() != LX_OK) {
         return DEAD;
     }
     LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::GET_STATE, true);
@@ -344,50 +337,23 @@ LxNode::LxNodeState LxPlayer::getState() {
 
 void LxPlayer::setLoop(char l) {
     LxLog::postDebug("LxPlayer:  setLoop ()\n");
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
-        return;
-    }
-    if (LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::SET_LOOP, false)) {
-        request->flag = l;
-        sendNoReply(request);
-    }
+    requestNoReply(LxPlayerAPIEvent::SET_LOOP, l);
 }
 
 void LxPlayer::prefetch() {
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
-        return;
-    }
-    if (LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::PREFETCH, false)) {
-        sendNoReply(request);
-    }
+    requestNoReply(LxPlayerAPIEvent::PREFETCH);
 }
 
 void LxPlayer::suspend() {
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
-        return;
-    }
-    if (LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::SUSPEND, false)) {
-        sendNoReply(request);
-    }
+    requestNoReply(LxPlayerAPIEvent::SUSPEND);
 }
 
 void LxPlayer::resume() {
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
-        return;
-    }
-    if (LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::RESUME, false)) {
-        sendNoReply(request);
-    }
+    requestNoReply(LxPlayerAPIEvent::RESUME);
 }
 
 void LxPlayer::setMaster(char m) {
-    if (getCurrentState() == DEAD || !apiSanityCheck()) {
-        return;
-    }
-    if (LxPlayerAPIEvent* request = makeRequest(LxPlayerAPIEvent::SET_MASTER, false)) {
-        request->flag = m;
-        sendNoReply(request);
-    }
+    requestNoReply(LxPlayerAPIEvent::SET_MASTER, m);
 }
 
 // ---------------------------------------------------------------------------------------------
