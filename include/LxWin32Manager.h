@@ -8,6 +8,7 @@
 #include <cstdint>
 
 class LxDiagnostics;
+class LxNode;
 
 class LxWin32Manager : public LxManager {
   public:
@@ -58,6 +59,12 @@ class LxWin32Manager : public LxManager {
     char audioStarted = 0;
     /// Opens and closes a MIDI stream on the mapper, with midiAccessMutex held; true when it opened.
     bool probeMidiStream();
+    /// The player's output of this name when it has one that is not connected yet; null otherwise
+    /// (a connected output keeps the renderer it has).
+    static LxOutputConnectable* freeOutput(LxPlayer* player, const char* name);
+    /// Connects output to the new renderer's input of this name. A renderer the output does not
+    /// point at afterwards belongs to nobody and is destroyed here.
+    long connectNewRenderer(LxOutputConnectable* output, LxNode* renderer, const char* name);
 };
 
 #endif  // LX_WIN32_MANAGER_H
