@@ -26,17 +26,7 @@ LxAudioOutputConnectable::~LxAudioOutputConnectable() {
     if (streamStyle == LxFormat::PullStream) {
         LxLog::postDebug("LxAudioOutputConnectable:  flushing fullFrameQueue\n");
     }
-    // Only pull style ever queues frames; nobody else can reach them once the output goes.
-    while (void* message = frameQueue->receive(0, LxTime::zero())) {
-        delete static_cast<LxFrame*>(message);
-    }
-    if (formats != nullptr) {
-        if (formats[0] != nullptr) {
-            formats[0]->unref();
-        }
-        delete[] formats;
-    }
-    frameQueue->unref();
+    lxReleaseOutput(formats, frameQueue);
 }
 
 KtResult LxAudioOutputConnectable::initFormats(LxSampleFormat_s sf, LxAudioChannels_s ch, float rate,
@@ -52,15 +42,8 @@ KtResult LxAudioOutputConnectable::initFormats(LxSampleFormat_s sf, LxAudioChann
 
 KtResult LxAudioOutputConnectable::initConnectable(LxNode* owner) {
     node = owner;
-    if (formats == nullptr) {
-        formats = new (std::nothrow) LxFormat*[1];
-        if (formats == nullptr) {
-            return LX_ERR_OUT_OF_MEMORY;
-        }
-        formats[0] = nullptr;
-    }
-    if (formats[0] != nullptr) {
-        formats[0]->unref();
+    if (!lxClearOneFormat(formats)) {
+        return LX_ERR_OUT_OF_MEMORY;
     }
     formats[0] =
         new (std::nothrow) LxAudioFormat(sampleFormat, channels, samplingRate, isStreaming, streamStyle);
@@ -123,19 +106,9 @@ LxFrame* LxAudioOutputConnectable::getFrameForTime(LxTime, LxTime) {
 }
 
 KtResult LxAudioOutputConnectable::queueFrame(LxAudioFrame* frame) {
-    if (frame == nullptr) {
-        return LX_OK;
-    }
-    if (streamStyle == LxFormat::PullStream) {
-        frameQueue->send(static_cast<LxFrame*>(frame));
-    } else if (connectedInput != nullptr) {
-        connectedInput->putFrame(frame);
-    } else {
-        // Push style without a consumer: the frame has nowhere to go and the caller gave it up.
-        LxLog::postDebug("LxAudioOutputConnectable:  no input for a pushed frame, dropping it\n");
-        delete frame;
-    }
-    return LX_OK;
+    LxQueue* queue = frameQueue;
+    return lxQueueFrame(frame, streamStyle == LxFormat::PullStream, connectedInput,
+                        "LxAudioOutputConnectable", [queue](LxFrame* f) { queue->send(f); });
 }
 
 void LxAudioOutputConnectable::flush() {

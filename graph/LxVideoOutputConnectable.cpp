@@ -33,30 +33,14 @@ LxVideoOutputConnectable::~LxVideoOutputConnectable() {
     if (currentFormat != nullptr) {
         currentFormat->unref();
     }
-    if (formats != nullptr) {
-        if (formats[0] != nullptr) {
-            formats[0]->unref();
-        }
-        delete[] formats;
-    }
-    while (void* message = frameQueue->receive(0, LxTime::zero())) {
-        delete static_cast<LxFrame*>(message);
-    }
-    frameQueue->unref();
+    lxReleaseOutput(formats, frameQueue);
     LxLog::postDebug("LxVOC: dropped frames = %i\n", static_cast<int>(droppedFrames.load()));
 }
 
 KtResult LxVideoOutputConnectable::initFormats(short width, short height, LxPixelFormat_s pf,
                                                LxFormat::StreamStyle style) {
-    if (formats == nullptr) {
-        formats = new (std::nothrow) LxFormat*[1];
-        if (formats == nullptr) {
-            return LX_ERR_OUT_OF_MEMORY;
-        }
-        formats[0] = nullptr;
-    }
-    if (formats[0] != nullptr) {
-        formats[0]->unref();
+    if (!lxClearOneFormat(formats)) {
+        return LX_ERR_OUT_OF_MEMORY;
     }
     formats[0] = new (std::nothrow) LxVideoFormat(width, height, pf, style);
     if (formats[0] == nullptr) {
@@ -126,19 +110,12 @@ LxTime LxVideoOutputConnectable::getLastRequestedFrameTime() {
 }
 
 KtResult LxVideoOutputConnectable::queueFrame(LxVideoFrame* frame) {
-    if (frame == nullptr) {
-        return LX_OK;
-    }
-    if (streamStyle == LxFormat::PullStream) {
-        KtScopedLock<LxQueue> guard(frameQueue);
-        frameQueue->send(static_cast<LxFrame*>(frame));
-    } else if (connectedInput != nullptr) {
-        connectedInput->putFrame(frame);
-    } else {
-        LxLog::postDebug("LxVOC: no input for a pushed frame, dropping it\n");
-        delete frame;
-    }
-    return LX_OK;
+    LxQueue* queue = frameQueue;
+    return lxQueueFrame(frame, streamStyle == LxFormat::PullStream, connectedInput, "LxVOC",
+                        [queue](LxFrame* f) {
+                            KtScopedLock<LxQueue> guard(queue);
+                            queue->send(f);
+                        });
 }
 
 KtResult LxVideoOutputConnectable::dropFrame() {
