@@ -134,21 +134,11 @@ class RendererFilter::InputPin : public IPin, public IMemInputPin {
     HRESULT ConnectedTo(IPin** peer) override { return owner_->connectedTo(peer); }
     HRESULT ConnectionMediaType(AM_MEDIA_TYPE* type) override { return owner_->connectionMediaType(type); }
     HRESULT QueryPinInfo(PIN_INFO* info) override {
-        if (info == nullptr) {
-            return E_POINTER;
-        }
-        info->pFilter = owner_;
-        owner_->AddRef();
-        info->dir = PINDIR_INPUT;
-        copyName(info->achName, 128, owner_->kind() == RendererKind::Audio ? L"Audio Input" : L"Video Input");
-        return S_OK;
+        return answerPinInfo(owner_, PINDIR_INPUT,
+                             owner_->kind() == RendererKind::Audio ? L"Audio Input" : L"Video Input", info);
     }
     HRESULT QueryDirection(PIN_DIRECTION* direction) override {
-        if (direction == nullptr) {
-            return E_POINTER;
-        }
-        *direction = PINDIR_INPUT;
-        return S_OK;
+        return answerDirection(PINDIR_INPUT, direction);
     }
     HRESULT QueryAccept(const AM_MEDIA_TYPE* type) override { return owner_->queryAccept(type); }
     HRESULT EndOfStream() override { return owner_->endOfStream(); }
@@ -311,16 +301,7 @@ HRESULT RendererFilter::EnumPins(IEnumPins** pins) {
 }
 
 HRESULT RendererFilter::QueryFilterInfo(FILTER_INFO* info) {
-    if (info == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    copyName(info->achName, 128, name_.c_str());
-    info->pGraph = graph_;
-    if (graph_ != nullptr) {
-        graph_->AddRef();
-    }
-    return S_OK;
+    return answerFilterInfo(mutex_, name_, graph_, info);
 }
 
 HRESULT RendererFilter::JoinFilterGraph(IFilterGraph* graph, const WCHAR* name) {
@@ -518,37 +499,22 @@ HRESULT RendererFilter::receiveConnection(IPin* connector, const AM_MEDIA_TYPE* 
 }
 
 HRESULT RendererFilter::disconnect() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (peer_ == nullptr) {
-        return S_FALSE;
-    }
-    peer_ = nullptr;
-    haveSpec_ = false;
-    return S_OK;
+    return answerDisconnect(mutex_, peer_, [this] { haveSpec_ = false; });
 }
 
 HRESULT RendererFilter::connectedTo(IPin** peer) {
-    if (peer == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    return answerConnectedTo(peer_, peer);
+    return answerConnectedTo(mutex_, peer_, peer);
 }
 
 HRESULT RendererFilter::connectionMediaType(AM_MEDIA_TYPE* type) {
-    if (type == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (peer_ == nullptr) {
-        return answerNotConnected(type);
-    }
-    if (!haveSpec_) {
-        *type = makeMajorType(kind_ == RendererKind::Audio ? MEDIATYPE_Audio : MEDIATYPE_Video);
-    } else {
-        *type = kind_ == RendererKind::Audio ? audioMediaType(audio_) : videoMediaType(video_);
-    }
-    return S_OK;
+    return answerConnectionMediaType(mutex_, peer_, type, [this](AM_MEDIA_TYPE* out) {
+        if (!haveSpec_) {
+            *out = makeMajorType(kind_ == RendererKind::Audio ? MEDIATYPE_Audio : MEDIATYPE_Video);
+        } else {
+            *out = kind_ == RendererKind::Audio ? audioMediaType(audio_) : videoMediaType(video_);
+        }
+        return S_OK;
+    });
 }
 
 void RendererFilter::setAudioSpec(const LxpAudioSpec& spec) {

@@ -63,6 +63,47 @@ HRESULT answerNotConnected(AM_MEDIA_TYPE* type) {
     return VFW_E_NOT_CONNECTED;
 }
 
+HRESULT answerConnectedTo(std::mutex& lock, IPin* const& peer, IPin** out) {
+    if (out == nullptr) {
+        return E_POINTER;
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    return answerConnectedTo(peer, out);
+}
+
+HRESULT answerPinInfo(IBaseFilter* owner, PIN_DIRECTION direction, const WCHAR* name, PIN_INFO* info) {
+    if (info == nullptr) {
+        return E_POINTER;
+    }
+    info->pFilter = owner;
+    owner->AddRef();
+    info->dir = direction;
+    copyName(info->achName, 128, name);
+    return S_OK;
+}
+
+HRESULT answerDirection(PIN_DIRECTION direction, PIN_DIRECTION* out) {
+    if (out == nullptr) {
+        return E_POINTER;
+    }
+    *out = direction;
+    return S_OK;
+}
+
+HRESULT answerFilterInfo(std::mutex& lock, const std::wstring& name, IFilterGraph* const& graph,
+                         FILTER_INFO* info) {
+    if (info == nullptr) {
+        return E_POINTER;
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    copyName(info->achName, 128, name.c_str());
+    info->pGraph = graph;
+    if (graph != nullptr) {
+        graph->AddRef();
+    }
+    return S_OK;
+}
+
 void copyName(WCHAR* target, size_t capacity, const WCHAR* source) {
     if (target == nullptr || capacity == 0) {
         return;

@@ -24,6 +24,8 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
+#include <string>
 #include <vector>
 
 namespace lxp {
@@ -286,6 +288,45 @@ void copyName(WCHAR* target, size_t capacity, const WCHAR* source);
 HRESULT answerConnectedTo(IPin* peer, IPin** out);
 /// IPin::ConnectionMediaType of an unconnected pin: an empty type and VFW_E_NOT_CONNECTED.
 HRESULT answerNotConnected(AM_MEDIA_TYPE* type);
+
+// The answers below serve every pin and filter alike, whichever object holds the state: each takes
+// the lock that guards it and the members it reads.
+
+/// IPin::ConnectedTo, with lock taken here.
+HRESULT answerConnectedTo(std::mutex& lock, IPin* const& peer, IPin** out);
+/// IPin::Disconnect: forgets peer (S_FALSE when there was none) and runs forget, both under lock,
+/// for whatever else the pin drops with its connection.
+template <class Forget>
+HRESULT answerDisconnect(std::mutex& lock, IPin*& peer, Forget forget) {
+    std::lock_guard<std::mutex> guard(lock);
+    if (peer == nullptr) {
+        return S_FALSE;
+    }
+    peer = nullptr;
+    forget();
+    return S_OK;
+}
+/// IPin::ConnectionMediaType: the empty type of an unconnected pin, else what answer(type) says,
+/// under lock.
+template <class Answer>
+HRESULT answerConnectionMediaType(std::mutex& lock, IPin* const& peer, AM_MEDIA_TYPE* type, Answer answer) {
+    if (type == nullptr) {
+        return E_POINTER;
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    if (peer == nullptr) {
+        return answerNotConnected(type);
+    }
+    return answer(type);
+}
+/// IPin::QueryPinInfo of a pin of owner: a reference on the owner, the direction and the name.
+HRESULT answerPinInfo(IBaseFilter* owner, PIN_DIRECTION direction, const WCHAR* name, PIN_INFO* info);
+/// IPin::QueryDirection.
+HRESULT answerDirection(PIN_DIRECTION direction, PIN_DIRECTION* out);
+/// IBaseFilter::QueryFilterInfo of a filter called name in graph (which gets a reference), with lock
+/// taken here.
+HRESULT answerFilterInfo(std::mutex& lock, const std::wstring& name, IFilterGraph* const& graph,
+                         FILTER_INFO* info);
 
 /// An enumerator over a fixed list of referenced items (for IEnumPins and IEnumFilters).
 template <class EnumInterface, class Item, const IID& EnumIid>

@@ -92,50 +92,24 @@ HRESULT BasicPin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) 
 }
 
 HRESULT BasicPin::Disconnect() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (peer_ == nullptr) {
-        return S_FALSE;
-    }
-    peer_ = nullptr;
-    return S_OK;
+    return answerDisconnect(mutex_, peer_, [] {});
 }
 
 HRESULT BasicPin::ConnectedTo(IPin** peer) {
-    if (peer == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    return answerConnectedTo(peer_, peer);
+    return answerConnectedTo(mutex_, peer_, peer);
 }
 
 HRESULT BasicPin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
-    if (type == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (peer_ == nullptr) {
-        return answerNotConnected(type);
-    }
-    return CopyMediaType(type, &type_);
+    return answerConnectionMediaType(mutex_, peer_, type,
+                                     [this](AM_MEDIA_TYPE* out) { return CopyMediaType(out, &type_); });
 }
 
 HRESULT BasicPin::QueryPinInfo(PIN_INFO* info) {
-    if (info == nullptr) {
-        return E_POINTER;
-    }
-    info->pFilter = owner_;
-    owner_->AddRef();
-    info->dir = direction_;
-    copyName(info->achName, 128, name_.c_str());
-    return S_OK;
+    return answerPinInfo(owner_, direction_, name_.c_str(), info);
 }
 
 HRESULT BasicPin::QueryDirection(PIN_DIRECTION* direction) {
-    if (direction == nullptr) {
-        return E_POINTER;
-    }
-    *direction = direction_;
-    return S_OK;
+    return answerDirection(direction_, direction);
 }
 
 HRESULT BasicPin::QueryAccept(const AM_MEDIA_TYPE* type) {
@@ -241,16 +215,7 @@ HRESULT BasicFilter::EnumPins(IEnumPins** pins) {
 }
 
 HRESULT BasicFilter::QueryFilterInfo(FILTER_INFO* info) {
-    if (info == nullptr) {
-        return E_POINTER;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    copyName(info->achName, 128, name_.c_str());
-    info->pGraph = graph_;
-    if (graph_ != nullptr) {
-        graph_->AddRef();
-    }
-    return S_OK;
+    return answerFilterInfo(mutex_, name_, graph_, info);
 }
 
 HRESULT BasicFilter::JoinFilterGraph(IFilterGraph* graph, const WCHAR* name) {
