@@ -56,6 +56,7 @@ class LxNode : public virtual LxClock {
     /// running handler returns, and that handler must not touch the node any more.
     ~LxNode() override;
 
+    // --- LxClock: forwarded to the node's own clock.
     long startAtTime(LxTime refTime) override;
     long stopAtTime(LxTime refTime) override;
     LxTime getStopTime() override;

@@ -29,6 +29,7 @@ class LxWin32AudioOutputPort : public LxAudioOutputPort {
     short getPortNumber() const { return portNumber; }
     LxWin32Mixer* getMixer() const { return mixer; }
 
+    // --- LxAudioOutputPort: each forwards to the mixer's port of this number.
     long setSoundLocation(const float* xyz) override;
     const float* getLocation() const override;
     long setGain(float gain) override;
