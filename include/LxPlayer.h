@@ -4,6 +4,7 @@
 #define LX_PLAYER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxNode.h"
 #include "LxTime.h"
 
@@ -79,7 +80,7 @@ struct LxNodeListEntry {
 /// runs the step of the player's state. When the loop ends it calls genericShutdown() and
 /// shutdown(), then clears threadRunning and notifies, both under the signal: endRun(). Its
 /// destructor calls waitAndShutdown() before anything else.
-class LxPlayer : public LxNode {
+class LX_API LxPlayer : public LxNode {
   public:
     LxPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Destroys the nodes still in the graph, the queues and what they still hold. The player

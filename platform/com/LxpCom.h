@@ -7,9 +7,13 @@
 #ifndef LORVEX_PLATFORM_COM_H
 #define LORVEX_PLATFORM_COM_H
 
+#include "LxApi.h"
+
 #include <atomic>
 #include <cstdint>
 
+// The class registry and COM calls are exported (LX_API) for the filter plug-in: it is built on this
+// layer and registers its renderer filters here. The failure injection (comtest) stays internal.
 namespace lxp {
 
 typedef int32_t HRESULT;
@@ -47,13 +51,13 @@ struct GUID {
 typedef GUID CLSID;
 typedef GUID IID;
 
-bool operator==(const GUID& a, const GUID& b);
+LX_API bool operator==(const GUID& a, const GUID& b);
 inline bool operator!=(const GUID& a, const GUID& b) {
     return !(a == b);
 }
 
-extern const IID IID_IUnknown;
-extern const IID IID_IClassFactory;
+LX_API extern const IID IID_IUnknown;
+LX_API extern const IID IID_IClassFactory;
 
 class IUnknown {
   public:
@@ -107,20 +111,22 @@ class ComObject : public Interface {
 
 /// Makes the calling thread able to create objects. S_OK the first time on a thread, S_FALSE when
 /// it was already initialised (each success needs one CoUninitialize).
-HRESULT CoInitialize(void* reserved);
-void CoUninitialize();
+LX_API HRESULT CoInitialize(void* reserved);
+LX_API void CoUninitialize();
 /// Creates an object of a registered class. CO_E_NOTINITIALIZED when the calling thread has not
 /// initialised COM, REGDB_E_CLASSNOTREG for an unknown class.
-HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t context, const IID& iid, void** out);
+LX_API HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t context, const IID& iid,
+                                void** out);
 /// The class factory of a registered class (same failures as CoCreateInstance).
-HRESULT CoGetClassObject(const CLSID& clsid, uint32_t context, void* reserved, const IID& iid, void** out);
+LX_API HRESULT CoGetClassObject(const CLSID& clsid, uint32_t context, void* reserved, const IID& iid,
+                                void** out);
 
 /// Registers a class (the registry takes a reference on the factory). A class registered again
 /// replaces the earlier factory. Returns S_OK.
-HRESULT registerClass(const CLSID& clsid, IClassFactory* factory);
+LX_API HRESULT registerClass(const CLSID& clsid, IClassFactory* factory);
 /// Removes a class; S_OK, or S_FALSE when it was not registered.
-HRESULT unregisterClass(const CLSID& clsid);
-bool isClassRegistered(const CLSID& clsid);
+LX_API HRESULT unregisterClass(const CLSID& clsid);
+LX_API bool isClassRegistered(const CLSID& clsid);
 
 /// Failure injection for the simulated platform.
 namespace comtest {
