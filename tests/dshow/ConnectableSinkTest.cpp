@@ -7,9 +7,9 @@
 #include "TestNodes.h"
 #include "TestRenderer.h"
 #include "TestSupport.h"
-#include "platform/dshow/LxpGraphBase.h"
 #include "filterlib/LxpConnectableSink.h"
 #include "filterlib/LxpRenderer.h"
+#include "platform/dshow/LxpGraphBase.h"
 
 #include <gtest/gtest.h>
 
@@ -70,21 +70,9 @@ class Outputs : public ::testing::Test {
     }
 
     /// A running filter connected with a complete type, and its output.
-    LxOutputConnectable* audioOutput(const LxpAudioSpec& spec, RendererFilter** filter) {
-        RendererFilter* f = new RendererFilter(RendererKind::Audio, LxPixel32Alt);
-        AM_MEDIA_TYPE type = audioMediaType(spec);
+    LxOutputConnectable* output(RendererFilter* f, AM_MEDIA_TYPE type, RendererFilter** filter) {
         EXPECT_EQ(S_OK, f->receiveConnection(out, &type));
         FreeMediaType(type);
-        return finish(f, filter);
-    }
-    LxOutputConnectable* videoOutput(const LxpVideoSpec& spec, RendererFilter** filter) {
-        RendererFilter* f = new RendererFilter(RendererKind::Video, spec.pixelFormat);
-        AM_MEDIA_TYPE type = videoMediaType(spec);
-        EXPECT_EQ(S_OK, f->receiveConnection(out, &type));
-        FreeMediaType(type);
-        return finish(f, filter);
-    }
-    LxOutputConnectable* finish(RendererFilter* f, RendererFilter** filter) {
         filters.push_back(f);
         char* name = nullptr;
         LxOutputConnectable* o = nullptr;
@@ -93,6 +81,13 @@ class Outputs : public ::testing::Test {
         f->Run(0);
         *filter = f;
         return o;
+    }
+    LxOutputConnectable* audioOutput(const LxpAudioSpec& spec, RendererFilter** filter) {
+        return output(new RendererFilter(RendererKind::Audio, LxPixel32Alt), audioMediaType(spec), filter);
+    }
+    LxOutputConnectable* videoOutput(const LxpVideoSpec& spec, RendererFilter** filter) {
+        return output(new RendererFilter(RendererKind::Video, spec.pixelFormat), videoMediaType(spec),
+                      filter);
     }
     static void send(RendererFilter* f, std::vector<uint8_t> bytes, REFERENCE_TIME start,
                      REFERENCE_TIME end) {

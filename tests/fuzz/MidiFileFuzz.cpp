@@ -4,10 +4,10 @@
 #include "midi/LxWin32MidiParser.h"
 #include "midi/LxWin32NewMidiParser.h"
 
-#include <unistd.h>
+#include "FuzzInput.h"
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -55,17 +55,7 @@ void parseStream(const char* path, uint32_t capacity) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    // The readers take file names: the input goes to a file of this process.
-    static const std::string path = "/tmp/lorvex-fuzz-midi-" + std::to_string(::getpid()) + ".mid";
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (f == nullptr) {
-        return 0;
-    }
-    if (size > 0) {
-        std::fwrite(data, 1, size, f);
-    }
-    std::fclose(f);
-
+    const std::string& path = fuzzInputFile(data, size, ".mid");
     parseStream(path.c_str(), 1024);
     parseStream(path.c_str(), 24);
 
@@ -91,6 +81,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         LxWin32NewMidiParser::tickToTime(last, model.getDivision(), model.getTempoMap());
     }
-    std::remove(path.c_str());
     return 0;
 }

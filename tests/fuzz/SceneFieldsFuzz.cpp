@@ -6,7 +6,7 @@
 #include "LxResult.h"
 #include "LxVrmlSupport.h"
 
-#include "FakeAudioPort.h"
+#include "RecordingPlayer.h"
 #include "TestManager.h"
 
 #include <cmath>
@@ -15,36 +15,6 @@
 #include <vector>
 
 namespace {
-
-class FieldPlayer : public LxPlayer {
-  public:
-    explicit FieldPlayer(LxManager* m) : LxPlayer(m, nullptr) {}
-    ~FieldPlayer() override {
-        for (lxtest::FakeAudioPort* p : ports_) {
-            delete p;
-        }
-    }
-    long startAtTime(LxTime) override { return (state_ = STARTED, LX_OK); }
-    long stopAtTime(LxTime) override { return LX_OK; }
-    void stop() override { state_ = STOPPED; }
-    long setRate(float*) override { return LX_OK; }
-    long setMediaTime(LxTime) override { return LX_OK; }
-    long setTimeBase(LxTimeBase*) override { return LX_OK; }
-    LxNodeState getState() override { return state_; }
-    void setLoop(char) override {}
-    LxTime getDuration() override { return duration; }
-    long getNewAudioPort(LxAudioOutputPort** port) override {
-        ports_.push_back(new lxtest::FakeAudioPort());
-        *port = ports_.back();
-        return LX_OK;
-    }
-    void run() override {}
-    LxTime duration{4, 0};
-
-  private:
-    LxNodeState state_ = STOPPED;
-    std::vector<lxtest::FakeAudioPort*> ports_;
-};
 
 struct Node : LxSoundNodeNotifier {
     void audioPortChanged(LxAudioOutputPort* port) override {
@@ -83,7 +53,9 @@ struct Reader {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static KtDefaultThreadManager threads;
     lxtest::SceneManager* manager = new lxtest::SceneManager(&threads);
-    FieldPlayer* player = new FieldPlayer(manager);
+    std::vector<std::string> calls;
+    lxtest::RecordingPlayer* player = new lxtest::RecordingPlayer(manager, &calls);
+    player->duration = LxTime(4, 0);
     manager->addPlayer(player);
     Node nodes[3];
     {

@@ -4,42 +4,12 @@
 #include "LxResult.h"
 #include "audio/LxWAVEParser.h"
 
-#include <unistd.h>
+#include "FuzzInput.h"
+
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
-namespace {
-
-// The parser reads a file by name, so each input goes through one scratch file of this process.
-const std::string& scratchFile() {
-    static const std::string path = [] {
-        char name[] = "/tmp/lorvex-fuzz-wave-XXXXXX";
-        const int fd = mkstemp(name);
-        if (fd >= 0) {
-            close(fd);
-        }
-        std::atexit([] { std::remove(scratchFile().c_str()); });
-        return std::string(name);
-    }();
-    return path;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const std::string& path = scratchFile();
-    FILE* out = std::fopen(path.c_str(), "wb");
-    if (out == nullptr) {
-        return 0;
-    }
-    if (size > 0) {
-        std::fwrite(data, 1, size, out);
-    }
-    std::fclose(out);
-
-    LxFilenameDataSource source(path.c_str());
+    LxFilenameDataSource source(fuzzInputFile(data, size).c_str());
     LxWAVEParser parser;
     if (parser.open(nullptr, &source) != LX_OK) {
         return 0;

@@ -246,41 +246,4 @@ TEST_F(NodeTest, HandlersDestroyingEachOthersNodesDoNotWaitForEachOther) {
     }
 }
 
-// The reader of a queue and the poster release one event at the same moment, many times over;
-// every event must die exactly once (ThreadSanitizer and the live count watch it).
-TEST_F(NodeTest, ConcurrentReleaseByQueueReaderAndPosterDestroysOnce) {
-    const int before = SequencedEvent::alive.load();
-    constexpr int kRounds = 20;
-    constexpr int kEvents = 300;
-    for (int round = 0; round < kRounds; ++round) {
-        TestNode node(manager.get());
-        QueueRef q;
-        RecordingListener listener;
-        node.setEventListener(q.q);
-        ASSERT_EQ(LX_OK, node.setEventListener(&listener));
-        std::atomic<int> received{0};
-        std::thread reader([&] {
-            while (received.load() < kEvents) {
-                if (void* m = q.q->receive(1, LxTime(0, 100000))) {
-                    static_cast<LxEvent*>(m)->unref();
-                    ++received;
-                }
-            }
-        });
-        std::thread poster2([&] {
-            for (int i = kEvents / 2; i < kEvents; ++i) {
-                node.postEvent(new SequencedEvent(&node, i));
-            }
-        });
-        for (int i = 0; i < kEvents / 2; ++i) {
-            node.postEvent(new SequencedEvent(&node, i));
-        }
-        poster2.join();
-        reader.join();
-        ASSERT_TRUE(listener.waitForCount(kEvents));
-        EXPECT_FALSE(listener.overlapped());
-    }
-    EXPECT_TRUE(lxtest::waitUntil([&] { return SequencedEvent::alive.load() == before; }));
-}
-
 }  // namespace

@@ -17,6 +17,7 @@
 #include "platform/dshow/LxpSimGraph.h"
 #include "platform/midi/LxpMidiSim.h"
 
+#include "MidiFiles.h"
 #include "TestSupport.h"
 #include "WaveFiles.h"
 
@@ -35,7 +36,7 @@ class Manager : public LxWin32Manager {
   public:
     explicit Manager(KtThreadManager* threads) : LxWin32Manager(threads) {}
     int players() {
-        std::lock_guard<KtMutex> guard(*playerListLock);
+        KtScopedLock<KtMutex> guard(playerListLock);
         int n = 0;
         for (LxPlayerListEntry* e = playerList; e != nullptr; e = e->next) {
             ++n;
@@ -44,7 +45,7 @@ class Manager : public LxWin32Manager {
     }
     /// "active/held/waiting/idle" ports of both channel types, read under the channel lock.
     std::string channels() {
-        std::lock_guard<KtMutex> guard(*channelLock);
+        KtScopedLock<KtMutex> guard(channelLock);
         std::string text;
         for (const LxChannelInfo& c : channelInfo) {
             text += std::to_string(c.activeCount) + "/" + std::to_string(c.activePorts.size()) + "/" +
@@ -77,11 +78,12 @@ class Rig : public ::testing::Test {
         lxtest::writeFile(paths[Wave],
                           lxtest::joinWave({{"fmt ", lxtest::pcmFmtBody(1, 22050, 16)}, {"data", pcm}}));
         // One track: the tempo, then one note of half a beat.
-        const std::string track(
-            "\x00\xFF\x51\x03\x07\xA1\x20\x00\x90\x3C\x64\x30\x80\x3C\x00\x00\xFF\x2F\x00", 19);
         paths[Midi] = dir.file("tune.mid");
-        lxtest::writeFile(paths[Midi], std::string("MThd\0\0\0\x06\0\0\0\x01\0\x60MTrk\0\0\0", 21) +
-                                           static_cast<char>(track.size()) + track);
+        lxtest::writeFile(
+            paths[Midi],
+            miditest::smf(0, 96,
+                          {miditest::track(miditest::tempoEvent(0, 500000) + miditest::noteOn(0, 0, 60, 100) +
+                                           miditest::noteOff(48, 0, 60))}));
         const lxp::simgraph::Outcome outcomes[] = {lxp::simgraph::Outcome::AudioVideo,
                                                    lxp::simgraph::Outcome::AudioOnly,
                                                    lxp::simgraph::Outcome::VideoOnly};

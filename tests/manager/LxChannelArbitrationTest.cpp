@@ -182,6 +182,12 @@ TEST_F(ArbitrationTest, StoppingKeepsTheChannelUnlessSomeoneWaits) {
     manager->updatePortChannel(&a, zero, 0);  // a stops while b waits: a gives its channel up
     EXPECT_EQ("01", held({&a, &b}));
     EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).inactivePorts));
+    manager->updatePortChannel(&a, LxTime(4, 0), 1);  // a plays again and takes the channel back
+    EXPECT_EQ("10", held({&a, &b}));
+    b.setPriority(0.95f);  // the waiting port now beats the holder: it takes the channel
+    manager->updatePortChannel(&b, LxTime(5, 0), 1);
+    EXPECT_EQ("01", held({&a, &b}));
+    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).waitingPorts));
     release({&a, &b});
 }
 
@@ -229,6 +235,23 @@ TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
     EXPECT_EQ("10", held({&m, &r}));
     EXPECT_EQ("10", started());
     release({&r, &m});
+}
+
+// A port going while others of its type still play: a stronger port of the other type that waits
+// takes the card from them.
+TEST_F(ArbitrationTest, HalfDuplexWaitingMusicTakesTheCardFromTheSampledPortsLeft) {
+    manager->configure(4, 1, true);
+    FakeAudioPort r1(LxRawChannel, 0.9f), r2(LxRawChannel, 0.2f), m(LxMidiChannel, 0.95f);
+    for (FakeAudioPort* p : {&r1, &r2, &m}) {
+        manager->requestPortChannel(p, zero);
+        manager->updatePortChannel(p, LxTime(1, 0), 1);
+    }
+    EXPECT_EQ("110", held({&r1, &r2, &m})) << "the music waits for a change on the card";
+    release({&r1});
+    EXPECT_EQ("01", held({&r2, &m}));
+    EXPECT_EQ("10", started());
+    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&r2}), ports(manager->info(LxRawChannel).waitingPorts));
+    release({&r2, &m});
 }
 
 TEST_F(ArbitrationTest, UnavailableTypesUnknownPortsAndRefusals) {

@@ -48,33 +48,37 @@ class ProbeFormat : public LxFormat {
     std::vector<std::string> accepts_;
 };
 
-// Hands out the test's formats as a connectable does (the caller deletes the array).
-KtResult listOf(const std::vector<LxFormat*>& formats, LxFormat**& list, short* count) {
-    list = new LxFormat*[formats.size() + 1];
-    std::copy(formats.begin(), formats.end(), list);
-    *count = static_cast<short>(formats.size());
-    return LX_OK;
-}
-
-class FakeOutput : public LxOutputConnectable {
+/// What both ends of a test connection share: the formats it offers (handed out as a connectable
+/// does, in an array the caller deletes) and the end it is connected to.
+template <class Base, class Peer>
+class FakeEnd : public Base {
   public:
     std::vector<LxFormat*> formats;
-    LxInputConnectable* input = nullptr;
-    std::string agreed;
+    Peer* peer = nullptr;
 
+    LxFormat* getFormat() override { return nullptr; }
+    KtResult listFormats(LxFormat**& list, short* count) override {
+        list = new LxFormat*[formats.size() + 1];
+        std::copy(formats.begin(), formats.end(), list);
+        *count = static_cast<short>(formats.size());
+        return LX_OK;
+    }
+    LxNode* getNode() override { return nullptr; }
+    void flush() override {}
+    KtResult connectTo(Peer* other) override {
+        peer = other;
+        return LX_OK;
+    }
+    Peer* connectedTo() override { return peer; }
+};
+
+class FakeOutput : public FakeEnd<LxOutputConnectable, LxInputConnectable> {
+  public:
+    std::string agreed;
     KtResult setFormat(LxFormat* f) override {
         agreed = static_cast<ProbeFormat*>(f)->name();
         return LX_OK;
     }
-    LxFormat* getFormat() override { return nullptr; }
-    KtResult listFormats(LxFormat**& list, short* count) override { return listOf(formats, list, count); }
-    LxNode* getNode() override { return nullptr; }
-    void flush() override {}
-    KtResult connectTo(LxInputConnectable* in) override {
-        input = in;
-        return LX_OK;
-    }
-    LxInputConnectable* connectedTo() override { return input; }
     KtResult setSuggestedFrameRate(float) override { return LX_ERR_GENERIC; }
     void setActive(char) override {}
     char isActive() override { return 0; }
@@ -82,22 +86,10 @@ class FakeOutput : public LxOutputConnectable {
     LxFrame* getFrameForTime(LxTime, LxTime) override { return nullptr; }
 };
 
-class FakeInput : public LxInputConnectable {
+class FakeInput : public FakeEnd<LxInputConnectable, LxOutputConnectable> {
   public:
-    std::vector<LxFormat*> formats;
     long setFormatResult = LX_OK;
-    LxOutputConnectable* output = nullptr;
-
     KtResult setFormat(LxFormat*) override { return setFormatResult; }
-    LxFormat* getFormat() override { return nullptr; }
-    KtResult listFormats(LxFormat**& list, short* count) override { return listOf(formats, list, count); }
-    LxNode* getNode() override { return nullptr; }
-    void flush() override {}
-    KtResult connectTo(LxOutputConnectable* out) override {
-        output = out;
-        return LX_OK;
-    }
-    LxOutputConnectable* connectedTo() override { return output; }
     LxFrame* getEmptyFrame(const LxTime&) override { return nullptr; }
     void putEmptyFrame(LxFrame*) override {}
     void notifyEndOfMedia() override {}
@@ -195,8 +187,8 @@ TEST_F(ManagerCoreTest, ConnectAllUnconnectedSummarises) {
 
     FakeOutput audio, video, other;
     FakeInput rendererA, rendererV;
-    audio.input = &rendererA;
-    video.input = &rendererV;
+    audio.peer = &rendererA;
+    video.peer = &rendererV;
     player->add("Audio", &audio);
     player->add("Video", &video);
     player->add("Subtitles", &other);
@@ -204,10 +196,10 @@ TEST_F(ManagerCoreTest, ConnectAllUnconnectedSummarises) {
     EXPECT_EQ(0, manager->audioRenderers) << "connected outputs get no second renderer";
     EXPECT_EQ(0, manager->videoRenderers);
 
-    video.input = nullptr;  // the default video renderer is refused
+    video.peer = nullptr;  // the default video renderer is refused
     EXPECT_EQ(LX_CONNECTED_AUDIO, manager->connectAllUnconnected(player));
     EXPECT_EQ(1, manager->videoRenderers);
-    audio.input = nullptr;
+    audio.peer = nullptr;
     EXPECT_EQ(LX_ERR_CONNECT_OUTPUTS, manager->connectAllUnconnected(player));
     EXPECT_EQ(1, manager->audioRenderers);
     EXPECT_EQ(LX_OK, manager->destroyPlayer(player));
@@ -286,8 +278,10 @@ TEST_F(ManagerCoreTest, ListenerMayDestroyItsOwnPlayer) {
     CallingListener listener;
     std::atomic<long> destroyed{0};
     listener.fn = [&] { destroyed = manager->destroyPlayer(p); };
-    p->setEventListener(&listener);
+    // Initialised before the listener comes, so the destroy runs from the kept events' replay: a host
+    // still inside getState() while its own listener frees the player would use freed memory.
     p->getState();
+    p->setEventListener(&listener);
     orAbort(lxtest::waitUntil([&] { return listener.done && LxEventPoster::alive() == posters; }, 20000),
             "destroyPlayer from the player's own listener");
     EXPECT_EQ(LX_OK, destroyed.load());

@@ -1,5 +1,6 @@
 // The MIDI player end to end: a clip played through the factory's player and the FluidSynth
-// device into the sound output's WAV file, heard back for pitch and time.
+// device into the sound output's WAV file, heard back for pitch and time. (Its length against
+// FluidSynth's own rendering is the listening suite's.)
 #include "LxWin32MidiPlayer.h"
 
 #include "LxDataSource.h"
@@ -100,19 +101,6 @@ TEST(MidiPlayerFluidTest, OneNoteClipSoundsAtItsPitchAndTime) {
               10 * rendererkit::tonePower(left, from, 8192, 246.94, rate) +
                   10 * rendererkit::tonePower(left, from, 8192, 277.18, rate))
         << "middle C";
-    // Heard as long as FluidSynth itself renders the file: the release is not cut at the end.
-    if (lxtest::haveTool("fluidsynth")) {
-        const std::string ref = dir.file("ref.wav");
-        ASSERT_EQ(0, lxtest::run("fluidsynth -ni -F '" + ref + "' " LX_MIDI_DEFAULT_SOUNDFONT " '" + clip +
-                                 "' >/dev/null 2>&1"));
-        uint32_t refRate = 0;
-        const std::vector<int16_t> heard = leftOf(ref, &refRate);
-        ASSERT_GT(refRate, 0u);
-        EXPECT_NEAR(
-            static_cast<double>(rendererkit::endOfSound(heard, 3) - rendererkit::firstAbove(heard, 327)) /
-                refRate,
-            static_cast<double>(rendererkit::endOfSound(left, 3) - on) / rate, 0.3);
-    }
 }
 
 }  // namespace

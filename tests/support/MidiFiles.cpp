@@ -173,19 +173,4 @@ int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity
     return result;
 }
 
-std::vector<Played> playStream(const std::vector<Record>& records, int division) {
-    std::vector<Played> out;
-    double t = 0;
-    double tempo = 500000;
-    for (const Record& r : records) {
-        t += r.event.dwDeltaTime * tempo / division;
-        if ((r.event.dwEvent >> 24) == lxp::MEVT_TEMPO) {
-            tempo = r.event.dwEvent & 0xFFFFFF;
-        } else {
-            out.push_back({t, r.event.dwEvent & 0xFFFFFF});
-        }
-    }
-    return out;
-}
-
 }  // namespace miditest

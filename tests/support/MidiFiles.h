@@ -77,14 +77,6 @@ struct StreamBuffer {
 int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity = 1024,
           int maxBuffers = 100000);
 
-/// Stream times in microseconds of the short messages of a record list, as a device computes
-/// them from the deltas, the division and the tempo records.
-struct Played {
-    double micros;
-    uint32_t message;
-};
-std::vector<Played> playStream(const std::vector<Record>& records, int division);
-
 }  // namespace miditest
 
 #endif

@@ -50,7 +50,6 @@ long TestPlayer::entry(void* player) {
 
 void TestPlayer::run() {
     for (;;) {
-        ++passes_;
         if (!beginPass(KT_INFINITE)) {
             break;
         }
@@ -136,10 +135,6 @@ void TestPlayer::reachOwnStopTime() {
         ownEndReached = 1;
         handleStopTime(this);
     });
-}
-
-void TestPlayer::fail(long code) {
-    onPlayerThread([this, code] { catastrophicError(code); });
 }
 
 TestPlayer::Flags TestPlayer::flagsOf(LxNode* node) {

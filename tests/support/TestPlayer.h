@@ -43,8 +43,6 @@ class TestPlayer : public LxPlayer {
     /// The player's own source has reached its end (handleEOM(this)) or its stop time.
     void reachOwnEnd();
     void reachOwnStopTime();
-    /// catastrophicError(code) on the player thread.
-    void fail(long code);
 
     LxAudioOutputConnectable* audioOutput() { return audio_; }
     /// The flags of a node's entry, read on the player thread ('-' when it has none).
@@ -53,7 +51,6 @@ class TestPlayer : public LxPlayer {
         bool prefetched = false, started = false, ended = false;
     };
     Flags flagsOf(LxNode* node);
-    int passes() const { return passes_.load(); }
 
     using LxPlayer::catastrophicError;
     using LxPlayer::findAllDownStream;
@@ -82,7 +79,6 @@ class TestPlayer : public LxPlayer {
     Options options_;
     LxAudioOutputConnectable* audio_ = nullptr;
     std::vector<LxOutputConnectable*> adopted_;
-    std::atomic<int> passes_{0};
 };
 
 }  // namespace lxtest

@@ -29,7 +29,7 @@ TestRendererNode::~TestRendererNode() {
         format_->unref();
     }
     accepted_->unref();
-    for (TestAudioPort* p : ports_) {
+    for (FakeAudioPort* p : ports_) {
         delete p;
     }
     inputNames = nullptr;
@@ -73,13 +73,11 @@ long TestRendererNode::setRate(float* rate) {
 }
 
 long TestRendererNode::setMediaTime(LxTime mediaTime) {
-    ++mediaTimeSets;
     lastMediaTimeUsec = static_cast<long>(mediaTime.sec()) * 1000000L + mediaTime.usec();
     return LX_OK;
 }
 
 long TestRendererNode::setTimeBase(LxTimeBase* timeBase) {
-    ++timeBaseSets;
     const long r = timeBaseResult_.load();
     if (r != LX_OK) {
         return r;
@@ -93,14 +91,13 @@ void TestRendererNode::setLoop(char l) {
 }
 
 void TestRendererNode::prefetch() {
-    ++prefetches;
     if (startMode_.load() != Silent) {
         postEvent(new LxPrefetchCompleteEvent(this));
     }
 }
 
 long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
-    TestAudioPort* p = new TestAudioPort();
+    auto* p = new FakeAudioPort(LxRawChannel, 0.0f);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         ports_.push_back(p);

@@ -1,10 +1,10 @@
-// A renderer node and an audio port for player tests: the node posts start, end-of-media and
+// A renderer node for player tests: the node posts start, end-of-media and
 // stop-at-time events as the test tells it, hands out empty audio frames from a bounded pool and
 // consumes filled ones, keeping every byte it was given.
 #ifndef LORVEX_TESTS_SUPPORT_TESTRENDERER_H
 #define LORVEX_TESTS_SUPPORT_TESTRENDERER_H
 
-#include "LxAudioOutputPort.h"
+#include "FakeAudioPort.h"
 #include "LxAudioRendererNode.h"
 #include "LxConnectable.h"
 #include "LxResult.h"
@@ -15,52 +15,6 @@
 #include <vector>
 
 namespace lxtest {
-
-class TestAudioPort : public LxAudioOutputPort {
-  public:
-    long setSoundLocation(const float* xyz) override {
-        for (int i = 0; i < 3; ++i) {
-            location_[i] = xyz[i];
-        }
-        return LX_OK;
-    }
-    const float* getLocation() const override { return location_; }
-    long setGain(float g) override {
-        gain_ = g;
-        return LX_OK;
-    }
-    long setPan(float p) override {
-        pan_ = p;
-        return LX_OK;
-    }
-    float getPan() const override { return pan_; }
-    float getGain() const override { return gain_; }
-    long setPriority(float p) override {
-        priority_ = p;
-        return LX_OK;
-    }
-    float getPriority() const override { return priority_; }
-    long setSpatialize(char on) override {
-        spatialize_ = on;
-        return LX_OK;
-    }
-    char getSpatialize() const override { return spatialize_; }
-    long grantChannel() override {
-        channelHeld = 1;
-        return LX_OK;
-    }
-    long revokeChannel() override {
-        channelHeld = 0;
-        return LX_OK;
-    }
-
-  private:
-    float location_[3] = {0, 0, 0};
-    float gain_ = 1.0f;
-    float pan_ = 0.0f;
-    float priority_ = 0.0f;
-    char spatialize_ = 0;
-};
 
 class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
   public:
@@ -121,10 +75,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<int> stops{0};
     std::atomic<int> stopAtTimes{0};
     std::atomic<int> flushes{0};
-    std::atomic<int> prefetches{0};
     std::atomic<int> endOfMediaNotes{0};
-    std::atomic<int> mediaTimeSets{0};
-    std::atomic<int> timeBaseSets{0};
     std::atomic<float> lastRate{1.0f};
     std::atomic<char> lastLoop{0};
     std::atomic<long> lastMediaTimeUsec{-1};
@@ -149,7 +100,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     LxInputConnectable* inputList_[1];
     std::mutex mutex_;
     std::string received_;
-    std::vector<TestAudioPort*> ports_;
+    std::vector<FakeAudioPort*> ports_;
 };
 
 /// Connects an output to a renderer as the manager does: the offered format matched against the

@@ -2,38 +2,31 @@
 // and level of each Sound relative to the listener), and how faults in a world are reported.
 #include "VrmlWorld.h"
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <cmath>
-#include <cstdio>
-#include <fstream>
 #include <string>
 
 namespace {
 
 class WorldTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/lorvex-world-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        write("clip.wav", "RIFF");  // only its existence matters to the reader
-    }
-    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+    void SetUp() override { write("clip.wav", "RIFF"); }  // only its existence matters to the reader
 
     std::string write(const std::string& name, const std::string& text) {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path) << text;
-        return path;
+        lxtest::writeFile(dir.file(name), text);
+        return dir.file(name);
     }
     World read(const std::string& text, WorldOptions options = WorldOptions()) {
         World w;
         EXPECT_TRUE(readWorld(write("world.wrl", "#VRML V2.0 utf8\n" + text), options, &w));
         return w;
     }
-    std::string dir_;
+    lxtest::TempDir dir;
+    const std::string dir_ = dir.path();
 };
 
 TEST(EllipseAttenuation, FollowsTheVrmlRampBetweenTheEllipsoids) {

@@ -4,9 +4,9 @@
 #define LORVEX_TESTS_PLATFORM_DSHOW_GRAPHTESTKIT_H
 
 #include "Kt.h"
+#include "filterlib/LxpRendererSink.h"
 #include "platform/dshow/LxpGraph.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "filterlib/LxpRendererSink.h"
 
 #include "GraphClips.h"
 #include "TestSupport.h"
@@ -158,8 +158,9 @@ struct GraphRig {
     RecordingSink audioSink;
     RecordingSink videoSink;
 
-    /// Creates the graph and the renderers asked for; false when something cannot be created.
-    bool create(bool withAudio = true, bool withVideo = true) {
+    /// Creates the graph with both renderers, adds the file's source filter and renders its first
+    /// pin; false when any of it fails.
+    bool open(const std::string& path) {
         if (lxp::FAILED(lxp::CoCreateInstance(lxp::CLSID_FilterGraph, nullptr, lxp::CLSCTX_INPROC_SERVER,
                                               lxp::IID_IGraphBuilder, reinterpret_cast<void**>(&graph)))) {
             return false;
@@ -167,29 +168,17 @@ struct GraphRig {
         graph->QueryInterface(lxp::IID_IMediaControl, reinterpret_cast<void**>(&control));
         graph->QueryInterface(lxp::IID_IMediaSeeking, reinterpret_cast<void**>(&seeking));
         graph->QueryInterface(lxp::IID_IMediaEvent, reinterpret_cast<void**>(&events));
-        if (withAudio && !addRenderer(lxp::CLSID_LxAudioRenderer, L"LxAudioRenderer", &audio, &audioSink)) {
-            return false;
-        }
-        if (withVideo && !addRenderer(lxp::CLSID_LxVideoRenderer, L"LxVideoRenderer", &video, &videoSink)) {
-            return false;
-        }
-        return control != nullptr && seeking != nullptr && events != nullptr;
-    }
-
-    /// create() with both renderers, then render(path); true when both succeed.
-    bool open(const std::string& path) { return create() && render(path) == lxp::S_OK; }
-
-    /// AddSourceFilter and Render of its first pin; the Render result.
-    lxp::HRESULT render(const std::string& path) {
         const std::wstring file(path.begin(), path.end());
-        lxp::HRESULT hr = graph->AddSourceFilter(file.c_str(), L"FilterSource", &source);
-        if (lxp::FAILED(hr)) {
-            return hr;
+        if (!addRenderer(lxp::CLSID_LxAudioRenderer, L"LxAudioRenderer", &audio, &audioSink) ||
+            !addRenderer(lxp::CLSID_LxVideoRenderer, L"LxVideoRenderer", &video, &videoSink) ||
+            control == nullptr || seeking == nullptr || events == nullptr ||
+            lxp::FAILED(graph->AddSourceFilter(file.c_str(), L"FilterSource", &source))) {
+            return false;
         }
         lxp::IPin* pin = firstPin(source);
-        hr = graph->Render(pin);
+        const lxp::HRESULT hr = graph->Render(pin);
         pin->Release();
-        return hr;
+        return hr == lxp::S_OK;
     }
 
     /// The filter's first pin (the caller releases it).

