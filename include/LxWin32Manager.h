@@ -3,13 +3,14 @@
 #define LX_WIN32_MANAGER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxManager.h"
 
 #include <cstdint>
 
 class LxDiagnostics;
 
-class LxWin32Manager : public LxManager {
+class LX_API LxWin32Manager : public LxManager {
   public:
     explicit LxWin32Manager(KtThreadManager* threadManager);
     ~LxWin32Manager() override;

@@ -5,6 +5,7 @@
 #define LX_WIN32_MIXER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxDiagnostics.h"
 #include "LxFormat.h"
 #include "LxMixer.h"
@@ -45,7 +46,7 @@ constexpr int LX_MAX_PORTS = 256;
 /// Every operation may be called from any thread. Port operations hold the port's slot lock for
 /// their whole run, except that a streaming write lets it go while it sleeps. Sleeps go through
 /// the platform clock. No operation waits for the sound device's mixing thread.
-class LxWin32Mixer : public LxMixer {
+class LX_API LxWin32Mixer : public LxMixer {
   public:
     enum LxMixerState_s { CLOSED = 0, UNINITIALIZED = 1, READY = 2 };
 
