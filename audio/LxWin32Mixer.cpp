@@ -15,6 +15,102 @@
 using lxmixer::Hold;
 using namespace lxp;
 
+namespace {
+
+/// The device, and the listener where there is one, each with a reference taken under the mixer
+/// lock so that a buffer can be made and set up outside it; both are let go at the end of the scope.
+struct DeviceRefs {
+    IDirectSound* ds = nullptr;
+    IDirectSound3DListener* lis = nullptr;
+
+    DeviceRefs() = default;
+    DeviceRefs(const DeviceRefs&) = delete;
+    DeviceRefs& operator=(const DeviceRefs&) = delete;
+    ~DeviceRefs() {
+        if (lis != nullptr) {
+            lis->Release();
+        }
+        if (ds != nullptr) {
+            ds->Release();
+        }
+    }
+    /// Mixer lock held.
+    void take(IDirectSound* device, IDirectSound3DListener* listener) {
+        ds = device;
+        ds->AddRef();
+        if (listener != nullptr) {
+            lis = listener;
+            lis->AddRef();
+        }
+    }
+    void commitDeferred() const {
+        if (lis != nullptr) {
+            lis->CommitDeferredSettings();
+        }
+    }
+};
+
+/// The 3D interface of a secondary buffer, or null (with a debug line naming which buffer).
+IDirectSound3DBuffer* query3D(IDirectSoundBuffer* sb, const char* which) {
+    IDirectSound3DBuffer* b3 = nullptr;
+    if (FAILED(sb->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3))) ||
+        b3 == nullptr) {
+        LxLog::postDebug("LxWin32Mixer:  Failed to get the 3D interface to %s\n", which);
+        return nullptr;
+    }
+    return b3;
+}
+
+void place3D(IDirectSound3DBuffer* b3, const LxWin32AudioPortData* rec, uint32_t apply) {
+    b3->SetPosition(rec->location[0], rec->location[1], rec->location[2], apply);
+}
+
+void mode3D(IDirectSound3DBuffer* b3, const LxWin32AudioPortData* rec, uint32_t apply) {
+    b3->SetMode(rec->spatialize ? DS3DMODE_NORMAL : DS3DMODE_DISABLE, apply);
+}
+
+/// Takes the record's buffers off it under the mixer lock (with whatever else alsoLocked does
+/// there), then stops and lets them go outside it.
+template <class AlsoLocked>
+void dropBuffers(KtMutex* mutex, LxWin32AudioPortData* rec, AlsoLocked alsoLocked) {
+    IDirectSound3DBuffer* b3;
+    IDirectSoundBuffer* sb;
+    {
+        Hold m(mutex);
+        b3 = rec->buffer3D;
+        sb = rec->soundBuffer;
+        rec->buffer3D = nullptr;
+        rec->soundBuffer = nullptr;
+        alsoLocked();
+    }
+    if (b3 != nullptr) {
+        b3->Release();
+    }
+    if (sb != nullptr) {
+        sb->Stop();
+        sb->Release();
+    }
+}
+
+/// A new record for config in a slot reserve() hands out: LX_OK, LX_ERR_OUT_OF_MEMORY, or
+/// LX_ERR_GENERIC when no slot is free. Mixer lock held.
+template <class Reserve>
+long newRecord(const LxWin32AudioPortConfig& config, Reserve reserve, LxWin32AudioPortData** rec, short* n) {
+    *rec = new (std::nothrow) LxWin32AudioPortData(config);
+    if (*rec == nullptr) {
+        return LX_ERR_OUT_OF_MEMORY;
+    }
+    *n = reserve();
+    if (*n < 0) {
+        delete *rec;
+        *rec = nullptr;
+        return LX_ERR_GENERIC;
+    }
+    return LX_OK;
+}
+
+}  // namespace
+
 LxWin32Mixer::LxWin32Mixer()
     : state(UNINITIALIZED),
       audibleMode(LxAudibleAlways),
@@ -91,6 +187,24 @@ long LxWin32Mixer::readyRecord(bool slotHeld, short port, LxWin32AudioPortData**
     return *rec != nullptr ? LX_OK : LX_ERR_NO_PORT;
 }
 
+long LxWin32Mixer::openRecord(bool slotHeld, short port, LxWin32AudioPortData** rec) {
+    *rec = nullptr;
+    if (state.load() == CLOSED) {
+        return LX_ERR_MIXER_STATE;
+    }
+    *rec = slotHeld ? record(port) : nullptr;
+    return *rec != nullptr ? LX_OK : LX_ERR_NO_PORT;
+}
+
+long LxWin32Mixer::channelRecord(bool slotHeld, short port, LxWin32AudioPortData** rec) {
+    const long ready = readyRecord(slotHeld, port, rec);
+    if (ready == LX_OK && (*rec)->noChannel) {
+        *rec = nullptr;
+        return LX_ERR_NO_PORT;
+    }
+    return ready;
+}
+
 short LxWin32Mixer::reserveSlotLocked() {
     for (short n = 0; n < LX_MAX_PORTS; ++n) {
         if (ports[n] == nullptr && !reserved[n]) {
@@ -115,25 +229,11 @@ bool LxWin32Mixer::storeReserved(short port, LxWin32AudioPortData* rec) {
 }
 
 void LxWin32Mixer::destroyRecord(short port, LxWin32AudioPortData* rec) {
-    IDirectSound3DBuffer* b3;
-    IDirectSoundBuffer* sb;
-    {
-        Hold m(mutex);
-        b3 = rec->buffer3D;
-        sb = rec->soundBuffer;
-        rec->buffer3D = nullptr;
-        rec->soundBuffer = nullptr;
+    dropBuffers(mutex, rec, [this, port, rec] {
         if (ports[port] == rec) {
             ports[port] = nullptr;
         }
-    }
-    if (b3 != nullptr) {
-        b3->Release();
-    }
-    if (sb != nullptr) {
-        sb->Stop();
-        sb->Release();
-    }
+    });
     delete rec;
 }
 
@@ -149,14 +249,10 @@ long LxWin32Mixer::openPort(LxWin32AudioPortConfig* config, short& portNumber) {
         if (config == nullptr) {
             return LX_ERR_GENERIC;
         }
-        rec = new (std::nothrow) LxWin32AudioPortData(*config);
-        if (rec == nullptr) {
-            return LX_ERR_OUT_OF_MEMORY;
-        }
-        n = reserveSlotLocked();
-        if (n < 0) {
-            delete rec;
-            return LX_ERR_GENERIC;
+        const long made = newRecord(
+            *config, [this] { return reserveSlotLocked(); }, &rec, &n);
+        if (made != LX_OK) {
+            return made;
         }
     }
     // The slot's lock is taken only now, with the mixer lock let go (slot before mixer, always).
@@ -190,14 +286,10 @@ long LxWin32Mixer::duplicatePort(short port, short& newPort) {
         }
         LxWin32AudioPortConfig config(src->channels, src->format, src->rate, src->bufferSize,
                                       src->isStreaming, src->isResident);
-        rec = new (std::nothrow) LxWin32AudioPortData(config);
-        if (rec == nullptr) {
-            return LX_ERR_OUT_OF_MEMORY;
-        }
-        n = reserveSlotLocked();
-        if (n < 0) {
-            delete rec;
-            return LX_ERR_GENERIC;
+        const long made = newRecord(
+            config, [this] { return reserveSlotLocked(); }, &rec, &n);
+        if (made != LX_OK) {
+            return made;
         }
         LxLog::postDebug("LxWin32Mixer:  Opening port %d\n", n);
     }
@@ -257,12 +349,10 @@ long LxWin32Mixer::closePort(short port) {
 
 long LxWin32Mixer::acquireChannel(short port) {
     Hold slot(slotLock(port));
-    if (state.load() == CLOSED) {
-        return LX_ERR_MIXER_STATE;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long open = openRecord(slot.valid(), port, &rec);
+    if (open != LX_OK) {
+        return open;
     }
     rec->noChannel = 0;
     if (rec->soundBuffer != nullptr) {
@@ -286,31 +376,14 @@ long LxWin32Mixer::acquireChannel(short port) {
 
 long LxWin32Mixer::releaseChannel(short port, char destroy) {
     Hold slot(slotLock(port));
-    if (state.load() == CLOSED) {
-        return LX_ERR_MIXER_STATE;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long open = openRecord(slot.valid(), port, &rec);
+    if (open != LX_OK) {
+        return open;
     }
     rec->noChannel = 1;
     if (destroy) {
-        IDirectSound3DBuffer* b3;
-        IDirectSoundBuffer* sb;
-        {
-            Hold m(mutex);
-            b3 = rec->buffer3D;
-            sb = rec->soundBuffer;
-            rec->buffer3D = nullptr;
-            rec->soundBuffer = nullptr;
-        }
-        if (b3 != nullptr) {
-            b3->Release();
-        }
-        if (sb != nullptr) {
-            sb->Stop();
-            sb->Release();
-        }
+        dropBuffers(mutex, rec, [] {});
     } else if (rec->soundBuffer != nullptr) {
         stopPort(port, 0);  // the loop flag survives, so a looping resident clip resumes
     }
@@ -480,8 +553,7 @@ long LxWin32Mixer::setPositionAllPorts(LxWin32AudioPortData* rec, uint32_t posit
 }
 
 long LxWin32Mixer::initSecondarySoundBuffer(LxWin32AudioPortData* rec) {
-    IDirectSound* ds = nullptr;
-    IDirectSound3DListener* lis = nullptr;
+    DeviceRefs refs;
     bool spatial = false;
     uint32_t flags = DSBCAPS_CTRLFREQUENCY | DSBCAPS_CTRLVOLUME;
     {
@@ -497,12 +569,7 @@ long LxWin32Mixer::initSecondarySoundBuffer(LxWin32AudioPortData* rec) {
         }
         spatial = has3D && spatializeSounds;
         flags |= spatial ? DSBCAPS_CTRL3D : DSBCAPS_CTRLPAN;
-        ds = directSound;
-        ds->AddRef();
-        if (spatial && listener != nullptr) {
-            lis = listener;
-            lis->AddRef();
-        }
+        refs.take(directSound, spatial ? listener : nullptr);
     }
     WAVEFORMATEX wf;
     wf.wFormatTag = WAVE_FORMAT_PCM;
@@ -521,45 +588,35 @@ long LxWin32Mixer::initSecondarySoundBuffer(LxWin32AudioPortData* rec) {
     d.dwBufferBytes = static_cast<uint32_t>(rec->bufferSize);
     d.lpwfxFormat = &wf;
     IDirectSoundBuffer* sb = nullptr;
-    long result = LX_OK;
-    if (FAILED(ds->CreateSoundBuffer(&d, &sb, nullptr)) || sb == nullptr) {
+    if (FAILED(refs.ds->CreateSoundBuffer(&d, &sb, nullptr)) || sb == nullptr) {
         LxLog::postDebug("LxWin32Mixer:  Failed to create a secondary buffer\n");
-        result = LX_ERR_SECONDARY_BUFFER;
-    } else {
-        {
-            Hold m(mutex);
-            rec->soundBuffer = sb;
-        }
-        sb->SetVolume(rec->volume);
-        sb->SetPan(rec->panValue);
-        // A tempo of 0 or below gives 0, which the device takes as the buffer's own rate.
-        if (FAILED(sb->SetFrequency(lxmixer::frequencyOf(static_cast<double>(rec->tempo * rec->rate))))) {
-            LxLog::postDebug("LxWin32Mixer:  failed to setFrequency\n");
-        }
-        if (spatial) {
-            IDirectSound3DBuffer* b3 = nullptr;
-            if (FAILED(sb->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3))) ||
-                b3 == nullptr) {
-                LxLog::postDebug("LxWin32Mixer:  Failed to get the 3D interface to secondary buffer\n");
-                result = LX_ERR_NO_3D_BUFFER;
-            } else {
-                {
-                    Hold m(mutex);
-                    rec->buffer3D = b3;
-                }
-                b3->SetPosition(rec->location[0], rec->location[1], rec->location[2], DS3D_DEFERRED);
-                b3->SetMode(rec->spatialize ? DS3DMODE_NORMAL : DS3DMODE_DISABLE, DS3D_DEFERRED);
-                if (lis != nullptr) {
-                    lis->CommitDeferredSettings();
-                }
-            }
-        }
+        return LX_ERR_SECONDARY_BUFFER;
     }
-    if (lis != nullptr) {
-        lis->Release();
+    {
+        Hold m(mutex);
+        rec->soundBuffer = sb;
     }
-    ds->Release();
-    return result;
+    sb->SetVolume(rec->volume);
+    sb->SetPan(rec->panValue);
+    // A tempo of 0 or below gives 0, which the device takes as the buffer's own rate.
+    if (FAILED(sb->SetFrequency(lxmixer::frequencyOf(static_cast<double>(rec->tempo * rec->rate))))) {
+        LxLog::postDebug("LxWin32Mixer:  failed to setFrequency\n");
+    }
+    if (!spatial) {
+        return LX_OK;
+    }
+    IDirectSound3DBuffer* b3 = query3D(sb, "secondary buffer");
+    if (b3 == nullptr) {
+        return LX_ERR_NO_3D_BUFFER;
+    }
+    {
+        Hold m(mutex);
+        rec->buffer3D = b3;
+    }
+    place3D(b3, rec, DS3D_DEFERRED);
+    mode3D(b3, rec, DS3D_DEFERRED);
+    refs.commitDeferred();
+    return LX_OK;
 }
 
 void LxWin32Mixer::applyStoredSettings(LxWin32AudioPortData* rec) {
@@ -570,8 +627,8 @@ void LxWin32Mixer::applyStoredSettings(LxWin32AudioPortData* rec) {
         sb->SetFrequency(lxmixer::frequencyOf(static_cast<double>(rec->tempo * rec->rate)));
     }
     if (rec->buffer3D != nullptr) {
-        rec->buffer3D->SetPosition(rec->location[0], rec->location[1], rec->location[2], DS3D_IMMEDIATE);
-        rec->buffer3D->SetMode(rec->spatialize ? DS3DMODE_NORMAL : DS3DMODE_DISABLE, DS3D_IMMEDIATE);
+        place3D(rec->buffer3D, rec, DS3D_IMMEDIATE);
+        mode3D(rec->buffer3D, rec, DS3D_IMMEDIATE);
     }
 }
 
@@ -580,59 +637,42 @@ long LxWin32Mixer::duplicateSoundBuffer(short sourcePort, short newPort) {
 }
 
 long LxWin32Mixer::duplicateInto(LxWin32AudioPortData* src, LxWin32AudioPortData* rec) {
-    IDirectSound* ds = nullptr;
-    IDirectSound3DListener* lis = nullptr;
+    DeviceRefs refs;
     bool spatial = false;
     {
         Hold m(mutex);
         if (directSound == nullptr || src == nullptr || rec == nullptr || src->soundBuffer == nullptr) {
             return LX_ERR_GENERIC;
         }
-        ds = directSound;
-        ds->AddRef();
+        refs.take(directSound, listener);
         spatial = has3D && spatializeSounds;
-        if (listener != nullptr) {
-            lis = listener;
-            lis->AddRef();
-        }
     }
-    long result = LX_OK;
     IDirectSoundBuffer* dup = nullptr;
-    if (FAILED(ds->DuplicateSoundBuffer(src->soundBuffer, &dup)) || dup == nullptr) {
-        result = LX_ERR_GENERIC;
+    if (FAILED(refs.ds->DuplicateSoundBuffer(src->soundBuffer, &dup)) || dup == nullptr) {
+        return LX_ERR_GENERIC;
+    }
+    {
+        Hold m(mutex);
+        rec->soundBuffer = dup;
+    }
+    // The duplicate plays the same format: its timing works from the same byte rate.
+    rec->bytesPerSecond = src->bytesPerSecond;
+    IDirectSound3DBuffer* b3 = query3D(dup, "the new secondary buffer");
+    if (b3 == nullptr) {
+        return LX_ERR_NO_3D_BUFFER;
+    }
+    place3D(b3, rec, DS3D_DEFERRED);
+    dup->SetVolume(rec->volume);
+    dup->SetPan(rec->panValue);
+    if (spatial) {
+        mode3D(b3, rec, DS3D_DEFERRED);
+        refs.commitDeferred();
+        Hold m(mutex);
+        rec->buffer3D = b3;
     } else {
-        {
-            Hold m(mutex);
-            rec->soundBuffer = dup;
-        }
-        // The duplicate plays the same format: its timing works from the same byte rate.
-        rec->bytesPerSecond = src->bytesPerSecond;
-        IDirectSound3DBuffer* b3 = nullptr;
-        if (FAILED(dup->QueryInterface(IID_IDirectSound3DBuffer, reinterpret_cast<void**>(&b3))) ||
-            b3 == nullptr) {
-            LxLog::postDebug("LxWin32Mixer:  Failed to get the 3D interface to the new secondary buffer\n");
-            result = LX_ERR_NO_3D_BUFFER;
-        } else {
-            b3->SetPosition(rec->location[0], rec->location[1], rec->location[2], DS3D_DEFERRED);
-            dup->SetVolume(rec->volume);
-            dup->SetPan(rec->panValue);
-            if (spatial) {
-                b3->SetMode(rec->spatialize ? DS3DMODE_NORMAL : DS3DMODE_DISABLE, DS3D_DEFERRED);
-                if (lis != nullptr) {
-                    lis->CommitDeferredSettings();
-                }
-                Hold m(mutex);
-                rec->buffer3D = b3;
-            } else {
-                b3->Release();
-            }
-        }
+        b3->Release();
     }
-    if (lis != nullptr) {
-        lis->Release();
-    }
-    ds->Release();
-    return result;
+    return LX_OK;
 }
 
 long LxWin32Mixer::adjustPrimaryBuffer(LxWin32AudioPortData* rec) {

@@ -31,27 +31,37 @@ void logLockFailure(HRESULT hr) {
     }
 }
 
+/// The (at most two, at the wrap) parts of a secondary buffer's locked region.
+struct LockedParts {
+    void* p1 = nullptr;
+    void* p2 = nullptr;
+    uint32_t n1 = 0;
+    uint32_t n2 = 0;
+};
+
+/// Locks bytes of the port's buffer from its write position.
+HRESULT lockAtWritePosition(LxWin32AudioPortData* rec, long bytes, LockedParts* parts) {
+    return rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition), static_cast<uint32_t>(bytes),
+                                  &parts->p1, &parts->n1, &parts->p2, &parts->n2, 0);
+}
+
 /// Writes bytes at the port's write position, fill(part, size, offset) supplying each of the
 /// (at most two, at the wrap) parts of the locked region, and moves the write position past them.
 /// *copied: the bytes written; LX_ERR_GENERIC when the buffer cannot be locked.
 template <class Fill>
 long writeAtWritePosition(LxWin32AudioPortData* rec, long bytes, Fill fill, long* copied) {
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    uint32_t n1 = 0;
-    uint32_t n2 = 0;
-    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
-                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
+    LockedParts r;
+    const HRESULT hr = lockAtWritePosition(rec, bytes, &r);
     if (FAILED(hr)) {
         logLockFailure(hr);
         return LX_ERR_GENERIC;
     }
-    fill(p1, n1, 0);
-    if (p2 != nullptr && n2 > 0) {
-        fill(p2, n2, n1);
+    fill(r.p1, r.n1, 0);
+    if (r.p2 != nullptr && r.n2 > 0) {
+        fill(r.p2, r.n2, r.n1);
     }
-    rec->soundBuffer->Unlock(p1, n1, p2, n2);
-    *copied = static_cast<long>(n1) + static_cast<long>(n2);
+    rec->soundBuffer->Unlock(r.p1, r.n1, r.p2, r.n2);
+    *copied = static_cast<long>(r.n1) + static_cast<long>(r.n2);
     rec->writePosition += static_cast<int32_t>(*copied);
     if (rec->writePosition >= rec->bufferSize) {
         rec->writePosition -= rec->bufferSize;
@@ -235,12 +245,8 @@ long LxWin32Mixer::writeResidentFrames(short port, unsigned char* data, long byt
     // Only the room left is locked: bytes past the buffer's end are dropped, and the buffer ends
     // exactly full even when one call brings more than the whole buffer holds.
     bytes = std::min(bytes, static_cast<long>(rec->bufferSize - rec->writePosition));
-    void* p1 = nullptr;
-    void* p2 = nullptr;
-    uint32_t n1 = 0;
-    uint32_t n2 = 0;
-    const HRESULT hr = rec->soundBuffer->Lock(static_cast<uint32_t>(rec->writePosition),
-                                              static_cast<uint32_t>(bytes), &p1, &n1, &p2, &n2, 0);
+    LockedParts r;
+    const HRESULT hr = lockAtWritePosition(rec, bytes, &r);
     if (FAILED(hr)) {
         if (hr == DSERR_BUFFERLOST) {
             LxLog::postDebug("LxWin32Mixer: DirectSound buffer lost\n");
@@ -250,20 +256,18 @@ long LxWin32Mixer::writeResidentFrames(short port, unsigned char* data, long byt
                          static_cast<unsigned>(hr));
         return LX_ERR_RESIDENT_FULL;
     }
-    std::memcpy(p1, data + byteOffset, n1);
-    rec->soundBuffer->Unlock(p1, n1, p2, 0);
-    rec->writePosition += static_cast<int32_t>(n1);
+    std::memcpy(r.p1, data + byteOffset, r.n1);
+    rec->soundBuffer->Unlock(r.p1, r.n1, r.p2, 0);
+    rec->writePosition += static_cast<int32_t>(r.n1);
     return LX_OK;
 }
 
 long LxWin32Mixer::fillSilence(short port, long frames) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr || rec->noChannel) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = channelRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     LxLog::postDebug("LxWin32Mixer:  fillSilence %d zeros\n", static_cast<int>(frames));
     const long bytes = (rec->format != LxSample8 ? 2 : 1) * (rec->channels != LxMono ? 2 : 1) * frames;
@@ -272,12 +276,10 @@ long LxWin32Mixer::fillSilence(short port, long frames) {
 
 long LxWin32Mixer::fillSilence(short port, const LxTime& duration) {
     Hold slot(slotLock(port));
-    if (state.load() != READY) {
-        return LX_ERR_MIXER_NOT_READY;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr || rec->noChannel) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long ready = channelRecord(slot.valid(), port, &rec);
+    if (ready != LX_OK) {
+        return ready;
     }
     // Whole sample frames only, so that the write position never lands inside a frame.
     long bytes = static_cast<long>(std::floor(duration.getValue() * rec->bytesPerSecond));

@@ -570,12 +570,10 @@ long LxWin32Mixer::setPan(short port, float pan) {
         }
     }
     Hold slot(slotLock(port));
-    if (state.load() == CLOSED) {
-        return LX_ERR_MIXER_STATE;
-    }
-    LxWin32AudioPortData* rec = slot.valid() ? record(port) : nullptr;
-    if (rec == nullptr) {
-        return LX_ERR_NO_PORT;
+    LxWin32AudioPortData* rec = nullptr;
+    const long open = openRecord(slot.valid(), port, &rec);
+    if (open != LX_OK) {
+        return open;
     }
     rec->pan = pan;
     rec->panValue = panToPanValue(pan);

@@ -98,6 +98,11 @@ function(lorvex_add_component name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES;INCLUDES;DEFINITIONS" ${ARGN})
     add_library(lorvex_${name} OBJECT ${ARG_SOURCES})
     set_target_properties(lorvex_${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    if(LORVEX_HIDE_INTERNALS)
+        # Only what the headers mark LX_API leaves the library.
+        set_target_properties(lorvex_${name} PROPERTIES C_VISIBILITY_PRESET hidden
+            CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    endif()
     file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
     string(REGEX REPLACE "/.*" "" folder "${folder}")
     lorvex_use_layer(lorvex_${name} ${folder})

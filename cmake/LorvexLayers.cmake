@@ -20,6 +20,7 @@ set(LORVEX_LAYER_RANKS
 # Public header (in include/) and the folder that owns it: the one that implements it or, for a
 # pure interface, the lowest one that needs it.
 set(LORVEX_HEADER_OWNERS
+    LxApi.h=platform
     Kt.h=platform
     LxPlatform.h=platform
     LxPlatformGraph.h=platform

@@ -6,6 +6,8 @@
 #ifndef KT_H
 #define KT_H
 
+#include "LxApi.h"
+
 #include <cstdint>
 
 /// Result code of almost every operation in the library; 1 is success (codes in LxResult.h).
@@ -22,11 +24,11 @@ typedef unsigned long KtThreadId;
 
 /// Answers whether this thread library supports the interface version major.minor (nonzero when it
 /// does). The library implements version 1.16 and everything before it within major version 1.
-long KtCheckVersion(long major, long minor);
+LX_API long KtCheckVersion(long major, long minor);
 
 /// A mutex that its owner may lock again (every lock must be undone by one unlock).
 /// Created with create() and destroyed with delete by its owner.
-class KtMutex {
+class LX_API KtMutex {
   public:
     static KtMutex* create();
     ~KtMutex();
@@ -47,7 +49,7 @@ class KtMutex {
 /// depth), sleeps until notified or until the time-out, and takes the lock back at the same depth.
 /// Call notify()/notifyAll() with the lock held, as every caller in the library does, so that a
 /// notification cannot fall between a waiter's check and its wait.
-class KtWaitNotify {
+class LX_API KtWaitNotify {
   public:
     KtWaitNotify();
     virtual ~KtWaitNotify();
@@ -119,7 +121,7 @@ class KtScopedUnlock {
 
 /// A gate: closed gates hold waiters back, an open gate lets every waiter through and stays open
 /// until it is closed again.
-class KtGateLock {
+class LX_API KtGateLock {
   public:
     /// A new gate, closed.
     static KtGateLock* create();
@@ -145,7 +147,7 @@ class KtGateLock {
 typedef long (*KtThreadEntry)(void* argument);
 
 /// One thread, created not yet running by a KtThreadManager and released through it.
-class KtThread {
+class LX_API KtThread {
   public:
     virtual ~KtThread() {}
     /// Starts the thread (once). Returns 1, or 0x201 when it cannot be started.
@@ -156,7 +158,7 @@ class KtThread {
 };
 
 /// The thread factory a host hands to the library. Every thread of the library is made here.
-class KtThreadManager {
+class LX_API KtThreadManager {
   public:
     virtual ~KtThreadManager() {}
     /// A new thread that will run entry(argument) once started, or null when none can be made.
@@ -174,7 +176,7 @@ class KtThreadManager {
 };
 
 /// The thread manager a host can simply instantiate: POSIX threads, no limits.
-class KtDefaultThreadManager : public KtThreadManager {
+class LX_API KtDefaultThreadManager : public KtThreadManager {
   public:
     KtDefaultThreadManager();
     ~KtDefaultThreadManager() override;
@@ -195,7 +197,7 @@ typedef void* KtModule;
 /// ("qlm13_dshow.dll" -> "libqlm13_dshow.so"); a name containing '/' is used as a path as given.
 /// Search order: the directories added with addSearchDirectory (newest first), the directory the
 /// Lorvex library itself was loaded from, then the system's library search path.
-class KtWin32Library {
+class LX_API KtWin32Library {
   public:
     static KtModule LoadWin32Library(const char* name);
     static void* GetProcAddress(KtModule module, const char* symbol);

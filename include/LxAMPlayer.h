@@ -4,6 +4,7 @@
 #define LX_AM_PLAYER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxPlayer.h"
 #include "LxTime.h"
 
@@ -33,7 +34,9 @@ class IPin;
 /// delivery threads call only filterGateWait and getStreamEpoch. The graph is paused to cue,
 /// run once the start time has come (a graph of sound alone just before it, see cueLead), paused
 /// on a stop, seeked, looped inside the graph and polled for its end.
-class LxAMPlayer : public LxPlayer {
+///
+/// Exported also as the filter plug-in's interface: its renderer filters wait at the filter gate.
+class LX_API LxAMPlayer : public LxPlayer {
   public:
     /// Starts the player's thread, which initialises the player from the source by itself.
     LxAMPlayer(LxManager* manager, LxDataSource* dataSource);

@@ -3,6 +3,8 @@
 #ifndef LX_AUDIO_OUTPUT_PORT_H
 #define LX_AUDIO_OUTPUT_PORT_H
 
+#include "LxApi.h"
+
 /// Which kind of channel a port competes for. 2 stands for "no type" where an operation reports a
 /// type through an out-parameter.
 enum LxAudioChannelType_s { LxRawChannel = 0, LxMidiChannel = 1 };
@@ -10,7 +12,7 @@ enum LxAudioChannelType_s { LxRawChannel = 0, LxMidiChannel = 1 };
 /// The per-sound controls scene nodes set, and the channel protocol of the manager's arbitration:
 /// the manager calls grantChannel() when it gives the port a channel and revokeChannel() when it
 /// takes it away, and ranks ports by getPriority() and getGain().
-class LxAudioOutputPort {
+class LX_API LxAudioOutputPort {
   public:
     LxAudioOutputPort() : channelHeld(0), channelType(LxRawChannel) {}
     LxAudioOutputPort(const LxAudioOutputPort& other)

@@ -4,6 +4,7 @@
 #define LX_AUDIO_PLAYER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxConnectable.h"
 #include "LxFormat.h"
 #include "LxPlayer.h"
@@ -13,7 +14,7 @@ class LxDataSource;
 class LxNode;
 
 /// Reads a clip's header and copies its samples into frames. Used on the player thread only.
-class LxAudioParser {
+class LX_API LxAudioParser {
   public:
     virtual ~LxAudioParser() {}
 
@@ -51,7 +52,7 @@ class LxAudioParser {
 /// duration change and an initialized event), and while STARTED keeps the renderer supplied with
 /// frames, loops back to the start at the end of the file when looping, and stops the player at
 /// its stop time. The parser and the file are touched on that thread only.
-class LxAudioPlayer : public LxPlayer {
+class LX_API LxAudioPlayer : public LxPlayer {
   public:
     LxAudioPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Ends the thread, then destroys the graph's nodes, the parser and the output.

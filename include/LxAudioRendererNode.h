@@ -3,12 +3,13 @@
 #ifndef LX_AUDIO_RENDERER_NODE_H
 #define LX_AUDIO_RENDERER_NODE_H
 
+#include "LxApi.h"
 #include "LxAudioOutputPort.h"
 #include "LxNode.h"
 
 /// Abstract audio renderer. Implementations also derive from LxInputConnectable (whose
 /// LxConnectable base is virtual, so the two bases share one connectable part).
-class LxAudioRendererNode : public LxNode {
+class LX_API LxAudioRendererNode : public LxNode {
   public:
     explicit LxAudioRendererNode(LxManager* manager) : LxNode(manager) {}
 

@@ -3,6 +3,7 @@
 #define LX_BASE_VIDEO_RENDERER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxConnectable.h"
 #include "LxFormat.h"
 #include "LxVideoRenderer.h"
@@ -34,7 +35,7 @@ class LxQueue;
 ///
 /// The renderer's thread starts in the constructor and may call its virtual operations (flush,
 /// handleStop, handleEOM); do not derive from this class.
-class LxBaseVideoRenderer : public LxVideoRenderer {
+class LX_API LxBaseVideoRenderer : public LxVideoRenderer {
   public:
     /// Builds the pool, the "Video" input and the accepted formats, then starts the renderer's
     /// thread through the manager's thread manager. The node starts STOPPED.

@@ -2,6 +2,7 @@
 #ifndef LX_CLOCK_H
 #define LX_CLOCK_H
 
+#include "LxApi.h"
 #include "LxTime.h"
 
 class LxTimeBase;
@@ -9,7 +10,7 @@ class LxTimeBase;
 /// A media clock: started at a reference time, it runs at a rate from a media-time origin, and can
 /// be stopped at once or at a reference time. While it runs, its rate, origin, start time and time
 /// base cannot change (0x251). Not thread-safe: its owner calls it under its own lock.
-class LxClock {
+class LX_API LxClock {
   public:
     virtual ~LxClock() {}
     virtual long startAtTime(LxTime refTime) = 0;
@@ -27,7 +28,7 @@ class LxClock {
     virtual LxTimeBase* getTimeBase() = 0;
 };
 
-class LxBasicClock : public virtual LxClock {
+class LX_API LxBasicClock : public virtual LxClock {
   public:
     LxBasicClock();
 

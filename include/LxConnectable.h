@@ -6,10 +6,14 @@
 // keeps filled frames in its queue until the consumer asks for one (getFrameForTime). Empty frames
 // always come from the consumer (getEmptyFrame) and go back to it (putEmptyFrame), so the
 // consumer's pool bounds the memory in flight. A frame has exactly one holder at a time.
+//
+// Exported for hosts and as the filter plug-in's interface: its renderer filters feed the two
+// concrete outputs.
 #ifndef LX_CONNECTABLE_H
 #define LX_CONNECTABLE_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxFormat.h"
 #include "LxTime.h"
 
@@ -19,7 +23,7 @@ class LxNode;
 class LxQueue;
 class LxInputConnectable;
 
-class LxConnectable {
+class LX_API LxConnectable {
   public:
     virtual ~LxConnectable() {}
     virtual KtResult setFormat(LxFormat* format) = 0;
@@ -31,7 +35,7 @@ class LxConnectable {
     virtual void flush() = 0;
 };
 
-class LxOutputConnectable : public virtual LxConnectable {
+class LX_API LxOutputConnectable : public virtual LxConnectable {
   public:
     virtual KtResult connectTo(LxInputConnectable* input) = 0;
     virtual LxInputConnectable* connectedTo() = 0;
@@ -43,7 +47,7 @@ class LxOutputConnectable : public virtual LxConnectable {
     virtual LxFrame* getFrameForTime(LxTime curTime, LxTime timeout) = 0;
 };
 
-class LxInputConnectable : public virtual LxConnectable {
+class LX_API LxInputConnectable : public virtual LxConnectable {
   public:
     virtual KtResult connectTo(LxOutputConnectable* output) = 0;
     virtual LxOutputConnectable* connectedTo() = 0;
@@ -63,7 +67,7 @@ class LxInputConnectable : public virtual LxConnectable {
 /// Set up on the producer's or manager's thread (initFormats, initConnectable, setFormat,
 /// connectTo) before frames flow; afterwards the producer's thread calls queueFrame and the
 /// consumer's thread getFrameForTime and flush. The frame queue is the only shared structure.
-class LxAudioOutputConnectable : public LxOutputConnectable {
+class LX_API LxAudioOutputConnectable : public LxOutputConnectable {
   public:
     LxAudioOutputConnectable();
     /// In pull style, destroys the frames still queued (they are not given back).
@@ -126,7 +130,7 @@ class LxAudioOutputConnectable : public LxOutputConnectable {
 /// The producer's thread calls queueFrame and dropFrame; the consumer (the browser's painting
 /// thread or the video renderer's thread) calls getFrameForTime. Appends and drops hold the
 /// frame queue's own lock, so a drop never interleaves with an append.
-class LxVideoOutputConnectable : public LxOutputConnectable {
+class LX_API LxVideoOutputConnectable : public LxOutputConnectable {
   public:
     LxVideoOutputConnectable();
     /// Frames still queued are destroyed: nobody else can reach them any more.

@@ -3,13 +3,15 @@
 #ifndef LX_DATA_SOURCE_H
 #define LX_DATA_SOURCE_H
 
+#include "LxApi.h"
+
 #include <cstdint>
 
 class LxManager;
 
 /// A clip. The content name (MIME-style) decides which player the manager's factory creates;
 /// players then read a local file by the name the source gives.
-class LxDataSource {
+class LX_API LxDataSource {
   public:
     enum SourceTypes { PushSource = 0, PullSource = 1 };
 
@@ -45,7 +47,7 @@ class LxDataSource {
 
 /// A source the player reads from: by position and length, or through a local file name.
 /// Hosts may supply their own.
-class LxPullDataSource : public LxDataSource {
+class LX_API LxPullDataSource : public LxDataSource {
   public:
     LxPullDataSource() : reserved(0) { sourceType = PullSource; }
     LxPullDataSource(LxManager* m, const char* u) : LxDataSource(m, u), reserved(0) {
@@ -79,7 +81,7 @@ class LxTransferHandler;
 
 /// A source that pushes its data to the library. The library implements no push source and no
 /// player accepts one; the interface exists for hosts that define their own.
-class LxPushDataSource : public LxDataSource {
+class LX_API LxPushDataSource : public LxDataSource {
   public:
     LxPushDataSource() { sourceType = PushSource; }
     LxPushDataSource(LxManager* m, const char* u) : LxDataSource(m, u) { sourceType = PushSource; }
@@ -91,7 +93,7 @@ class LxPushDataSource : public LxDataSource {
 };
 
 /// One stream of a push source.
-class LxPushSourceStream {
+class LX_API LxPushSourceStream {
   public:
     virtual ~LxPushSourceStream() {}
     virtual long read(char* buffer, long* length) = 0;
@@ -101,7 +103,7 @@ class LxPushSourceStream {
 };
 
 /// Told by a push stream that data has arrived.
-class LxTransferHandler {
+class LX_API LxTransferHandler {
   public:
     virtual ~LxTransferHandler() {}
     virtual void transferData(LxPushSourceStream* stream) = 0;
@@ -109,7 +111,7 @@ class LxTransferHandler {
 
 /// A local file. Its URL is "file:" followed by the file name; the content name comes from the
 /// file name's extension (see getContentName).
-class LxFilenameDataSource : public LxPullDataSource {
+class LX_API LxFilenameDataSource : public LxPullDataSource {
   public:
     explicit LxFilenameDataSource(const char* fileName);
     ~LxFilenameDataSource() override;

@@ -2,8 +2,10 @@
 #ifndef LX_DIAGNOSTICS_H
 #define LX_DIAGNOSTICS_H
 
+#include "LxApi.h"
+
 /// Texts are heap copies owned by the record; a null text means "not set".
-class LxDiagnostics {
+class LX_API LxDiagnostics {
   public:
     /// "DirectShow" when the filter-graph runtime was found, else "None".
     char* mediaFrameworkName;

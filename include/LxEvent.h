@@ -8,6 +8,7 @@
 #ifndef LX_EVENT_H
 #define LX_EVENT_H
 
+#include "LxApi.h"
 #include "LxTime.h"
 
 #include <cstdint>
@@ -33,7 +34,7 @@ enum LxEventType_s : int32_t {
 
 /// Base of all events: the node that posts it and its type. Created with a count of 1 (the
 /// creator's), destroyed by the last unref.
-class LxEvent : public LxRefCount {
+class LX_API LxEvent : public LxRefCount {
   public:
     /// Sets only the source (null here); each subclass sets its type.
     LxEvent() : source(nullptr), type(static_cast<LxEventType_s>(0)) {}
@@ -51,7 +52,7 @@ class LxEvent : public LxRefCount {
 
 /// The node has delivered its last media. The time argument of the constructor is not stored; the
 /// time carried is always zero.
-class LxEndOfMediaEvent : public LxEvent {
+class LX_API LxEndOfMediaEvent : public LxEvent {
   public:
     explicit LxEndOfMediaEvent(LxNode* node, LxTime = LxTime()) : LxEvent(node), time() {
         type = LxEndOfMediaEventType;
@@ -61,7 +62,7 @@ class LxEndOfMediaEvent : public LxEvent {
     LxTime time;
 };
 
-class LxDurationChangedEvent : public LxEvent {
+class LX_API LxDurationChangedEvent : public LxEvent {
   public:
     LxDurationChangedEvent(LxNode* node, LxTime oldDur, LxTime newDur)
         : LxEvent(node), oldDuration(oldDur), newDuration(newDur) {
@@ -74,13 +75,13 @@ class LxDurationChangedEvent : public LxEvent {
     LxTime newDuration;
 };
 
-class LxPrefetchCompleteEvent : public LxEvent {
+class LX_API LxPrefetchCompleteEvent : public LxEvent {
   public:
     explicit LxPrefetchCompleteEvent(LxNode* node) : LxEvent(node) { type = LxPrefetchCompleteEventType; }
 };
 
 /// The node has started: the media time it starts from and the reference time of the start.
-class LxStartEvent : public LxEvent {
+class LX_API LxStartEvent : public LxEvent {
   public:
     LxStartEvent(LxNode* node, LxTime media, LxTime start)
         : LxEvent(node), mediaTime(media), startTime(start) {
@@ -94,13 +95,13 @@ class LxStartEvent : public LxEvent {
 };
 
 /// The node has begun delivering media.
-class LxActiveEvent : public LxEvent {
+class LX_API LxActiveEvent : public LxEvent {
   public:
     explicit LxActiveEvent(LxNode* node) : LxEvent(node) { type = LxActiveEventType; }
 };
 
 /// The node has stopped at the media time carried.
-class LxStopEvent : public LxEvent {
+class LX_API LxStopEvent : public LxEvent {
   public:
     LxStopEvent(LxNode* node, LxTime t) : LxEvent(node), time(t) { type = LxStopEventType; }
     LxTime getTime() const { return time; }
@@ -109,7 +110,7 @@ class LxStopEvent : public LxEvent {
 };
 
 /// The node has reached its stop time: the media time reached, then the stop time.
-class LxStopAtTimeEvent : public LxStopEvent {
+class LX_API LxStopAtTimeEvent : public LxStopEvent {
   public:
     LxStopAtTimeEvent(LxNode* node, LxTime media, LxTime stop) : LxStopEvent(node, media), stopTime(stop) {
         type = LxStopAtTimeEventType;
@@ -120,14 +121,14 @@ class LxStopAtTimeEvent : public LxStopEvent {
 };
 
 /// The node was stopped by a request (a player's stop()).
-class LxStopByRequestEvent : public LxStopEvent {
+class LX_API LxStopByRequestEvent : public LxStopEvent {
   public:
     LxStopByRequestEvent(LxNode* node, LxTime t) : LxStopEvent(node, t) { type = LxStopByRequestEventType; }
 };
 
 /// The node has finished initialising; the result says what it has (0xE1 audio, 0xE2 video, 0xE3
 /// both).
-class LxInitializedEvent : public LxEvent {
+class LX_API LxInitializedEvent : public LxEvent {
   public:
     LxInitializedEvent(LxNode* node, long r) : LxEvent(node), result(r) { type = LxInitializedEventType; }
     long getResult() const { return result; }
@@ -135,12 +136,12 @@ class LxInitializedEvent : public LxEvent {
     long result;
 };
 
-class LxShutdownEvent : public LxEvent {
+class LX_API LxShutdownEvent : public LxEvent {
   public:
     explicit LxShutdownEvent(LxNode* node) : LxEvent(node) { type = LxShutdownEventType; }
 };
 
-class LxSetGainEvent : public LxEvent {
+class LX_API LxSetGainEvent : public LxEvent {
   public:
     LxSetGainEvent(LxNode* node, float g) : LxEvent(node), gain(g) { type = LxSetGainEventType; }
     float getGain() const { return gain; }
@@ -149,7 +150,7 @@ class LxSetGainEvent : public LxEvent {
 };
 
 /// The node cannot go on; the result code says why.
-class LxCatastrophicErrorEvent : public LxEvent {
+class LX_API LxCatastrophicErrorEvent : public LxEvent {
   public:
     LxCatastrophicErrorEvent(LxNode* node, long r) : LxEvent(node), result(r) {
         type = LxCatastrophicErrorEventType;
@@ -160,7 +161,7 @@ class LxCatastrophicErrorEvent : public LxEvent {
 };
 
 /// Implemented by hosts that want a node's events through a call rather than a queue.
-class LxEventListener {
+class LX_API LxEventListener {
   public:
     virtual ~LxEventListener() {}
     /// Called on the posting node's event-poster thread, never on the thread that posted, one

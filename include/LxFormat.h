@@ -7,6 +7,7 @@
 #define LX_FORMAT_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxMediaTypes.h"
 #include "LxTime.h"
 
@@ -14,7 +15,7 @@
 
 /// A format: its type and stream style. Immutable after construction; reference counted
 /// (the creator, and whoever receives one from match(), holds one reference).
-class LxFormat : public LxRefCount {
+class LX_API LxFormat : public LxRefCount {
   public:
     enum StreamStyle { PushStream = 0, PullStream = 1, AnyStreamStyle = 2 };
 
@@ -33,7 +34,7 @@ class LxFormat : public LxRefCount {
     StreamStyle streamStyle;
 };
 
-class LxVideoFormat : public LxFormat {
+class LX_API LxVideoFormat : public LxFormat {
   public:
     LxVideoFormat(short width, short height, LxPixelFormat_s pixelFormat, LxFormat::StreamStyle style);
     /// Any size (-1 x -1), pull style.
@@ -53,7 +54,7 @@ class LxVideoFormat : public LxFormat {
     LxPixelFormat_s pixelFormat;
 };
 
-class LxAudioFormat : public LxFormat {
+class LX_API LxAudioFormat : public LxFormat {
   public:
     LxAudioFormat(LxSampleFormat_s sampleFormat, LxAudioChannels_s channels, float samplingRate,
                   char isStreaming, LxFormat::StreamStyle style);
@@ -73,7 +74,7 @@ class LxAudioFormat : public LxFormat {
 };
 
 /// Base of all frames. A frame has exactly one holder at a time; the last holder deletes it.
-class LxFrame {
+class LX_API LxFrame {
   public:
     virtual ~LxFrame() {}
 
@@ -90,7 +91,7 @@ class LxFrame {
 };
 
 /// A picture: width x height x bytes-per-pixel bytes of pixels, rows back to back.
-class LxVideoFrame : public LxFrame {
+class LX_API LxVideoFrame : public LxFrame {
   public:
     /// Makes its own LxVideoFormat (push style) and a zeroed pixel buffer.
     LxVideoFrame(short width, short height, LxPixelFormat_s pixelFormat);
@@ -139,7 +140,7 @@ class LxVideoFrame : public LxFrame {
 
 /// Sample data moving from a producer to the consumer that created the frame. Counts are in
 /// sample frames (all channels of one instant).
-class LxAudioFrame : public LxFrame {
+class LX_API LxAudioFrame : public LxFrame {
   public:
     LxAudioFrame() : timeStamp(), filled(0), fillable(0), consumed(0), data(nullptr) {}
     ~LxAudioFrame() override { delete[] data; }
@@ -161,7 +162,7 @@ class LxAudioFrame : public LxFrame {
 };
 
 /// Creates frames of a consumer's format.
-class LxFrameAllocator {
+class LX_API LxFrameAllocator {
   public:
     virtual ~LxFrameAllocator() {}
     virtual KtResult allocateFrame(LxFrame** out) = 0;
@@ -173,7 +174,7 @@ class LxFrameAllocator {
 };
 
 /// The video renderer's default allocator: at most two frames in its life.
-class LxDefVideoFrameAllocator : public LxFrameAllocator {
+class LX_API LxDefVideoFrameAllocator : public LxFrameAllocator {
   public:
     LxDefVideoFrameAllocator();
     ~LxDefVideoFrameAllocator() override;

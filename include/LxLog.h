@@ -7,11 +7,13 @@
 #ifndef LX_LOG_H
 #define LX_LOG_H
 
+#include "LxApi.h"
+
 #include <cstddef>
 #include <string>
 #include <vector>
 
-class LxLog {
+class LX_API LxLog {
   public:
     LxLog() {}
     ~LxLog() {}
@@ -29,7 +31,7 @@ class LxLog {
 
 /// Where kept messages go. All operations are thread-safe. In a build that does not keep
 /// messages, enabled() is false and the sink stays empty.
-class LxLogSink {
+class LX_API LxLogSink {
   public:
     /// Whether this build keeps messages at all.
     static bool enabled();

@@ -9,6 +9,7 @@
 #define LX_MANAGER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxAudioOutputPort.h"
 #include "LxManagerServices.h"
 #include "LxMixer.h"
@@ -29,12 +30,12 @@ class LxInputConnectable;
 typedef void* LxHwnd;
 
 /// Base of window holders.
-class LxWindow {
+class LX_API LxWindow {
   public:
     virtual ~LxWindow() {}
 };
 
-class LxWin32Window : public LxWindow {
+class LX_API LxWin32Window : public LxWindow {
   public:
     LxWin32Window() : hwnd(nullptr) {}
     explicit LxWin32Window(LxHwnd handle) : hwnd(handle) {}
@@ -83,7 +84,7 @@ struct LxPlayerListEntry {
     LxPlayerListEntry* next;
 };
 
-class LxManager : public LxThreadServices, public LxChannelArbiter {
+class LX_API LxManager : public LxThreadServices, public LxChannelArbiter {
   public:
     enum LxWindowState { LxWindowStateDefault = 1 };
 

@@ -12,13 +12,14 @@
 #define LX_MANAGER_SERVICES_H
 
 #include "Kt.h"
+#include "LxApi.h"
 
 class LxManager;
 class LxAudioOutputPort;
 class LxTime;
 
 /// Thread services: the KtThreadManager that starts, joins and names the library's threads.
-class LxThreadServices {
+class LX_API LxThreadServices {
   public:
     virtual KtThreadManager* getThreadManager() = 0;
 
@@ -27,7 +28,7 @@ class LxThreadServices {
 };
 
 /// Arbitration of the limited audio channels between the ports that want to play.
-class LxChannelArbiter {
+class LX_API LxChannelArbiter {
   public:
     virtual long requestPortChannel(LxAudioOutputPort* port, const LxTime& time) = 0;
     virtual long updatePortChannel(LxAudioOutputPort* port, const LxTime& time, char wantsChannel) = 0;
@@ -41,7 +42,7 @@ class LxChannelArbiter {
 };
 
 /// Which services each live manager provides, looked up by the manager's pointer.
-class LxManagerServices {
+class LX_API LxManagerServices {
   public:
     /// Registers (or replaces) the providers for owner.
     static void attach(const LxManager* owner, LxThreadServices* threads, LxChannelArbiter* channels);

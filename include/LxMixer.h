@@ -2,6 +2,8 @@
 #ifndef LX_MIXER_H
 #define LX_MIXER_H
 
+#include "LxApi.h"
+
 #include <cstdint>
 
 /// When new sounds are audible: 0 only while the host's window has the focus; 1 and 2 also while
@@ -9,7 +11,7 @@
 enum LxAudibleMode_s { LxAudibleWithFocus = 0, LxAudibleInBackground = 1, LxAudibleAlways = 2 };
 
 /// Speaker configuration: a kind and a second value (stored and returned, not applied).
-class LxSpeakerConfiguration {
+class LX_API LxSpeakerConfiguration {
   public:
     enum LxSpeakerKind_s { HEADPHONES = 0, MONO = 1, STEREO = 2 };
 
@@ -24,7 +26,7 @@ class LxSpeakerConfiguration {
     int16_t value;
 };
 
-class LxMixer {
+class LX_API LxMixer {
   public:
     virtual ~LxMixer() {}
     virtual long initMixer() = 0;

@@ -4,6 +4,7 @@
 #define LX_NODE_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxClock.h"
 #include "LxEvent.h"
 #include "LxTime.h"
@@ -36,7 +37,7 @@ struct LxEventListenerListEntry {
 /// as soon as it is made: so the node keeps its state events (the last duration change, the
 /// initialized event, a catastrophic error) and hands them to each LxEventListener attached after
 /// they were posted, as if it had been there.
-class LxNode : public virtual LxClock {
+class LX_API LxNode : public virtual LxClock {
   public:
     enum LxNodeState {
         DEAD = 0,

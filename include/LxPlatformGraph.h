@@ -8,9 +8,10 @@
 #ifndef LX_PLATFORM_GRAPH_H
 #define LX_PLATFORM_GRAPH_H
 
+#include "LxApi.h"
 #include "LxMediaTypes.h"
 
-class LxPlatformGraph {
+class LX_API LxPlatformGraph {
   public:
     /// Filter graphs on GStreamer (the default).
     static void useGStreamer();

@@ -11,6 +11,8 @@
 #ifndef LX_PLATFORM_MIDI_H
 #define LX_PLATFORM_MIDI_H
 
+#include "LxApi.h"
+
 #include <string>
 
 /// The SoundFont the FluidSynth device loads unless the host names another.
@@ -23,12 +25,12 @@ enum LxMidiBackend_s {
 };
 
 /// Chooses the MIDI device. Any thread.
-void LxPlatformSetMidiBackend(LxMidiBackend_s backend);
-LxMidiBackend_s LxPlatformGetMidiBackend();
+LX_API void LxPlatformSetMidiBackend(LxMidiBackend_s backend);
+LX_API LxMidiBackend_s LxPlatformGetMidiBackend();
 
 /// The SoundFont file for the FluidSynth device; null or "" restores LX_MIDI_DEFAULT_SOUNDFONT.
 /// The file is loaded when a stream is first opened with it, and kept for later streams.
-void LxPlatformSetMidiSoundFont(const char* path);
-std::string LxPlatformGetMidiSoundFont();
+LX_API void LxPlatformSetMidiSoundFont(const char* path);
+LX_API std::string LxPlatformGetMidiSoundFont();
 
 #endif  // LX_PLATFORM_MIDI_H

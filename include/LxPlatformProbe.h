@@ -9,6 +9,8 @@
 #ifndef LX_PLATFORM_PROBE_H
 #define LX_PLATFORM_PROBE_H
 
+#include "LxApi.h"
+
 #include <cstdint>
 
 /// A simulated platform: every outcome the version detection tells apart.
@@ -34,7 +36,7 @@ struct LxSimulatedPlatform {
     bool surface3Available = true;
 };
 
-class LxPlatformProbe {
+class LX_API LxPlatformProbe {
   public:
     /// The real platform (the default).
     static void useSystem();

@@ -8,10 +8,12 @@
 #ifndef LX_PLATFORM_SOUND_H
 #define LX_PLATFORM_SOUND_H
 
+#include "LxApi.h"
+
 #include <cstdint>
 #include <string>
 
-class LxPlatformSound {
+class LX_API LxPlatformSound {
   public:
     /// Output rate of the real outputs unless a call below says otherwise (16-bit stereo).
     static constexpr uint32_t DEFAULT_SAMPLE_RATE = 44100;

@@ -4,6 +4,7 @@
 #define LX_PLAYER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxNode.h"
 #include "LxTime.h"
 
@@ -21,7 +22,7 @@ class LxOutputConnectable;
 /// One request to a player, sent on its API queue by a thread other than the player's own.
 /// Requests that return a result carry a reply queue; the last release of a request also releases
 /// its reply queue.
-class LxPlayerAPIEvent : public LxRefCount {
+class LX_API LxPlayerAPIEvent : public LxRefCount {
   public:
     enum LxPlayerAPIEventType {
         SET_LOOP = 0,
@@ -79,7 +80,7 @@ struct LxNodeListEntry {
 /// runs the step of the player's state. When the loop ends it calls genericShutdown() and
 /// shutdown(), then clears threadRunning and notifies, both under the signal: endRun(). Its
 /// destructor calls waitAndShutdown() before anything else.
-class LxPlayer : public LxNode {
+class LX_API LxPlayer : public LxNode {
   public:
     LxPlayer(LxManager* manager, LxDataSource* dataSource);
     /// Destroys the nodes still in the graph, the queues and what they still hold. The player

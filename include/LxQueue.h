@@ -3,12 +3,13 @@
 #define LX_QUEUE_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxTime.h"
 
 #include <atomic>
 
 /// One node of a queue's list. The message is not owned by the node.
-class LxMsgList {
+class LX_API LxMsgList {
   public:
     void* message;
     LxMsgList* next;
@@ -25,7 +26,7 @@ class LxMsgList {
 /// destroyed stay with whoever else holds them. Any number of threads may send and push; each
 /// queue has one receiving thread. A queue can also notify one outside KtWaitNotify (its waiter)
 /// on every arrival, which is how LxQueueSet waits on several queues at once.
-class LxQueue : public LxRefCount {
+class LX_API LxQueue : public LxRefCount {
   public:
     LxQueue();
 
@@ -68,7 +69,7 @@ class LxQueue : public LxRefCount {
 };
 
 /// A wait/notify object that sleeps until one of several queues has a message.
-class LxQueueSet : public KtWaitNotify {
+class LX_API LxQueueSet : public KtWaitNotify {
   public:
     /// Watches the queues given, in order, up to a null pointer: LxQueueSet(a, b, (LxQueue*)0).
     /// Each queue is ref'd for as long as it is watched.

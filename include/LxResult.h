@@ -6,6 +6,7 @@
 #define LX_RESULT_H
 
 #include "Kt.h"
+#include "LxApi.h"
 
 constexpr KtResult LX_OK = 1;
 
@@ -70,6 +71,6 @@ constexpr KtResult LX_ERR_ALREADY_TAKEN = 0x481;
 
 /// A short English description of a result code ("unsupported content type or format"); never null.
 /// Unknown codes give "unknown result code".
-const char* LxResultDescription(KtResult result);
+LX_API const char* LxResultDescription(KtResult result);
 
 #endif  // LX_RESULT_H

@@ -2,6 +2,8 @@
 #ifndef LX_TIME_H
 #define LX_TIME_H
 
+#include "LxApi.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -12,7 +14,7 @@
 /// sign-and-magnitude form has both fields <= 0: -0.25 s is (0, -250000); setValue(double) and the
 /// two-operand minus produce it for negative results. getValue() and getMsecValue() read both forms;
 /// comparisons compare the fields and so tell the two forms of one value apart.
-class LxTime {
+class LX_API LxTime {
   public:
     LxTime() : sec_(0), usec_(0) {}
     /// Stores both fields as given (no normalisation).
@@ -58,16 +60,16 @@ class LxTime {
 };
 
 /// Adds fields, with one carry when the microseconds reach 1000000.
-LxTime operator+(const LxTime& a, const LxTime& b);
+LX_API LxTime operator+(const LxTime& a, const LxTime& b);
 /// Subtracts fields, borrowing while the microseconds are negative and the seconds positive.
-LxTime operator-(const LxTime& a, const LxTime& b);
-LxTime operator*(const LxTime& t, double factor);
-LxTime operator*(double factor, const LxTime& t);
-LxTime operator/(const LxTime& t, double divisor);
+LX_API LxTime operator-(const LxTime& a, const LxTime& b);
+LX_API LxTime operator*(const LxTime& t, double factor);
+LX_API LxTime operator*(double factor, const LxTime& t);
+LX_API LxTime operator/(const LxTime& t, double divisor);
 
 /// Intrusive reference count: starts at 1 for the creator; the last unref destroys the object.
 /// ref and unref are atomic, because one event can be released by two threads at once.
-class LxRefCount {
+class LX_API LxRefCount {
   public:
     LxRefCount() : count_(1) {}
     /// A copy starts with the source's count, not 1.

@@ -3,6 +3,7 @@
 #define LX_TIME_BASE_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxTime.h"
 
 class LxManager;
@@ -11,7 +12,7 @@ class LxManager;
 typedef void (*LxTimerCallback)(unsigned long id, void* userData);
 
 /// One timer. The time base's list owns one reference of every timer in it.
-class LxTimer : public LxRefCount {
+class LX_API LxTimer : public LxRefCount {
   public:
     /// No callback, deadline zero, id 0xFFFFFFFF, no user data.
     LxTimer();
@@ -34,7 +35,7 @@ class LxTimer : public LxRefCount {
 };
 
 /// Timers in ascending order of deadline; equal deadlines in the order inserted.
-class LxTimerList {
+class LX_API LxTimerList {
   public:
     LxTimerList() : first(nullptr) {}
     ~LxTimerList() { removeAll(); }
@@ -59,7 +60,7 @@ class LxTimerList {
 /// Reference time and timers. Reference time = (time of day - origin) x tempo + reference origin.
 /// A plain LxTimeBase reads a time of day of 0.0 and so never advances; LxWin32TimeBase reads the
 /// machine's clock. Tests derive and supply their own getTimeOfDay().
-class LxTimeBase {
+class LX_API LxTimeBase {
   public:
     explicit LxTimeBase(LxManager* manager);
     /// Ends the timer thread (waiting for it) and releases every timer.
@@ -122,7 +123,7 @@ class LxTimeBase {
 /// The time base of a real process: seconds since 1970 from a monotonic high-resolution counter,
 /// continuous with the calendar clock when it was constructed (the calendar clock itself when no
 /// counter is available).
-class LxWin32TimeBase : public virtual LxTimeBase {
+class LX_API LxWin32TimeBase : public virtual LxTimeBase {
   public:
     explicit LxWin32TimeBase(LxManager* manager);
     ~LxWin32TimeBase() override;

@@ -2,13 +2,14 @@
 #ifndef LX_VIDEO_RENDERER_H
 #define LX_VIDEO_RENDERER_H
 
+#include "LxApi.h"
 #include "LxConnectable.h"
 #include "LxFormat.h"
 #include "LxNode.h"
 
 /// The node at the end of a clip's video path. It does not draw: the browser asks it for the
 /// frame of the current media time, reads the pixels and hands the frame back.
-class LxVideoRenderer : public LxNode, public LxInputConnectable {
+class LX_API LxVideoRenderer : public LxNode, public LxInputConnectable {
   public:
     explicit LxVideoRenderer(LxManager* manager) : LxNode(manager) {}
 

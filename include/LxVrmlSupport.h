@@ -10,6 +10,7 @@
 #define LX_VRML_SUPPORT_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxTime.h"
 
 class LxAudioOutputPort;
@@ -18,7 +19,7 @@ class LxPlayer;
 class LxVideoRenderer;
 
 /// The timing fields of one time-dependent node.
-class LxMediaInfo {
+class LX_API LxMediaInfo {
   public:
     /// startTime zero, stopTime LxTime::maxTime(), loop off, rate 1.0, duration -1 s (unknown).
     LxMediaInfo();
@@ -40,7 +41,7 @@ class LxMediaInfo {
 
 /// Implemented by the host's Sound node: told which audio output port it controls from now on
 /// (gain, location, priority ...), or null when the port goes away.
-class LxSoundNodeNotifier {
+class LX_API LxSoundNodeNotifier {
   public:
     LxSoundNodeNotifier() {}
     LxSoundNodeNotifier(const LxSoundNodeNotifier&) {}
@@ -50,7 +51,7 @@ class LxSoundNodeNotifier {
 /// Every operation may be called from any thread, a listener of its own player included (which
 /// may also destroy the player through it). The host's notifiers and the manager's destroyPlayer
 /// are called with no lock of this object held.
-class LxVrmlSupport {
+class LX_API LxVrmlSupport {
   public:
     enum { CHANGED_START_TIME = 1, CHANGED_STOP_TIME = 2, CHANGED_LOOP = 4, CHANGED_RATE = 8 };
 

@@ -2,6 +2,7 @@
 #ifndef LX_WIN32_AUDIO_OUTPUT_PORT_H
 #define LX_WIN32_AUDIO_OUTPUT_PORT_H
 
+#include "LxApi.h"
 #include "LxAudioOutputPort.h"
 #include "LxTime.h"
 #include "LxWin32AudioPortConfig.h"
@@ -13,7 +14,7 @@ class LxWin32Mixer;
 /// Every operation forwards to the mixer with the handle's port number; the thread rules are the
 /// mixer's (LxWin32Mixer.h). The destructor does not close the mixer's port: the owner calls
 /// LxWin32Mixer::closePort.
-class LxWin32AudioOutputPort : public LxAudioOutputPort {
+class LX_API LxWin32AudioOutputPort : public LxAudioOutputPort {
   public:
     LxWin32AudioOutputPort();
     explicit LxWin32AudioOutputPort(LxWin32Mixer* mixer);

@@ -2,11 +2,12 @@
 #ifndef LX_WIN32_AUDIO_PORT_CONFIG_H
 #define LX_WIN32_AUDIO_PORT_CONFIG_H
 
+#include "LxApi.h"
 #include "LxFormat.h"
 
 #include <cstdint>
 
-class LxWin32AudioPortConfig {
+class LX_API LxWin32AudioPortConfig {
   public:
     /// All fields zero (mono, 8-bit, no rate, no buffer, neither streaming nor resident), so that
     /// nothing reads an unset value.

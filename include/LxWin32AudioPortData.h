@@ -2,6 +2,7 @@
 #ifndef LX_WIN32_AUDIO_PORT_DATA_H
 #define LX_WIN32_AUDIO_PORT_DATA_H
 
+#include "LxApi.h"
 #include "LxFormat.h"
 #include "LxWin32AudioPortConfig.h"
 
@@ -20,7 +21,7 @@ constexpr int16_t LX_NO_DUPLICATE = -42;
 constexpr int LX_MAX_DUPLICATES = 32;
 
 /// One port of the mixer. Guarded by the port's slot lock, except where a field says otherwise.
-class LxWin32AudioPortData {
+class LX_API LxWin32AudioPortData {
   public:
     /// A record as openPort makes it from config.
     explicit LxWin32AudioPortData(const LxWin32AudioPortConfig& config);

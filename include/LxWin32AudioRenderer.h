@@ -3,6 +3,7 @@
 #define LX_WIN32_AUDIO_RENDERER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxAudioRendererNode.h"
 #include "LxConnectable.h"
 #include "LxFormat.h"
@@ -36,7 +37,7 @@ class LxWin32AudioPortConfig;
 /// and keeps the rest of a frame for its next pass, so stop, setRate and the others get the lock
 /// within a pass. Lock order: waitNotify before the manager's channel lock before the mixer's
 /// locks; the producer's output queue and the empty-frame pool are leaves.
-class LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectable {
+class LX_API LxWin32AudioRenderer : public LxAudioRendererNode, public LxInputConnectable {
   public:
     /// State STOPPED, with the renderer thread created through the manager's thread manager and
     /// waiting. mixer is not owned.

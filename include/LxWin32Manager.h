@@ -3,6 +3,7 @@
 #define LX_WIN32_MANAGER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxManager.h"
 
 #include <cstdint>
@@ -10,7 +11,7 @@
 class LxDiagnostics;
 class LxNode;
 
-class LxWin32Manager : public LxManager {
+class LX_API LxWin32Manager : public LxManager {
   public:
     explicit LxWin32Manager(KtThreadManager* threadManager);
     ~LxWin32Manager() override;

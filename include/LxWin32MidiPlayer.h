@@ -3,6 +3,7 @@
 #define LX_WIN32_MIDI_PLAYER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxAudioOutputPort.h"
 #include "LxPlayer.h"
 #include "LxTime.h"
@@ -36,7 +37,7 @@ struct MidiStreamObject;
 /// stream that fails (refused by the device, or damage found in the file) ends the clip the same
 /// way. Grant and revoke act on the stream at once, so that a revoked stream is closed before
 /// the manager starts sampled audio on a card that cannot run both.
-class LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
+class LX_API LxWin32MidiPlayer : public LxPlayer, public LxAudioOutputPort {
   public:
     /// Stream states (streamState).
     static constexpr int32_t STREAM_RUNNING = 0;

@@ -5,6 +5,7 @@
 #define LX_WIN32_MIXER_H
 
 #include "Kt.h"
+#include "LxApi.h"
 #include "LxDiagnostics.h"
 #include "LxFormat.h"
 #include "LxMixer.h"
@@ -45,7 +46,7 @@ constexpr int LX_MAX_PORTS = 256;
 /// Every operation may be called from any thread. Port operations hold the port's slot lock for
 /// their whole run, except that a streaming write lets it go while it sleeps. Sleeps go through
 /// the platform clock. No operation waits for the sound device's mixing thread.
-class LxWin32Mixer : public LxMixer {
+class LX_API LxWin32Mixer : public LxMixer {
   public:
     enum LxMixerState_s { CLOSED = 0, UNINITIALIZED = 1, READY = 2 };
 
@@ -208,6 +209,11 @@ class LxWin32Mixer : public LxMixer {
     /// LX_ERR_MIXER_NOT_READY, or LX_ERR_NO_PORT (slotHeld false: the port has no slot). The
     /// caller holds the slot lock.
     long readyRecord(bool slotHeld, short port, LxWin32AudioPortData** rec);
+    /// The record of port for an operation that only needs the mixer open: LX_OK with *rec set,
+    /// LX_ERR_MIXER_STATE, or LX_ERR_NO_PORT. The caller holds the slot lock.
+    long openRecord(bool slotHeld, short port, LxWin32AudioPortData** rec);
+    /// As readyRecord, and LX_ERR_NO_PORT too for a port whose channel is revoked.
+    long channelRecord(bool slotHeld, short port, LxWin32AudioPortData** rec);
     /// Fill level with the play cursor; the caller holds the slot lock.
     long fillableLocked(LxWin32AudioPortData* record);
     /// The buffers of a master and its listed duplicates, each with a reference the caller

@@ -7,10 +7,14 @@
 #ifndef LORVEX_PLATFORM_COM_H
 #define LORVEX_PLATFORM_COM_H
 
+#include "LxApi.h"
+
 #include <atomic>
 #include <cstdint>
 #include <utility>
 
+// The class registry and COM calls are exported (LX_API) for the filter plug-in: it is built on this
+// layer and registers its renderer filters here. The failure injection (comtest) stays internal.
 namespace lxp {
 
 typedef int32_t HRESULT;
@@ -49,7 +53,7 @@ struct GUID {
 typedef GUID CLSID;
 typedef GUID IID;
 
-bool operator==(const GUID& a, const GUID& b);
+LX_API bool operator==(const GUID& a, const GUID& b);
 inline bool operator!=(const GUID& a, const GUID& b) {
     return !(a == b);
 }
@@ -71,8 +75,8 @@ struct WAVEFORMATEX {
 #pragma pack(pop)
 static_assert(sizeof(WAVEFORMATEX) == 18, "WAVEFORMATEX is 18 bytes");
 
-extern const IID IID_IUnknown;
-extern const IID IID_IClassFactory;
+LX_API extern const IID IID_IUnknown;
+LX_API extern const IID IID_IClassFactory;
 
 class IUnknown {
   public:
@@ -147,7 +151,7 @@ HRESULT handOut(Object* object, const IID& iid, void** out) {
 
 /// A class factory of ours: answers IClassFactory, refuses aggregation and leaves the making of
 /// the object to createObject.
-class ClassFactory : public ComObject<IClassFactory> {
+class LX_API ClassFactory : public ComObject<IClassFactory> {
   public:
     HRESULT QueryInterface(const IID& iid, void** out) override;
     HRESULT CreateInstance(IUnknown* outer, const IID& iid, void** out) override;
@@ -160,20 +164,22 @@ class ClassFactory : public ComObject<IClassFactory> {
 
 /// Makes the calling thread able to create objects. S_OK the first time on a thread, S_FALSE when
 /// it was already initialised (each success needs one CoUninitialize).
-HRESULT CoInitialize(void* reserved);
-void CoUninitialize();
+LX_API HRESULT CoInitialize(void* reserved);
+LX_API void CoUninitialize();
 /// Creates an object of a registered class. CO_E_NOTINITIALIZED when the calling thread has not
 /// initialised COM, REGDB_E_CLASSNOTREG for an unknown class.
-HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t context, const IID& iid, void** out);
+LX_API HRESULT CoCreateInstance(const CLSID& clsid, IUnknown* outer, uint32_t context, const IID& iid,
+                                void** out);
 /// The class factory of a registered class (same failures as CoCreateInstance).
-HRESULT CoGetClassObject(const CLSID& clsid, uint32_t context, void* reserved, const IID& iid, void** out);
+LX_API HRESULT CoGetClassObject(const CLSID& clsid, uint32_t context, void* reserved, const IID& iid,
+                                void** out);
 
 /// Registers a class (the registry takes a reference on the factory). A class registered again
 /// replaces the earlier factory. Returns S_OK.
-HRESULT registerClass(const CLSID& clsid, IClassFactory* factory);
+LX_API HRESULT registerClass(const CLSID& clsid, IClassFactory* factory);
 /// Removes a class; S_OK, or S_FALSE when it was not registered.
-HRESULT unregisterClass(const CLSID& clsid);
-bool isClassRegistered(const CLSID& clsid);
+LX_API HRESULT unregisterClass(const CLSID& clsid);
+LX_API bool isClassRegistered(const CLSID& clsid);
 
 /// Registers a class whose factory is made here (see registerClass).
 template <class Factory, class... Args>

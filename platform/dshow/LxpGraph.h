@@ -19,6 +19,7 @@
 #ifndef LORVEX_PLATFORM_DSHOW_GRAPH_H
 #define LORVEX_PLATFORM_DSHOW_GRAPH_H
 
+#include "LxApi.h"
 #include "platform/com/LxpCom.h"
 #include "platform/dshow/LxpGraphIds.h"
 
@@ -28,6 +29,8 @@
 #include <string>
 #include <vector>
 
+// The filter plug-in implements its renderer filters on these interfaces; the functions it calls
+// here are exported (LX_API) as part of its interface to the library.
 namespace lxp {
 
 typedef int64_t REFERENCE_TIME;
@@ -105,11 +108,11 @@ inline void CoTaskMemFree(void* block) {
     std::free(block);
 }
 /// Frees the format block and clears the type (the structure itself belongs to the caller).
-void FreeMediaType(AM_MEDIA_TYPE& type);
+LX_API void FreeMediaType(AM_MEDIA_TYPE& type);
 /// A deep copy (format block included); E_OUTOFMEMORY when the block cannot be allocated.
-HRESULT CopyMediaType(AM_MEDIA_TYPE* target, const AM_MEDIA_TYPE* source);
+LX_API HRESULT CopyMediaType(AM_MEDIA_TYPE* target, const AM_MEDIA_TYPE* source);
 /// A type with only the major type set (a partial type: "any audio", "any video").
-AM_MEDIA_TYPE makeMajorType(const GUID& major);
+LX_API AM_MEDIA_TYPE makeMajorType(const GUID& major);
 
 class IBaseFilter;
 class IFilterGraph;
@@ -276,18 +279,19 @@ constexpr uint32_t CP_ACP = 0;
 constexpr uint32_t CP_UTF8 = 65001;
 /// Win32 semantics: srcLength -1 converts up to and including the terminator; with dstLength 0 the
 /// needed length is returned; 0 on failure (buffer too small, bad arguments).
-int32_t MultiByteToWideChar(uint32_t codePage, uint32_t flags, const char* src, int32_t srcLength, WCHAR* dst,
-                            int32_t dstLength);
-int32_t WideCharToMultiByte(uint32_t codePage, uint32_t flags, const WCHAR* src, int32_t srcLength, char* dst,
-                            int32_t dstLength, const char* defaultChar, int32_t* usedDefault);
+LX_API int32_t MultiByteToWideChar(uint32_t codePage, uint32_t flags, const char* src, int32_t srcLength,
+                                   WCHAR* dst, int32_t dstLength);
+LX_API int32_t WideCharToMultiByte(uint32_t codePage, uint32_t flags, const WCHAR* src, int32_t srcLength,
+                                   char* dst, int32_t dstLength, const char* defaultChar,
+                                   int32_t* usedDefault);
 
 /// Copies a wide name into a fixed array, truncating and always terminating.
-void copyName(WCHAR* target, size_t capacity, const WCHAR* source);
+LX_API void copyName(WCHAR* target, size_t capacity, const WCHAR* source);
 /// IPin::ConnectedTo for a pin whose peer is peer (null when unconnected): *out takes a reference
 /// on it, or is null with VFW_E_NOT_CONNECTED. The caller holds whatever guards its peer.
-HRESULT answerConnectedTo(IPin* peer, IPin** out);
+LX_API HRESULT answerConnectedTo(IPin* peer, IPin** out);
 /// IPin::ConnectionMediaType of an unconnected pin: an empty type and VFW_E_NOT_CONNECTED.
-HRESULT answerNotConnected(AM_MEDIA_TYPE* type);
+LX_API HRESULT answerNotConnected(AM_MEDIA_TYPE* type);
 
 // The answers below serve every pin and filter alike, whichever object holds the state: each takes
 // the lock that guards it and the members it reads.

@@ -3,15 +3,16 @@
 #ifndef LORVEX_PLATFORM_DSHOW_GRAPH_CONFIG_H
 #define LORVEX_PLATFORM_DSHOW_GRAPH_CONFIG_H
 
+#include "LxApi.h"
 #include "LxMediaTypes.h"
 
 namespace lxp {
 namespace graphconfig {
 
 /// Whether graphs created from now on are simulated (false: GStreamer). Any thread.
-bool simulated();
+LX_API bool simulated();
 /// The pixel layout renderer filters created from now on deliver.
-LxPixelFormat_s videoPixelFormat();
+LX_API LxPixelFormat_s videoPixelFormat();
 
 }  // namespace graphconfig
 
@@ -23,7 +24,8 @@ bool gstreamerMissingSimulated();
 /// Makes the filter library's DllRegisterServer refuse (true): it then registers nothing and
 /// returns SELFREG_E_CLASS.
 void refuseFilterRegistration(bool refuse);
-bool filterRegistrationRefused();
+/// Exported: the filter plug-in reads it (the setter above is the tests' and stays internal).
+LX_API bool filterRegistrationRefused();
 
 }  // namespace graphtest
 }  // namespace lxp

@@ -72,6 +72,35 @@ bool validPcm(const WAVEFORMATEX* f) {
            f->nSamplesPerSec <= DSBFREQUENCY_MAX;
 }
 
+/// Clears whichever of Lock's out parameters were given, so a failed lock leaves nothing to use.
+void clearLocked(void** ptr1, uint32_t* bytes1, void** ptr2, uint32_t* bytes2) {
+    if (ptr1 != nullptr) {
+        *ptr1 = nullptr;
+    }
+    if (bytes1 != nullptr) {
+        *bytes1 = 0;
+    }
+    if (ptr2 != nullptr) {
+        *ptr2 = nullptr;
+    }
+    if (bytes2 != nullptr) {
+        *bytes2 = 0;
+    }
+}
+
+/// GetFormat's copy: at most sizeAllocated bytes of from into format (when given), and into
+/// sizeWritten (when given) the bytes copied, or the size a whole format needs.
+void copyFormat(const WAVEFORMATEX& from, WAVEFORMATEX* format, uint32_t sizeAllocated,
+                uint32_t* sizeWritten) {
+    const uint32_t n = std::min<uint32_t>(sizeAllocated, sizeof(WAVEFORMATEX));
+    if (format != nullptr) {
+        std::memcpy(format, &from, n);
+    }
+    if (sizeWritten != nullptr) {
+        *sizeWritten = format != nullptr ? n : static_cast<uint32_t>(sizeof(WAVEFORMATEX));
+    }
+}
+
 class Device;
 class SecondaryBuffer;
 
@@ -140,6 +169,9 @@ class Device final : public ComObject<IDirectSound> {
 
   private:
     ~Device() override;
+    /// op's injected failure, then the device's mutex and the check that the device is
+    /// initialised: the guard holds the mutex only when *hr is DS_OK.
+    std::unique_lock<std::mutex> lockInitialized(Op op, HRESULT* hr);
 
     std::shared_ptr<Backend> backend_;
     std::shared_ptr<Engine> engine_;
@@ -215,6 +247,8 @@ class SecondaryBuffer final : public ComObject<IDirectSoundBuffer> {
     ~SecondaryBuffer() override;
 
     void setPlayBits(bool looping, bool stopOnly);
+    /// What Play and PlayAt check first: the injected failure, then a lost buffer.
+    HRESULT playable();
     /// A control's setter: the injected failure of op, then the capability bit, then the range.
     template <class T>
     HRESULT setControl(Op op, uint32_t control, T value, T lowest, T highest, std::atomic<T>& field);
@@ -313,30 +347,13 @@ class PrimaryBuffer final : public ComObject<IDirectSoundBuffer> {
             return DSERR_INVALIDPARAM;
         }
         std::lock_guard<std::mutex> guard(device_->mutex());
-        const uint32_t n = std::min<uint32_t>(sizeAllocated, sizeof(WAVEFORMATEX));
-        if (format != nullptr) {
-            std::memcpy(format, &format_, n);
-        }
-        if (sizeWritten != nullptr) {
-            *sizeWritten = format != nullptr ? n : static_cast<uint32_t>(sizeof(WAVEFORMATEX));
-        }
+        copyFormat(format_, format, sizeAllocated, sizeWritten);
         return DS_OK;
     }
     HRESULT Lock(uint32_t, uint32_t, void** ptr1, uint32_t* bytes1, void** ptr2, uint32_t* bytes2,
                  uint32_t) override {
         const HRESULT hr = intercept(Op::Lock);
-        if (ptr1 != nullptr) {
-            *ptr1 = nullptr;
-        }
-        if (bytes1 != nullptr) {
-            *bytes1 = 0;
-        }
-        if (ptr2 != nullptr) {
-            *ptr2 = nullptr;
-        }
-        if (bytes2 != nullptr) {
-            *bytes2 = 0;
-        }
+        clearLocked(ptr1, bytes1, ptr2, bytes2);
         return FAILED(hr) ? hr : DSERR_PRIOLEVELNEEDED;  // writing the primary buffer is not offered
     }
     HRESULT Play(uint32_t reserved, uint32_t, uint32_t flags) override {
@@ -649,14 +666,24 @@ HRESULT Device::DuplicateSoundBuffer(IDirectSoundBuffer* original, IDirectSoundB
     return DS_OK;
 }
 
+std::unique_lock<std::mutex> Device::lockInitialized(Op op, HRESULT* hr) {
+    *hr = backend_->intercept(op, id_);
+    if (FAILED(*hr)) {
+        return {};
+    }
+    std::unique_lock<std::mutex> guard(mutex_);
+    if (!initialized_) {
+        *hr = DSERR_UNINITIALIZED;
+        return {};
+    }
+    return guard;
+}
+
 HRESULT Device::SetCooperativeLevel(void*, uint32_t level) {
-    const HRESULT hr = backend_->intercept(Op::SetCooperativeLevel, id_);
+    HRESULT hr = DS_OK;
+    const std::unique_lock<std::mutex> guard = lockInitialized(Op::SetCooperativeLevel, &hr);
     if (FAILED(hr)) {
         return hr;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!initialized_) {
-        return DSERR_UNINITIALIZED;
     }
     if (level < DSSCL_NORMAL || level > DSSCL_WRITEPRIMARY) {
         return DSERR_INVALIDPARAM;
@@ -666,13 +693,10 @@ HRESULT Device::SetCooperativeLevel(void*, uint32_t level) {
 }
 
 HRESULT Device::SetSpeakerConfig(uint32_t config) {
-    const HRESULT hr = backend_->intercept(Op::SetSpeakerConfig, id_);
+    HRESULT hr = DS_OK;
+    const std::unique_lock<std::mutex> guard = lockInitialized(Op::SetSpeakerConfig, &hr);
     if (FAILED(hr)) {
         return hr;
-    }
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!initialized_) {
-        return DSERR_UNINITIALIZED;
     }
     const uint32_t kind = config & 0xFF;
     if (kind < DSSPEAKER_HEADPHONE || kind > 7) {
@@ -831,13 +855,7 @@ HRESULT SecondaryBuffer::GetFormat(WAVEFORMATEX* format, uint32_t sizeAllocated,
     if (format == nullptr && sizeWritten == nullptr) {
         return DSERR_INVALIDPARAM;
     }
-    const uint32_t n = std::min<uint32_t>(sizeAllocated, sizeof(WAVEFORMATEX));
-    if (format != nullptr) {
-        std::memcpy(format, &memory_->format, n);
-    }
-    if (sizeWritten != nullptr) {
-        *sizeWritten = format != nullptr ? n : static_cast<uint32_t>(sizeof(WAVEFORMATEX));
-    }
+    copyFormat(memory_->format, format, sizeAllocated, sizeWritten);
     return DS_OK;
 }
 
@@ -848,14 +866,7 @@ HRESULT SecondaryBuffer::Lock(uint32_t offset, uint32_t bytes, void** ptr1, uint
     if (ptr1 == nullptr || bytes1 == nullptr) {
         return DSERR_INVALIDPARAM;
     }
-    *ptr1 = nullptr;
-    *bytes1 = 0;
-    if (ptr2 != nullptr) {
-        *ptr2 = nullptr;
-    }
-    if (bytes2 != nullptr) {
-        *bytes2 = 0;
-    }
+    clearLocked(ptr1, bytes1, ptr2, bytes2);
     if (FAILED(hr)) {
         return hr;
     }
@@ -923,14 +934,19 @@ void SecondaryBuffer::setPlayBits(bool looping, bool stopOnly) {
     }
 }
 
-HRESULT SecondaryBuffer::Play(uint32_t reserved, uint32_t, uint32_t flags) {
+HRESULT SecondaryBuffer::playable() {
     device_->backend()->sync();
     const HRESULT hr = device_->backend()->intercept(Op::Play, id_);
     if (FAILED(hr)) {
         return hr;
     }
-    if (lost_.load()) {
-        return DSERR_BUFFERLOST;
+    return lost_.load() ? DSERR_BUFFERLOST : DS_OK;
+}
+
+HRESULT SecondaryBuffer::Play(uint32_t reserved, uint32_t, uint32_t flags) {
+    const HRESULT hr = playable();
+    if (FAILED(hr)) {
+        return hr;
     }
     if (reserved != 0) {
         return DSERR_INVALIDPARAM;
@@ -944,13 +960,9 @@ HRESULT SecondaryBuffer::Play(uint32_t reserved, uint32_t, uint32_t flags) {
 }
 
 HRESULT SecondaryBuffer::PlayAt(uint32_t flags, int64_t clockMicros) {
-    device_->backend()->sync();
-    const HRESULT hr = device_->backend()->intercept(Op::Play, id_);
+    const HRESULT hr = playable();
     if (FAILED(hr)) {
         return hr;
-    }
-    if (lost_.load()) {
-        return DSERR_BUFFERLOST;
     }
     if ((voice().ctl.load(std::memory_order_acquire) & kCtlPlaying) == 0) {
         // Stored before the playing bit, which publishes it to the mixing thread.
