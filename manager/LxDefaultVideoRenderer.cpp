@@ -6,6 +6,7 @@
 #include "LxResult.h"
 #include "LxWin32Manager.h"
 
+#include <cstring>
 #include <new>
 
 LxOutputConnectable* LxWin32Manager::freeOutput(LxPlayer* player, const char* name) {
@@ -20,7 +21,8 @@ LxOutputConnectable* LxWin32Manager::freeOutput(LxPlayer* player, const char* na
 long LxWin32Manager::connectNewRenderer(LxOutputConnectable* output, LxNode* renderer, const char* name) {
     LxInputConnectable* input = nullptr;
     if (renderer->getInputConnectable(name, &input) != LX_OK || input == nullptr) {
-        LxLog::postDebug("LxWin32Manager:  Couldn't get %s connectable on its renderer!?!\n", name);
+        const char* kind = std::strcmp(name, "Audio") == 0 ? "audio" : "video";
+        LxLog::postDebug("LxWin32Manager:  Couldn't get %s connectable on %s renderer!?!\n", kind, kind);
         delete renderer;
         return LX_ERR_GENERIC;
     }
