@@ -297,7 +297,7 @@ LX_API HRESULT answerNotConnected(AM_MEDIA_TYPE* type);
 // the lock that guards it and the members it reads.
 
 /// IPin::ConnectedTo, with lock taken here.
-HRESULT answerConnectedTo(std::mutex& lock, IPin* const& peer, IPin** out);
+LX_API HRESULT answerConnectedTo(std::mutex& lock, IPin* const& peer, IPin** out);
 /// IPin::Disconnect: forgets peer (S_FALSE when there was none) and runs forget, both under lock,
 /// for whatever else the pin drops with its connection.
 template <class Forget>
@@ -324,13 +324,13 @@ HRESULT answerConnectionMediaType(std::mutex& lock, IPin* const& peer, AM_MEDIA_
     return answer(type);
 }
 /// IPin::QueryPinInfo of a pin of owner: a reference on the owner, the direction and the name.
-HRESULT answerPinInfo(IBaseFilter* owner, PIN_DIRECTION direction, const WCHAR* name, PIN_INFO* info);
+LX_API HRESULT answerPinInfo(IBaseFilter* owner, PIN_DIRECTION direction, const WCHAR* name, PIN_INFO* info);
 /// IPin::QueryDirection.
-HRESULT answerDirection(PIN_DIRECTION direction, PIN_DIRECTION* out);
+LX_API HRESULT answerDirection(PIN_DIRECTION direction, PIN_DIRECTION* out);
 /// IBaseFilter::QueryFilterInfo of a filter called name in graph (which gets a reference), with lock
 /// taken here.
-HRESULT answerFilterInfo(std::mutex& lock, const std::wstring& name, IFilterGraph* const& graph,
-                         FILTER_INFO* info);
+LX_API HRESULT answerFilterInfo(std::mutex& lock, const std::wstring& name, IFilterGraph* const& graph,
+                                FILTER_INFO* info);
 
 /// An enumerator over a fixed list of referenced items (for IEnumPins and IEnumFilters).
 template <class EnumInterface, class Item, const IID& EnumIid>
