@@ -129,8 +129,10 @@ TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {
             std::mt19937 rng(seed + h);
             for (int c = h * kClipsPerHost; c < (h + 1) * kClipsPerHost; ++c) {
                 LxPlayer* p = make(static_cast<everykind::Kind>(rng() % everykind::kKinds));
-                scenes[c]->setPlayer(p);
+                // The listener first: once the scene has the player, another scene's listener may
+                // destroy it, and this thread must not touch it after that.
                 p->setEventListener(&listeners[c]);
+                scenes[c]->setPlayer(p);
                 // Pacing, not synchronisation: the scene plays a while before the next change.
                 std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 100));
                 if (rng() % 2 == 0) {
