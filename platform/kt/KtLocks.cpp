@@ -28,18 +28,6 @@ void initMonotonicCond(pthread_cond_t* c) {
     pthread_condattr_destroy(&attr);
 }
 
-timespec deadlineAfter(unsigned long ms) {
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    ts.tv_sec += static_cast<time_t>(ms / 1000);
-    ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (ts.tv_nsec >= 1000000000L) {
-        ts.tv_sec += 1;
-        ts.tv_nsec -= 1000000000L;
-    }
-    return ts;
-}
-
 bool isUnlimited(unsigned long ms) {
     return static_cast<uint32_t>(ms) == KT_INFINITE;
 }
@@ -128,7 +116,7 @@ KtResult KtWaitNotify::wait(unsigned long ms) {
 
     KtResult result = 1;
     const bool unlimited = isUnlimited(ms);
-    const timespec deadline = unlimited ? timespec{} : deadlineAfter(ms);
+    const timespec deadline = unlimited ? timespec{} : ktDeadlineAfter(ms);
     while (d->tickets == 0) {
         if (unlimited) {
             pthread_cond_wait(&d->cond, &d->mutex);
@@ -213,7 +201,7 @@ bool KtGateLock::isOpen() {
 KtResult KtGateLock::wait(unsigned long ms) {
     KtPosixLock hold(impl_->mutex);
     const bool unlimited = isUnlimited(ms);
-    const timespec deadline = unlimited ? timespec{} : deadlineAfter(ms);
+    const timespec deadline = unlimited ? timespec{} : ktDeadlineAfter(ms);
     KtResult result = 1;
     while (!impl_->open) {
         if (unlimited) {

@@ -92,14 +92,7 @@ class PosixThread : public KtThread {
                     pthread_cond_wait(&state_->cond, &state_->mutex);
                 }
             } else {
-                timespec deadline;
-                clock_gettime(CLOCK_MONOTONIC, &deadline);
-                deadline.tv_sec += static_cast<time_t>(ms / 1000);
-                deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-                if (deadline.tv_nsec >= 1000000000L) {
-                    deadline.tv_sec += 1;
-                    deadline.tv_nsec -= 1000000000L;
-                }
+                const timespec deadline = ktDeadlineAfter(ms);
                 while (!state_->finished) {
                     if (pthread_cond_timedwait(&state_->cond, &state_->mutex, &deadline) == ETIMEDOUT) {
                         break;
