@@ -1,5 +1,5 @@
-// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA. (What
-// the file sounds like, the listening suite hears through lorvex-play.)
+// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA (what
+// the file sounds like, the listening suite hears).
 #include "SoundTestKit.h"
 
 #include "LxPlatformSound.h"
@@ -36,10 +36,7 @@ std::vector<int16_t> readWav(const std::string& path, std::string* fmt = nullptr
 /// Plays a looping 1 kHz tone on a fresh device for about ms milliseconds of real time.
 void playTone(int ms) {
     Device dev(44100);
-    const std::vector<int16_t> tone = soundkit::sine16(441, 1000.0 / 44100.0, 16000.0);
-    IDirectSoundBuffer* b = dev.buffer(44100, 1, 16, 882);
-    soundkit::write(b, 0, tone.data(), 882);
-    ASSERT_EQ(DS_OK, b->Play(0, 0, DSBPLAY_LOOPING));
+    IDirectSoundBuffer* b = dev.playing(soundkit::sine16(441, 1000.0 / 44100.0, 16000.0), 44100, true);
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     b->Release();
 }
