@@ -1,6 +1,5 @@
-// The audio renderer over the simulated sound card: a concrete manager, WAVE players on sox
-// clips, and an output the test advances itself, so what is heard compares sample for sample
-// while the renderer and player threads run in real time.
+// The audio renderer on the simulated sound card under a real manager and WAVE players: the test
+// advances the output itself, so what is heard compares sample for sample with the clip.
 #include "LxAudioPlayer.h"
 #include "LxDataSource.h"
 #include "LxLog.h"

@@ -1,7 +1,6 @@
-// The mixer on the simulated sound device with a manual clock: start-up and its failures, the port
-// table, channels revoked and granted again, scheduled starts, duplicates, tempo, streaming writes
-// heard exactly and in order, resets, silence, writes that are only timed or give up, and the lock
-// order under concurrent use (a resident clip filling its buffer is heard in the renderer's tests).
+// The mixer on the simulated sound device with a manual clock: start-up, the port table, channels,
+// scheduled starts, duplicates, tempo, streamed writes heard exactly, resets, silence, writes only
+// timed or given up, and the lock order (a resident clip's fill is heard in the renderer's tests).
 #include "LxPlatformProbe.h"
 #include "LxResult.h"
 #include "LxVersionDetection.h"

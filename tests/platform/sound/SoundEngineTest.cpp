@@ -199,21 +199,8 @@ TEST_F(SoundEngine, VectorAndPortableKernelsMixTheSameOutput) {
     EXPECT_GT(peak(simsound::outputChannel(0)), 0.3);
 }
 
-class QuarterSource : public MixSource {
-  public:
-    void mixInto(float* interleaved, uint32_t frames, uint32_t channels, uint32_t sampleRate) override {
-        calls.fetch_add(1);
-        lastRate.store(sampleRate);
-        for (uint32_t i = 0; i < frames * channels; ++i) {
-            interleaved[i] += 0.25f;
-        }
-    }
-    std::atomic<int> calls{0};
-    std::atomic<uint32_t> lastRate{0};
-};
-
 TEST_F(SoundEngine, MixSourcesAddIntoTheSameOutputWithOrWithoutADevice) {
-    QuarterSource quarter;
+    soundkit::QuarterSource quarter;
     ASSERT_TRUE(addMixSource(&quarter));
     EXPECT_FALSE(addMixSource(&quarter));
     EXPECT_FALSE(addMixSource(nullptr));

@@ -41,15 +41,6 @@ void playTone(int ms) {
     b->Release();
 }
 
-class FixedSource : public MixSource {
-  public:
-    void mixInto(float* interleaved, uint32_t frames, uint32_t channels, uint32_t) override {
-        for (uint32_t i = 0; i < frames * channels; ++i) {
-            interleaved[i] += 0.25f;
-        }
-    }
-};
-
 TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     lxtest::TempDir dir;
     const std::string path = dir.file("out.wav");
@@ -64,7 +55,7 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     EXPECT_LT(seconds, 1.5);
 
     // The output stopped with the device; a mix source alone starts it again and appends.
-    FixedSource source;
+    soundkit::QuarterSource source;
     ASSERT_TRUE(addMixSource(&source));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     removeMixSource(&source);

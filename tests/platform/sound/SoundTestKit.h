@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -74,6 +75,20 @@ inline std::vector<int16_t> sine16(uint32_t frames, double cyclesPerFrame, doubl
     }
     return s;
 }
+
+/// A mix source adding a quarter of full scale to every sample.
+class QuarterSource : public MixSource {
+  public:
+    void mixInto(float* interleaved, uint32_t frames, uint32_t channels, uint32_t sampleRate) override {
+        calls.fetch_add(1);
+        lastRate.store(sampleRate);
+        for (uint32_t i = 0; i < frames * channels; ++i) {
+            interleaved[i] += 0.25f;
+        }
+    }
+    std::atomic<int> calls{0};
+    std::atomic<uint32_t> lastRate{0};
+};
 
 inline uint32_t position(IDirectSoundBuffer* b) {
     uint32_t play = 0;
