@@ -33,20 +33,17 @@ std::vector<int16_t> readWav(const std::string& path, std::string* fmt = nullptr
     return samples;
 }
 
-/// Plays a looping 1 kHz tone on a fresh device for about ms milliseconds of real time.
-void playTone(int ms) {
-    Device dev(44100);
-    IDirectSoundBuffer* b = dev.playing(soundkit::sine16(441, 1000.0 / 44100.0, 16000.0), 44100, true);
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    b->Release();
-}
-
 TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     lxtest::TempDir dir;
     const std::string path = dir.file("out.wav");
     LxPlatformSound::useWavFile(path.c_str());
     EXPECT_EQ("WAV file " + path, LxPlatformSound::describeOutput());
-    playTone(300);
+    {
+        Device dev(44100);  // a looping 1 kHz tone for 300 ms of real time
+        IDirectSoundBuffer* b = dev.playing(soundkit::sine16(441, 1000.0 / 44100.0, 16000.0), 44100, true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        b->Release();
+    }
     std::string fmt;
     const std::vector<int16_t> first = readWav(path, &fmt);
     EXPECT_EQ(lxtest::pcmFmtBody(2, 44100, 16), fmt);
