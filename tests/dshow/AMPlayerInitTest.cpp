@@ -1,14 +1,14 @@
 // The filter-graph player's initialisation on the simulated graph: what each clip turns into
 // (initialized code, duration, frame count, outputs), the failures that stop a player at load, and
 // the calls a stopped player makes on its graph for seeks and rates.
-#include "AMTestKit.h"
+#include "GraphKit.h"
 
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/dshow/LxpRendererFilter.h"
 
 namespace {
 
-using amtest::Rig;
+using Rig = lxtest::SimPlayerRig;
 using lxp::simgraph::Outcome;
 using lxp::simgraph::Script;
 using lxtest::RecordingListener;

@@ -5,7 +5,7 @@
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpSimGraph.h"
 
-#include "GraphTestKit.h"
+#include "GraphKit.h"
 
 namespace {
 
@@ -126,8 +126,7 @@ TEST_F(GraphLibrary, TheVideoRendererDeliversTheChosenPixelLayout) {
         lxtest::GraphRig rig;
         ASSERT_TRUE(rig.open(clip));
         ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
-        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-        const LxpVideoSpec spec = rig.videoSink.pictures()[0].spec;
+        const LxpVideoSpec spec = rig.videoSink.firstPicture().spec;
         EXPECT_EQ(LxPixel24Alt, spec.pixelFormat);
         EXPECT_EQ(3, spec.bytesPerPixel);
         EXPECT_EQ(24, spec.stride);  // 21 bytes of pixels padded to 24

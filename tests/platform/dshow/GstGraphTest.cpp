@@ -5,7 +5,7 @@
 #include "LxPlatformGraph.h"
 #include "platform/com/LxpCom.h"
 
-#include "GraphTestKit.h"
+#include "GraphKit.h"
 
 #include <dirent.h>
 #include <glib.h>
@@ -79,22 +79,23 @@ TEST_F(GstGraph, SeeksInAnMpegSystemStreamLandOnTheFrameDespiteTheMuxDelay) {
     GraphRig rig;
     ASSERT_TRUE(rig.open(lxtest::mpeg1Clip().path));
     ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-    EXPECT_EQ(0, rig.videoSink.pictures()[0].start);
-    EXPECT_EQ(0, rig.videoSink.pictures()[0].counter);
+    const RecordingSink::Picture first = rig.videoSink.firstPicture();
+    EXPECT_EQ(0, first.start);
+    EXPECT_EQ(0, first.counter);
     const double targets[] = {1.5, 0.3, 1.0, 1.96, 0.0};
     for (double t : targets) {
         SCOPED_TRACE(t);
         rig.videoSink.clear();
         rig.audioSink.clear();
         ASSERT_EQ(S_OK, rig.seekTo(t));
-        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-        const lxtest::RecordingSink::Picture p = rig.videoSink.pictures()[0];
+        const RecordingSink::Picture p = rig.videoSink.firstPicture();
         EXPECT_EQ(static_cast<int>(t * 25 + 1e-6), p.counter);
         EXPECT_NEAR(std::floor(t * 25 + 1e-6) / 25, seconds(p.start), 0.001);
         if (t < 1.9) {
-            ASSERT_TRUE(rig.audioSink.waitFor([&] { return !rig.audioSink.audioLocked().empty(); }));
-            EXPECT_NEAR(t, seconds(rig.audioSink.audio()[0].start), 0.0005) << "audio starts at the position";
+            ASSERT_TRUE(
+                rig.audioSink.waitFor([](const RecordingSink::Record& r) { return !r.audio.empty(); }));
+            EXPECT_NEAR(t, seconds(rig.audioSink.got().audio[0].start), 0.0005)
+                << "audio starts at the position";
         }
     }
 }
@@ -112,7 +113,8 @@ TEST_F(GstGraph, GraphsReleasedWhilePlayingOrBlockedGoAwayQuicklyWithTheirThread
             }
             ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
             RecordingSink& sink = rig.videoSink;
-            ASSERT_TRUE(lxtest::waitUntil([&] { return sink.blocked > 0 || sink.pictureCount() > 3; }, 20000))
+            ASSERT_TRUE(
+                lxtest::waitUntil([&] { return sink.blocked > 0 || sink.got().video.size() > 3; }, 20000))
                 << "released while playing";
             if (i == 2) {
                 rig.control->Pause();

@@ -1,11 +1,11 @@
 // The renderer filters on their own: format acceptance, what each state does with samples, the
 // queue's back-pressure, flushes, end of stream and the gate.
 #include "LxConnectable.h"
-#include "platform/dshow/LxpGraphBase.h"
 #include "filterlib/LxpRenderer.h"
+#include "platform/dshow/LxpGraphBase.h"
 
 #include "FakeSample.h"
-#include "GraphTestKit.h"
+#include "GraphKit.h"
 
 #include <thread>
 
@@ -183,8 +183,8 @@ TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
     EXPECT_FALSE(returned.load()) << "a full queue holds a running graph back";
     sink.hold(false);
     producer.join();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.audioLocked().size() == 21; }));
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    ASSERT_TRUE(sink.waitFor([](const RecordingSink::Record& r) { return r.audio.size() == 21; }));
+    const auto got = sink.got().audio;
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(i, got[static_cast<size_t>(i)].firstSample);
     }
@@ -231,7 +231,7 @@ TEST_F(Renderer, FlushDropsTheQueueReleasesTheProducerAndMakesAQueuedEndStale) {
     producer.join();  // every Receive returned at once
     f->endFlush();
     sink.hold(false);
-    EXPECT_EQ(1, sink.flushCount());
+    EXPECT_EQ(1, sink.got().flushes);
     // The end of stream sent during the flush does not count; the graph heard of the flush.
     EXPECT_EQ(std::vector<int32_t>{EC_LXP_RENDERER_FLUSHED}, graph->snapshot());
 
@@ -243,11 +243,11 @@ TEST_F(Renderer, FlushDropsTheQueueReleasesTheProducerAndMakesAQueuedEndStale) {
     ASSERT_TRUE(lxtest::waitUntil([&] { return graph->snapshot().size() == 2; }, 20000));
     EXPECT_EQ(EC_COMPLETE, graph->snapshot()[1]);
     EXPECT_EQ(reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(f)), graph->senders[1]);
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    const auto got = sink.got().audio;
     ASSERT_TRUE(got.size() == 2 || got.size() == 3) << got.size();
     EXPECT_EQ(50, got[got.size() - 2].firstSample);
     EXPECT_EQ(51, got.back().firstSample);
-    EXPECT_EQ(1, sink.eosCount());
+    EXPECT_EQ(1, sink.got().eos);
     // A stopped filter ignores an end of stream.
     f->Stop();
     EXPECT_EQ(S_FALSE, f->endOfStream());
@@ -261,8 +261,8 @@ TEST_F(Renderer, TheGateDecidesEachDeliveryAndBuffersAreCutToWholeSampleFrames) 
         send(f, static_cast<int16_t>(i), i * 10, 42);  // 42 bytes: ten 4-byte frames and a half
     }
     f->endOfStream();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.eosLocked() == 1; }));
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    ASSERT_TRUE(sink.waitFor([](const RecordingSink::Record& r) { return r.eos == 1; }));
+    const auto got = sink.got().audio;
     ASSERT_EQ(2u, got.size());
     EXPECT_EQ(0, got[0].firstSample);
     EXPECT_EQ(2, got[1].firstSample);
@@ -285,8 +285,7 @@ TEST_F(Renderer, TheGateDecidesEachDeliveryAndBuffersAreCutToWholeSampleFrames) 
     v->receive(full);
     shortSample->Release();
     full->Release();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.picturesLocked().size() == 1; }));
-    EXPECT_EQ(5, sink.pictures()[0].start);
+    EXPECT_EQ(5, sink.firstPicture().start);
 }
 
 TEST_F(Renderer, DetachingTheSinkWaitsForTheDeliveryInProgress) {
@@ -303,13 +302,13 @@ TEST_F(Renderer, DetachingTheSinkWaitsForTheDeliveryInProgress) {
     EXPECT_FALSE(detached.load());
     sink.hold(false);
     detacher.join();
-    EXPECT_EQ(1u, sink.audioCount());
+    EXPECT_EQ(1u, sink.got().audio.size());
     // Nothing reaches a detached sink: the end that follows the sample is not heard either.
     send(f, 2, 1);
     f->endOfStream();
     ASSERT_TRUE(lxtest::waitUntil([&] { return graph->snapshot().size() == 1; }, 20000));
-    EXPECT_EQ(1u, sink.audioCount());
-    EXPECT_EQ(0, sink.eosCount());
+    EXPECT_EQ(1u, sink.got().audio.size());
+    EXPECT_EQ(0, sink.got().eos);
 }
 
 }  // namespace
