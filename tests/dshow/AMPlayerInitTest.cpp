@@ -32,9 +32,13 @@ std::vector<std::string> outputNames(LxAMPlayer* p) {
     return out;
 }
 
-TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
+class AMPlayerInit : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(rig.registered); }
     Rig rig;
-    ASSERT_TRUE(rig.registered);
+};
+
+TEST_F(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
     struct Case {
         Outcome outcome;
         long code;
@@ -81,9 +85,7 @@ TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
     EXPECT_EQ(LxTime(-1, 0), p->getDuration());
 }
 
-TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
+TEST_F(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
     struct Case {
         const char* what;
         std::function<std::string()> arrange;
@@ -138,12 +140,9 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
     EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
 }
 
-TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
+TEST_F(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
     RecordingListener l1;
-    LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &l1);
-    rig.connect(p);
+    LxAMPlayer* p = rig.play(script(Outcome::AudioVideo), &l1);
 
     size_t mark = Rig::callCount();
     EXPECT_EQ(LX_OK, p->setMediaTime(LxTime(10000, 0)));
@@ -154,21 +153,18 @@ TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
     EXPECT_EQ(LxTime(1, 250000), p->getMediaTime());
 
     mark = Rig::callCount();
-    for (float rate : {-1.0f, 0.0f}) {
-        float r = rate;
-        EXPECT_EQ(LX_OK, p->setRate(&r));
+    for (float rate : {-1.0f, 0.0f, 2.0f}) {
+        EXPECT_EQ(LX_OK, p->setRate(&rate));
     }
-    float two = 2.0f;
-    EXPECT_EQ(LX_OK, p->setRate(&two));
     const std::vector<std::string> calls = lxp::simgraph::calls();
     const std::vector<std::string> rates(calls.begin() + static_cast<long>(mark), calls.end());
     EXPECT_EQ(std::vector<std::string>{"SetRate(2.000)"}, rates) << "the graph plays forward only";
 
     // Audio alone follows the rate in its renderer, not in the graph.
     RecordingListener l2;
-    LxAMPlayer* a = rig.open(rig.clip(script(Outcome::AudioOnly)), &l2);
-    rig.connect(a);
+    LxAMPlayer* a = rig.play(script(Outcome::AudioOnly), &l2);
     mark = Rig::callCount();
+    float two = 2.0f;
     EXPECT_EQ(LX_OK, a->setRate(&two));
     EXPECT_EQ(2.0f, rig.audio->lastRate.load());
     EXPECT_EQ(mark, Rig::callCount());
