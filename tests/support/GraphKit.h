@@ -160,9 +160,8 @@ struct GraphRig {
     RecordingSink audioSink;
     RecordingSink videoSink;
 
-    /// Creates the graph with both renderers, adds the file's source filter and renders its first
-    /// pin; false when any of it fails.
-    bool open(const std::string& path) {
+    /// Creates the graph and asks it for its control, seeking and event interfaces.
+    bool create() {
         if (lxp::FAILED(lxp::CoCreateInstance(lxp::CLSID_FilterGraph, nullptr, lxp::CLSCTX_INPROC_SERVER,
                                               lxp::IID_IGraphBuilder, reinterpret_cast<void**>(&graph)))) {
             return false;
@@ -170,10 +169,15 @@ struct GraphRig {
         graph->QueryInterface(lxp::IID_IMediaControl, reinterpret_cast<void**>(&control));
         graph->QueryInterface(lxp::IID_IMediaSeeking, reinterpret_cast<void**>(&seeking));
         graph->QueryInterface(lxp::IID_IMediaEvent, reinterpret_cast<void**>(&events));
+        return control != nullptr && seeking != nullptr && events != nullptr;
+    }
+
+    /// Creates the graph with both renderers, adds the file's source filter and renders its first
+    /// pin; false when any of it fails.
+    bool open(const std::string& path) {
         const std::wstring file(path.begin(), path.end());
-        if (!addRenderer(lxp::CLSID_LxAudioRenderer, L"LxAudioRenderer", &audio, &audioSink) ||
+        if (!create() || !addRenderer(lxp::CLSID_LxAudioRenderer, L"LxAudioRenderer", &audio, &audioSink) ||
             !addRenderer(lxp::CLSID_LxVideoRenderer, L"LxVideoRenderer", &video, &videoSink) ||
-            control == nullptr || seeking == nullptr || events == nullptr ||
             lxp::FAILED(graph->AddSourceFilter(file.c_str(), L"FilterSource", &source))) {
             return false;
         }

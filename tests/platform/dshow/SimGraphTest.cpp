@@ -1,6 +1,6 @@
 // The simulated graph with the filter library's renderers: the graph's state machine, positions in
-// virtual time, seeks, rate and EC_COMPLETE bookkeeping. (What each scripted outcome renders to is
-// checked through the player in tests/dshow.)
+// virtual time, seeks, rate, EC_COMPLETE bookkeeping and the pixel layout delivered. (What each scripted
+// outcome renders to is checked through the player in tests/dshow.)
 #include "LxPlatformGraph.h"
 #include "platform/clock/LxpClock.h"
 #include "platform/dshow/LxpSimGraph.h"
@@ -30,6 +30,7 @@ class SimGraph : public ::testing::Test {
         CoUninitialize();
         sim::reset();
         LxPlatformGraph::useGStreamer();
+        LxPlatformGraph::setVideoPixelFormat(LxPixel32Alt);
     }
     /// Opens a clip of 2 s, 50 frames of 8x6 (as changed by tweak) in rig.
     bool open(sim::Outcome outcome, const std::function<void(sim::Script&)>& tweak = nullptr) {
@@ -206,6 +207,21 @@ TEST_F(SimGraph, CompleteWaitsForEveryConnectedRendererOnly) {
     EXPECT_TRUE(rig->waitComplete());
     EXPECT_EQ(0u, rig->videoSink.got().video.size());
     EXPECT_EQ(1, rig->audioSink.got().eos);
+}
+
+TEST_F(SimGraph, TheVideoRendererDeliversTheChosenPixelLayout) {
+    EXPECT_FALSE(LxPlatformGraph::setVideoPixelFormat(LxPixel16));
+    EXPECT_EQ(LxPixel32Alt, LxPlatformGraph::videoPixelFormat());
+    ASSERT_TRUE(LxPlatformGraph::setVideoPixelFormat(LxPixel24Alt));
+    ASSERT_TRUE(open(sim::Outcome::VideoOnly, [](sim::Script& s) {
+        s.width = 7;
+        s.height = 2;
+    }));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
+    const LxpVideoSpec spec = rig->videoSink.firstPicture().spec;
+    EXPECT_EQ(LxPixel24Alt, spec.pixelFormat);
+    EXPECT_EQ(3, spec.bytesPerPixel);
+    EXPECT_EQ(24, spec.stride);  // 21 bytes of pixels padded to 24
 }
 
 TEST_F(SimGraph, AGraphReleasedWhileItsStreamIsBlockedGoesAway) {
