@@ -54,21 +54,8 @@ TEST_F(AMPlayerE2E, PicturesShowTheFrameOfTheirMediaTimeAcrossASeekARateChangeAn
     EXPECT_EQ(LxNode::STARTED, p->getState());
 }
 
-/// A clip whose sound is a 1 kHz beep for the first 50 ms of every second (computed per sample, so
-/// that each beep starts exactly on its second), with the frame counter.
-std::string beepClip(const lxtest::TempDir& dir) {
-    const std::string path = dir.file("beeps.mp4");
-    const std::string cmd =
-        "ffmpeg -nostdin -v error -y -f lavfi -i \"color=c=black:s=160x120:r=25:d=3,"
-        "geq=lum='if(bitand(N\\,pow(2\\,floor(X*8/W)))\\,235\\,16)':cb=128:cr=128\" "
-        "-f lavfi -i \"aevalsrc='0.25*sin(2*PI*1000*t)*lt(mod(t\\,1)\\,0.05)':s=44100:d=3\" -ac 2 "
-        "-c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 192k -f mp4 '" +
-        path + "'";
-    return lxtest::run(cmd) == 0 ? path : std::string();
-}
-
 TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
-    const std::string path = beepClip(dir);
+    const std::string path = lxtest::beepClip().path;
     ASSERT_FALSE(path.empty());
     RecordingListener l;
     LxPlayer* p = open(path, &l);

@@ -95,6 +95,15 @@ Clip mp4CounterClip() {
                    4.0);
 }
 
+Clip beepClip() {
+    return counter(
+        ffmpeg("beeps.mp4",
+               video(3) +
+                   " -f lavfi -i \"aevalsrc='0.25*sin(2*PI*1000*t)*lt(mod(t\\,1)\\,0.05)':s=44100:d=3\" "
+                   "-ac 2 -c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 192k -f mp4"),
+        3.0);
+}
+
 Clip corruptClip() {
     return {made("noise.mpg",
                  [](const std::string& tmp) {

@@ -30,6 +30,9 @@ Clip mp3Clip();
 Clip movVideoClip();
 /// MP4 with MPEG-4 video (counter, 25 fps) and AAC audio, 4 s: the clip for seeks and rates.
 Clip mp4CounterClip();
+/// MP4 with the counter and, as its sound, a 1 kHz beep for the first 50 ms of every second
+/// (computed per sample, so that each beep starts exactly on its second), 3 s.
+Clip beepClip();
 /// 64 KB of noise named .mpg.
 Clip corruptClip();
 /// A QuickTime file cut off before its index.
