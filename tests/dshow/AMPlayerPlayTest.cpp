@@ -1,7 +1,5 @@
-// The filter-graph player playing on the simulated graph in real time: cue and start at the
-// clock's time, what the outputs hand the renderers (every audio sample once and in order, the
-// picture of the media time), rate 0 and resume, suspend, loops inside the graph, the end and
-// stops. (Players destroyed in every state while other threads drive them: the soak.)
+// The filter-graph player playing on the simulated graph in real time: starts at the clock's time,
+// every sample once and in order, the picture of the media time, rates, suspend, loops, the end.
 #include "GraphKit.h"
 
 #include <atomic>

@@ -1,7 +1,6 @@
-// A clip with a frame counter played end to end by the filter-graph player on GStreamer: the
-// picture painted at media time t shows the frame of t (within one frame) from a cued start,
-// after a seek, after a rate change and across a loop inside the graph; and the sound written to
-// the WAV file keeps time with the pictures.
+// The filter-graph player on GStreamer in real time: the picture painted at media time t shows the
+// frame of t (within one frame) from a cued start, after a seek, a rate change and a loop inside
+// the graph; and the sound written to the WAV file keeps time with the pictures.
 #include "GraphKit.h"
 
 namespace {

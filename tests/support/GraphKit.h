@@ -472,11 +472,9 @@ struct Painted {
     int counter;   // the frame counter the picture shows (-1: none yet or unreadable)
 };
 
-/// The filter-graph player on GStreamer through the manager's factory and default renderers, with
-/// the sound written to a WAV file in real time and a host that paints. The sound-card test at
-/// start-up wrote the file's first F0 frames; the output is opened at a reference time t0 read
-/// around the call, and from there the mixing thread writes one block after another, each no
-/// earlier than its own start time, so frame F0 + k was mixed at t0 + k / 44100.
+/// The filter-graph player on GStreamer through the manager, with a host that paints and the sound
+/// written to a WAV file in real time: after the sound-card test's F0 frames, the output opened at
+/// t0 writes each block no earlier than its start, so frame F0 + k was mixed at t0 + k / 44100.
 class AMPlayerE2E : public ::testing::Test {
   protected:
     void SetUp() override {
