@@ -86,44 +86,39 @@ TEST_F(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
 }
 
 TEST_F(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
+    enum Fail { kNothing, kGraph, kRenderers, kCom, kFile };
     struct Case {
         const char* what;
-        std::function<std::string()> arrange;
+        Outcome outcome;
+        Fail fail;
         long code;
     };
     const Case cases[] = {
-        {"a clip no renderer takes", [&] { return rig.clip(script(Outcome::None)); }, 0x201},
-        {"a clip that cannot be rendered", [&] { return rig.clip(script(Outcome::Failure)); }, 0x2A4},
-        {"a file that is not there", [&] { return rig.dir.file("missing.mpg"); }, 0x443},
-        {"no filter graph",
-         [&] {
-             lxp::comtest::failCreate(lxp::CLSID_FilterGraph, 1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x442},
-        {"neither renderer filter",
-         [&] {
-             lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
-             lxp::comtest::failCreate(lxp::CLSID_LxVideoRenderer, 1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x441},
-        {"no COM on the player's thread",
-         [&] {
-             lxp::comtest::failCoInitialize(1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x440},
+        {"a clip no renderer takes", Outcome::None, kNothing, 0x201},
+        {"a clip that cannot be rendered", Outcome::Failure, kNothing, 0x2A4},
+        {"a file that is not there", Outcome::AudioVideo, kFile, 0x443},
+        {"no filter graph", Outcome::AudioVideo, kGraph, 0x442},
+        {"neither renderer filter", Outcome::AudioVideo, kRenderers, 0x441},
+        {"no COM on the player's thread", Outcome::AudioVideo, kCom, 0x440},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         lxp::comtest::reset();
+        if (c.fail == kGraph) {
+            lxp::comtest::failCreate(lxp::CLSID_FilterGraph, 1);
+        } else if (c.fail == kRenderers) {
+            lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
+            lxp::comtest::failCreate(lxp::CLSID_LxVideoRenderer, 1);
+        } else if (c.fail == kCom) {
+            lxp::comtest::failCoInitialize(1);
+        }
         RecordingListener listener;
         const auto start = std::chrono::steady_clock::now();
-        LxAMPlayer* p = rig.open(c.arrange(), &listener);
+        LxAMPlayer* p =
+            rig.open(c.fail == kFile ? rig.dir.file("missing.mpg") : rig.clip(script(c.outcome)), &listener);
         // COM fails as the thread starts, possibly before the listener was there to hear it.
         const long code = listener.resultOf(LxCatastrophicErrorEventType);
-        if (!(c.code == 0x440 && code == -1)) {
+        if (!(c.fail == kCom && code == -1)) {
             EXPECT_EQ(c.code, code);
         }
         EXPECT_EQ(LxNode::DEAD, p->getState());
