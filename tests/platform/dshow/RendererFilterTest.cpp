@@ -127,7 +127,7 @@ class Renderer : public ::testing::Test {
         }
         return f;
     }
-    /// A running filter connected with a complete type, and the output it makes.
+    /// A running filter connected with a complete type, and the output it makes (once).
     LxOutputConnectable* output(RendererKind kind, AM_MEDIA_TYPE type, LxPixelFormat_s pixels,
                                 RendererFilter** f) {
         *f = new RendererFilter(kind, pixels);
@@ -137,7 +137,11 @@ class Renderer : public ::testing::Test {
         char* name = nullptr;
         LxOutputConnectable* o = nullptr;
         EXPECT_EQ(S_OK, (*f)->GetOutputConnectable(nullptr, &name, &o));
+        EXPECT_STREQ(kind == RendererKind::Audio ? "Audio" : "Video", name);
         outputs.push_back(o);
+        LxOutputConnectable* second = nullptr;  // a filter makes its output once
+        EXPECT_EQ(VFW_E_ALREADY_CONNECTED, (*f)->GetOutputConnectable(nullptr, &name, &second));
+        EXPECT_EQ(nullptr, second);
         (*f)->Run(0);
         return o;
     }
@@ -228,20 +232,9 @@ TEST_F(Renderer, TakesOnlyFormatsItCanDeliver) {
     AM_MEDIA_TYPE otherType = videoMediaType(other);
     EXPECT_EQ(S_FALSE, rgb->queryAccept(&otherType));
     EXPECT_EQ(S_FALSE, rgb->queryAccept(&partial));
-    ASSERT_EQ(S_OK, rgb->receiveConnection(out, &wantType));
+    EXPECT_EQ(S_OK, rgb->receiveConnection(out, &wantType));
     FreeMediaType(wantType);
     FreeMediaType(otherType);
-
-    // The connected renderer makes its output once.
-    char* name = nullptr;
-    LxOutputConnectable* output = nullptr;
-    ASSERT_EQ(S_OK, rgb->GetOutputConnectable(nullptr, &name, &output));
-    EXPECT_STREQ("Video", name);
-    ASSERT_NE(nullptr, output);
-    LxOutputConnectable* second = nullptr;
-    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, rgb->GetOutputConnectable(nullptr, &name, &second));
-    EXPECT_EQ(nullptr, second);
-    delete output;
 }
 
 TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
