@@ -2,8 +2,6 @@
 
 #include "LxQueue.h"
 
-#include <new>
-
 namespace lxtest {
 
 TestRendererNode::TestRendererNode(LxManager* manager, int maxFrames, int frameBytes)
@@ -12,8 +10,6 @@ TestRendererNode::TestRendererNode(LxManager* manager, int maxFrames, int frameB
       frameBytes_(frameBytes),
       pool_(new LxQueue()),
       accepted_(new LxAudioFormat(LxAnySampleFormat, LxAnyChannels, -1.0f, 0, LxFormat::PullStream)) {
-    inputNameList_[0] = inputName_;
-    inputList_[0] = this;
     inputNames = inputNameList_;
     inputs = inputList_;
     inputCount = 1;
@@ -41,15 +37,10 @@ long TestRendererNode::startAtTime(LxTime refTime) {
     const long result = LxNode::startAtTime(refTime);
     state = STARTED;
     ++starts;
-    switch (startMode_.load()) {
-        case ConfirmStart:
-            postEvent(new LxStartEvent(this, LxTime(), refTime));
-            break;
-        case ConfirmEnd:
-            postEvent(new LxEndOfMediaEvent(this));
-            break;
-        case Silent:
-            break;
+    if (startMode_.load() == ConfirmStart) {
+        postEvent(new LxStartEvent(this, LxTime(), refTime));
+    } else if (startMode_.load() == ConfirmEnd) {
+        postEvent(new LxEndOfMediaEvent(this));
     }
     return result;
 }
@@ -60,40 +51,6 @@ void TestRendererNode::stop() {
         state = STOPPED;
     }
     ++stops;
-}
-
-long TestRendererNode::stopAtTime(LxTime refTime) {
-    ++stopAtTimes;
-    return LxNode::stopAtTime(refTime);
-}
-
-long TestRendererNode::setRate(float* rate) {
-    lastRate = *rate;
-    return rateResult_.load();
-}
-
-long TestRendererNode::setMediaTime(LxTime mediaTime) {
-    lastMediaTimeUsec = static_cast<long>(mediaTime.sec()) * 1000000L + mediaTime.usec();
-    return LX_OK;
-}
-
-long TestRendererNode::setTimeBase(LxTimeBase* timeBase) {
-    const long r = timeBaseResult_.load();
-    if (r != LX_OK) {
-        return r;
-    }
-    return LxNode::setTimeBase(timeBase);
-}
-
-void TestRendererNode::setLoop(char l) {
-    lastLoop = l;
-    LxNode::setLoop(l);
-}
-
-void TestRendererNode::prefetch() {
-    if (startMode_.load() != Silent) {
-        postEvent(new LxPrefetchCompleteEvent(this));
-    }
 }
 
 long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
@@ -120,14 +77,8 @@ KtResult TestRendererNode::setFormat(LxFormat* format) {
 }
 
 KtResult TestRendererNode::listFormats(LxFormat**& list, short* count) {
-    list = new LxFormat*[1];
-    list[0] = accepted_;
+    list = new LxFormat* [1] { accepted_ };
     *count = 1;
-    return LX_OK;
-}
-
-KtResult TestRendererNode::connectTo(LxOutputConnectable* output) {
-    output_ = output;
     return LX_OK;
 }
 
@@ -161,10 +112,6 @@ void TestRendererNode::putEmptyFrame(LxFrame* frame) {
     pool_->send(frame);
 }
 
-void TestRendererNode::putFrame(LxFrame* frame) {
-    consume(frame);
-}
-
 void TestRendererNode::consume(LxFrame* frame) {
     if (auto* af = dynamic_cast<LxAudioFrame*>(frame)) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -175,35 +122,12 @@ void TestRendererNode::consume(LxFrame* frame) {
 }
 
 int TestRendererNode::pull() {
-    if (output_ == nullptr) {
-        return 0;
-    }
     int n = 0;
-    while (LxFrame* f = output_->getFrameForTime(LxTime::zero(), LxTime::zero())) {
+    while (LxFrame* f = output_ ? output_->getFrameForTime(LxTime::zero(), LxTime::zero()) : nullptr) {
         consume(f);
         ++n;
     }
     return n;
-}
-
-std::string TestRendererNode::received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
-}
-
-void TestRendererNode::clearReceived() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_.clear();
-}
-
-void TestRendererNode::postStart() {
-    postEvent(new LxStartEvent(this, LxTime(), LxTime()));
-}
-void TestRendererNode::postEndOfMedia() {
-    postEvent(new LxEndOfMediaEvent(this));
-}
-void TestRendererNode::postStopAtTime() {
-    postEvent(new LxStopAtTimeEvent(this, LxTime(), LxTime()));
 }
 
 bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
