@@ -130,29 +130,4 @@ int TestRendererNode::pull() {
     return n;
 }
 
-bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
-    LxFormat** offered = nullptr;
-    LxFormat** accepted = nullptr;
-    short offeredCount = 0;
-    short acceptedCount = 0;
-    output->listFormats(offered, &offeredCount);
-    renderer->listFormats(accepted, &acceptedCount);
-    LxFormat* agreed = nullptr;
-    if (offeredCount > 0 && acceptedCount > 0) {
-        agreed = offered[0]->match(accepted[0]);
-        if (agreed == nullptr) {
-            agreed = accepted[0]->match(offered[0]);
-        }
-    }
-    delete[] offered;
-    delete[] accepted;
-    if (agreed == nullptr) {
-        return false;
-    }
-    const bool ok = output->setFormat(agreed) == LX_OK && renderer->setFormat(agreed) == LX_OK &&
-                    output->connectTo(renderer) == LX_OK && renderer->connectTo(output) == LX_OK;
-    agreed->unref();
-    return ok;
-}
-
 }  // namespace lxtest

@@ -6,6 +6,7 @@
 #include "FakeAudioPort.h"
 #include "LxAudioRendererNode.h"
 #include "LxConnectable.h"
+#include "LxManager.h"
 #include "LxResult.h"
 
 #include <atomic>
@@ -87,6 +88,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     /// Pulls every frame the connected output has queued, keeping its bytes and returning the
     /// frame to the pool. Returns the number of frames taken. Consumer side.
     int pull();
+    long connectThroughManager(LxOutputConnectable* output) { return manager->connect(output, this); }
     std::string received() {
         std::lock_guard<std::mutex> lock(mutex_);
         return received_;
@@ -128,9 +130,11 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::vector<FakeAudioPort*> ports_;
 };
 
-/// Connects an output to a renderer as the manager does: the offered format matched against the
-/// accepted one, set on both sides, then both sides connected. False when they do not agree.
-bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer);
+/// Connects an output to the renderer through the renderer's manager, as a host does. False when
+/// they agree on no format.
+inline bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
+    return renderer->connectThroughManager(output) == LX_OK;
+}
 
 }  // namespace lxtest
 
