@@ -25,9 +25,6 @@ TestRendererNode::~TestRendererNode() {
         format_->unref();
     }
     accepted_->unref();
-    for (FakeAudioPort* p : ports_) {
-        delete p;
-    }
     inputNames = nullptr;
     inputs = nullptr;
     inputCount = 0;
@@ -57,7 +54,7 @@ long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
     auto* p = new FakeAudioPort(LxRawChannel, 0.0f);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        ports_.push_back(p);
+        ports_.emplace_back(p);
     }
     ++portsHandedOut;
     *port = p;

@@ -10,6 +10,7 @@
 #include "LxResult.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -127,7 +128,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     LxInputConnectable* inputList_[1] = {this};
     std::mutex mutex_;
     std::string received_;
-    std::vector<FakeAudioPort*> ports_;
+    std::vector<std::unique_ptr<FakeAudioPort>> ports_;
 };
 
 /// Connects an output to the renderer through the renderer's manager, as a host does. False when
