@@ -1,20 +1,6 @@
 #include "TestRenderer.h"
 
-#include "LxQueue.h"
-
 namespace lxtest {
-
-TestRendererNode::TestRendererNode(LxManager* manager, int maxFrames, int frameBytes)
-    : LxAudioRendererNode(manager),
-      maxFrames_(maxFrames),
-      frameBytes_(frameBytes),
-      pool_(new LxQueue()),
-      accepted_(new LxAudioFormat(LxAnySampleFormat, LxAnyChannels, -1.0f, 0, LxFormat::PullStream)) {
-    inputNames = inputNameList_;
-    inputs = inputList_;
-    inputCount = 1;
-    state = STOPPED;
-}
 
 TestRendererNode::~TestRendererNode() {
     while (void* f = pool_->receive(0, LxTime::zero())) {

@@ -7,6 +7,7 @@
 #include "LxAudioRendererNode.h"
 #include "LxConnectable.h"
 #include "LxManager.h"
+#include "LxQueue.h"
 #include "LxResult.h"
 
 #include <atomic>
@@ -22,7 +23,13 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     /// What the node posts when it is started.
     enum StartMode { ConfirmStart, ConfirmEnd, Silent };
 
-    explicit TestRendererNode(LxManager* manager, int maxFrames = 4, int frameBytes = 4096);
+    explicit TestRendererNode(LxManager* manager, int maxFrames = 4, int frameBytes = 4096)
+        : LxAudioRendererNode(manager), maxFrames_(maxFrames), frameBytes_(frameBytes) {
+        inputNames = inputNameList_;
+        inputs = inputList_;
+        inputCount = 1;
+        state = STOPPED;
+    }
     ~TestRendererNode() override;
 
     // Node (called on the player thread).
@@ -119,9 +126,10 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<long> rateResult_{LX_OK};
     const int maxFrames_;
     const int frameBytes_;
-    LxQueue* pool_;
+    LxQueue* pool_ = new LxQueue();
     LxFormat* format_ = nullptr;
-    LxAudioFormat* accepted_;
+    LxAudioFormat* accepted_ =
+        new LxAudioFormat(LxAnySampleFormat, LxAnyChannels, -1.0f, 0, LxFormat::PullStream);
     LxOutputConnectable* output_ = nullptr;
     char inputName_[6] = "Audio";
     char* inputNameList_[1] = {inputName_};
