@@ -3,6 +3,7 @@
 #include "LxResult.h"
 
 #include "FakeAudioPort.h"
+#include "TestManager.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -19,10 +20,13 @@ namespace {
 
 using lxtest::FakeAudioPort;
 
-// A manager whose channel types start and stop in memory (no devices), configured directly.
-class ArbiterManager : public LxManager {
+// A manager whose channel types start (or fail to) and stop in memory, configured directly; with no
+// master time base.
+class ArbiterManager : public lxtest::SceneManager {
   public:
-    explicit ArbiterManager(KtThreadManager* tm) : LxManager(tm) { initialisedSubSystems |= INIT_AUDIO; }
+    explicit ArbiterManager(KtThreadManager* tm) : SceneManager(tm, false) {
+        initialisedSubSystems |= INIT_AUDIO;
+    }
 
     void configure(short rawChannels, short midiChannels, bool halfDuplex) {
         channelInfo[LxRawChannel].maxChannels = rawChannels;
@@ -38,15 +42,7 @@ class ArbiterManager : public LxManager {
     bool failStartup[2] = {false, false};
     int startups[2] = {0, 0};
 
-    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
-    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
-    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-
   protected:
-    long initTimers() override { return LX_OK; }
-    long initAudio() override { return LX_OK; }
-    long initVideo() override { return LX_OK; }
     long startupChannelType(LxAudioChannelType_s t) override {
         ++startups[t];
         if (failStartup[t]) {

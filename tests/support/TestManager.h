@@ -37,12 +37,13 @@ class TestManager : public LxManager {
     long shutdownChannelType(LxAudioChannelType_s) override { return LX_ERR_GENERIC; }
 };
 
-/// The manager base with a settable master time base (reading 5000 s) and no devices, for tests
-/// of what drives players from the scene's clock. Ended with closeManager(), which also deletes
-/// the time base, as a host ends its manager.
+/// The manager base with a settable master time base (reading 5000 s, unless withClock is false)
+/// and no devices, for tests of what drives players from the scene's clock. Ended with
+/// closeManager(), which also deletes the time base, as a host ends its manager.
 class SceneManager : public LxManager {
   public:
-    explicit SceneManager(KtThreadManager* tm) : LxManager(tm), clock(new SettableTimeBase(this, 5000.0)) {
+    explicit SceneManager(KtThreadManager* tm, bool withClock = true)
+        : LxManager(tm), clock(withClock ? new SettableTimeBase(this, 5000.0) : nullptr) {
         masterTimeBase = clock;
     }
     SettableTimeBase* clock;
