@@ -1,26 +1,17 @@
 // The player factory: content names to player classes, the optional plug-in, and the fallback to
 // the WAVE player when no filter graph can be used.
 #include "LxAMPlayer.h"
-#include "LxAudioPlayer.h"
 #include "LxDataSource.h"
 #include "LxEvent.h"
 #include "LxLog.h"
-#include "LxPlatformGraph.h"
-#include "LxPlatformMidi.h"
-#include "LxPlatformProbe.h"
-#include "LxResult.h"
 #include "LxTimeBase.h"
-#include "LxVersionDetection.h"
-#include "LxWin32Manager.h"
 #include "LxWin32MidiPlayer.h"
-#include "LxWin32Mixer.h"
 #include "platform/LxpDuplex.h"
-#include "platform/com/LxpCom.h"
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "platform/midi/LxpMidiSim.h"
 #include "platform/sound/LxpSimulatedSound.h"
 
+#include "EveryKindRig.h"
 #include "TestNodes.h"
 #include "TestSupport.h"
 
@@ -56,13 +47,8 @@ class FactoryTest : public ::testing::Test {
   protected:
     void SetUp() override {
         lxp::simsound::use();
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        lxp::midisim::reset();
         lxp::duplex::reset();
-        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
+        everykind::simulateDevices();
         KtWin32Library::clearSearchDirectories();
         // The simulated graph keeps GStreamer (and GLib's threads) out of this threaded test.
         LxPlatformGraph::useSimulated();
@@ -70,10 +56,7 @@ class FactoryTest : public ::testing::Test {
     void TearDown() override {
         lxp::graphtest::simulateGStreamerMissing(false);
         lxp::graphtest::refuseFilterRegistration(false);
-        LxPlatformGraph::useGStreamer();
-        LxPlatformProbe::useSystem();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
-        LxResetDXAndWin32VersionCache();
+        everykind::restoreDevices();
         KtWin32Library::clearSearchDirectories();
     }
 

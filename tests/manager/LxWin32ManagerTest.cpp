@@ -4,15 +4,11 @@
 
 #include "LxDiagnostics.h"
 #include "LxLog.h"
-#include "LxPlatformMidi.h"
-#include "LxPlatformProbe.h"
-#include "LxResult.h"
-#include "LxVersionDetection.h"
-#include "LxWin32Mixer.h"
 #include "platform/LxpDuplex.h"
 #include "platform/midi/LxpMidiSim.h"
 #include "platform/sound/LxpSimulatedSound.h"
 
+#include "EveryKindRig.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +18,6 @@
 
 namespace {
 
-using lxp::midisim::Operation;
 namespace midisim = lxp::midisim;
 namespace simsound = lxp::simsound;
 
@@ -37,19 +32,13 @@ class Win32ManagerTest : public ::testing::Test {
     void SetUp() override { reset(); }
     void TearDown() override {
         lxp::duplex::reset();
-        LxPlatformProbe::useSystem();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+        everykind::restoreDevices();
     }
     // Fresh simulated devices, no failures, and no saved sound-card test.
     static void reset() {
         simsound::use();
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        midisim::reset();
         lxp::duplex::reset();
-        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
+        everykind::simulateDevices();
         if (LxLogSink::enabled()) {
             LxLogSink::clear();
         }
