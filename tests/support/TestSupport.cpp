@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -41,11 +42,9 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-    if (path_ != "/tmp" && path_.rfind("/tmp/lorvex-test-", 0) == 0) {
-        const std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {
-            // nothing more to do: a leftover folder under /tmp is harmless
-        }
+    std::error_code ignored;  // a leftover folder under /tmp is harmless
+    if (path_.rfind("/tmp/lorvex-test-", 0) == 0) {
+        std::filesystem::remove_all(path_, ignored);
     }
 }
 
