@@ -14,6 +14,7 @@
 #include "EveryKindRig.h"
 #include "TestNodes.h"
 #include "TestSupport.h"
+#include "WaveFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -21,26 +22,11 @@
 
 namespace {
 
-// A source that names any content type.
-class NamedSource : public LxPullDataSource {
-  public:
-    explicit NamedSource(const char* contentName, const char* file = "/nonexistent/clip")
-        : name_(contentName), file_(file) {}
-    long connect() override { return 1; }
-    long close() override { return 1; }
-    long start() override { return 1; }
-    long stop() override { return 1; }
-    const char* getURL() override { return file_.c_str(); }
-    const char* getContentName() override { return name_.c_str(); }
-    char dataAvailable() override { return 1; }
-    long getPosition() override { return 0; }
-    long setPosition(long) override { return 1; }
-    long read(char*, long*) override { return LX_ERR_GENERIC; }
-    const char* getLocalFileName() override { return file_.c_str(); }
-
-  private:
-    std::string name_;
-    std::string file_;
+// A source that names any content type, over a file that is not there.
+struct NamedSource : lxtest::GatedFileSource {
+    explicit NamedSource(const char* contentName) : GatedFileSource("/nonexistent/clip", true) {
+        setContentName(contentName);
+    }
 };
 
 class FactoryTest : public ::testing::Test {
