@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
-#include <sstream>
 #include <thread>
 
 namespace lxtest {
@@ -55,10 +55,7 @@ bool haveTool(const std::string& name) {
 
 int run(const std::string& command) {
     const int status = std::system(command.c_str());
-    if (status == -1) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+    return status == -1 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
 bool writeFile(const std::string& path, const std::string& bytes) {
@@ -69,9 +66,7 @@ bool writeFile(const std::string& path, const std::string& bytes) {
 
 std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool registerFilterLibrary() {
