@@ -2,7 +2,6 @@
 // the WAVE player when no filter graph can be used.
 #include "LxAMPlayer.h"
 #include "LxDataSource.h"
-#include "LxEvent.h"
 #include "LxLog.h"
 #include "LxTimeBase.h"
 #include "LxWin32MidiPlayer.h"
@@ -12,13 +11,10 @@
 #include "platform/sound/LxpSimulatedSound.h"
 
 #include "EveryKindRig.h"
-#include "TestNodes.h"
 #include "TestSupport.h"
 #include "WaveFiles.h"
 
 #include <gtest/gtest.h>
-
-#include <string>
 
 namespace {
 
