@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 
 namespace {
@@ -22,7 +21,7 @@ class MidiParserTest : public ::testing::Test {
         return path;
     }
     /// Opens bytes and parses the whole pass; the result of the last buffer.
-    int parse(const std::string& bytes, std::vector<Record>* out, uint32_t capacity = 1024) {
+    int parse(const std::string& bytes, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity = 1024) {
         LxWin32MidiParser parser(&owner_);
         if (parser.openFile(write("f.mid", bytes).c_str()) != 1) {
             return 1;
@@ -47,16 +46,11 @@ class MidiParserTest : public ::testing::Test {
     FakeOwner owner_;
 };
 
-uint32_t shortMsg(int status, int d1, int d2 = 0) {
-    return status | d1 << 8 | d2 << 16;
-}
-
-// Many tracks with events on shared ticks, text events between them, in small buffers: the stream
-// is the reference reader's events in time order, ties by the lower track, each at its tick (a
-// text event writes no record; its time goes into the next delta). The header's 4 extra bytes
-// are skipped.
+// Many tracks with events on shared ticks and text events between them, in small buffers, after a
+// 10-byte header: the reference reader's events in time order, ties by the lower track.
 TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
     const unsigned seed = lxtest::testSeed();
+    SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     std::vector<std::string> tracks;
     for (int t = 0; t < 300; ++t) {
@@ -68,54 +62,45 @@ TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
         tracks.push_back(track(events, t % 3 != 0));  // every third without its end-of-track event
     }
     const std::string file = smf(1, 96, tracks, 10);
-    RefFile ref = readReference(file);
-    std::stable_sort(ref.events.begin(), ref.events.end(), [](const RefEvent& a, const RefEvent& b) {
-        return a.tick < b.tick || (a.tick == b.tick && a.track < b.track);
-    });
-    std::vector<Record> out;
-    ASSERT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(file, &out, 120)) << "seed " << seed;
-    ASSERT_EQ(ref.events.size(), out.size()) << "seed " << seed;
+    const RefFile ref = readReference(file);
+    std::vector<lxp::MIDIEVENT> out;
+    ASSERT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(file, &out, 120));
+    ASSERT_EQ(ref.events.size(), out.size());
     int64_t tick = 0;
     for (size_t i = 0; i < out.size(); ++i) {
-        tick += out[i].event.dwDeltaTime;
-        ASSERT_EQ(ref.events[i].message, out[i].event.dwEvent) << "seed " << seed << ", record " << i;
-        ASSERT_EQ(ref.events[i].tick, tick) << "seed " << seed << ", record " << i;
+        tick += out[i].dwDeltaTime;  // a text event's time goes into the next record's delta
+        ASSERT_EQ(ref.events[i].message, out[i].dwEvent) << i;
+        ASSERT_EQ(ref.events[i].tick, tick) << i;
     }
 }
 
-TEST_F(MidiParserTest, AppliesGainToChannelVolumeAndScalesTempo) {
+// Gain scales channel volume (the owner keeps the file's value), the tempo scale divides tempi;
+// sysex and meta events, a short tempo event too, write nothing but their time counts, and running
+// status goes on across them.
+TEST_F(MidiParserTest, ConvertsVolumeAndTempoAndPassesOverSysExAndMeta) {
     owner_.gain = 0.5f;
     owner_.tempoScale = 2.0f;
-    const std::string file =
-        smf(0, 480,
-            {track(tempoEvent(0, 500000) + vlq(0) + "\xB3\x07\x64" + vlq(10) + "\xB3\x0A\x64" +
-                   std::string("\x00\xC3\x05", 3) + tempoEvent(10, 0x07A120))});
+    const std::string events = tempoEvent(0, 500000) + controller(0, 3, 7, 100) + controller(10, 3, 10, 100) +
+                               std::string("\x00\xC3\x05", 3) + tempoEvent(10, 0x07A120) + noteOn(0, 0, 60) +
+                               vlq(100) + "\xF0" + vlq(3) + "\x7E\x7F\xF7" + vlq(50) + "\xF7" + vlq(1) +
+                               "\xF7" + textEvent(30, "marker") + vlq(20) + "\xFF\x51\x02\x07\xA1" + vlq(0) +
+                               "\x3E\x40" + vlq(10) + "\xC1\x05" + vlq(5) + "\x06";
     LxWin32MidiParser parser(&owner_);
-    ASSERT_EQ(1, parser.openFile(write("g.mid", file).c_str()));
-    std::vector<Record> out;
-    drain(parser, &out);
-    ASSERT_EQ(5u, out.size());
-    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[0].event.dwEvent);
+    ASSERT_EQ(1, parser.openFile(write("g.mid", smf(0, 480, {track(events)})).c_str()));
+    std::vector<lxp::MIDIEVENT> out;
+    EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, drain(parser, &out));
+    ASSERT_EQ(9u, out.size());
+    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[0].dwEvent);
     EXPECT_EQ(57u, parser.getTicksPerBuffer()) << "480 x 60000 / 500000";
-    EXPECT_EQ(shortMsg(0xB3, 7, 50), out[1].event.dwEvent) << "controller 7 halved";
-    EXPECT_EQ(100u, owner_.volumes[3].load()) << "the volume before gain is kept";
-    EXPECT_EQ(shortMsg(0xB3, 10, 100), out[2].event.dwEvent) << "other controllers untouched";
-    EXPECT_EQ(shortMsg(0xC3, 5), out[3].event.dwEvent) << "one data byte";
-    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[4].event.dwEvent) << "07 A1 20 is 500000";
+    EXPECT_EQ(shortMsg(0xB3, 7, 50), out[1].dwEvent) << "controller 7 halved";
+    EXPECT_EQ(100u, owner_.volumes[3].load());
+    EXPECT_EQ(shortMsg(0xB3, 10, 100), out[2].dwEvent) << "other controllers untouched";
+    EXPECT_EQ(shortMsg(0xC3, 5), out[3].dwEvent) << "one data byte";
+    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[4].dwEvent) << "07 A1 20 is 500000";
     EXPECT_EQ(500000u, parser.getTempo());
-}
-
-TEST_F(MidiParserTest, SysExMetaAndRunningStatus) {
-    const std::string events = noteOn(0, 0, 60) + vlq(100) + "\xF0" + vlq(3) + "\x7E\x7F\xF7" + vlq(50) +
-                               "\xF7" + vlq(1) + "\xF7" + textEvent(30, "marker") + vlq(20) +
-                               "\xFF\x51\x02\x07\xA1" + vlq(0) + "\x3E\x40" + vlq(10) + "\xC1\x05" + vlq(5) +
-                               "\x06";
-    std::vector<Record> out;
-    EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(smf(0, 96, {track(events)}), &out));
-    ASSERT_EQ(4u, out.size()) << "a tempo event without its three bytes is passed over";
-    EXPECT_EQ(200u, out[1].event.dwDeltaTime) << "sysex and meta events write nothing, their time counts";
-    EXPECT_EQ(shortMsg(0x90, 0x3E, 0x40), out[1].event.dwEvent);
-    EXPECT_EQ(shortMsg(0xC1, 6), out[3].event.dwEvent);
+    EXPECT_EQ(200u, out[6].dwDeltaTime);
+    EXPECT_EQ(shortMsg(0x90, 0x3E, 0x40), out[6].dwEvent);
+    EXPECT_EQ(shortMsg(0xC1, 6), out[8].dwEvent);
 }
 
 // Files that open but break in the parse keep what came before the damage, and stay failed; a
@@ -133,7 +118,7 @@ TEST_F(MidiParserTest, DamageFailsThePassButAMissingEndOfTrackDoesNot) {
          LxWin32MidiParser::PARSE_CORRUPT, 1},
     };
     for (const auto& c : cases) {
-        std::vector<Record> out;
+        std::vector<lxp::MIDIEVENT> out;
         EXPECT_EQ(c.result, parse(c.file, &out));
         EXPECT_EQ(c.records, out.size());
     }
@@ -147,13 +132,12 @@ TEST_F(MidiParserTest, HugeDeltaTimesKeepTheirOrderAndTheirDelta) {
         a += noteOn(0x0FFFFFFF, 0, 60);
         b += noteOn(i == 0 ? 0x0FFFFFFE : 0x0FFFFFFF, 1, 61);
     }
-    std::vector<Record> out;
+    std::vector<lxp::MIDIEVENT> out;
     EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(smf(1, 96, {track(a), track(b)}), &out));
     ASSERT_EQ(40u, out.size());
     for (size_t i = 0; i < out.size(); ++i) {
-        EXPECT_EQ(i % 2 == 0 ? 0x91u : 0x90u, out[i].event.dwEvent & 0xFF)
-            << "track 2 is always one tick ahead";
-        EXPECT_EQ(i % 2 == 1 ? 1u : 0x0FFFFFFEu, out[i].event.dwDeltaTime) << i;
+        EXPECT_EQ(i % 2 == 0 ? 0x91u : 0x90u, out[i].dwEvent & 0xFF) << "track 2 is always one tick ahead";
+        EXPECT_EQ(i % 2 == 1 ? 1u : 0x0FFFFFFEu, out[i].dwDeltaTime) << i;
     }
 }
 
@@ -170,7 +154,7 @@ TEST_F(MidiParserTest, FileLayerFailuresCloseEverything) {
     EXPECT_EQ(0, parser.openFile(path.c_str()));
     ASSERT_EQ(1, parser.openFile(path.c_str()));
     lxp::filetest::failAfter(lxp::filetest::Read, 0);
-    std::vector<Record> out;
+    std::vector<lxp::MIDIEVENT> out;
     EXPECT_EQ(LxWin32MidiParser::PARSE_CORRUPT, drain(parser, &out));
     EXPECT_GT(out.size(), 100u);
     ASSERT_EQ(1, parser.openFile(path.c_str()));

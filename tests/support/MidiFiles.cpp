@@ -59,17 +59,16 @@ std::string textEvent(uint32_t delta, const std::string& text) {
     return vlq(delta) + std::string("\xFF\x01", 2) + vlq(static_cast<uint32_t>(text.size())) + text;
 }
 
+std::string controller(uint32_t delta, int channel, int number, int value) {
+    return vlq(delta) + std::string{static_cast<char>(0xB0 | channel), static_cast<char>(number),
+                                    static_cast<char>(value)};
+}
+
 double RefFile::seconds(int64_t tick) const {
-    // Walk the tempo changes in tick order (stable for equal ticks), summing whole segments.
-    std::vector<std::pair<int64_t, uint32_t>> sorted = tempos;
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const std::pair<int64_t, uint32_t>& a, const std::pair<int64_t, uint32_t>& b) {
-                         return a.first < b.first;
-                     });
     double t = 0;
     int64_t at = 0;
     double usPerTick = 500000.0 / division;
-    for (const auto& change : sorted) {
+    for (const auto& change : tempos) {
         if (change.first >= tick) {
             break;
         }
@@ -134,6 +133,11 @@ RefFile readReference(const std::string& d) {
         }
         pos += 8 + len;
     }
+    // Stable: the tracks were read in order, so equal ticks stay in track order.
+    std::stable_sort(f.events.begin(), f.events.end(),
+                     [](const auto& a, const auto& b) { return a.tick < b.tick; });
+    std::stable_sort(f.tempos.begin(), f.tempos.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     return f;
 }
 
@@ -157,18 +161,14 @@ std::vector<lxp::MIDIEVENT> StreamBuffer::records() const {
     return out;
 }
 
-int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity, int maxBuffers) {
+int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity) {
     StreamBuffer buf(capacity);
     int result = 0;
-    for (int n = 0; n < maxBuffers; ++n) {
+    for (int n = 0; n < 100000 && result == 0; ++n) {
         buf.reset();
         result = parser.parseNewBuffer(n == 0, &buf.b);
-        for (const lxp::MIDIEVENT& e : buf.records()) {
-            out->push_back({e, n});
-        }
-        if (result != 0) {
-            return result;
-        }
+        const std::vector<lxp::MIDIEVENT> records = buf.records();
+        out->insert(out->end(), records.begin(), records.end());
     }
     return result;
 }
