@@ -27,14 +27,9 @@ std::string track(const std::string& events, bool endOfTrack) {
 }
 
 std::string smf(int format, int division, const std::vector<std::string>& tracks, uint32_t headerLength) {
-    std::string out = "MThd" + be32(headerLength);
-    out += static_cast<char>(format >> 8);
-    out += static_cast<char>(format);
-    out += static_cast<char>(tracks.size() >> 8);
-    out += static_cast<char>(tracks.size());
-    out += static_cast<char>(division >> 8);
-    out += static_cast<char>(division);
-    out += std::string(headerLength - 6, '\0');
+    auto be16 = [](size_t v) { return std::string{static_cast<char>(v >> 8), static_cast<char>(v)}; };
+    std::string out = "MThd" + be32(headerLength) + be16(format) + be16(tracks.size()) + be16(division) +
+                      std::string(headerLength - 6, '\0');
     for (const std::string& t : tracks) {
         out += t;
     }
@@ -83,11 +78,10 @@ double RefFile::seconds(int64_t tick) const {
 RefFile readReference(const std::string& d) {
     RefFile f;
     auto u = [&](size_t i) { return static_cast<uint8_t>(d[i]); };
-    f.format = u(8) << 8 | u(9);
-    f.tracks = u(10) << 8 | u(11);
+    const int tracks = u(10) << 8 | u(11);
     f.division = u(12) << 8 | u(13);
     size_t pos = 8 + (static_cast<size_t>(u(4)) << 24 | u(5) << 16 | u(6) << 8 | u(7));
-    for (int tr = 0; tr < f.tracks && pos + 8 <= d.size(); ++tr) {
+    for (int tr = 0; tr < tracks && pos + 8 <= d.size(); ++tr) {
         const size_t len =
             static_cast<size_t>(u(pos + 4)) << 24 | u(pos + 5) << 16 | u(pos + 6) << 8 | u(pos + 7);
         size_t i = pos + 8;
@@ -128,7 +122,7 @@ RefFile readReference(const std::string& d) {
                 const bool one = (st & 0xF0) == 0xC0 || (st & 0xF0) == 0xD0;
                 const uint32_t d1 = u(i++);
                 const uint32_t d2 = one ? 0 : u(i++);
-                f.events.push_back({tick, tr, st | d1 << 8 | d2 << 16});
+                f.events.push_back({tick, st | d1 << 8 | d2 << 16});
             }
         }
         pos += 8 + len;
@@ -149,7 +143,6 @@ void StreamBuffer::reset() {
     b = LxMidiStreamBuffer{};
     b.header.lpData = data.data();
     b.header.dwBufferLength = static_cast<uint32_t>(data.size());
-    b.writeBase = 0;
     b.capacity = static_cast<uint32_t>(data.size());
 }
 

@@ -28,18 +28,15 @@ inline uint32_t shortMsg(int status, int d1, int d2 = 0) {
     return status | d1 << 8 | d2 << 16;
 }
 
-/// A channel event of the reference reader, with its absolute tick and track.
+/// A channel event of the reference reader at its absolute tick.
 struct RefEvent {
     int64_t tick;
-    int track;
     uint32_t message;  // status | data1 << 8 | data2 << 16
 };
 
 /// A file read by the test's own reader: events of every track and the tempo changes.
 struct RefFile {
-    int format = 0;
     int division = 0;
-    int tracks = 0;
     std::vector<RefEvent> events;                      // in time order, ties by the lower track
     std::vector<std::pair<int64_t, uint32_t>> tempos;  // (tick, us per quarter), in time order
     /// Seconds at tick, from the tempo changes (500000 us per quarter before the first).
@@ -53,12 +50,11 @@ class FakeOwner : public LxMidiParserOwner {
   public:
     std::atomic<float> gain{1.0f};
     std::atomic<float> tempoScale{1.0f};
-    std::atomic<bool> tempoChanged{false};
     std::atomic<uint32_t> volumes[16] = {};
 
     float getParserGain() override { return gain; }
     float getParserTempoScale() override { return tempoScale; }
-    bool takeTempoChanged() override { return tempoChanged.exchange(false); }
+    bool takeTempoChanged() override { return false; }
     void storeChannelVolume(unsigned channel, uint32_t value) override { volumes[channel] = value; }
 };
 
