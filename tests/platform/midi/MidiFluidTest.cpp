@@ -22,9 +22,11 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -54,28 +56,23 @@ class MidiFluidTest : public ::testing::Test {
         EXPECT_TRUE(lxtest::waitUntil([] { return midiLiveDeviceThreads() == 0; }));
         simsound::use();
     }
-
-  public:
-    /// Renders ms milliseconds of output in 10 ms periods and returns its left channel.
-    static std::vector<float> pull(int ms) {
-        simsound::clearOutput();
-        for (int i = 0; i < ms / 10; ++i) {
-            simsound::advanceMs(10);
-            // At most twice real time, so that the device thread hands messages over within the
-            // synthesizer's 40 ms look-ahead even on a loaded machine.
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return simsound::outputChannel(0);
-    }
-
-    static double rms(const std::vector<float>& x) {
-        double sum = 0;
-        for (const float v : x) {
-            sum += v * v;
-        }
-        return x.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(x.size()));
-    }
 };
+
+/// Renders ms milliseconds of output in 10 ms periods and returns its left channel.
+std::vector<float> pull(int ms) {
+    simsound::clearOutput();
+    for (int i = 0; i < ms / 10; ++i) {
+        simsound::advanceMs(10);
+        // At most twice real time, so that the device thread hands messages over within the
+        // synthesizer's 40 ms look-ahead even on a loaded machine.
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return simsound::outputChannel(0);
+}
+
+double rms(const std::vector<float>& x) {
+    return x.empty() ? 0.0 : std::sqrt(std::inner_product(x.begin(), x.end(), x.begin(), 0.0) / x.size());
+}
 
 /// A stream on the synthesizer, started with one buffer of records; counts the buffers returned.
 struct Playing {
@@ -103,8 +100,8 @@ struct Playing {
     }
 };
 
-const uint32_t kNoteOn = 0x90u | (60u << 8) | (110u << 16);  // middle C
-const uint32_t kNoteOff = 0x80u | (60u << 8);
+const uint32_t kNoteOn = miditest::shortMsg(0x90, 60, 110);  // middle C
+const uint32_t kNoteOff = miditest::shortMsg(0x80, 60);
 
 /// Plays middle C from tick `on` to tick 96 (500 ms) and renders 800 ms: the milliseconds at
 /// which sound starts, and whether the buffer came back only after the note-off was rendered.
@@ -114,9 +111,9 @@ double playNote(uint32_t on, bool* returnedAfterEnd) {
                {on, 0, kNoteOn},
                {96 - on, 0, kNoteOff}});
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::vector<float> audio = MidiFluidTest::pull(400);
+    std::vector<float> audio = pull(400);
     *returnedAfterEnd = p.done.load() == 0;
-    const std::vector<float> more = MidiFluidTest::pull(400);
+    const std::vector<float> more = pull(400);
     audio.insert(audio.end(), more.begin(), more.end());
     *returnedAfterEnd = *returnedAfterEnd && lxtest::waitUntil([&] { return p.done.load() == 1; });
     p.close();
