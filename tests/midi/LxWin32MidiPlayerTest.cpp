@@ -201,18 +201,14 @@ TEST_F(MidiPlayerTest, PlaysEveryEventInTimeOrderAtTheTempoMapsTimesAtThreeRates
     }
 }
 
-std::string twoChannelClip() {
-    // Channels 0 and 9 only; channel 0 turns its volume to 90 at 2.5 s, after the first two
-    // buffers. The clip lasts 3 s.
-    return smf(1, 96,
-               {track(tempoEvent(0, 500000) + noteOn(0, 0, 60) + noteOff(96, 0, 60) + noteOn(96, 0, 62) +
-                      noteOff(96, 0, 62) + controller(192, 0, 7, 90) + noteOn(0, 0, 64) + noteOff(96, 0, 64)),
-                track(noteOn(0, 9, 36) + noteOff(96, 9, 36))});
-}
-
 TEST_F(MidiPlayerTest, GainScalesEveryChannelVolumeAndIsCheckedForRange) {
     startManager();
-    Clip& c = load(file("two.mid", twoChannelClip()));
+    // Channels 0 and 9 only; channel 0 turns its volume to 90 at 2.5 s, after the first two buffers.
+    Clip& c =
+        load(file("two.mid", smf(1, 96,
+                                 {track(tempoEvent(0, 500000) + notes(2, 96) + controller(192, 0, 7, 90) +
+                                        noteOn(0, 0, 64) + noteOff(96, 0, 64)),
+                                  track(noteOn(0, 9, 36) + noteOff(96, 9, 36))})));
     EXPECT_EQ(3.0, c.player->getDuration().getValue());
     EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(1.5f));
     EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(-0.1f));
@@ -220,15 +216,19 @@ TEST_F(MidiPlayerTest, GainScalesEveryChannelVolumeAndIsCheckedForRange) {
     EXPECT_EQ(LX_ERR_GENERIC, c.midi->setGain(0.5f)) << "stored for the next start";
     EXPECT_EQ(0.5f, c.midi->getGain());
 
+    auto expectVolumes = [](size_t from, int ch0, int ch9) {  // every channel's, once
+        std::map<int, int> sent;
+        for (const Message& m : volumes(from)) {
+            EXPECT_EQ(0u, sent.count(m.message & 0x0F));
+            sent[m.message & 0x0F] = m.message >> 16;
+        }
+        for (int ch = 0; ch < 16; ++ch) {
+            EXPECT_EQ(ch == 0 ? ch0 : ch == 9 ? ch9 : 0, sent[ch]) << "channel " << ch;
+        }
+    };
     size_t from = mark();
     start(c);
-    std::map<int, int> sent;
-    for (const Message& m : volumes(from)) {
-        sent[m.message & 0x0F] = m.message >> 16;
-    }
-    for (int ch = 0; ch < 16; ++ch) {
-        EXPECT_EQ(ch == 0 || ch == 9 ? 50 : 0, sent[ch]) << "channel " << ch;
-    }
+    expectVolumes(from, 50, 50);
     midisim::advanceMs(2600);
     const std::vector<Message> played = since(from, true);
     EXPECT_TRUE(std::any_of(played.begin(), played.end(), [](const Message& m) {
@@ -238,10 +238,7 @@ TEST_F(MidiPlayerTest, GainScalesEveryChannelVolumeAndIsCheckedForRange) {
     from = mark();
     EXPECT_EQ(LX_OK, c.midi->setGain(1.0f));
     ASSERT_TRUE(lxtest::waitUntil([&] { return volumes(from).size() >= 16; }));
-    for (const Message& m : volumes(from)) {
-        const int ch = m.message & 0x0F;
-        EXPECT_EQ(ch == 0 ? 90 : ch == 9 ? 100 : 0, static_cast<int>(m.message >> 16)) << "channel " << ch;
-    }
+    expectVolumes(from, 90, 100);
 }
 
 // Forty notes, then an event cut short: what comes before the damage plays, then the clip ends.
