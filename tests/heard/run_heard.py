@@ -60,8 +60,16 @@ class Rig:
     def run(self, case, args, limit=RUN_LIMIT, env=None):
         """Plays into <case>.wav: (samples, rate, the finished process); env is added to the environment."""
         out = self.path(case + '.wav')
+        env = dict(os.environ, **(env or {}))
         r = subprocess.run([self.play, '-o', 'wav:' + out] + args, cwd=self.dir, capture_output=True, text=True,
-                           timeout=limit, env=dict(os.environ, **env) if env else None)
+                           timeout=limit, env=env)
+        if r.returncode != 0 and 'LeakSanitizer has encountered a fatal error' in r.stderr:
+            # LeakSanitizer's own tracer sometimes crashes on a GStreamer thread's thread-local
+            # storage at exit: no finding about the program. The run is heard again without it.
+            print('note %s: LeakSanitizer failed at exit; run again without the leak check' % case)
+            env['ASAN_OPTIONS'] = env.get('ASAN_OPTIONS', '') + ':detect_leaks=0'
+            r = subprocess.run([self.play, '-o', 'wav:' + out] + args, cwd=self.dir, capture_output=True, text=True,
+                               timeout=limit, env=env)
         x, rate = H.read(out) if os.path.getsize(out) > 44 else (np.zeros((0, 2)), 44100)
         return x, rate, r
 
@@ -342,6 +350,10 @@ MOVIES = {
     'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
                   '-c:v mjpeg -c:a pcm_s16le -f mov'),
     'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=1.5 -c:a libmp3lame -f mp3'),
+    # Under 2 s, and a length the demuxer can only estimate: heard whole only when the renderer
+    # does not take the estimate for exact.
+    'MPEG-1 audio': ('clip-audio.mpg', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a mp2 -f mpeg'),
+    'AIFF': ('clip.aiff', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a pcm_s16be -f aiff'),
 }
 
 
@@ -355,7 +367,7 @@ def movie(kind):
         x, rate, r = rig.run(name, ['--frames', frames, '--start', str(LEAD), clip])
         a = H.span(*H.read(ref))
         got = [heard_length(x, rate, a[1] - a[0]), heard_pitch(x, rate, 660)]
-        return [played(r)] + got + ([painted(frames)] if kind != 'MP3' else [])
+        return [played(r)] + got + ([painted(frames)] if 'testsrc' in args else [])
     return run
 
 
@@ -531,9 +543,7 @@ CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k
 
 # Checks that fail because of faults in the library not yet mended: measured and printed as LEFT OUT,
 # not counted, until the fault is gone (then the entry goes). --strict counts them.
-PENDING = {
-    ('MPEG-1', 'length'): 'the filter-graph player loses the last MPEG audio frame',
-}
+PENDING = {}
 
 
 def main():
