@@ -1,6 +1,6 @@
 // The mixer on the simulated sound device with a manual clock: start-up, the port table, channels,
-// scheduled starts, duplicates, tempo, streamed writes heard exactly, resets, silence, writes only
-// timed or given up, and the lock order (a resident clip's fill is heard in the renderer's tests).
+// scheduled starts, duplicates, tempo, write pacing, resets, silence, writes only timed or given up,
+// and the lock order (what clips sound like through the mixer is heard in the renderer's tests).
 #include "LxPlatformProbe.h"
 #include "LxResult.h"
 #include "LxVersionDetection.h"
@@ -366,7 +366,9 @@ TEST_F(MixerTest, StartUpFailuresLeaveTheMixerClosedWithNothingOpen) {
     EXPECT_EQ(LxWin32Mixer::CLOSED, mixer->getState());
 }
 
-TEST_F(MixerTest, StreamedFramesAreHeardExactlyInOrderAtTheirOwnPace) {
+// What the frames sound like is the renderer's tests' business (sample for sample, across the
+// ring's wrap, and from offset 0 after a stop); here, how long writing them takes.
+TEST_F(MixerTest, StreamedFramesAreWrittenAtThePaceOfPlayback) {
     start();
     // A fifth-of-a-second ring at 22050 Hz, fed two seconds in tenth-second frames.
     const short p = open(LxMono, LxSample16, 22050, 8820);
@@ -378,23 +380,6 @@ TEST_F(MixerTest, StreamedFramesAreHeardExactlyInOrderAtTheirOwnPace) {
     const double writingSeconds = (clock.nowMicros() - t0) / 1e6;
     EXPECT_GT(writingSeconds, 1.6);  // paced by playback, less the buffer's head start
     EXPECT_LT(writingSeconds, 2.1);
-    advance(300);
-    const std::vector<float> out = simsound::outputChannel(0);
-    ASSERT_GE(out.size(), 44100u);
-    for (size_t i = 0; i < 44100; ++i) {
-        int16_t in;
-        std::memcpy(&in, &input[2 * i], 2);
-        ASSERT_EQ(in, static_cast<int16_t>(out[i] * 32768.0f)) << "output frame " << i;
-    }
-    // A stop sets up a reset: the next write rewinds the buffer and plays from offset 0.
-    mixer->stopPort(p, 1);
-    simsound::clearConsumed(mixer->buffer(p));
-    std::vector<uint8_t> again = ramp16(2205, 1, 12345);
-    ASSERT_EQ(LX_OK, mixer->writeFrames(p, again.data(), 0, 2205));
-    advance(100);
-    const std::vector<uint8_t> replay = mixer->consumed(p);
-    ASSERT_GE(replay.size(), again.size());
-    EXPECT_EQ(0, std::memcmp(replay.data(), again.data(), again.size()));
 }
 
 TEST_F(MixerTest, AStreamingPortResetsOnlyWhenMoreThanHalfASecondIsQueued) {

@@ -264,7 +264,7 @@ TEST_F(SoundEngine, ControlThreadsNeverLoseAPositionOrPlayAgainstTheMixingThread
     EXPECT_EQ(0, simsound::engine().liveVoices());
 }
 
-// Lock refuses ranges outside the buffer (a split at the wrap is heard in the mixer's streaming
+// Lock refuses ranges outside the buffer (a split at the wrap is heard in the renderer's streaming
 // tests); positions are whole frames inside it.
 TEST_F(SoundEngine, LockAndPositionsRefuseImpossibleRanges) {
     Device dev;
