@@ -457,13 +457,20 @@ TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
     EXPECT_EQ(nullptr, video);
 }
 
-TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCode) {
+TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCodeAndItsWaitForAStartEnds) {
     {
         LoopPlayer player(manager.get(), LX_OK, 0);
         player.setEventListener(&listener);
         ASSERT_TRUE(reaches(player, LxNode::STOPPED));
         ASSERT_TRUE(heard(LxInitializedEventType));
         EXPECT_EQ(LX_INITIALIZED_AUDIO, listener.resultOf(LxInitializedEventType));
+        EXPECT_EQ(250ul, player.startWait(500, 2.0f));
+        EXPECT_EQ(1000ul, player.startWait(500, 0.5f));
+        EXPECT_EQ(500ul, player.startWait(-500, -1.0f)) << "a backward clock's lead by its size";
+        EXPECT_EQ(500ul, player.startWait(500, 0.0f)) << "a stopped clock counts as rate 1";
+        EXPECT_EQ(1ul, player.startWait(1, 8.0f)) << "never 0, which would mean the start has come";
+        EXPECT_EQ(4294967294ul, player.startWait(2000000000L, 1e-6f)) << "never KT_INFINITE";
+        EXPECT_EQ(0ul, player.clampWait(-5.0));
     }
     listener.clear();
     LoopPlayer player(manager.get(), LX_ERR_INVALID_WAVE, 0);
@@ -499,17 +506,6 @@ TEST_F(PlayerTest, TheRunLoopWorksFromTheCueLeadBeforeTheStartUntilTheStopTime) 
     ASSERT_TRUE(heard(LxStopAtTimeEventType));
     EXPECT_EQ(1, player.silenced.load());
     EXPECT_EQ(LxNode::STOPPED, player.getState());
-}
-
-TEST_F(PlayerTest, TheWaitForAStartIsItsLeadAtTheClocksSpeedAndAlwaysEnds) {
-    LoopPlayer player(manager.get(), LX_OK, 0);
-    EXPECT_EQ(250ul, player.startWait(500, 2.0f));
-    EXPECT_EQ(1000ul, player.startWait(500, 0.5f));
-    EXPECT_EQ(500ul, player.startWait(-500, -1.0f)) << "a backward clock's lead by its size";
-    EXPECT_EQ(500ul, player.startWait(500, 0.0f)) << "a stopped clock counts as rate 1";
-    EXPECT_EQ(1ul, player.startWait(1, 8.0f)) << "never 0, which would mean the start has come";
-    EXPECT_EQ(4294967294ul, player.startWait(2000000000L, 1e-6f)) << "never KT_INFINITE";
-    EXPECT_EQ(0ul, player.clampWait(-5.0));
 }
 
 }  // namespace
