@@ -849,6 +849,19 @@ void LxAMPlayer::pollGraphEvent() {
     mediaEvent->FreeEventParams(code, param1, param2);
 }
 
+long LxAMPlayer::setDurationAll(const LxTime& d) {
+    // A compressed stream's length is the demuxer's estimate, often tens of milliseconds short.
+    // An audio renderer takes a short clip's length for exact: it sizes a one-shot buffer to it
+    // and drops what does not fit, cutting the clip's end. Told nothing, it streams the clip and
+    // plays every sample the decoder gives.
+    const char* content = dataSource != nullptr ? dataSource->getContentName() : nullptr;
+    bool exact = false;
+    for (const char* name : {"audio/wav", "audio/x-wav", "audio/x-aiff", "audio/aiff"}) {
+        exact = exact || (content != nullptr && std::strcmp(content, name) == 0);
+    }
+    return LxPlayer::setDurationAll(exact ? d : LxTime(-1, 0));
+}
+
 unsigned long LxAMPlayer::nextPoll(float rate) {
     // Polled every 100 ms, and sooner when the clip's end is nearer than that: a loop restarts
     // the graph once its end is seen, so every millisecond the end goes unseen is a millisecond

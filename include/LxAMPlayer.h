@@ -134,6 +134,8 @@ class LX_API LxAMPlayer : public LxPlayer {
     unsigned long cueLead() override;
     /// Runs the graph and goes active at the start; then polls the graph for its end.
     unsigned long playStep(unsigned long toStart) override;
+    /// The nodes learn the clip's length only where it is exact (uncompressed WAVE or AIFF).
+    long setDurationAll(const LxTime& d) override;
 
   private:
     /// Takes one event from the graph: its end loops the clip inside the graph or ends it.

@@ -700,15 +700,15 @@ class GstGraph : public FilterGraphBase {
     }
 
     // Files come from the web, and the registry holds decoders for far more than Lorvex plays:
-    // only the demuxers, parsers and decoders of WAVE, MPEG-1/2 systems and video, MPEG audio and
-    // QuickTime/MP4 with their common codecs are used, so a clip of any other kind is refused as
+    // only the demuxers, parsers and decoders of WAVE, AIFF, MPEG-1/2 systems and video, MPEG
+    // audio and QuickTime/MP4 with their common codecs are used, so a clip of any other kind is refused as
     // undecodable instead of reaching a decoder nobody here has tried.
     static gint onAutoplugSelect(GstElement*, GstPad*, GstCaps*, GstElementFactory* factory, gpointer) {
         static const char* const kAllowed[] = {
             // containers and parsers
-            "wavparse", "mpegpsdemux", "tsdemux", "qtdemux", "id3demux", "apedemux", "mpegaudioparse",
-            "mpegvideoparse", "mpeg4videoparse", "h264parse", "h263parse", "aacparse", "ac3parse",
-            "jpegparse",
+            "wavparse", "aiffparse", "mpegpsdemux", "tsdemux", "qtdemux", "id3demux", "apedemux",
+            "mpegaudioparse", "mpegvideoparse", "mpeg4videoparse", "h264parse", "h263parse", "aacparse",
+            "ac3parse", "jpegparse",
             // MPEG audio and video
             "avdec_mp1float", "avdec_mp2float", "avdec_mp3float", "avdec_mp3", "mpg123audiodec", "mpeg2dec",
             "avdec_mpegvideo", "avdec_mpeg2video", "avdec_ac3", "a52dec", "dvdlpcmdec",

@@ -41,14 +41,13 @@ const lxp::IID kTestIface = {0x12345679, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 class Thing : public lxp::ComObject<lxp::IUnknown> {
   public:
-    static int alive;
+    static inline int alive = 0;
     Thing() { ++alive; }
     ~Thing() override { --alive; }
     lxp::HRESULT QueryInterface(const lxp::IID& iid, void** out) override {
         return queryBase(iid == kTestIface ? lxp::IID_IUnknown : iid, out);
     }
 };
-int Thing::alive = 0;
 
 TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
     void* out = reinterpret_cast<void*>(1);

@@ -43,21 +43,16 @@ inline std::vector<int16_t> repeat(const std::vector<int16_t>& s, int times) {
     return r;
 }
 
-/// First index from offset on whose magnitude exceeds threshold (-1: none), and one past the last.
+/// First index from offset on whose magnitude exceeds threshold (-1: none), one past the last such
+/// index, and the largest magnitude in [from, to).
 inline long firstAbove(const std::vector<int16_t>& s, int threshold, long offset = 0) {
-    for (size_t i = std::max(0L, offset); i < s.size(); ++i) {
-        if (std::abs(s[i]) > threshold) {
-            return static_cast<long>(i);
-        }
-    }
-    return -1;
+    const auto loud = [&](int16_t v) { return std::abs(v) > threshold; };
+    const auto it = std::find_if(s.begin() + std::min<size_t>(std::max(0L, offset), s.size()), s.end(), loud);
+    return it == s.end() ? -1 : it - s.begin();
 }
 inline long endOfSound(const std::vector<int16_t>& s, int threshold) {
-    size_t i = s.size();
-    while (i > 0 && std::abs(s[i - 1]) <= threshold) {
-        --i;
-    }
-    return static_cast<long>(i);
+    const auto loud = [&](int16_t v) { return std::abs(v) > threshold; };
+    return std::find_if(s.rbegin(), s.rend(), loud).base() - s.begin();
 }
 inline int peak(const std::vector<int16_t>& s, size_t from, size_t to) {
     int p = 0;

@@ -1,24 +1,6 @@
 #include "TestRenderer.h"
 
-#include "LxQueue.h"
-
-#include <new>
-
 namespace lxtest {
-
-TestRendererNode::TestRendererNode(LxManager* manager, int maxFrames, int frameBytes)
-    : LxAudioRendererNode(manager),
-      maxFrames_(maxFrames),
-      frameBytes_(frameBytes),
-      pool_(new LxQueue()),
-      accepted_(new LxAudioFormat(LxAnySampleFormat, LxAnyChannels, -1.0f, 0, LxFormat::PullStream)) {
-    inputNameList_[0] = inputName_;
-    inputList_[0] = this;
-    inputNames = inputNameList_;
-    inputs = inputList_;
-    inputCount = 1;
-    state = STOPPED;
-}
 
 TestRendererNode::~TestRendererNode() {
     while (void* f = pool_->receive(0, LxTime::zero())) {
@@ -29,9 +11,6 @@ TestRendererNode::~TestRendererNode() {
         format_->unref();
     }
     accepted_->unref();
-    for (FakeAudioPort* p : ports_) {
-        delete p;
-    }
     inputNames = nullptr;
     inputs = nullptr;
     inputCount = 0;
@@ -41,15 +20,10 @@ long TestRendererNode::startAtTime(LxTime refTime) {
     const long result = LxNode::startAtTime(refTime);
     state = STARTED;
     ++starts;
-    switch (startMode_.load()) {
-        case ConfirmStart:
-            postEvent(new LxStartEvent(this, LxTime(), refTime));
-            break;
-        case ConfirmEnd:
-            postEvent(new LxEndOfMediaEvent(this));
-            break;
-        case Silent:
-            break;
+    if (startMode_.load() == ConfirmStart) {
+        postEvent(new LxStartEvent(this, LxTime(), refTime));
+    } else if (startMode_.load() == ConfirmEnd) {
+        postEvent(new LxEndOfMediaEvent(this));
     }
     return result;
 }
@@ -62,45 +36,11 @@ void TestRendererNode::stop() {
     ++stops;
 }
 
-long TestRendererNode::stopAtTime(LxTime refTime) {
-    ++stopAtTimes;
-    return LxNode::stopAtTime(refTime);
-}
-
-long TestRendererNode::setRate(float* rate) {
-    lastRate = *rate;
-    return rateResult_.load();
-}
-
-long TestRendererNode::setMediaTime(LxTime mediaTime) {
-    lastMediaTimeUsec = static_cast<long>(mediaTime.sec()) * 1000000L + mediaTime.usec();
-    return LX_OK;
-}
-
-long TestRendererNode::setTimeBase(LxTimeBase* timeBase) {
-    const long r = timeBaseResult_.load();
-    if (r != LX_OK) {
-        return r;
-    }
-    return LxNode::setTimeBase(timeBase);
-}
-
-void TestRendererNode::setLoop(char l) {
-    lastLoop = l;
-    LxNode::setLoop(l);
-}
-
-void TestRendererNode::prefetch() {
-    if (startMode_.load() != Silent) {
-        postEvent(new LxPrefetchCompleteEvent(this));
-    }
-}
-
 long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
     auto* p = new FakeAudioPort(LxRawChannel, 0.0f);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        ports_.push_back(p);
+        ports_.emplace_back(p);
     }
     ++portsHandedOut;
     *port = p;
@@ -120,14 +60,8 @@ KtResult TestRendererNode::setFormat(LxFormat* format) {
 }
 
 KtResult TestRendererNode::listFormats(LxFormat**& list, short* count) {
-    list = new LxFormat*[1];
-    list[0] = accepted_;
+    list = new LxFormat* [1] { accepted_ };
     *count = 1;
-    return LX_OK;
-}
-
-KtResult TestRendererNode::connectTo(LxOutputConnectable* output) {
-    output_ = output;
     return LX_OK;
 }
 
@@ -161,10 +95,6 @@ void TestRendererNode::putEmptyFrame(LxFrame* frame) {
     pool_->send(frame);
 }
 
-void TestRendererNode::putFrame(LxFrame* frame) {
-    consume(frame);
-}
-
 void TestRendererNode::consume(LxFrame* frame) {
     if (auto* af = dynamic_cast<LxAudioFrame*>(frame)) {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -175,60 +105,12 @@ void TestRendererNode::consume(LxFrame* frame) {
 }
 
 int TestRendererNode::pull() {
-    if (output_ == nullptr) {
-        return 0;
-    }
     int n = 0;
-    while (LxFrame* f = output_->getFrameForTime(LxTime::zero(), LxTime::zero())) {
+    while (LxFrame* f = output_ ? output_->getFrameForTime(LxTime::zero(), LxTime::zero()) : nullptr) {
         consume(f);
         ++n;
     }
     return n;
-}
-
-std::string TestRendererNode::received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
-}
-
-void TestRendererNode::clearReceived() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    received_.clear();
-}
-
-void TestRendererNode::postStart() {
-    postEvent(new LxStartEvent(this, LxTime(), LxTime()));
-}
-void TestRendererNode::postEndOfMedia() {
-    postEvent(new LxEndOfMediaEvent(this));
-}
-void TestRendererNode::postStopAtTime() {
-    postEvent(new LxStopAtTimeEvent(this, LxTime(), LxTime()));
-}
-
-bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
-    LxFormat** offered = nullptr;
-    LxFormat** accepted = nullptr;
-    short offeredCount = 0;
-    short acceptedCount = 0;
-    output->listFormats(offered, &offeredCount);
-    renderer->listFormats(accepted, &acceptedCount);
-    LxFormat* agreed = nullptr;
-    if (offeredCount > 0 && acceptedCount > 0) {
-        agreed = offered[0]->match(accepted[0]);
-        if (agreed == nullptr) {
-            agreed = accepted[0]->match(offered[0]);
-        }
-    }
-    delete[] offered;
-    delete[] accepted;
-    if (agreed == nullptr) {
-        return false;
-    }
-    const bool ok = output->setFormat(agreed) == LX_OK && renderer->setFormat(agreed) == LX_OK &&
-                    output->connectTo(renderer) == LX_OK && renderer->connectTo(output) == LX_OK;
-    agreed->unref();
-    return ok;
 }
 
 }  // namespace lxtest

@@ -5,16 +5,106 @@
 #include "TestManager.h"
 #include "TestPlayer.h"
 #include "TestSupport.h"
-#include "VideoTestKit.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 
 namespace {
 
-using lxtest::BoundedAllocator;
-using lxtest::VideoRig;
+// Makes up to `limit` frames, then refuses as the default allocator does once its pool is spent.
+struct BoundedAllocator : LxFrameAllocator {
+    explicit BoundedAllocator(int n, KtResult formatResult = LX_OK) : limit(n), result(formatResult) {}
+    KtResult allocateFrame(LxFrame** out) override {
+        if (created >= limit) {
+            return LX_ERR_ALREADY_TAKEN;
+        }
+        *out = new LxVideoFrame(16, 8, LxPixel32);
+        ++created;
+        return LX_OK;
+    }
+    KtResult setFormat(LxFormat*) override { return result; }
+    long getFramesCreated() override { return created; }
+    const int limit;
+    const KtResult result;
+    int created = 0;
+};
+
+// A renderer with 16 x 8 32-bit frames; in pull style connected to an output of its own. Frame k
+// carries k in its first pixel bytes and is stamped k / 30 s unless told otherwise.
+struct VideoRig {
+    VideoRig(LxManager* manager, LxFormat::StreamStyle s)
+        : style(s), renderer(new LxBaseVideoRenderer(manager)), events(new LxQueue()) {
+        renderer->setEventListener(events);
+        LxVideoFormat* f = new LxVideoFormat(16, 8, LxPixel32, style);
+        if (style == LxFormat::PullStream) {
+            output.initFormats(16, 8, LxPixel32, style);
+            output.setFormat(f);
+            output.connectTo(renderer);
+            renderer->connectTo(&output);
+        }
+        renderer->setFormat(f);
+        f->unref();
+    }
+    ~VideoRig() {
+        delete renderer;  // before the output it may read from
+        while (void* e = events->receive(0, LxTime::zero())) {
+            static_cast<LxEvent*>(e)->unref();
+        }
+        events->unref();
+    }
+    // Hands frame k in; null when the pool gives none within timeout.
+    LxFrame* produce(int k, double t = -1, const LxTime& timeout = LxTime::zero()) {
+        auto* f = static_cast<LxVideoFrame*>(renderer->getEmptyFrame(timeout));
+        if (f != nullptr) {
+            std::memcpy(f->getPixelData(), &k, sizeof(k));
+            f->setPresentationTime(LxTime(t < 0 ? k / 30.0 : t));
+            if (style == LxFormat::PullStream) {
+                output.queueFrame(f);
+            } else {
+                renderer->putFrame(f);
+            }
+        }
+        return f;
+    }
+    // The mark of the frame shown at t seconds (released again), or -1 for none.
+    int show(double t) {
+        LxFrame* f = renderer->attachFrameFromTime(LxTime(t), LxTime::zero());
+        int32_t mark = -1;
+        if (f != nullptr) {
+            std::memcpy(&mark, static_cast<LxVideoFrame*>(f)->getPixelData(), sizeof(mark));
+        }
+        renderer->releaseFrame(f);
+        return mark;
+    }
+    int32_t dropped() {
+        return style == LxFormat::PushStream ? renderer->getDroppedFrames() : output.getDroppedFrames();
+    }
+    // Whether an event of that type comes within ms (other events before it are dropped).
+    bool sees(LxEventType_s type, int ms = 3000) {
+        while (auto* e = static_cast<LxEvent*>(events->receive(1, LxTime(ms / 1000.0)))) {
+            const bool match = e->getEventType() == type;
+            e->unref();
+            if (match) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // Every frame made is back in the pool, nothing queued or pending.
+    bool allFree() {
+        LxFrame* left = output.getFrameForTime(LxTime::zero(), LxTime::maxTime(), LxTime::zero());
+        renderer->putEmptyFrame(left);
+        return left == nullptr && renderer->getQueuedFrameCount() == 0 && !renderer->hasPendingFrame() &&
+               renderer->getFreeFrameCount() == renderer->getFramesCreated();
+    }
+
+    const LxFormat::StreamStyle style;
+    LxVideoOutputConnectable output;
+    LxBaseVideoRenderer* renderer;
+    LxQueue* events;
+};
 
 class VideoRendererTest : public ::testing::TestWithParam<LxFormat::StreamStyle> {
   protected:
@@ -34,7 +124,7 @@ TEST_F(VideoRendererTest, FormatsAndABoundedPoolThatNeverHandsOutAnAttachedFrame
     LxFrame* a = rig.produce(0);
     LxFrame* b = rig.produce(1);
     ASSERT_TRUE(a != nullptr && b != nullptr && a != b);
-    EXPECT_EQ(a, rig.renderer->attachFrameFromTime(lxtest::frameTime(0), LxTime::zero()));
+    EXPECT_EQ(a, rig.renderer->attachFrameFromTime(LxTime::zero(), LxTime::zero()));
     EXPECT_EQ(nullptr, rig.renderer->getEmptyFrame(LxTime::zero())) << "two frames at most";
     EXPECT_EQ(1, rig.show(1.0 / 30));
     EXPECT_EQ(b, rig.renderer->getEmptyFrame(LxTime::zero()));

@@ -3,9 +3,9 @@
 #include "LxBaseVideoRenderer.h"
 
 #include "LxManager.h"
+#include "LxResult.h"
 #include "TestPlayer.h"
 #include "TestSupport.h"
-#include "VideoTestKit.h"
 
 #include <gtest/gtest.h>
 

@@ -9,12 +9,16 @@ namespace {
 
 using namespace lxp;
 
+HANDLE openFile(const std::string& path, uint32_t access = GENERIC_READ) {
+    return CreateFileA(path.c_str(), access, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
+}
+
 TEST(File, ReadsSeeksAndReportsTheEndAsAShortRead) {
     lxtest::TempDir dir;
     ASSERT_TRUE(lxtest::writeFile(dir.file("a"), "0123456789"));
     const int before = filetest::openHandles();
-    HANDLE f = CreateFileA(dir.file("a").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE f = openFile(dir.file("a"));
     ASSERT_NE(INVALID_HANDLE_VALUE, f);
     EXPECT_EQ(before + 1, filetest::openHandles());
     uint32_t high = 7;
@@ -23,8 +27,7 @@ TEST(File, ReadsSeeksAndReportsTheEndAsAShortRead) {
     char buf[8] = {};
     uint32_t got = 0;
     ASSERT_TRUE(ReadFile(f, buf, 4, &got, nullptr));
-    EXPECT_EQ(4u, got);
-    EXPECT_EQ(0, std::string(buf, 4).compare("0123"));
+    EXPECT_EQ("0123", std::string(buf, got));
     EXPECT_EQ(8u, SetFilePointer(f, 4, nullptr, FILE_CURRENT));
     ASSERT_TRUE(ReadFile(f, buf, 8, &got, nullptr));
     EXPECT_EQ(2u, got) << "a read across the end returns what is there";
@@ -40,18 +43,14 @@ TEST(File, ReadsSeeksAndReportsTheEndAsAShortRead) {
 
 TEST(File, RefusesWhatItCannotDoAndFailsOnDemand) {
     lxtest::TempDir dir;
-    ASSERT_TRUE(lxtest::writeFile(dir.file("a"), "xyz"));
     const std::string a = dir.file("a");
-    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileA("/nonexistent/file", GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                                OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(INVALID_HANDLE_VALUE, CreateFileA(dir.path().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                                OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(INVALID_HANDLE_VALUE,
-              CreateFileA(a.c_str(), 0x40000000u, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(lxtest::writeFile(a, "xyz"));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, openFile("/nonexistent/file"));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(dir.path())) << "a directory";
+    EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(a, 0x40000000u)) << "for writing";
     filetest::failAfter(filetest::Open, 0);
-    EXPECT_EQ(INVALID_HANDLE_VALUE,
-              CreateFileA(a.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    HANDLE f = CreateFileA(a.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(a));
+    HANDLE f = openFile(a);
     ASSERT_NE(INVALID_HANDLE_VALUE, f);
     char c;
     uint32_t got = 9;

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -21,17 +22,13 @@ namespace {
 
 using namespace lxp;
 
-struct Detected {
-    unsigned long dx = 99;
-    unsigned long platform = 99;
-    unsigned long dshow = 99;
-};
-
-Detected detect(const LxSimulatedPlatform& os) {
-    LxPlatformProbe::useSimulated(os);
+// dx, platform and DirectShow as GetDXAndWin32Version answers them, on os (null: the real one).
+using Detected = std::array<unsigned long, 3>;
+Detected detect(const LxSimulatedPlatform* os) {
+    os != nullptr ? LxPlatformProbe::useSimulated(*os) : LxPlatformProbe::useSystem();
     LxResetDXAndWin32VersionCache();
-    Detected d;
-    GetDXAndWin32Version(&d.dx, &d.platform, &d.dshow);
+    Detected d = {99, 99, 99};
+    GetDXAndWin32Version(&d[0], &d[1], &d[2]);
     return d;
 }
 
@@ -50,84 +47,67 @@ class VersionDetection : public ::testing::Test {
     }
 };
 
-TEST_F(VersionDetection, TheNtFamilyIsToldApartByMajorVersionAndDirectInput) {
-    LxSimulatedPlatform nt;
-    nt.platformId = 2;
-    nt.majorVersion = 3;
-    Detected d = detect(nt);
-    EXPECT_EQ(0u, d.dx);
-    EXPECT_EQ(0u, d.platform);
-    nt.majorVersion = 4;
-    d = detect(nt);
-    EXPECT_EQ(0x300u, d.dx);
-    EXPECT_EQ(2u, d.platform);
-    nt.directInputCreatePresent = false;
-    EXPECT_EQ(0x200u, detect(nt).dx);
-    nt.directInputLoads = false;
-    EXPECT_EQ(0x200u, detect(nt).dx);
-    nt.majorVersion = 5;
-    probe::probetest::resetCounters();
-    d = detect(nt);
-    EXPECT_EQ(0x501u, d.dx);
-    EXPECT_EQ(2u, d.platform);
-    EXPECT_EQ(0, probe::probetest::libraryLoads());
-    EXPECT_EQ(0u, d.dshow);
-}
-
-TEST_F(VersionDetection, TheWindows95FamilyIsToldApartByBuildDirectInputAndDirectDraw) {
-    LxSimulatedPlatform w95;
-    w95.platformId = 1;
-    w95.majorVersion = 4;
-    w95.buildNumber = 0x04000000u | 1354;  // only the low 16 bits count
-    EXPECT_EQ(0x501u, detect(w95).dx);
-    EXPECT_EQ(1u, detect(w95).platform);
-    EXPECT_EQ(0, probe::probetest::libraryLoads());
-
-    w95.buildNumber = 1353;
-    EXPECT_EQ(0x500u, detect(w95).dx);
-    EXPECT_GT(probe::probetest::libraryLoads(), 0) << "told apart by DirectInput (unloaded again: TearDown)";
-
+// NT is told apart by its major version and DirectInput; the 95 family by its build, then
+// DirectInput and DirectDraw, which are loaded only where the build leaves it open.
+TEST_F(VersionDetection, EachFamilyIsToldApartByVersionAndTheDirectXLibraries) {
+    using P = LxSimulatedPlatform;
+    enum Loads { AnyLoads, NoLoads, SomeLoads };
     struct Case {
         const char* name;
-        void (*change)(LxSimulatedPlatform&);
-        unsigned long dx;
+        uint32_t platformId, major, build;
+        void (*change)(P&);
+        unsigned long dx, platform;
+        Loads loads = AnyLoads;
     };
+    const auto same = [](P&) {};
     const Case cases[] = {
-        {"no DirectInput", [](LxSimulatedPlatform& p) { p.directInputLoads = false; }, 0x100},
-        {"no DirectInputCreateA", [](LxSimulatedPlatform& p) { p.directInputCreatePresent = false; }, 0x100},
-        {"no DirectDraw", [](LxSimulatedPlatform& p) { p.directDrawLoads = false; }, 0x300},
-        {"no DirectDrawCreate", [](LxSimulatedPlatform& p) { p.directDrawCreatePresent = false; }, 0x300},
-        {"DirectDrawCreate fails", [](LxSimulatedPlatform& p) { p.directDrawCreateSucceeds = false; }, 0x300},
-        {"cooperative level fails", [](LxSimulatedPlatform& p) { p.cooperativeLevelSucceeds = false; },
-         0x300},
-        {"no IDirectDrawSurface3", [](LxSimulatedPlatform& p) { p.surface3Available = false; }, 0x300},
-        {"no primary surface", [](LxSimulatedPlatform& p) { p.primarySurfaceSucceeds = false; }, 0},
+        {"NT 3", 2, 3, 2195, same, 0, 0},
+        {"NT 4", 2, 4, 2195, same, 0x300, 2, SomeLoads},
+        {"NT 4, no DirectInputCreateA", 2, 4, 2195, [](P& p) { p.directInputCreatePresent = false; }, 0x200,
+         2},
+        {"NT 4, no DirectInput", 2, 4, 2195, [](P& p) { p.directInputLoads = false; }, 0x200, 2},
+        {"NT 5", 2, 5, 2195, same, 0x501, 2, NoLoads},
+        {"95, only the build's low 16 bits count", 1, 4, 0x04000000u | 1354, same, 0x501, 1, NoLoads},
+        {"95 build 1353", 1, 4, 1353, same, 0x500, 1, SomeLoads},
+        {"no DirectInput", 1, 4, 1353, [](P& p) { p.directInputLoads = false; }, 0x100, 1},
+        {"no DirectInputCreateA", 1, 4, 1353, [](P& p) { p.directInputCreatePresent = false; }, 0x100, 1},
+        {"no DirectDraw", 1, 4, 1353, [](P& p) { p.directDrawLoads = false; }, 0x300, 1},
+        {"no DirectDrawCreate", 1, 4, 1353, [](P& p) { p.directDrawCreatePresent = false; }, 0x300, 1},
+        {"DirectDrawCreate fails", 1, 4, 1353, [](P& p) { p.directDrawCreateSucceeds = false; }, 0x300, 1},
+        {"cooperative level fails", 1, 4, 1353, [](P& p) { p.cooperativeLevelSucceeds = false; }, 0x300, 1},
+        {"no IDirectDrawSurface3", 1, 4, 1353, [](P& p) { p.surface3Available = false; }, 0x300, 1},
+        {"no primary surface", 1, 4, 1353, [](P& p) { p.primarySurfaceSucceeds = false; }, 0, 1},
     };
     for (const Case& c : cases) {
-        LxSimulatedPlatform p = w95;
+        SCOPED_TRACE(c.name);
+        P p;
+        p.platformId = c.platformId;
+        p.majorVersion = c.major;
+        p.buildNumber = c.build;
         c.change(p);
-        EXPECT_EQ(c.dx, detect(p).dx) << c.name;
-        EXPECT_EQ(1u, detect(p).platform) << c.name;
+        probe::probetest::resetCounters();
+        EXPECT_EQ((Detected{c.dx, c.platform, 0}), detect(&p));
+        if (c.loads != AnyLoads) {
+            EXPECT_EQ(c.loads == SomeLoads, probe::probetest::libraryLoads() > 0);
+        }
+        EXPECT_EQ(0, probe::probetest::librariesOpen()) << "a probe left a library loaded";
     }
 }
 
 TEST_F(VersionDetection, DirectShowCountsWhenAFilterGraphCanBeCreated) {
     comtest::reset();
     lxtest::FakeFilterGraph graphs;
+    const LxSimulatedPlatform nt5;
     const int comBefore = comtest::threadInitCount();
-    EXPECT_EQ(1u, detect(LxSimulatedPlatform()).dshow);
+    EXPECT_EQ((Detected{0x501, 2, 1}), detect(&nt5));
     EXPECT_EQ(comBefore, comtest::threadInitCount());
     comtest::failCoInitialize(1);
-    EXPECT_EQ(0u, detect(LxSimulatedPlatform()).dshow);
+    EXPECT_EQ(0u, detect(&nt5)[2]);
     comtest::failCreate(CLSID_FilterGraph, 1);
-    EXPECT_EQ(0u, detect(LxSimulatedPlatform()).dshow);
-    // A failing version query leaves every answer 0, DirectShow's included.
+    EXPECT_EQ(0u, detect(&nt5)[2]);
     LxSimulatedPlatform broken;
     broken.versionQueryFails = true;
-    const Detected d = detect(broken);
-    EXPECT_EQ(0u, d.dx);
-    EXPECT_EQ(0u, d.platform);
-    EXPECT_EQ(0u, d.dshow);
+    EXPECT_EQ((Detected{0, 0, 0}), detect(&broken)) << "DirectShow's answer included";
 }
 
 TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) {
@@ -144,9 +124,7 @@ TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) 
             unsigned long dx = 0;
             unsigned long platform = 0;
             GetDXAndWin32Version(&dx, &platform, nullptr);
-            if (dx != 0x500 || platform != 1) {
-                wrong.fetch_add(1);
-            }
+            wrong += dx != 0x500 || platform != 1;
         });
     }
     for (auto& t : threads) {
@@ -165,13 +143,7 @@ TEST_F(VersionDetection, TheAnswerIsWorkedOutOncePerProcessEvenWhenAskedAtOnce) 
 }
 
 TEST_F(VersionDetection, LinuxIsTheNtFamilyVersionFiveWithoutDirectXLibraries) {
-    LxPlatformProbe::useSystem();
-    LxResetDXAndWin32VersionCache();
-    Detected d;
-    GetDXAndWin32Version(&d.dx, &d.platform, &d.dshow);
-    EXPECT_EQ(0x501u, d.dx);
-    EXPECT_EQ(2u, d.platform);
-    EXPECT_EQ(0u, d.dshow);  // the filter graph cannot be created in this test
+    EXPECT_EQ((Detected{0x501, 2, 0}), detect(nullptr));  // the filter graph cannot be made here
     probe::OSVERSIONINFOA info{};
     info.dwOSVersionInfoSize = sizeof info;
     ASSERT_TRUE(probe::GetVersionExA(&info));
@@ -196,13 +168,6 @@ TEST(ClassLocks, ExistFromLoadAsDistinctLocksWithTheGateClosed) {
     EXPECT_EQ(a, LxWin32MidiPlayer::midiAccessMutex());
     EXPECT_EQ(a, LxWin32Manager::midiAccessMutex);
     EXPECT_EQ(c, LxWin32Manager::exPropsLock);
-    // Re-entrant, as the manager's lock order needs.
-    c->lock();
-    c->lock();
-    a->lock();
-    a->unlock();
-    c->unlock();
-    c->unlock();
 }
 
 }  // namespace
