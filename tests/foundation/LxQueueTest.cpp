@@ -90,7 +90,7 @@ TEST(LxQueue, ManySendersLoseNothing) {
 }
 
 TEST(LxQueueSet, ReportsMessagesAndTimeOutsAndForgetsARemovedQueue) {
-    QueueRef q1, q2;
+    QueueRef q1, q2, stranger;
     LxQueueSet set(q1.q, q2.q, static_cast<LxQueue*>(nullptr));
     EXPECT_EQ(2u, q1->refCount()) << "the set holds each queue it watches";
     const auto start = Clock::now();
@@ -100,10 +100,15 @@ TEST(LxQueueSet, ReportsMessagesAndTimeOutsAndForgetsARemovedQueue) {
     EXPECT_EQ(LX_QUEUE_HAS_MESSAGE, set.waitForAny(0)) << "a queued message is reported at once";
     EXPECT_EQ(msg(5), q2->receive(0, LxTime::zero()));
 
-    EXPECT_EQ(LX_OK, set.removeQueue(q2.q));
-    EXPECT_EQ(1u, q2->refCount());
-    q2->send(msg(6));
+    EXPECT_EQ(LX_OK, set.removeQueue(stranger.q));
+    EXPECT_EQ(1u, stranger->refCount()) << "a queue the set never watched keeps its reference";
+    EXPECT_EQ(LX_OK, set.removeQueue(q1.q));  // the first watched, where the set's list starts
+    EXPECT_EQ(1u, q1->refCount());
+    q1->send(msg(6));
     EXPECT_EQ(LX_QUEUE_WAIT_TIMED_OUT, set.waitForAny(20)) << "a removed queue is no longer watched";
+    q1->receive(0, LxTime::zero());
+    q2->send(msg(7));
+    EXPECT_EQ(LX_QUEUE_HAS_MESSAGE, set.waitForAny(0)) << "the other one still is";
     q2->receive(0, LxTime::zero());
 }
 
