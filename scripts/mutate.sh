@@ -478,10 +478,8 @@ def main():
     finally:
         if not args.keep and os.path.isdir(args.workdir):
             shutil.rmtree(args.workdir, ignore_errors=True)
-        try:
-            os.unlink(args.workdir + ".lock")
-        except OSError:
-            pass
+        # The lock file stays: removing it would let a run already waiting on it and a run that
+        # creates a new one both hold "the" lock and share the folder.
 
     say(f"\n== Summary (commit {commit[:12]}, seed {args.seed}, {(time.monotonic() - started) / 60:.0f} min)")
     say(f"{'file':45} {'mutants':>7} {'killed':>6} {'survived':>8} {'timed out':>9} {'score':>6}")

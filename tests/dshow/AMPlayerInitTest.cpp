@@ -1,14 +1,14 @@
 // The filter-graph player's initialisation on the simulated graph: what each clip turns into
 // (initialized code, duration, frame count, outputs), the failures that stop a player at load, and
 // the calls a stopped player makes on its graph for seeks and rates.
-#include "AMTestKit.h"
+#include "GraphKit.h"
 
 #include "platform/dshow/LxpGraphIds.h"
 #include "platform/dshow/LxpRendererFilter.h"
 
 namespace {
 
-using amtest::Rig;
+using Rig = lxtest::SimPlayerRig;
 using lxp::simgraph::Outcome;
 using lxp::simgraph::Script;
 using lxtest::RecordingListener;
@@ -32,9 +32,13 @@ std::vector<std::string> outputNames(LxAMPlayer* p) {
     return out;
 }
 
-TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
+class AMPlayerInit : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(rig.registered); }
     Rig rig;
-    ASSERT_TRUE(rig.registered);
+};
+
+TEST_F(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
     struct Case {
         Outcome outcome;
         long code;
@@ -81,47 +85,40 @@ TEST(AMPlayerInit, EachClipAnnouncesWhatItHasWithItsDurationAndFrameCount) {
     EXPECT_EQ(LxTime(-1, 0), p->getDuration());
 }
 
-TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
+TEST_F(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
+    enum Fail { kNothing, kGraph, kRenderers, kCom, kFile };
     struct Case {
         const char* what;
-        std::function<std::string()> arrange;
+        Outcome outcome;
+        Fail fail;
         long code;
     };
     const Case cases[] = {
-        {"a clip no renderer takes", [&] { return rig.clip(script(Outcome::None)); }, 0x201},
-        {"a clip that cannot be rendered", [&] { return rig.clip(script(Outcome::Failure)); }, 0x2A4},
-        {"a file that is not there", [&] { return rig.dir.file("missing.mpg"); }, 0x443},
-        {"no filter graph",
-         [&] {
-             lxp::comtest::failCreate(lxp::CLSID_FilterGraph, 1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x442},
-        {"neither renderer filter",
-         [&] {
-             lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
-             lxp::comtest::failCreate(lxp::CLSID_LxVideoRenderer, 1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x441},
-        {"no COM on the player's thread",
-         [&] {
-             lxp::comtest::failCoInitialize(1);
-             return rig.clip(script(Outcome::AudioVideo));
-         },
-         0x440},
+        {"a clip no renderer takes", Outcome::None, kNothing, 0x201},
+        {"a clip that cannot be rendered", Outcome::Failure, kNothing, 0x2A4},
+        {"a file that is not there", Outcome::AudioVideo, kFile, 0x443},
+        {"no filter graph", Outcome::AudioVideo, kGraph, 0x442},
+        {"neither renderer filter", Outcome::AudioVideo, kRenderers, 0x441},
+        {"no COM on the player's thread", Outcome::AudioVideo, kCom, 0x440},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         lxp::comtest::reset();
+        if (c.fail == kGraph) {
+            lxp::comtest::failCreate(lxp::CLSID_FilterGraph, 1);
+        } else if (c.fail == kRenderers) {
+            lxp::comtest::failCreate(lxp::CLSID_LxAudioRenderer, 1);
+            lxp::comtest::failCreate(lxp::CLSID_LxVideoRenderer, 1);
+        } else if (c.fail == kCom) {
+            lxp::comtest::failCoInitialize(1);
+        }
         RecordingListener listener;
         const auto start = std::chrono::steady_clock::now();
-        LxAMPlayer* p = rig.open(c.arrange(), &listener);
+        LxAMPlayer* p =
+            rig.open(c.fail == kFile ? rig.dir.file("missing.mpg") : rig.clip(script(c.outcome)), &listener);
         // COM fails as the thread starts, possibly before the listener was there to hear it.
         const long code = listener.resultOf(LxCatastrophicErrorEventType);
-        if (!(c.code == 0x440 && code == -1)) {
+        if (!(c.fail == kCom && code == -1)) {
             EXPECT_EQ(c.code, code);
         }
         EXPECT_EQ(LxNode::DEAD, p->getState());
@@ -138,12 +135,9 @@ TEST(AMPlayerInit, LoadFailuresEndInTheirCodesWithoutHanging) {
     EXPECT_EQ(std::vector<std::string>{"Video"}, outputNames(p));
 }
 
-TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
+TEST_F(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
     RecordingListener l1;
-    LxAMPlayer* p = rig.open(rig.clip(script(Outcome::AudioVideo)), &l1);
-    rig.connect(p);
+    LxAMPlayer* p = rig.play(script(Outcome::AudioVideo), &l1);
 
     size_t mark = Rig::callCount();
     EXPECT_EQ(LX_OK, p->setMediaTime(LxTime(10000, 0)));
@@ -154,21 +148,18 @@ TEST(AMPlayerInit, SeeksAndRatesOfAStoppedPlayerReachTheGraphInItsTimeUnits) {
     EXPECT_EQ(LxTime(1, 250000), p->getMediaTime());
 
     mark = Rig::callCount();
-    for (float rate : {-1.0f, 0.0f}) {
-        float r = rate;
-        EXPECT_EQ(LX_OK, p->setRate(&r));
+    for (float rate : {-1.0f, 0.0f, 2.0f}) {
+        EXPECT_EQ(LX_OK, p->setRate(&rate));
     }
-    float two = 2.0f;
-    EXPECT_EQ(LX_OK, p->setRate(&two));
     const std::vector<std::string> calls = lxp::simgraph::calls();
     const std::vector<std::string> rates(calls.begin() + static_cast<long>(mark), calls.end());
     EXPECT_EQ(std::vector<std::string>{"SetRate(2.000)"}, rates) << "the graph plays forward only";
 
     // Audio alone follows the rate in its renderer, not in the graph.
     RecordingListener l2;
-    LxAMPlayer* a = rig.open(rig.clip(script(Outcome::AudioOnly)), &l2);
-    rig.connect(a);
+    LxAMPlayer* a = rig.play(script(Outcome::AudioOnly), &l2);
     mark = Rig::callCount();
+    float two = 2.0f;
     EXPECT_EQ(LX_OK, a->setRate(&two));
     EXPECT_EQ(2.0f, rig.audio->lastRate.load());
     EXPECT_EQ(mark, Rig::callCount());

@@ -1,15 +1,13 @@
-// The filter-graph player playing on the simulated graph in real time: cue and start at the
-// clock's time, what the outputs hand the renderers (every audio sample once and in order, the
-// picture of the media time), rate 0 and resume, suspend, loops inside the graph, the end and
-// stops. (Players destroyed in every state while other threads drive them: the soak.)
-#include "AMTestKit.h"
+// The filter-graph player playing on the simulated graph in real time: starts at the clock's time,
+// every sample once and in order, the picture of the media time, rates, suspend, loops, the end.
+#include "GraphKit.h"
 
 #include <atomic>
 #include <cmath>
 
 namespace {
 
-using amtest::Rig;
+using Rig = lxtest::SimPlayerRig;
 using lxp::simgraph::Outcome;
 using lxp::simgraph::Script;
 using lxtest::RecordingListener;
@@ -29,36 +27,52 @@ void sleepMs(int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-/// Pulls the test renderer's audio every few milliseconds for ms.
-void pullFor(Rig& rig, int ms) {
-    const auto start = std::chrono::steady_clock::now();
-    while (lxtest::msSince(start) < ms) {
-        rig.audio->pull();
-        sleepMs(5);
+class AMPlayerPlay : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(rig.registered); }
+    LxAMPlayer* play(Outcome outcome, double seconds) {
+        return rig.play(clipOf(outcome, seconds), &listener);
     }
-}
+    /// Starts p now and pulls for ms.
+    void startNow(LxAMPlayer* p, int ms) {
+        ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
+        pullFor(ms);
+    }
+    /// Pulls the test renderer's audio every few milliseconds for ms.
+    void pullFor(int ms) {
+        const auto start = std::chrono::steady_clock::now();
+        while (lxtest::msSince(start) < ms) {
+            rig.audio->pull();
+            sleepMs(5);
+        }
+    }
+    /// Pulls until the end of media is heard.
+    bool pullToEnd() {
+        return lxtest::waitUntil([&] {
+            rig.audio->pull();
+            return listener.count(LxEndOfMediaEventType) == 1;
+        });
+    }
+    /// The reference time at which the call c first appears in the log after mark (polled).
+    double whenLogged(const std::string& c, size_t mark) {
+        double at = -1.0;
+        lxtest::waitUntil(
+            [&] {
+                const bool logged = Rig::find(c, mark) >= 0;
+                at = logged ? rig.now() : -1.0;
+                return logged;
+            },
+            20000);
+        return at;
+    }
+    std::vector<int> heard() { return lxtest::channel0(rig.audio->received()); }
 
-/// The reference time at which the call c first appears in the log after mark (polled).
-double whenLogged(Rig& rig, const std::string& c, size_t mark, int timeoutMs = 20000) {
-    double at = -1.0;
-    lxtest::waitUntil(
-        [&] {
-            if (Rig::find(c, mark) >= 0) {
-                at = rig.now();
-                return true;
-            }
-            return false;
-        },
-        timeoutMs);
-    return at;
-}
-
-TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSampleInPlace) {
+    RecordingListener listener;  // outlives the rig's players
     Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 3.0)), &listener);
-    rig.connect(p);
+};
+
+TEST_F(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSampleInPlace) {
+    LxAMPlayer* p = play(Outcome::AudioVideo, 3.0);
 
     p->prefetch();
     ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxPrefetchCompleteEventType) == 1; }));
@@ -71,7 +85,7 @@ TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSam
     const double start = rig.now() + 1.5;
     ASSERT_EQ(LX_OK, p->startAtTime(LxTime(start)));
     EXPECT_EQ(-1, Rig::find("Run", mark)) << "not before the start time";
-    const double ranAt = whenLogged(rig, "Run", mark);
+    const double ranAt = whenLogged("Run", mark);
     EXPECT_GE(ranAt, start - 0.005);
     EXPECT_LT(ranAt, start + 0.5) << "a bound for a loaded machine; measured: " << ranAt - start;
     ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxActiveEventType) == 1; }));
@@ -95,25 +109,21 @@ TEST(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndSam
     }
     EXPECT_GT(painted, 20);
     EXPECT_GT(last, 10) << "the pictures did not move on";
-    pullFor(rig, 50);
-    const std::vector<int> samples = amtest::channel0(rig.audio->received());
+    pullFor(50);
+    const std::vector<int> samples = heard();
     ASSERT_GT(samples.size(), static_cast<size_t>(kRate));
     EXPECT_EQ(0, samples.front());
-    EXPECT_EQ(-1, amtest::firstBreak(samples, false)) << "every sample once, in order";
+    EXPECT_EQ(-1, lxtest::firstBreak(samples, false)) << "every sample once, in order";
 }
 
 // A graph of sound alone runs shortly before a start asked for ahead, so that the renderer has the
 // first samples to set for the start's exact sample; the player still goes active at the start.
-TEST(AMPlayerPlay, ASoundOnlyGraphRunsJustAheadOfItsStartAndGoesActiveAtIt) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioOnly, 2.0)), &listener);
-    rig.connect(p);
+TEST_F(AMPlayerPlay, ASoundOnlyGraphRunsJustAheadOfItsStartAndGoesActiveAtIt) {
+    LxAMPlayer* p = play(Outcome::AudioOnly, 2.0);
     const size_t mark = Rig::callCount();
     const double start = rig.now() + 1.0;
     ASSERT_EQ(LX_OK, p->startAtTime(LxTime(start)));
-    const double ranAt = whenLogged(rig, "Run", mark);
+    const double ranAt = whenLogged("Run", mark);
     EXPECT_EQ(0, listener.count(LxActiveEventType)) << "active before the start";
     EXPECT_GE(ranAt, start - 0.15) << "run before the renderer prepares the start";
     EXPECT_LT(ranAt, start) << "run at the start: its first samples come too late to be set for it";
@@ -128,58 +138,48 @@ TEST(AMPlayerPlay, ASoundOnlyGraphRunsJustAheadOfItsStartAndGoesActiveAtIt) {
     EXPECT_GE(rig.now(), start - 0.005) << "active ahead of the start";
 }
 
-TEST(AMPlayerPlay, RateZeroAndSuspendHoldTheGraphAndALaterRateOrResumeRunsItAgain) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 4.0)), &listener);
-    rig.connect(p);
-    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
-    pullFor(rig, 300);
+TEST_F(AMPlayerPlay, RateZeroAndSuspendHoldTheGraphAndALaterRateOrResumeRunsItAgain) {
+    LxAMPlayer* p = play(Outcome::AudioVideo, 4.0);
+    startNow(p, 300);
 
     size_t mark = Rig::callCount();
     float zero = 0.0f;
     ASSERT_EQ(LX_OK, p->setRate(&zero));
-    EXPECT_GE(whenLogged(rig, "Pause", mark), 0.0);
+    EXPECT_GE(whenLogged("Pause", mark), 0.0);
     EXPECT_EQ(-1, Rig::find("SetRate(0.000)", mark));
     EXPECT_EQ(LxNode::STARTED, p->getState());
-    pullFor(rig, 60);
+    pullFor(60);
     const long held = rig.frameAt(1000.0);
-    pullFor(rig, 200);
+    pullFor(200);
     EXPECT_EQ(held, rig.frameAt(1000.0)) << "no pictures while the clock stands";
 
     mark = Rig::callCount();
     float one = 1.0f;
     ASSERT_EQ(LX_OK, p->setRate(&one));
     EXPECT_GE(Rig::find("SetRate(1.000)", mark), 0);
-    EXPECT_GE(whenLogged(rig, "Run", mark), 0.0);
-    pullFor(rig, 200);
+    EXPECT_GE(whenLogged("Run", mark), 0.0);
+    pullFor(200);
     EXPECT_GT(rig.frameAt(1000.0), held);
 
     // Suspended, the graph pauses; resumed, it goes to the clock's time and runs.
     mark = Rig::callCount();
     p->suspend();
-    EXPECT_GE(whenLogged(rig, "Pause", mark), 0.0);
+    EXPECT_GE(whenLogged("Pause", mark), 0.0);
     const size_t actives = listener.count(LxActiveEventType);
     mark = Rig::callCount();
     p->resume();
-    const long run = static_cast<long>(whenLogged(rig, "Run", mark) >= 0 ? Rig::find("Run", mark) : -1);
+    const long run = static_cast<long>(whenLogged("Run", mark) >= 0 ? Rig::find("Run", mark) : -1);
     ASSERT_GE(run, 0);
     const std::vector<std::string> calls = lxp::simgraph::calls();
     EXPECT_EQ(0u, calls[static_cast<size_t>(run) - 1].rfind("SetPositions(", 0)) << "a seek comes first";
     EXPECT_EQ(actives, listener.count(LxActiveEventType)) << "resuming is not a new start";
 }
 
-TEST(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 0.5)), &listener);
-    rig.connect(p);
+TEST_F(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared) {
+    LxAMPlayer* p = play(Outcome::AudioVideo, 0.5);
     p->setLoop(1);
     const size_t mark = Rig::callCount();
-    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
-    pullFor(rig, 1400);
+    startNow(p, 1400);
 
     const long firstLoop = Rig::find("SetPositions(0,-)", mark);
     ASSERT_GE(firstLoop, 0);
@@ -187,8 +187,8 @@ TEST(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared
     EXPECT_EQ(0u, listener.count(LxEndOfMediaEventType));
     EXPECT_EQ(LxNode::STARTED, p->getState());
     EXPECT_EQ(1u, listener.count(LxActiveEventType));
-    const std::vector<int> samples = amtest::channel0(rig.audio->received());
-    EXPECT_EQ(-1, amtest::firstBreak(samples, true));
+    const std::vector<int> samples = heard();
+    EXPECT_EQ(-1, lxtest::firstBreak(samples, true));
     const int last = static_cast<int>(0.5 * kRate) - 1;
     int passes = 0;
     for (size_t i = 1; i < samples.size(); ++i) {
@@ -200,23 +200,15 @@ TEST(AMPlayerPlay, LoopsRestartInsideTheGraphWithoutEndOfMediaUntilLoopIsCleared
     EXPECT_GE(passes, 2);
 
     p->setLoop(0);
-    ASSERT_TRUE(lxtest::waitUntil([&] {
-        rig.audio->pull();
-        return listener.count(LxEndOfMediaEventType) == 1;
-    }));
+    ASSERT_TRUE(pullToEnd());
     EXPECT_EQ(LxNode::STOPPED, p->getState());
 }
 
-TEST(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 2.0)), &listener);
-    rig.connect(p);
-    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
-    pullFor(rig, 500);
+TEST_F(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
+    LxAMPlayer* p = play(Outcome::AudioVideo, 2.0);
+    startNow(p, 500);
 
-    size_t mark = Rig::callCount();
+    const size_t mark = Rig::callCount();
     p->stop();
     EXPECT_EQ(LxNode::STOPPED, p->getState());
     const LxTime at = p->getMediaTime();
@@ -229,7 +221,7 @@ TEST(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
     // What the renderers hold now is the cue of that position, nothing from before the stop.
     rig.audio->clearReceived();
     ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audio->pull() > 0; }, 20000));
-    const std::vector<int> cue = amtest::channel0(rig.audio->received());
+    const std::vector<int> cue = heard();
     EXPECT_EQ(static_cast<int>(units * kRate / 10000000) & 0x7FFF, cue.front());
     // The cue's picture comes on the graph's own thread, like its samples.
     const long expected = static_cast<long>(std::floor(at.getValue() * kFps + 1e-9));
@@ -237,30 +229,21 @@ TEST(AMPlayerPlay, TheEndStopsAtTheDurationAndAStopResumesWhereTheClockStood) {
         << "shows " << rig.frameAt(at.getValue()) << ", not " << expected;
 
     // Started again, it goes on from there to the end, which stops it at the duration.
-    mark = Rig::callCount();
     const double restart = rig.now();
     ASSERT_EQ(LX_OK, p->startAtTime(LxTime(restart)));
-    ASSERT_TRUE(lxtest::waitUntil([&] {
-        rig.audio->pull();
-        return listener.count(LxEndOfMediaEventType) == 1;
-    }));
+    ASSERT_TRUE(pullToEnd());
     const double ended = rig.now();
     EXPECT_NEAR(2.0 - at.getValue(), ended - restart, 0.3);
     EXPECT_EQ(LxNode::STOPPED, p->getState());
     EXPECT_EQ(LxTime(2, 0), p->getMediaTime());
-    const std::vector<int> rest = amtest::channel0(rig.audio->received());
-    EXPECT_EQ(-1, amtest::firstBreak(rest, false));
+    const std::vector<int> rest = heard();
+    EXPECT_EQ(-1, lxtest::firstBreak(rest, false));
     EXPECT_EQ((2 * kRate - 1) & 0x7FFF, rest.back()) << "the last sample arrived";
 }
 
-TEST(AMPlayerPlay, ARateChangeWhilePlayingNeitherRepeatsNorLosesAudio) {
-    Rig rig;
-    ASSERT_TRUE(rig.registered);
-    RecordingListener listener;
-    LxAMPlayer* p = rig.open(rig.clip(clipOf(Outcome::AudioVideo, 2.0)), &listener);
-    rig.connect(p);
-    ASSERT_EQ(LX_OK, p->startAtTime(LxTime(rig.now())));
-    pullFor(rig, 400);
+TEST_F(AMPlayerPlay, ARateChangeWhilePlayingNeitherRepeatsNorLosesAudio) {
+    LxAMPlayer* p = play(Outcome::AudioVideo, 2.0);
+    startNow(p, 400);
     const size_t mark = Rig::callCount();
     float two = 2.0f;
     ASSERT_EQ(LX_OK, p->setRate(&two));
@@ -273,8 +256,8 @@ TEST(AMPlayerPlay, ARateChangeWhilePlayingNeitherRepeatsNorLosesAudio) {
         previous = std::max(previous, n);
         return listener.count(LxEndOfMediaEventType) == 1;
     }));
-    const std::vector<int> samples = amtest::channel0(rig.audio->received());
-    EXPECT_EQ(-1, amtest::firstBreak(samples, false))
+    const std::vector<int> samples = heard();
+    EXPECT_EQ(-1, lxtest::firstBreak(samples, false))
         << "the graph's repeat after the rate change is skipped";
     EXPECT_EQ((2 * kRate - 1) & 0x7FFF, samples.back());
 }

@@ -1,10 +1,10 @@
 // Real clips through the manager's factory on GStreamer: what each initialises to, and broken
 // files ending in the load failure code without hanging.
-#include "AMPlayerRig.h"
+#include "GraphKit.h"
 
 namespace {
 
-using amtest::AMPlayerE2E;
+using lxtest::AMPlayerE2E;
 using lxtest::RecordingListener;
 
 struct Expect {

@@ -1,13 +1,12 @@
-// A clip with a frame counter played end to end by the filter-graph player on GStreamer: the
-// picture painted at media time t shows the frame of t (within one frame) from a cued start,
-// after a seek, after a rate change and across a loop inside the graph; and the sound written to
-// the WAV file keeps time with the pictures.
-#include "AMPlayerRig.h"
+// The filter-graph player on GStreamer in real time: the picture painted at media time t shows the
+// frame of t (within one frame) from a cued start, after a seek, a rate change and a loop inside
+// the graph; and the sound written to the WAV file keeps time with the pictures.
+#include "GraphKit.h"
 
 namespace {
 
-using amtest::AMPlayerE2E;
-using amtest::ClockMap;
+using lxtest::AMPlayerE2E;
+using lxtest::ClockMap;
 using lxtest::RecordingListener;
 
 constexpr double kFps = 25.0;
@@ -34,7 +33,7 @@ TEST_F(AMPlayerE2E, PicturesShowTheFrameOfTheirMediaTimeAcrossASeekARateChangeAn
         const double t0 = now() + 0.2;
         setMap({t0, media, 1.0, 0.0});
         ASSERT_EQ(LX_OK, p->startAtTime(LxTime(t0)));
-        amtest::sleepSeconds(t0 + (media > 0 ? 0.5 : 1.0) - now());
+        lxtest::sleepSeconds(t0 + (media > 0 ? 0.5 : 1.0) - now());
         expectInStep(media > 0 ? "after the seek" : "from the start", t0 + kSettle, now(), clip.frames, kFps);
     }
 
@@ -46,29 +45,16 @@ TEST_F(AMPlayerE2E, PicturesShowTheFrameOfTheirMediaTimeAcrossASeekARateChangeAn
     const ClockMap fast = readMap(p, clip.seconds);
     setMap(fast);
     const double end = fast.ref + (clip.seconds - fast.media) / 2.0;  // reference time of the loop point
-    amtest::sleepSeconds(end - 0.02 - now());
+    lxtest::sleepSeconds(end - 0.02 - now());
     expectInStep("at twice the rate", changed + kSettle, end - 0.02, clip.frames, kFps);
-    amtest::sleepSeconds(end + 0.8 - now());
+    lxtest::sleepSeconds(end + 0.8 - now());
     expectInStep("after the loop", end + kSettle, now(), clip.frames, kFps);
     EXPECT_EQ(0u, l.count(LxEndOfMediaEventType));
     EXPECT_EQ(LxNode::STARTED, p->getState());
 }
 
-/// A clip whose sound is a 1 kHz beep for the first 50 ms of every second (computed per sample, so
-/// that each beep starts exactly on its second), with the frame counter.
-std::string beepClip(const lxtest::TempDir& dir) {
-    const std::string path = dir.file("beeps.mp4");
-    const std::string cmd =
-        "ffmpeg -nostdin -v error -y -f lavfi -i \"color=c=black:s=160x120:r=25:d=3,"
-        "geq=lum='if(bitand(N\\,pow(2\\,floor(X*8/W)))\\,235\\,16)':cb=128:cr=128\" "
-        "-f lavfi -i \"aevalsrc='0.25*sin(2*PI*1000*t)*lt(mod(t\\,1)\\,0.05)':s=44100:d=3\" -ac 2 "
-        "-c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 192k -f mp4 '" +
-        path + "'";
-    return lxtest::run(cmd) == 0 ? path : std::string();
-}
-
 TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
-    const std::string path = beepClip(dir);
+    const std::string path = lxtest::beepClip().path;
     ASSERT_FALSE(path.empty());
     RecordingListener l;
     LxPlayer* p = open(path, &l);
@@ -86,7 +72,7 @@ TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
     double videoLate = 0.0;
     int seen = 0;
     int last = -1;
-    for (const amtest::Painted& s : paintedBetween(t0, t0 + 3.0)) {
+    for (const lxtest::Painted& s : paintedBetween(t0, t0 + 3.0)) {
         if (s.counter > last && s.counter > 0) {
             videoLate += s.ref - (t0 + s.counter / kFps);
             ++seen;
@@ -110,7 +96,7 @@ TEST_F(AMPlayerE2E, TheSoundKeepsTimeWithThePictures) {
         while (end < static_cast<long>(heard.size()) && rendererkit::peak(heard, end, end + 40) > 1000) {
             end += 10;
         }
-        EXPECT_NEAR(50.0, (end - at) * 1000.0 / amtest::kWavRate, 2.0) << "beep " << k;
+        EXPECT_NEAR(50.0, (end - at) * 1000.0 / lxtest::kWavRate, 2.0) << "beep " << k;
     }
     std::printf("[ measured ] pictures %.1f ms late; beeps %+.1f %+.1f %+.1f ms\n", videoLate * 1000.0,
                 offsets[0] * 1000.0, offsets[1] * 1000.0, offsets[2] * 1000.0);

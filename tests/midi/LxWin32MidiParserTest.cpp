@@ -1,12 +1,14 @@
-// The stream parser: merge order, conversion, buffer limits, time divisions, bad files.
+// The stream parser (merge order, conversion, buffer limits, bad files) and the file model (tracks,
+// channels, last ticks, the tempo map).
 #include "midi/LxWin32MidiParser.h"
+#include "midi/LxWin32NewMidiParser.h"
 
+#include "LxResult.h"
 #include "MidiFiles.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
 
 namespace {
@@ -16,15 +18,15 @@ using lxp::MEVT_TEMPO;
 
 class MidiParserTest : public ::testing::Test {
   protected:
-    std::string write(const std::string& name, const std::string& bytes) {
-        const std::string path = dir_.file(name);
+    std::string write(const std::string& bytes) {
+        const std::string path = dir_.file("m" + std::to_string(n_++) + ".mid");
         EXPECT_TRUE(lxtest::writeFile(path, bytes));
         return path;
     }
     /// Opens bytes and parses the whole pass; the result of the last buffer.
-    int parse(const std::string& bytes, std::vector<Record>* out, uint32_t capacity = 1024) {
+    int parse(const std::string& bytes, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity = 1024) {
         LxWin32MidiParser parser(&owner_);
-        if (parser.openFile(write("f.mid", bytes).c_str()) != 1) {
+        if (parser.openFile(write(bytes).c_str()) != 1) {
             return 1;
         }
         const int result = drain(parser, out, capacity);
@@ -44,19 +46,15 @@ class MidiParserTest : public ::testing::Test {
     }
 
     lxtest::TempDir dir_;
+    int n_ = 0;
     FakeOwner owner_;
 };
 
-uint32_t shortMsg(int status, int d1, int d2 = 0) {
-    return status | d1 << 8 | d2 << 16;
-}
-
-// Many tracks with events on shared ticks, text events between them, in small buffers: the stream
-// is the reference reader's events in time order, ties by the lower track, each at its tick (a
-// text event writes no record; its time goes into the next delta). The header's 4 extra bytes
-// are skipped.
+// Many tracks with events on shared ticks and text events between them, in small buffers, after a
+// 10-byte header: the reference reader's events in time order, ties by the lower track.
 TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
     const unsigned seed = lxtest::testSeed();
+    SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     std::vector<std::string> tracks;
     for (int t = 0; t < 300; ++t) {
@@ -68,54 +66,45 @@ TEST_F(MidiParserTest, ManyTracksMergeInTimeOrderAcrossBuffers) {
         tracks.push_back(track(events, t % 3 != 0));  // every third without its end-of-track event
     }
     const std::string file = smf(1, 96, tracks, 10);
-    RefFile ref = readReference(file);
-    std::stable_sort(ref.events.begin(), ref.events.end(), [](const RefEvent& a, const RefEvent& b) {
-        return a.tick < b.tick || (a.tick == b.tick && a.track < b.track);
-    });
-    std::vector<Record> out;
-    ASSERT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(file, &out, 120)) << "seed " << seed;
-    ASSERT_EQ(ref.events.size(), out.size()) << "seed " << seed;
+    const RefFile ref = readReference(file);
+    std::vector<lxp::MIDIEVENT> out;
+    ASSERT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(file, &out, 120));
+    ASSERT_EQ(ref.events.size(), out.size());
     int64_t tick = 0;
     for (size_t i = 0; i < out.size(); ++i) {
-        tick += out[i].event.dwDeltaTime;
-        ASSERT_EQ(ref.events[i].message, out[i].event.dwEvent) << "seed " << seed << ", record " << i;
-        ASSERT_EQ(ref.events[i].tick, tick) << "seed " << seed << ", record " << i;
+        tick += out[i].dwDeltaTime;  // a text event's time goes into the next record's delta
+        ASSERT_EQ(ref.events[i].message, out[i].dwEvent) << i;
+        ASSERT_EQ(ref.events[i].tick, tick) << i;
     }
 }
 
-TEST_F(MidiParserTest, AppliesGainToChannelVolumeAndScalesTempo) {
+// Gain scales channel volume (the owner keeps the file's value), the tempo scale divides tempi;
+// sysex and meta events, a short tempo event too, write nothing but their time counts, and running
+// status goes on across them.
+TEST_F(MidiParserTest, ConvertsVolumeAndTempoAndPassesOverSysExAndMeta) {
     owner_.gain = 0.5f;
     owner_.tempoScale = 2.0f;
-    const std::string file =
-        smf(0, 480,
-            {track(tempoEvent(0, 500000) + vlq(0) + "\xB3\x07\x64" + vlq(10) + "\xB3\x0A\x64" +
-                   std::string("\x00\xC3\x05", 3) + tempoEvent(10, 0x07A120))});
+    const std::string events = tempoEvent(0, 500000) + controller(0, 3, 7, 100) + controller(10, 3, 10, 100) +
+                               std::string("\x00\xC3\x05", 3) + tempoEvent(10, 0x07A120) + noteOn(0, 0, 60) +
+                               vlq(100) + "\xF0" + vlq(3) + "\x7E\x7F\xF7" + vlq(50) + "\xF7" + vlq(1) +
+                               "\xF7" + textEvent(30, "marker") + vlq(20) + "\xFF\x51\x02\x07\xA1" + vlq(0) +
+                               "\x3E\x40" + vlq(10) + "\xC1\x05" + vlq(5) + "\x06";
     LxWin32MidiParser parser(&owner_);
-    ASSERT_EQ(1, parser.openFile(write("g.mid", file).c_str()));
-    std::vector<Record> out;
-    drain(parser, &out);
-    ASSERT_EQ(5u, out.size());
-    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[0].event.dwEvent);
+    ASSERT_EQ(1, parser.openFile(write(smf(0, 480, {track(events)})).c_str()));
+    std::vector<lxp::MIDIEVENT> out;
+    EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, drain(parser, &out));
+    ASSERT_EQ(9u, out.size());
+    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[0].dwEvent);
     EXPECT_EQ(57u, parser.getTicksPerBuffer()) << "480 x 60000 / 500000";
-    EXPECT_EQ(shortMsg(0xB3, 7, 50), out[1].event.dwEvent) << "controller 7 halved";
-    EXPECT_EQ(100u, owner_.volumes[3].load()) << "the volume before gain is kept";
-    EXPECT_EQ(shortMsg(0xB3, 10, 100), out[2].event.dwEvent) << "other controllers untouched";
-    EXPECT_EQ(shortMsg(0xC3, 5), out[3].event.dwEvent) << "one data byte";
-    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[4].event.dwEvent) << "07 A1 20 is 500000";
+    EXPECT_EQ(shortMsg(0xB3, 7, 50), out[1].dwEvent) << "controller 7 halved";
+    EXPECT_EQ(100u, owner_.volumes[3].load());
+    EXPECT_EQ(shortMsg(0xB3, 10, 100), out[2].dwEvent) << "other controllers untouched";
+    EXPECT_EQ(shortMsg(0xC3, 5), out[3].dwEvent) << "one data byte";
+    EXPECT_EQ((MEVT_TEMPO << 24) | 250000u, out[4].dwEvent) << "07 A1 20 is 500000";
     EXPECT_EQ(500000u, parser.getTempo());
-}
-
-TEST_F(MidiParserTest, SysExMetaAndRunningStatus) {
-    const std::string events = noteOn(0, 0, 60) + vlq(100) + "\xF0" + vlq(3) + "\x7E\x7F\xF7" + vlq(50) +
-                               "\xF7" + vlq(1) + "\xF7" + textEvent(30, "marker") + vlq(20) +
-                               "\xFF\x51\x02\x07\xA1" + vlq(0) + "\x3E\x40" + vlq(10) + "\xC1\x05" + vlq(5) +
-                               "\x06";
-    std::vector<Record> out;
-    EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(smf(0, 96, {track(events)}), &out));
-    ASSERT_EQ(4u, out.size()) << "a tempo event without its three bytes is passed over";
-    EXPECT_EQ(200u, out[1].event.dwDeltaTime) << "sysex and meta events write nothing, their time counts";
-    EXPECT_EQ(shortMsg(0x90, 0x3E, 0x40), out[1].event.dwEvent);
-    EXPECT_EQ(shortMsg(0xC1, 6), out[3].event.dwEvent);
+    EXPECT_EQ(200u, out[6].dwDeltaTime);
+    EXPECT_EQ(shortMsg(0x90, 0x3E, 0x40), out[6].dwEvent);
+    EXPECT_EQ(shortMsg(0xC1, 6), out[8].dwEvent);
 }
 
 // Files that open but break in the parse keep what came before the damage, and stay failed; a
@@ -133,7 +122,7 @@ TEST_F(MidiParserTest, DamageFailsThePassButAMissingEndOfTrackDoesNot) {
          LxWin32MidiParser::PARSE_CORRUPT, 1},
     };
     for (const auto& c : cases) {
-        std::vector<Record> out;
+        std::vector<lxp::MIDIEVENT> out;
         EXPECT_EQ(c.result, parse(c.file, &out));
         EXPECT_EQ(c.records, out.size());
     }
@@ -147,13 +136,12 @@ TEST_F(MidiParserTest, HugeDeltaTimesKeepTheirOrderAndTheirDelta) {
         a += noteOn(0x0FFFFFFF, 0, 60);
         b += noteOn(i == 0 ? 0x0FFFFFFE : 0x0FFFFFFF, 1, 61);
     }
-    std::vector<Record> out;
+    std::vector<lxp::MIDIEVENT> out;
     EXPECT_EQ(LxWin32MidiParser::PARSE_END_REACHED, parse(smf(1, 96, {track(a), track(b)}), &out));
     ASSERT_EQ(40u, out.size());
     for (size_t i = 0; i < out.size(); ++i) {
-        EXPECT_EQ(i % 2 == 0 ? 0x91u : 0x90u, out[i].event.dwEvent & 0xFF)
-            << "track 2 is always one tick ahead";
-        EXPECT_EQ(i % 2 == 1 ? 1u : 0x0FFFFFFEu, out[i].event.dwDeltaTime) << i;
+        EXPECT_EQ(i % 2 == 0 ? 0x91u : 0x90u, out[i].dwEvent & 0xFF) << "track 2 is always one tick ahead";
+        EXPECT_EQ(i % 2 == 1 ? 1u : 0x0FFFFFFEu, out[i].dwDeltaTime) << i;
     }
 }
 
@@ -162,7 +150,7 @@ TEST_F(MidiParserTest, FileLayerFailuresCloseEverything) {
     for (int i = 0; i < 600; ++i) {
         events += noteOn(1, 0, 60);  // more than one track buffer
     }
-    const std::string path = write("f.mid", smf(0, 96, {track(events)}));
+    const std::string path = write(smf(0, 96, {track(events)}));
     LxWin32MidiParser parser(&owner_);
     lxp::filetest::failAfter(lxp::filetest::Size, 0);
     EXPECT_EQ(0, parser.openFile(path.c_str()));
@@ -170,7 +158,7 @@ TEST_F(MidiParserTest, FileLayerFailuresCloseEverything) {
     EXPECT_EQ(0, parser.openFile(path.c_str()));
     ASSERT_EQ(1, parser.openFile(path.c_str()));
     lxp::filetest::failAfter(lxp::filetest::Read, 0);
-    std::vector<Record> out;
+    std::vector<lxp::MIDIEVENT> out;
     EXPECT_EQ(LxWin32MidiParser::PARSE_CORRUPT, drain(parser, &out));
     EXPECT_GT(out.size(), 100u);
     ASSERT_EQ(1, parser.openFile(path.c_str()));
@@ -188,11 +176,72 @@ TEST_F(MidiParserTest, APendingEventIsFreedWithItsParser) {
         events += noteOn(0, 0, 60) + tempoEvent(0, 500000 + i);
     }
     auto* parser = new LxWin32MidiParser(&owner_);
-    ASSERT_EQ(1, parser->openFile(write("p.mid", smf(0, 96, {track(events)})).c_str()));
+    ASSERT_EQ(1, parser->openFile(write(smf(0, 96, {track(events)})).c_str()));
     StreamBuffer small(12);
     ASSERT_EQ(0, parser->parseNewBuffer(true, &small.b));
     EXPECT_EQ(1, parser->getEventDataBlocks()) << "a tempo event is pending with its payload";
     delete parser;
+}
+
+TEST_F(MidiParserTest, FileModelReadsTracksChannelsAndLastTicksAndNeverPastTheEnd) {
+    const std::string file = smf(
+        1, 96,
+        {track(tempoEvent(0, 0x07A120) + textEvent(10, "x")),
+         track(noteOn(0, 0, 60) + vlq(48) + "\x3E\x40" + vlq(0) + "\xF0\x02\x01\xF7" + noteOff(912, 0, 60)),
+         track(noteOn(5, 9, 36) + noteOn(0, 9, 38) + vlq(0) + "\xF4" + noteOn(3, 9, 40))},
+        10);
+    LxWin32NewMidiParser model;
+    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));  // a 10-byte header: 4 bytes passed over
+    ASSERT_EQ(3, model.getTrackCount());
+    EXPECT_EQ(nullptr, model.getTrackEvents(3));
+    EXPECT_EQ(10, model.getLastTick(0)) << "the end-of-track event stands at tick 10 too";
+    EXPECT_EQ(960, model.getLastTick(1));
+    const LxMidiEventList* t1 = model.getTrackEvents(1);
+    ASSERT_EQ(5, t1->count);
+    const LxMidiFileEvent* e = t1->first->next;
+    EXPECT_EQ(48, e->tick);
+    EXPECT_EQ(0x90, e->message[0]) << "running status";
+    EXPECT_EQ(0x3E, e->message[1]);
+    EXPECT_EQ(LxMidiFileEvent::SYSEX, e->next->kind);
+    // The stray 0xF4 of track 2 is passed over; the next bytes are read as a new event.
+    EXPECT_GE(model.getLastTick(2), 5);
+    for (int c = 0; c < 16; ++c) {
+        EXPECT_EQ(c == 0 || c == 9 ? 1 : 0, model.getChannelsUsed()[c]) << c;
+    }
+    ASSERT_EQ(1u, model.getTempoMap().size()) << "the file's own tempo at tick 0 replaces the default";
+    EXPECT_EQ(500000u, model.getTempoMap()[0].tempo);
+    EXPECT_EQ(5000000000, LxWin32NewMidiParser::tickToTime(960, 96, model.getTempoMap()));
+
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(dir_.file("none.mid").c_str()));
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write("RIFF....").c_str()));
+    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write(smf(0, 96, {})).c_str())) << "no track";
+    EXPECT_EQ(0, model.getTrackCount());
+    // The header promises 4 tracks, the file holds 2: the missing ones are empty.
+    std::string four = smf(1, 96, {track(noteOn(0, 1, 60)), track(noteOn(7, 2, 60))});
+    four[11] = 4;
+    ASSERT_EQ(LX_OK, model.loadFile(write(four).c_str()));
+    EXPECT_EQ(4, model.getTrackCount());
+    EXPECT_EQ(7, model.getLastTick(1));
+    EXPECT_EQ(-1, model.getLastTick(2));
+    EXPECT_EQ(nullptr, model.getTrackEvents(3)->first);
+}
+
+// No tempo at tick 0: the default 500000 stands there; 250000 from tick 192 (in track 2), 1000000
+// from tick 288. Nanoseconds at ticks across both changes and at them.
+TEST_F(MidiParserTest, FileModelTickToTimeFollowsTheTempoMap) {
+    const std::string file =
+        smf(1, 96, {track(tempoEvent(288, 1000000)), track(tempoEvent(192, 250000) + noteOn(400, 3, 1))});
+    LxWin32NewMidiParser model;
+    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
+    ASSERT_EQ(3u, model.getTempoMap().size());
+    const int64_t times[][2] = {
+        {0, 0}, {96, 500000000}, {192, 1000000000}, {240, 1125000000}, {288, 1250000000}, {672, 5250000000}};
+    for (const auto& t : times) {
+        EXPECT_EQ(t[1], LxWin32NewMidiParser::tickToTime(t[0], model.getDivision(), model.getTempoMap()))
+            << t[0];
+    }
+    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, model.getTempoMap())) << "no division, no time";
+    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, {{500000, 0, 0}})) << "truncated";
 }
 
 }  // namespace

@@ -30,9 +30,8 @@ class FactoryOf : public lxp::ComObject<lxp::IClassFactory> {
     lxp::HRESULT LockServer(bool) override { return lxp::S_OK; }
 };
 
-/// A stand-in for the filter-graph class, so that tests of what DirectShow's presence decides do
-/// not start the real filter-graph backend. Registered for the life of the object; the class that
-/// was registered before (if any) is put back afterwards.
+/// A filter-graph class that starts no backend, registered for the life of the object (the class
+/// registered before, if any, is put back afterwards).
 class FakeFilterGraph {
   public:
     FakeFilterGraph() {

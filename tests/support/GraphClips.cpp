@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <cstddef>
 #include <cstdio>
+#include <functional>
 #include <random>
 
 namespace lxtest {
@@ -19,29 +20,28 @@ bool exists(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && st.st_size > 0;
 }
 
-std::string clipDir() {
+/// The clip named name in ./clips, written by write (to the temporary path it is given) unless it
+/// exists; renamed into place so that parallel tests never see half a file. "" when it failed.
+std::string made(const std::string& name, const std::function<bool(const std::string&)>& write) {
     mkdir("clips", 0755);
     char cwd[4096];
-    const std::string base = getcwd(cwd, sizeof cwd) != nullptr ? std::string(cwd) : std::string(".");
-    return base + "/clips";
-}
-
-/// Makes path with command (which writes to the file named by its last argument, a temporary
-/// name) unless it exists; renamed into place so that parallel tests never see half a file.
-std::string make(const std::string& name, const std::string& command) {
-    const std::string path = clipDir() + "/" + name;
+    const std::string path = std::string(getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".") + "/clips/" + name;
+    const std::string tmp = path + ".tmp" + std::to_string(getpid()) + name.substr(name.rfind('.'));
     if (exists(path)) {
         return path;
     }
-    if (!haveTool("ffmpeg")) {
-        return std::string();
-    }
-    const std::string tmp = path + ".tmp" + std::to_string(getpid()) + name.substr(name.rfind('.'));
-    if (run(command + " '" + tmp + "'") != 0 || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    if (!write(tmp) || std::rename(tmp.c_str(), path.c_str()) != 0) {
         std::remove(tmp.c_str());
         return std::string();
     }
     return path;
+}
+
+/// Made by ffmpeg with args, which end where the output file name goes.
+std::string ffmpeg(const std::string& name, const std::string& args) {
+    return made(name, [&](const std::string& tmp) {
+        return haveTool("ffmpeg") && run("ffmpeg -nostdin -v error -y " + args + " '" + tmp + "'") == 0;
+    });
 }
 
 std::string video(double seconds) {
@@ -58,67 +58,67 @@ std::string tone(double seconds) {
     return text;
 }
 
-const std::string kFfmpeg = "ffmpeg -nostdin -v error -y ";
-
+/// The first fraction of the clip at from.
 std::string cut(const std::string& name, const std::string& from, double fraction) {
-    const std::string path = clipDir() + "/" + name;
-    if (exists(path)) {
-        return path;
-    }
-    if (from.empty()) {
-        return std::string();
-    }
-    const std::string bytes = readFile(from);
-    const std::string tmp = path + ".tmp" + std::to_string(getpid());
-    if (!writeFile(tmp, bytes.substr(0, static_cast<size_t>(bytes.size() * fraction))) ||
-        std::rename(tmp.c_str(), path.c_str()) != 0) {
-        return std::string();
-    }
-    return path;
+    return made(name, [&](const std::string& tmp) {
+        const std::string bytes = from.empty() ? std::string() : readFile(from);
+        return !bytes.empty() &&
+               writeFile(tmp, bytes.substr(0, static_cast<size_t>(bytes.size() * fraction)));
+    });
+}
+
+/// A 160x120 clip with the counter at 25 fps.
+Clip counter(const std::string& path, double seconds) {
+    return {path, seconds, static_cast<int>(seconds * 25), 160, 120, 25.0};
 }
 
 }  // namespace
 
 Clip mpeg1Clip() {
-    return {make("counter.mpg", kFfmpeg + video(2) + " " + tone(2) +
-                                    " -ac 2 -c:v mpeg1video -q:v 2 -g 12 -c:a mp2 -b:a 192k -f mpeg"),
-            2.0,
-            50,
-            160,
-            120,
-            25.0};
+    return counter(
+        ffmpeg("counter.mpg",
+               video(2) + " " + tone(2) + " -ac 2 -c:v mpeg1video -q:v 2 -g 12 -c:a mp2 -b:a 192k -f mpeg"),
+        2.0);
 }
 
 Clip mp3Clip() {
-    return {make("tone.mp3", kFfmpeg + tone(3) + " -ac 2 -c:a libmp3lame -b:a 128k -f mp3"), 3.0, 0, 0, 0, 0};
+    return {ffmpeg("tone.mp3", tone(3) + " -ac 2 -c:a libmp3lame -b:a 128k -f mp3"), 3.0, 0, 0, 0, 0};
 }
 
 Clip movVideoClip() {
-    return {
-        make("counter.mov", kFfmpeg + video(2) + " -c:v mpeg4 -q:v 2 -g 12 -f mov"), 2.0, 50, 160, 120, 25.0};
+    return counter(ffmpeg("counter.mov", video(2) + " -c:v mpeg4 -q:v 2 -g 12 -f mov"), 2.0);
 }
 
 Clip mp4CounterClip() {
-    return {make("counter.mp4", kFfmpeg + video(4) + " " + tone(4) +
-                                    " -ac 2 -c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 128k -f mp4"),
-            4.0,
-            100,
-            160,
-            120,
-            25.0};
+    return counter(ffmpeg("counter.mp4", video(4) + " " + tone(4) +
+                                             " -ac 2 -c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 128k -f mp4"),
+                   4.0);
+}
+
+Clip beepClip() {
+    return counter(
+        ffmpeg("beeps.mp4",
+               video(3) +
+                   " -f lavfi -i \"aevalsrc='0.25*sin(2*PI*1000*t)*lt(mod(t\\,1)\\,0.05)':s=44100:d=3\" "
+                   "-ac 2 -c:v mpeg4 -q:v 2 -g 12 -c:a aac -b:a 192k -f mp4"),
+        3.0);
 }
 
 Clip corruptClip() {
-    const std::string path = clipDir() + "/noise.mpg";
-    if (!exists(path)) {
-        std::mt19937 random(1234);
-        std::string bytes(65536, '\0');
-        for (char& c : bytes) {
-            c = static_cast<char>(random() & 0xFF);
-        }
-        writeFile(path, bytes);
-    }
-    return {path, 0, 0, 0, 0, 0};
+    return {made("noise.mpg",
+                 [](const std::string& tmp) {
+                     std::mt19937 random(1234);
+                     std::string bytes(65536, '\0');
+                     for (char& c : bytes) {
+                         c = static_cast<char>(random() & 0xFF);
+                     }
+                     return writeFile(tmp, bytes);
+                 }),
+            0,
+            0,
+            0,
+            0,
+            0};
 }
 
 Clip truncatedMovClip() {
@@ -126,7 +126,7 @@ Clip truncatedMovClip() {
 }
 
 Clip truncatedMpegClip() {
-    return {cut("cut.mpg", mpeg1Clip().path, 0.6), 1.2, 30, 160, 120, 25.0};
+    return counter(cut("cut.mpg", mpeg1Clip().path, 0.6), 1.2);
 }
 
 int readFrameCounter(const uint8_t* pixels, int width, int height, int stride, int bytesPerPixel) {

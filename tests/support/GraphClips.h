@@ -1,9 +1,6 @@
-// Test clips for the filter graph, made at test time with ffmpeg and kept in ./clips (the test's
-// working folder) for the tests that follow.
-//
-// Every clip with video shows a frame counter: the picture is split into eight vertical bands, band
-// k (from the left) is white when bit k of the frame number is set and black otherwise.
-// readFrameCounter reads it back from decoded pixels, robustly after lossy compression.
+// Test clips for the filter graph, made with ffmpeg into ./clips (the test's working folder) once.
+// Every clip with video shows a frame counter: eight vertical bands, band k (from the left) white
+// when bit k of the frame number is set, which survives lossy compression.
 #ifndef LORVEX_TESTS_SUPPORT_GRAPHCLIPS_H
 #define LORVEX_TESTS_SUPPORT_GRAPHCLIPS_H
 
@@ -30,6 +27,9 @@ Clip mp3Clip();
 Clip movVideoClip();
 /// MP4 with MPEG-4 video (counter, 25 fps) and AAC audio, 4 s: the clip for seeks and rates.
 Clip mp4CounterClip();
+/// MP4 with the counter and, as its sound, a 1 kHz beep for the first 50 ms of every second
+/// (computed per sample, so that each beep starts exactly on its second), 3 s.
+Clip beepClip();
 /// 64 KB of noise named .mpg.
 Clip corruptClip();
 /// A QuickTime file cut off before its index.

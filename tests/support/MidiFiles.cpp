@@ -27,14 +27,9 @@ std::string track(const std::string& events, bool endOfTrack) {
 }
 
 std::string smf(int format, int division, const std::vector<std::string>& tracks, uint32_t headerLength) {
-    std::string out = "MThd" + be32(headerLength);
-    out += static_cast<char>(format >> 8);
-    out += static_cast<char>(format);
-    out += static_cast<char>(tracks.size() >> 8);
-    out += static_cast<char>(tracks.size());
-    out += static_cast<char>(division >> 8);
-    out += static_cast<char>(division);
-    out += std::string(headerLength - 6, '\0');
+    auto be16 = [](size_t v) { return std::string{static_cast<char>(v >> 8), static_cast<char>(v)}; };
+    std::string out = "MThd" + be32(headerLength) + be16(format) + be16(tracks.size()) + be16(division) +
+                      std::string(headerLength - 6, '\0');
     for (const std::string& t : tracks) {
         out += t;
     }
@@ -59,17 +54,16 @@ std::string textEvent(uint32_t delta, const std::string& text) {
     return vlq(delta) + std::string("\xFF\x01", 2) + vlq(static_cast<uint32_t>(text.size())) + text;
 }
 
+std::string controller(uint32_t delta, int channel, int number, int value) {
+    return vlq(delta) + std::string{static_cast<char>(0xB0 | channel), static_cast<char>(number),
+                                    static_cast<char>(value)};
+}
+
 double RefFile::seconds(int64_t tick) const {
-    // Walk the tempo changes in tick order (stable for equal ticks), summing whole segments.
-    std::vector<std::pair<int64_t, uint32_t>> sorted = tempos;
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const std::pair<int64_t, uint32_t>& a, const std::pair<int64_t, uint32_t>& b) {
-                         return a.first < b.first;
-                     });
     double t = 0;
     int64_t at = 0;
     double usPerTick = 500000.0 / division;
-    for (const auto& change : sorted) {
+    for (const auto& change : tempos) {
         if (change.first >= tick) {
             break;
         }
@@ -84,11 +78,10 @@ double RefFile::seconds(int64_t tick) const {
 RefFile readReference(const std::string& d) {
     RefFile f;
     auto u = [&](size_t i) { return static_cast<uint8_t>(d[i]); };
-    f.format = u(8) << 8 | u(9);
-    f.tracks = u(10) << 8 | u(11);
+    const int tracks = u(10) << 8 | u(11);
     f.division = u(12) << 8 | u(13);
     size_t pos = 8 + (static_cast<size_t>(u(4)) << 24 | u(5) << 16 | u(6) << 8 | u(7));
-    for (int tr = 0; tr < f.tracks && pos + 8 <= d.size(); ++tr) {
+    for (int tr = 0; tr < tracks && pos + 8 <= d.size(); ++tr) {
         const size_t len =
             static_cast<size_t>(u(pos + 4)) << 24 | u(pos + 5) << 16 | u(pos + 6) << 8 | u(pos + 7);
         size_t i = pos + 8;
@@ -129,11 +122,16 @@ RefFile readReference(const std::string& d) {
                 const bool one = (st & 0xF0) == 0xC0 || (st & 0xF0) == 0xD0;
                 const uint32_t d1 = u(i++);
                 const uint32_t d2 = one ? 0 : u(i++);
-                f.events.push_back({tick, tr, st | d1 << 8 | d2 << 16});
+                f.events.push_back({tick, st | d1 << 8 | d2 << 16});
             }
         }
         pos += 8 + len;
     }
+    // Stable: the tracks were read in order, so equal ticks stay in track order.
+    std::stable_sort(f.events.begin(), f.events.end(),
+                     [](const auto& a, const auto& b) { return a.tick < b.tick; });
+    std::stable_sort(f.tempos.begin(), f.tempos.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
     return f;
 }
 
@@ -145,7 +143,6 @@ void StreamBuffer::reset() {
     b = LxMidiStreamBuffer{};
     b.header.lpData = data.data();
     b.header.dwBufferLength = static_cast<uint32_t>(data.size());
-    b.writeBase = 0;
     b.capacity = static_cast<uint32_t>(data.size());
 }
 
@@ -157,18 +154,14 @@ std::vector<lxp::MIDIEVENT> StreamBuffer::records() const {
     return out;
 }
 
-int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity, int maxBuffers) {
+int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity) {
     StreamBuffer buf(capacity);
     int result = 0;
-    for (int n = 0; n < maxBuffers; ++n) {
+    for (int n = 0; n < 100000 && result == 0; ++n) {
         buf.reset();
         result = parser.parseNewBuffer(n == 0, &buf.b);
-        for (const lxp::MIDIEVENT& e : buf.records()) {
-            out->push_back({e, n});
-        }
-        if (result != 0) {
-            return result;
-        }
+        const std::vector<lxp::MIDIEVENT> records = buf.records();
+        out->insert(out->end(), records.begin(), records.end());
     }
     return result;
 }

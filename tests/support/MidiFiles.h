@@ -1,5 +1,5 @@
-// Standard MIDI File helpers for the parser tests: builders for hand-made files, a reference
-// reader written apart from the library's parsers, a fake player and a stream drain.
+// Standard MIDI files built by hand, a reference reader written apart from the library's parsers,
+// a fake player and a stream drain.
 #ifndef LORVEX_TESTS_SUPPORT_MIDIFILES_H
 #define LORVEX_TESTS_SUPPORT_MIDIFILES_H
 
@@ -22,21 +22,23 @@ std::string noteOn(uint32_t delta, int channel, int key, int velocity = 100);
 std::string noteOff(uint32_t delta, int channel, int key);
 std::string tempoEvent(uint32_t delta, uint32_t usPerQuarter);
 std::string textEvent(uint32_t delta, const std::string& text);
+std::string controller(uint32_t delta, int channel, int number, int value);
+/// A short message as the stream carries it.
+inline uint32_t shortMsg(int status, int d1, int d2 = 0) {
+    return status | d1 << 8 | d2 << 16;
+}
 
-/// A channel event of the reference reader, with its absolute tick and track.
+/// A channel event of the reference reader at its absolute tick.
 struct RefEvent {
     int64_t tick;
-    int track;
     uint32_t message;  // status | data1 << 8 | data2 << 16
 };
 
 /// A file read by the test's own reader: events of every track and the tempo changes.
 struct RefFile {
-    int format = 0;
     int division = 0;
-    int tracks = 0;
-    std::vector<RefEvent> events;                      // in file order per track
-    std::vector<std::pair<int64_t, uint32_t>> tempos;  // (tick, us per quarter), file order
+    std::vector<RefEvent> events;                      // in time order, ties by the lower track
+    std::vector<std::pair<int64_t, uint32_t>> tempos;  // (tick, us per quarter), in time order
     /// Seconds at tick, from the tempo changes (500000 us per quarter before the first).
     double seconds(int64_t tick) const;
 };
@@ -48,19 +50,12 @@ class FakeOwner : public LxMidiParserOwner {
   public:
     std::atomic<float> gain{1.0f};
     std::atomic<float> tempoScale{1.0f};
-    std::atomic<bool> tempoChanged{false};
     std::atomic<uint32_t> volumes[16] = {};
 
     float getParserGain() override { return gain; }
     float getParserTempoScale() override { return tempoScale; }
-    bool takeTempoChanged() override { return tempoChanged.exchange(false); }
+    bool takeTempoChanged() override { return false; }
     void storeChannelVolume(unsigned channel, uint32_t value) override { volumes[channel] = value; }
-};
-
-/// A record of the stream with its buffer's index.
-struct Record {
-    lxp::MIDIEVENT event;
-    int buffer;
 };
 
 /// A stream buffer with its own data, set up as the player does.
@@ -74,8 +69,7 @@ struct StreamBuffer {
 
 /// Parses a whole pass (restart, then until the end) with buffers of capacity bytes; returns
 /// the last result (-103 at a clean end) and appends the records to out.
-int drain(LxWin32MidiParser& parser, std::vector<Record>* out, uint32_t capacity = 1024,
-          int maxBuffers = 100000);
+int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity = 1024);
 
 }  // namespace miditest
 

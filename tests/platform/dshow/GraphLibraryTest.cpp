@@ -1,11 +1,11 @@
 // The layer's plumbing: registering the filter library, creating graphs by class id with and
-// without GStreamer, the decoder class, pixel layouts, name conversions and the enumerators.
+// without GStreamer, the decoder class, name conversions and the enumerators.
 #include "LxPlatformGraph.h"
 #include "platform/dshow/LxpGraphBase.h"
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpSimGraph.h"
 
-#include "GraphTestKit.h"
+#include "GraphKit.h"
 
 namespace {
 
@@ -18,7 +18,6 @@ class GraphLibrary : public ::testing::Test {
         graphtest::refuseFilterRegistration(false);
         graphtest::simulateGStreamerMissing(false);
         LxPlatformGraph::useGStreamer();
-        LxPlatformGraph::setVideoPixelFormat(LxPixel32Alt);
         CoUninitialize();
     }
     static HRESULT create(const CLSID& clsid, const IID& iid, IUnknown** out) {
@@ -67,33 +66,26 @@ TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
 
     // The simulated backend does not need GStreamer; its events are polled with or without a wait.
     LxPlatformGraph::useSimulated();
-    ASSERT_EQ(S_OK, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
-    IGraphBuilder* builder = static_cast<IGraphBuilder*>(graph);
-    IMediaControl* control = nullptr;
-    IMediaEvent* events = nullptr;
-    ASSERT_EQ(S_OK, graph->QueryInterface(IID_IMediaControl, reinterpret_cast<void**>(&control)));
-    ASSERT_EQ(S_OK, graph->QueryInterface(IID_IMediaEvent, reinterpret_cast<void**>(&events)));
-    int32_t code = 0;
-    LONG_PTR p1 = 0;
-    LONG_PTR p2 = 0;
+    lxtest::GraphRig rig;
+    ASSERT_TRUE(rig.create());
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(E_ABORT, events->GetEvent(&code, &p1, &p2, 0));
-    EXPECT_EQ(E_ABORT, events->GetEvent(&code, &p1, &p2, 100));
+    EXPECT_EQ(E_ABORT, rig.nextEvent(0));
+    EXPECT_EQ(E_ABORT, rig.nextEvent(100));
     EXPECT_GE(lxtest::msSince(start), 90);
-    EXPECT_EQ(VFW_E_WRONG_STATE, control->Run()) << "nothing rendered yet";
+    EXPECT_EQ(VFW_E_WRONG_STATE, rig.control->Run()) << "nothing rendered yet";
 
     // The decoder filter the player adds for MPEG audio: a filter without pins, in the graph once.
     IBaseFilter* decoder = nullptr;
     ASSERT_EQ(S_OK, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, reinterpret_cast<IUnknown**>(&decoder)));
-    EXPECT_EQ(S_OK, builder->AddFilter(decoder, L"MPEG Layer 3 Codec"));
-    EXPECT_EQ(E_INVALIDARG, builder->AddFilter(decoder, L"again"));
+    EXPECT_EQ(S_OK, rig.graph->AddFilter(decoder, L"MPEG Layer 3 Codec"));
+    EXPECT_EQ(E_INVALIDARG, rig.graph->AddFilter(decoder, L"again"));
     IEnumPins* pins = nullptr;
     IPin* pin = nullptr;
     decoder->EnumPins(&pins);
     EXPECT_EQ(S_FALSE, pins->Next(1, &pin, nullptr));
     pins->Release();
     IEnumFilters* filters = nullptr;
-    builder->EnumFilters(&filters);
+    rig.graph->EnumFilters(&filters);
     IBaseFilter* listed[2] = {nullptr, nullptr};
     uint32_t fetched = 0;
     EXPECT_EQ(S_FALSE, filters->Next(2, listed, &fetched));
@@ -101,38 +93,8 @@ TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
     EXPECT_EQ(decoder, listed[0]);
     listed[0]->Release();
     filters->Release();
-    EXPECT_EQ(S_OK, builder->RemoveFilter(decoder));
+    EXPECT_EQ(S_OK, rig.graph->RemoveFilter(decoder));
     decoder->Release();
-    events->Release();
-    control->Release();
-    graph->Release();
-}
-
-TEST_F(GraphLibrary, TheVideoRendererDeliversTheChosenPixelLayout) {
-    EXPECT_FALSE(LxPlatformGraph::setVideoPixelFormat(LxPixel16));
-    EXPECT_EQ(LxPixel32Alt, LxPlatformGraph::videoPixelFormat());
-    ASSERT_TRUE(LxPlatformGraph::setVideoPixelFormat(LxPixel24Alt));
-    LxPlatformGraph::useSimulated();
-    simgraph::reset();
-    simgraph::Script script;
-    script.outcome = simgraph::Outcome::VideoOnly;
-    script.width = 7;
-    script.height = 2;
-    simgraph::setScript(script);
-    lxtest::TempDir dir;
-    const std::string clip = dir.file("c.mov");
-    lxtest::writeFile(clip, "x");
-    {
-        lxtest::GraphRig rig;
-        ASSERT_TRUE(rig.open(clip));
-        ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
-        ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-        const LxpVideoSpec spec = rig.videoSink.pictures()[0].spec;
-        EXPECT_EQ(LxPixel24Alt, spec.pixelFormat);
-        EXPECT_EQ(3, spec.bytesPerPixel);
-        EXPECT_EQ(24, spec.stride);  // 21 bytes of pixels padded to 24
-    }
-    simgraph::reset();
 }
 
 TEST(GraphText, NamesSurviveTheRoundTripThroughWideStrings) {

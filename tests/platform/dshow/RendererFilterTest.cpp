@@ -1,12 +1,18 @@
-// The renderer filters on their own: format acceptance, what each state does with samples, the
-// queue's back-pressure, flushes, end of stream and the gate.
+// The renderer filters on their own and with the outputs they make for the player: format
+// acceptance, what each state does with samples, back-pressure, flushes, end of stream, the gate,
+// audio gathered into the consumer's frames and pictures unpadded and stamped.
+#include "LxBaseVideoRenderer.h"
 #include "LxConnectable.h"
-#include "platform/dshow/LxpGraphBase.h"
+#include "filterlib/LxpConnectableSink.h"
 #include "filterlib/LxpRenderer.h"
+#include "platform/dshow/LxpGraphBase.h"
 
 #include "FakeSample.h"
-#include "GraphTestKit.h"
+#include "GraphKit.h"
+#include "TestRenderer.h"
 
+#include <cmath>
+#include <ostream>
 #include <thread>
 
 namespace {
@@ -51,6 +57,32 @@ AM_MEDIA_TYPE pcm(int channels, int bits, int rate = 22050) {
     return audioMediaType(spec);
 }
 
+/// A test audio renderer that counts the producer threads inside getEmptyFrame.
+class CountingRenderer : public lxtest::TestRendererNode {
+  public:
+    CountingRenderer(LxManager* m, int frames, int bytes) : TestRendererNode(m, frames, bytes) {}
+    LxFrame* getEmptyFrame(const LxTime& timeout) override {
+        ++inside;
+        LxFrame* f = TestRendererNode::getEmptyFrame(timeout);
+        --inside;
+        return f;
+    }
+    std::atomic<int> inside{0};
+};
+
+/// The real video renderer, counting the ends of media it is told of.
+class EndCountingVideoRenderer : public LxBaseVideoRenderer {
+  public:
+    using LxBaseVideoRenderer::LxBaseVideoRenderer;
+    void notifyEndOfMedia() override {
+        LxBaseVideoRenderer::notifyEndOfMedia();
+        ++ends;
+    }
+    std::atomic<int> ends{0};
+};
+
+/// Renderer filters fed by hand from an upstream pin, delivering to a recording sink or, through
+/// the outputs they make for the player, to consumers.
 class Renderer : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -59,6 +91,13 @@ class Renderer : public ::testing::Test {
         out = upstream->addPin(L"Out", PINDIR_OUTPUT);
     }
     void TearDown() override {
+        // Consumers first (the outputs' frames are theirs), then the outputs, then the filters.
+        for (LxNode* n : consumers) {
+            delete n;
+        }
+        for (LxOutputConnectable* o : outputs) {
+            delete o;
+        }
         for (RendererFilter* f : filters) {
             f->SetSink(nullptr);
             f->Stop();
@@ -88,21 +127,69 @@ class Renderer : public ::testing::Test {
         }
         return f;
     }
-    static HRESULT send(RendererFilter* f, int16_t first, REFERENCE_TIME start, size_t bytes = 40) {
-        std::vector<uint8_t> data(bytes, 0);
-        data[0] = static_cast<uint8_t>(first & 0xFF);
-        data[1] = static_cast<uint8_t>((first >> 8) & 0xFF);
-        auto* s = new lxtest::FakeSample(data, start, start + 1);
+    /// A running filter connected with a complete type, and the output it makes (once).
+    LxOutputConnectable* output(RendererKind kind, AM_MEDIA_TYPE type, LxPixelFormat_s pixels,
+                                RendererFilter** f) {
+        *f = new RendererFilter(kind, pixels);
+        filters.push_back(*f);
+        EXPECT_EQ(S_OK, (*f)->receiveConnection(out, &type));
+        FreeMediaType(type);
+        char* name = nullptr;
+        LxOutputConnectable* o = nullptr;
+        EXPECT_EQ(S_OK, (*f)->GetOutputConnectable(nullptr, &name, &o));
+        EXPECT_STREQ(kind == RendererKind::Audio ? "Audio" : "Video", name);
+        outputs.push_back(o);
+        LxOutputConnectable* second = nullptr;  // a filter makes its output once
+        EXPECT_EQ(VFW_E_ALREADY_CONNECTED, (*f)->GetOutputConnectable(nullptr, &name, &second));
+        EXPECT_EQ(nullptr, second);
+        (*f)->Run(0);
+        return o;
+    }
+    static HRESULT send(RendererFilter* f, std::vector<uint8_t> bytes, REFERENCE_TIME start,
+                        REFERENCE_TIME end) {
+        auto* s = new lxtest::FakeSample(std::move(bytes), start, end);
         const HRESULT hr = f->receive(s);
         s->Release();
         return hr;
     }
+    /// bytes of 16-bit samples, the first of them first.
+    static HRESULT send(RendererFilter* f, int16_t first, REFERENCE_TIME start, size_t bytes = 40) {
+        std::vector<uint8_t> data(bytes, 0);
+        data[0] = static_cast<uint8_t>(first & 0xFF);
+        data[1] = static_cast<uint8_t>((first >> 8) & 0xFF);
+        return send(f, data, start, start + 1);
+    }
+    /// Takes every queued frame off an audio output: (first byte, sample frames, time stamp).
+    struct Taken {
+        int first;
+        int32_t filled;
+        double stamp;
+        bool operator==(const Taken& o) const {
+            return first == o.first && filled == o.filled && std::abs(stamp - o.stamp) < 1e-9;
+        }
+        friend std::ostream& operator<<(std::ostream& os, const Taken& t) {
+            return os << "(" << t.first << ", " << t.filled << ", " << t.stamp << ")";
+        }
+    };
+    static std::vector<Taken> take(LxOutputConnectable* o) {
+        std::vector<Taken> got;
+        while (LxFrame* f = o->getFrameForTime(LxTime(), LxTime())) {
+            LxAudioFrame* a = static_cast<LxAudioFrame*>(f);
+            got.push_back({a->data[0], a->filled, a->timeStamp.getValue()});
+            o->connectedTo()->putEmptyFrame(f);
+        }
+        return got;
+    }
 
+    KtDefaultThreadManager threads;
+    lxtest::ScopedTestManager manager{&threads};
     EventRecorder* graph = nullptr;
     BasicFilter* upstream = nullptr;
     BasicPin* out = nullptr;
     RecordingSink sink;
     std::vector<RendererFilter*> filters;
+    std::vector<LxOutputConnectable*> outputs;
+    std::vector<LxNode*> consumers;
 };
 
 TEST_F(Renderer, TakesOnlyFormatsItCanDeliver) {
@@ -145,20 +232,9 @@ TEST_F(Renderer, TakesOnlyFormatsItCanDeliver) {
     AM_MEDIA_TYPE otherType = videoMediaType(other);
     EXPECT_EQ(S_FALSE, rgb->queryAccept(&otherType));
     EXPECT_EQ(S_FALSE, rgb->queryAccept(&partial));
-    ASSERT_EQ(S_OK, rgb->receiveConnection(out, &wantType));
+    EXPECT_EQ(S_OK, rgb->receiveConnection(out, &wantType));
     FreeMediaType(wantType);
     FreeMediaType(otherType);
-
-    // The connected renderer makes its output once.
-    char* name = nullptr;
-    LxOutputConnectable* output = nullptr;
-    ASSERT_EQ(S_OK, rgb->GetOutputConnectable(nullptr, &name, &output));
-    EXPECT_STREQ("Video", name);
-    ASSERT_NE(nullptr, output);
-    LxOutputConnectable* second = nullptr;
-    EXPECT_EQ(VFW_E_ALREADY_CONNECTED, rgb->GetOutputConnectable(nullptr, &name, &second));
-    EXPECT_EQ(nullptr, second);
-    delete output;
 }
 
 TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
@@ -183,8 +259,8 @@ TEST_F(Renderer, StoppedDropsPausedNeverBlocksRunningBlocksWhenFull) {
     EXPECT_FALSE(returned.load()) << "a full queue holds a running graph back";
     sink.hold(false);
     producer.join();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.audioLocked().size() == 21; }));
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    ASSERT_TRUE(sink.waitFor([](const RecordingSink::Record& r) { return r.audio.size() == 21; }));
+    const auto got = sink.got().audio;
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(i, got[static_cast<size_t>(i)].firstSample);
     }
@@ -231,7 +307,7 @@ TEST_F(Renderer, FlushDropsTheQueueReleasesTheProducerAndMakesAQueuedEndStale) {
     producer.join();  // every Receive returned at once
     f->endFlush();
     sink.hold(false);
-    EXPECT_EQ(1, sink.flushCount());
+    EXPECT_EQ(1, sink.got().flushes);
     // The end of stream sent during the flush does not count; the graph heard of the flush.
     EXPECT_EQ(std::vector<int32_t>{EC_LXP_RENDERER_FLUSHED}, graph->snapshot());
 
@@ -243,11 +319,11 @@ TEST_F(Renderer, FlushDropsTheQueueReleasesTheProducerAndMakesAQueuedEndStale) {
     ASSERT_TRUE(lxtest::waitUntil([&] { return graph->snapshot().size() == 2; }, 20000));
     EXPECT_EQ(EC_COMPLETE, graph->snapshot()[1]);
     EXPECT_EQ(reinterpret_cast<LONG_PTR>(static_cast<IBaseFilter*>(f)), graph->senders[1]);
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    const auto got = sink.got().audio;
     ASSERT_TRUE(got.size() == 2 || got.size() == 3) << got.size();
     EXPECT_EQ(50, got[got.size() - 2].firstSample);
     EXPECT_EQ(51, got.back().firstSample);
-    EXPECT_EQ(1, sink.eosCount());
+    EXPECT_EQ(1, sink.got().eos);
     // A stopped filter ignores an end of stream.
     f->Stop();
     EXPECT_EQ(S_FALSE, f->endOfStream());
@@ -261,8 +337,8 @@ TEST_F(Renderer, TheGateDecidesEachDeliveryAndBuffersAreCutToWholeSampleFrames) 
         send(f, static_cast<int16_t>(i), i * 10, 42);  // 42 bytes: ten 4-byte frames and a half
     }
     f->endOfStream();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.eosLocked() == 1; }));
-    const std::vector<RecordingSink::Audio> got = sink.audio();
+    ASSERT_TRUE(sink.waitFor([](const RecordingSink::Record& r) { return r.eos == 1; }));
+    const auto got = sink.got().audio;
     ASSERT_EQ(2u, got.size());
     EXPECT_EQ(0, got[0].firstSample);
     EXPECT_EQ(2, got[1].firstSample);
@@ -285,8 +361,7 @@ TEST_F(Renderer, TheGateDecidesEachDeliveryAndBuffersAreCutToWholeSampleFrames) 
     v->receive(full);
     shortSample->Release();
     full->Release();
-    ASSERT_TRUE(sink.waitFor([&] { return sink.picturesLocked().size() == 1; }));
-    EXPECT_EQ(5, sink.pictures()[0].start);
+    EXPECT_EQ(5, sink.firstPicture().start);
 }
 
 TEST_F(Renderer, DetachingTheSinkWaitsForTheDeliveryInProgress) {
@@ -303,13 +378,129 @@ TEST_F(Renderer, DetachingTheSinkWaitsForTheDeliveryInProgress) {
     EXPECT_FALSE(detached.load());
     sink.hold(false);
     detacher.join();
-    EXPECT_EQ(1u, sink.audioCount());
+    EXPECT_EQ(1u, sink.got().audio.size());
     // Nothing reaches a detached sink: the end that follows the sample is not heard either.
     send(f, 2, 1);
     f->endOfStream();
     ASSERT_TRUE(lxtest::waitUntil([&] { return graph->snapshot().size() == 1; }, 20000));
-    EXPECT_EQ(1u, sink.audioCount());
-    EXPECT_EQ(0, sink.eosCount());
+    EXPECT_EQ(1u, sink.got().audio.size());
+    EXPECT_EQ(0, sink.got().eos);
+}
+
+TEST_F(Renderer, AudioIsGatheredIntoChunksStampedWithTheirFirstSampleAndTheRestGoesAtTheEnd) {
+    RendererFilter* f = nullptr;
+    LxOutputConnectable* o = output(RendererKind::Audio, audioMediaType({8, 1, 8000}), LxPixel32Alt, &f);
+    ASSERT_NE(nullptr, o);
+    LxFormat** formats = nullptr;
+    short n = 0;
+    o->listFormats(formats, &n);
+    ASSERT_EQ(1, n);
+    EXPECT_EQ(0, static_cast<LxAudioFormat*>(formats[0])->getIsStreaming())
+        << "no half second of silence before the first frame";
+    delete[] formats;
+    auto* consumer = new lxtest::TestRendererNode(manager.get(), 8, 1000);
+    consumers.push_back(consumer);
+    ASSERT_EQ(LX_OK, manager->connect(o, consumer));
+    // Buffers of count samples from sample first on; a chunk is 800 samples (0.1 s), a frame
+    // holds 1000.
+    auto buffer = [&](int first, int count) {
+        std::vector<uint8_t> bytes(static_cast<size_t>(count));
+        for (size_t i = 0; i < bytes.size(); ++i) {
+            bytes[i] = static_cast<uint8_t>(first + static_cast<int>(i));
+        }
+        EXPECT_EQ(S_OK, send(f, bytes, first * 1250LL, (first + count) * 1250LL));
+    };
+    std::vector<Taken> got;
+    auto takeUntil = [&](const std::function<bool()>& done) {
+        return lxtest::waitUntil([&] {
+            for (const Taken& t : take(o)) {
+                got.push_back(t);
+            }
+            return done();
+        });
+    };
+    buffer(0, 300);
+    buffer(300, 300);
+    lxtest::waitUntil([&] { return consumer->framesCreated.load() == 1; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_TRUE(take(o).empty()) << "75 ms is not worth a frame yet";
+    buffer(600, 300);
+    ASSERT_TRUE(takeUntil([&] { return !got.empty(); }));
+    EXPECT_EQ(std::vector<Taken>({{0, 900, 0.0}}), got);
+    // A buffer that overflows the frame goes on in the next one, stamped with its own time; the end
+    // sends what is left.
+    buffer(900, 1500);
+    EXPECT_EQ(S_OK, f->endOfStream());
+    got.clear();
+    ASSERT_TRUE(takeUntil([&] { return consumer->endOfMediaNotes.load() == 1; }));
+    takeUntil([] { return true; });
+    EXPECT_EQ(std::vector<Taken>({{900 & 0xFF, 1000, 0.1125}, {1900 & 0xFF, 500, 0.2375}}), got);
+}
+
+TEST_F(Renderer, PicturesArriveUnpaddedWithTheirTimesAndAFullConsumerDropsThemRatherThanStall) {
+    RendererFilter* f = nullptr;
+    const LxpVideoSpec spec = makeVideoSpec(3, 2, LxPixel24Alt, 400000);
+    ASSERT_EQ(12, spec.stride);
+    LxOutputConnectable* o = output(RendererKind::Video, videoMediaType(spec), spec.pixelFormat, &f);
+    ASSERT_NE(nullptr, o);
+    auto* renderer = new EndCountingVideoRenderer(manager.get());
+    consumers.push_back(renderer);
+    LxInputConnectable* in = nullptr;
+    renderer->getInputConnectable("Video", &in);
+    ASSERT_EQ(LX_OK, manager->connect(o, in));
+    auto picture = [&](int k) {
+        std::vector<uint8_t> bytes(24, 0xEE);  // the padding
+        for (int y = 0; y < 2; ++y) {
+            for (int x = 0; x < 9; ++x) {
+                bytes[static_cast<size_t>(y * 12 + x)] = static_cast<uint8_t>(k * 32 + y * 16 + x);
+            }
+        }
+        EXPECT_EQ(S_OK, send(f, bytes, k * 400000LL, (k + 1) * 400000LL));
+    };
+    // Nobody paints: the renderer's two frames fill and the rest is dropped, each after a short
+    // wait, instead of holding up the graph (the end of stream behind them comes through).
+    const auto start = std::chrono::steady_clock::now();
+    for (int k = 0; k < 5; ++k) {
+        picture(k);
+    }
+    EXPECT_EQ(S_OK, f->endOfStream());
+    ASSERT_TRUE(lxtest::waitUntil([&] { return renderer->ends.load() == 1; }, 20000));
+    std::printf("[ measured ] three pictures dropped in %.0f ms\n", lxtest::msSince(start));
+    EXPECT_LT(lxtest::msSince(start), 5000.0) << "the graph was held up";
+    EXPECT_EQ(2, renderer->getQueuedFrameCount());
+
+    LxFrame* frame = renderer->attachFrameFromTime(LxTime(0.05), LxTime::zero());
+    LxVideoFrame* v = dynamic_cast<LxVideoFrame*>(frame);
+    ASSERT_NE(nullptr, v);
+    EXPECT_EQ(LxTime(0, 40000), v->getPresentationTime());
+    EXPECT_EQ(LxTime(0, 80000), v->getMediaEndTime());
+    EXPECT_TRUE(v->getMediaTimeIsValid());
+    const uint8_t* p = v->getPixelData();
+    for (int i = 0; i < 18; ++i) {
+        EXPECT_EQ(32 + i / 9 * 16 + i % 9, p[i]) << "byte " << i;
+    }
+    renderer->releaseFrame(frame);
+}
+
+TEST_F(Renderer, WhenStopReturnsNoDeliveryIsLeftInsideTheConsumer) {
+    RendererFilter* f = nullptr;
+    LxOutputConnectable* o = output(RendererKind::Audio, audioMediaType({16, 1, 8000}), LxPixel32Alt, &f);
+    auto* consumer = new CountingRenderer(manager.get(), 1, 1600);
+    consumers.push_back(consumer);
+    ASSERT_EQ(LX_OK, manager->connect(o, consumer));
+    for (int round = 0; round < 20; ++round) {
+        f->Run(0);
+        // The one frame is taken; the next buffer waits for another that never comes.
+        EXPECT_EQ(S_OK, send(f, std::vector<uint8_t>(1600), round * 2000000LL, round * 2000000LL + 1000000));
+        EXPECT_EQ(S_OK,
+                  send(f, std::vector<uint8_t>(1600), round * 2000000LL + 1000000, (round + 1) * 2000000LL));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return consumer->inside.load() == 1; }));
+        const auto start = std::chrono::steady_clock::now();
+        f->Stop();
+        EXPECT_EQ(0, consumer->inside.load()) << "round " << round;
+        EXPECT_LT(lxtest::msSince(start), 5000.0);
+        consumer->pull();
+    }
 }
 
 }  // namespace

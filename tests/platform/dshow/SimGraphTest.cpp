@@ -1,17 +1,17 @@
 // The simulated graph with the filter library's renderers: the graph's state machine, positions in
-// virtual time, seeks, rate and EC_COMPLETE bookkeeping. (What each scripted outcome renders to is
-// checked through the player in tests/dshow.)
+// virtual time, seeks, rate, EC_COMPLETE bookkeeping and the pixel layout delivered. (What each scripted
+// outcome renders to is checked through the player in tests/dshow.)
 #include "LxPlatformGraph.h"
 #include "platform/clock/LxpClock.h"
 #include "platform/dshow/LxpSimGraph.h"
 
-#include "GraphTestKit.h"
+#include "GraphKit.h"
 
 namespace {
 
 using namespace lxp;
 using lxtest::GraphRig;
-using lxtest::RecordingSink;
+using Record = lxtest::RecordingSink::Record;
 namespace sim = lxp::simgraph;
 
 class SimGraph : public ::testing::Test {
@@ -21,25 +21,33 @@ class SimGraph : public ::testing::Test {
         LxPlatformGraph::useSimulated();
         sim::reset();
         ASSERT_TRUE(SUCCEEDED(CoInitialize(nullptr)));
-        clip_ = dir_.file("clip.mpg");
-        lxtest::writeFile(clip_, "any bytes: the simulated graph does not read them");
         setClock(&clock_);
     }
     void TearDown() override {
         clock_.setAutoAdvanceOnSleep(true);  // a stream thread still waiting on the clock ends
+        rig.reset();
         setClock(nullptr);
         CoUninitialize();
         sim::reset();
         LxPlatformGraph::useGStreamer();
+        LxPlatformGraph::setVideoPixelFormat(LxPixel32Alt);
     }
-    sim::Script script(sim::Outcome outcome) {
+    /// Opens a clip of 2 s, 50 frames of 8x6 (as changed by tweak) in rig.
+    bool open(sim::Outcome outcome, const std::function<void(sim::Script&)>& tweak = nullptr) {
         sim::Script s;
         s.outcome = outcome;
         s.durationSeconds = 2.0;
         s.frameCount = 50;
         s.width = 8;
         s.height = 6;
-        return s;
+        if (tweak) {
+            tweak(s);
+        }
+        sim::setScript(s);
+        const std::string clip = dir_.file("clip.mpg");
+        lxtest::writeFile(clip, "any bytes: the simulated graph does not read them");
+        rig = std::make_unique<GraphRig>();
+        return rig->open(clip);
     }
     /// Advances the virtual clock once the stream thread sleeps on it: a thread that read the time
     /// but has not gone to sleep yet would sleep its whole interval from the advanced time.
@@ -47,187 +55,182 @@ class SimGraph : public ::testing::Test {
         ASSERT_TRUE(lxtest::waitUntil([&] { return clock_.sleepers() > 0; }, 20000));
         clock_.advanceMs(ms);
     }
-    static bool lastPictureIs(RecordingSink& sink, uint32_t n) {
-        return sink.waitFor(
-            [&] { return !sink.picturesLocked().empty() && sink.picturesLocked().back().simulated == n; },
-            20000);
+    bool lastPictureIs(uint32_t n) {
+        return rig->videoSink.waitFor(
+            [&](const Record& r) { return !r.video.empty() && r.video.back().simulated == n; });
     }
 
     lxtest::TempDir dir_;
-    std::string clip_;
     ManualClock clock_;
+    std::unique_ptr<GraphRig> rig;
 };
 
 // (Durations as the player reads them, known or not, are checked through the player in tests/dshow.)
 TEST_F(SimGraph, PositionsConvertBetweenFramesAndMediaTime) {
-    sim::Script s = script(sim::Outcome::AudioVideo);
-    s.durationSeconds = 3.0;
-    s.frameCount = 90;
-    sim::setScript(s);
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
+    ASSERT_TRUE(open(sim::Outcome::AudioVideo, [](sim::Script& s) {
+        s.durationSeconds = 3.0;
+        s.frameCount = 90;
+    }));
     LONGLONG v = 0;
-    ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
-    ASSERT_EQ(S_OK, rig.seeking->GetDuration(&v));
+    ASSERT_EQ(S_OK, rig->seeking->SetTimeFormat(&TIME_FORMAT_FRAME));
+    ASSERT_EQ(S_OK, rig->seeking->GetDuration(&v));
     EXPECT_EQ(90, v);
     // 30 fps: frame 45 is 1.5 s, and a relative move of -15 frames lands at 1.0 s.
     LONGLONG frame = 45;
-    ASSERT_EQ(S_OK, rig.seeking->SetPositions(&frame, AM_SEEKING_AbsolutePositioning, nullptr, 0));
+    ASSERT_EQ(S_OK, rig->seeking->SetPositions(&frame, AM_SEEKING_AbsolutePositioning, nullptr, 0));
     frame = -15;
-    ASSERT_EQ(S_OK, rig.seeking->SetPositions(&frame, AM_SEEKING_RelativePositioning, nullptr, 0));
-    ASSERT_EQ(S_OK, rig.seeking->GetCurrentPosition(&v));
+    ASSERT_EQ(S_OK, rig->seeking->SetPositions(&frame, AM_SEEKING_RelativePositioning, nullptr, 0));
+    ASSERT_EQ(S_OK, rig->seeking->GetCurrentPosition(&v));
     EXPECT_EQ(30, v);
-    ASSERT_EQ(S_OK, rig.seeking->SetTimeFormat(&TIME_FORMAT_MEDIA_TIME));
-    ASSERT_EQ(S_OK, rig.seeking->GetCurrentPosition(&v));
+    ASSERT_EQ(S_OK, rig->seeking->SetTimeFormat(&TIME_FORMAT_MEDIA_TIME));
+    ASSERT_EQ(S_OK, rig->seeking->GetCurrentPosition(&v));
     EXPECT_EQ(UNITS, v);
 }
 
 TEST_F(SimGraph, PauseCuesThenRunDeliversEverySampleInOrderAndOneComplete) {
-    sim::setScript(script(sim::Outcome::AudioVideo));
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
-    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    ASSERT_TRUE(open(sim::Outcome::AudioVideo));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
     OAFilterState state = -1;
-    EXPECT_EQ(S_OK, rig.control->GetState(2000, &state));
+    EXPECT_EQ(S_OK, rig->control->GetState(2000, &state));
     EXPECT_EQ(State_Paused, state);
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
-    ASSERT_TRUE(rig.audioSink.waitFor([&] { return rig.audioSink.audioLocked().size() == 1; }));
-    EXPECT_EQ(0u, rig.videoSink.pictures()[0].simulated);
+    ASSERT_TRUE(rig->videoSink.waitFor([](const Record& r) { return r.video.size() == 1; }));
+    ASSERT_TRUE(rig->audioSink.waitFor([](const Record& r) { return r.audio.size() == 1; }));
+    EXPECT_EQ(0u, rig->videoSink.got().video[0].simulated);
 
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
-    ASSERT_GE(rig.waitComplete(20000), 0);  // virtual time: the clock runs as the thread sleeps
-    const std::vector<RecordingSink::Picture> pictures = rig.videoSink.pictures();
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
+    ASSERT_TRUE(rig->waitComplete());  // virtual time: the clock runs as the thread sleeps
+    const auto pictures = rig->videoSink.got().video;
     ASSERT_EQ(50u, pictures.size());
     for (uint32_t i = 0; i < 50; ++i) {
         EXPECT_EQ(i, pictures[i].simulated);
         EXPECT_EQ(static_cast<REFERENCE_TIME>(i) * 400000, pictures[i].start);
     }
-    const std::vector<RecordingSink::Audio> audio = rig.audioSink.audio();
+    const auto audio = rig->audioSink.got().audio;
     int64_t sample = 0;
-    for (const RecordingSink::Audio& a : audio) {
+    for (const auto& a : audio) {
         EXPECT_EQ(static_cast<int>(sample & 0x7FFF), a.firstSample);
         EXPECT_EQ(sample * UNITS / 22050, a.start);
         sample += static_cast<int64_t>(a.bytes / 4);
     }
     EXPECT_EQ(44100, sample);
     EXPECT_TRUE(audio[0].discontinuity);
-    EXPECT_EQ(1, rig.audioSink.eosCount());
-    EXPECT_EQ(1, rig.videoSink.eosCount());
-    int32_t code = 0;
-    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 0)) << "one complete only";
+    EXPECT_EQ(1, rig->audioSink.got().eos);
+    EXPECT_EQ(1, rig->videoSink.got().eos);
+    EXPECT_EQ(E_ABORT, rig->nextEvent()) << "one complete only";
 }
 
 TEST_F(SimGraph, TheTestClockPacesTheStreamAndRateScalesIt) {
     clock_.setAutoAdvanceOnSleep(false);
-    sim::setScript(script(sim::Outcome::VideoOnly));
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    ASSERT_TRUE(open(sim::Outcome::VideoOnly));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
     advanceMs(500);
-    ASSERT_TRUE(lastPictureIs(rig.videoSink, 12)) << "frames 0..12 start at or before 0.5 s";
-    EXPECT_EQ(13u, rig.videoSink.pictureCount());
-    EXPECT_EQ(5000000, rig.position());
+    ASSERT_TRUE(lastPictureIs(12)) << "frames 0..12 start at or before 0.5 s";
+    EXPECT_EQ(13u, rig->videoSink.got().video.size());
+    EXPECT_EQ(5000000, rig->position());
 
-    ASSERT_EQ(S_OK, rig.seeking->SetRate(2.0));
-    EXPECT_EQ(5000000, rig.position()) << "a rate change keeps the position";
+    ASSERT_EQ(S_OK, rig->seeking->SetRate(2.0));
+    EXPECT_EQ(5000000, rig->position()) << "a rate change keeps the position";
     advanceMs(250);
-    EXPECT_EQ(10000000, rig.position());
-    ASSERT_TRUE(lastPictureIs(rig.videoSink, 25));
+    EXPECT_EQ(10000000, rig->position());
+    ASSERT_TRUE(lastPictureIs(25));
 
     // Paused, the clock moves but the clip does not; stopped and paused again, it cues at the
     // position it stopped at.
-    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
     clock_.advanceMs(1000);
-    EXPECT_EQ(10000000, rig.position());
-    ASSERT_EQ(S_OK, rig.control->Stop());
-    rig.videoSink.clear();
-    EXPECT_EQ(10000000, rig.position());
-    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-    EXPECT_EQ(25u, rig.videoSink.pictures()[0].simulated) << "not a picture from the pause";
+    EXPECT_EQ(10000000, rig->position());
+    ASSERT_EQ(S_OK, rig->control->Stop());
+    rig->videoSink.clear();
+    EXPECT_EQ(10000000, rig->position());
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
+    EXPECT_EQ(25u, rig->videoSink.firstPicture().simulated) << "not a picture from the pause";
 }
 
 TEST_F(SimGraph, SeeksFlushAndRestartAtThePositionAndAStaleCompleteIsWithdrawn) {
-    sim::setScript(script(sim::Outcome::AudioVideo));
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
-    ASSERT_GE(rig.waitComplete(20000), 0);
+    ASSERT_TRUE(open(sim::Outcome::AudioVideo));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
+    ASSERT_TRUE(rig->waitComplete());
 
     // Ended and paused at the end, a seek cues the new position.
-    ASSERT_TRUE(SUCCEEDED(rig.control->Pause()));
-    rig.videoSink.clear();
-    ASSERT_EQ(S_OK, rig.seekTo(1.0));
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return rig.videoSink.picturesLocked().size() == 1; }));
-    EXPECT_EQ(25u, rig.videoSink.pictures()[0].simulated);
-    EXPECT_GE(rig.videoSink.flushCount(), 1);
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
+    rig->videoSink.clear();
+    ASSERT_EQ(S_OK, rig->seekTo(1.0));
+    EXPECT_EQ(25u, rig->videoSink.firstPicture().simulated);
+    EXPECT_GE(rig->videoSink.got().flushes, 1);
 
     // Run to the end again and seek before reading the complete: whether it is queued already or
     // still on its way, it must not reach the caller, who would take it for the new position's end.
     // (Once both streams have ended, the stream thread waits for the seek, not on the clock.)
-    rig.audioSink.clear();
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
+    rig->audioSink.clear();
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
     ASSERT_TRUE(lxtest::waitUntil(
-        [&] { return rig.videoSink.eosCount() == 1 && rig.audioSink.eosCount() == 1; }, 20000));
+        [&] { return rig->videoSink.got().eos == 1 && rig->audioSink.got().eos == 1; }, 20000));
     clock_.setAutoAdvanceOnSleep(false);
-    rig.videoSink.clear();
-    ASSERT_EQ(S_OK, rig.seekTo(0.5));
-    ASSERT_TRUE(rig.videoSink.waitFor([&] { return !rig.videoSink.picturesLocked().empty(); }));
-    int32_t code = 0;
-    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 0));
-    EXPECT_EQ(12u, rig.videoSink.pictures()[0].simulated);
-    EXPECT_EQ(5000000, rig.position());
+    rig->videoSink.clear();
+    ASSERT_EQ(S_OK, rig->seekTo(0.5));
+    EXPECT_EQ(12u, rig->videoSink.firstPicture().simulated);
+    EXPECT_EQ(E_ABORT, rig->nextEvent());
+    EXPECT_EQ(5000000, rig->position());
     clock_.setAutoAdvanceOnSleep(true);
-    EXPECT_GE(rig.waitComplete(20000), 0);
-    EXPECT_EQ(49u, rig.videoSink.pictures().back().simulated);
+    EXPECT_TRUE(rig->waitComplete());
+    EXPECT_EQ(49u, rig->videoSink.got().video.back().simulated);
 }
 
 TEST_F(SimGraph, CompleteWaitsForEveryConnectedRendererOnly) {
-    sim::Script s = script(sim::Outcome::AudioVideo);
-    s.audioBufferSeconds = 0.5;
-    sim::setScript(s);
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
+    ASSERT_TRUE(open(sim::Outcome::AudioVideo, [](sim::Script& s) { s.audioBufferSeconds = 0.5; }));
     // A renderer still delivering its last frame holds EC_COMPLETE back, whatever the others did.
     std::atomic<bool> release{false};
-    rig.videoSink.gate = [&] {
-        if (rig.videoSink.pictureCount() == 49) {
+    rig->videoSink.gate = [&] {
+        if (rig->videoSink.got().video.size() == 49) {
             lxtest::waitUntil([&] { return release.load(); }, 20000);
         }
         return true;
     };
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.audioSink.eosCount() == 1; }, 20000));
-    int32_t code = 0;
-    EXPECT_EQ(E_ABORT, rig.nextEvent(&code, 0));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return rig->audioSink.got().eos == 1; }, 20000));
+    EXPECT_EQ(E_ABORT, rig->nextEvent());
     release = true;
-    EXPECT_GE(rig.waitComplete(20000), 0);
-    rig.videoSink.gate = nullptr;
+    EXPECT_TRUE(rig->waitComplete());
+    rig->videoSink.gate = nullptr;
 
     // Without its video renderer the graph completes on audio alone; a connected renderer leaves
     // only a stopped graph.
-    EXPECT_EQ(VFW_E_NOT_STOPPED, rig.graph->RemoveFilter(rig.video));
-    ASSERT_EQ(S_OK, rig.control->Stop());
-    ASSERT_EQ(S_OK, rig.graph->RemoveFilter(rig.video));
-    EXPECT_FALSE(GraphRig::isConnected(rig.video));
-    EXPECT_EQ(VFW_E_NOT_FOUND, rig.graph->RemoveFilter(rig.video));
-    rig.audioSink.clear();
-    rig.videoSink.clear();
-    ASSERT_EQ(S_OK, rig.seekTo(0));
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
-    EXPECT_GE(rig.waitComplete(20000), 0);
-    EXPECT_EQ(0u, rig.videoSink.pictureCount());
-    EXPECT_EQ(1, rig.audioSink.eosCount());
+    EXPECT_EQ(VFW_E_NOT_STOPPED, rig->graph->RemoveFilter(rig->video));
+    ASSERT_EQ(S_OK, rig->control->Stop());
+    ASSERT_EQ(S_OK, rig->graph->RemoveFilter(rig->video));
+    EXPECT_FALSE(GraphRig::isConnected(rig->video));
+    EXPECT_EQ(VFW_E_NOT_FOUND, rig->graph->RemoveFilter(rig->video));
+    rig->audioSink.clear();
+    rig->videoSink.clear();
+    ASSERT_EQ(S_OK, rig->seekTo(0));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
+    EXPECT_TRUE(rig->waitComplete());
+    EXPECT_EQ(0u, rig->videoSink.got().video.size());
+    EXPECT_EQ(1, rig->audioSink.got().eos);
+}
+
+TEST_F(SimGraph, TheVideoRendererDeliversTheChosenPixelLayout) {
+    EXPECT_FALSE(LxPlatformGraph::setVideoPixelFormat(LxPixel16));
+    EXPECT_EQ(LxPixel32Alt, LxPlatformGraph::videoPixelFormat());
+    ASSERT_TRUE(LxPlatformGraph::setVideoPixelFormat(LxPixel24Alt));
+    ASSERT_TRUE(open(sim::Outcome::VideoOnly, [](sim::Script& s) {
+        s.width = 7;
+        s.height = 2;
+    }));
+    ASSERT_TRUE(SUCCEEDED(rig->control->Pause()));
+    const LxpVideoSpec spec = rig->videoSink.firstPicture().spec;
+    EXPECT_EQ(LxPixel24Alt, spec.pixelFormat);
+    EXPECT_EQ(3, spec.bytesPerPixel);
+    EXPECT_EQ(24, spec.stride);  // 21 bytes of pixels padded to 24
 }
 
 TEST_F(SimGraph, AGraphReleasedWhileItsStreamIsBlockedGoesAway) {
-    sim::setScript(script(sim::Outcome::AudioVideo));
-    GraphRig rig;
-    ASSERT_TRUE(rig.open(clip_));
-    rig.videoSink.hold(true);
-    rig.audioSink.hold(true);
-    ASSERT_TRUE(SUCCEEDED(rig.control->Run()));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return rig.videoSink.blocked + rig.audioSink.blocked > 0; }, 20000));
+    ASSERT_TRUE(open(sim::Outcome::AudioVideo));
+    rig->videoSink.hold(true);
+    rig->audioSink.hold(true);
+    ASSERT_TRUE(SUCCEEDED(rig->control->Run()));
+    ASSERT_TRUE(
+        lxtest::waitUntil([&] { return rig->videoSink.blocked + rig->audioSink.blocked > 0; }, 20000));
     // The rig's destructor stops and releases the graph; a stream thread left blocked hangs here.
 }
 
