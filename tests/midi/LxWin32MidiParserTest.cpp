@@ -211,6 +211,8 @@ TEST_F(MidiParserTest, FileModelReadsTracksChannelsAndLastTicksAndNeverPastTheEn
     ASSERT_EQ(1u, model.getTempoMap().size()) << "the file's own tempo at tick 0 replaces the default";
     EXPECT_EQ(500000u, model.getTempoMap()[0].tempo);
     EXPECT_EQ(5000000000, LxWin32NewMidiParser::tickToTime(960, 96, model.getTempoMap()));
+    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, model.getTempoMap())) << "no division, no time";
+    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, {{500000, 0, 0}})) << "truncated";
 
     EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(dir_.file("none.mid").c_str()));
     EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write("RIFF....").c_str()));
@@ -224,24 +226,6 @@ TEST_F(MidiParserTest, FileModelReadsTracksChannelsAndLastTicksAndNeverPastTheEn
     EXPECT_EQ(7, model.getLastTick(1));
     EXPECT_EQ(-1, model.getLastTick(2));
     EXPECT_EQ(nullptr, model.getTrackEvents(3)->first);
-}
-
-// No tempo at tick 0: the default 500000 stands there; 250000 from tick 192 (in track 2), 1000000
-// from tick 288. Nanoseconds at ticks across both changes and at them.
-TEST_F(MidiParserTest, FileModelTickToTimeFollowsTheTempoMap) {
-    const std::string file =
-        smf(1, 96, {track(tempoEvent(288, 1000000)), track(tempoEvent(192, 250000) + noteOn(400, 3, 1))});
-    LxWin32NewMidiParser model;
-    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));
-    ASSERT_EQ(3u, model.getTempoMap().size());
-    const int64_t times[][2] = {
-        {0, 0}, {96, 500000000}, {192, 1000000000}, {240, 1125000000}, {288, 1250000000}, {672, 5250000000}};
-    for (const auto& t : times) {
-        EXPECT_EQ(t[1], LxWin32NewMidiParser::tickToTime(t[0], model.getDivision(), model.getTempoMap()))
-            << t[0];
-    }
-    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, model.getTempoMap())) << "no division, no time";
-    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, {{500000, 0, 0}})) << "truncated";
 }
 
 }  // namespace
