@@ -1,9 +1,7 @@
-// The stream parser (merge order, conversion, buffer limits, bad files) and the file model (tracks,
-// channels, last ticks, the tempo map).
+// The stream parser: merge order, conversion, buffer limits, bad files. The file model is seen
+// through the player's duration and channel volumes.
 #include "midi/LxWin32MidiParser.h"
-#include "midi/LxWin32NewMidiParser.h"
 
-#include "LxResult.h"
 #include "MidiFiles.h"
 #include "TestSupport.h"
 
@@ -181,51 +179,6 @@ TEST_F(MidiParserTest, APendingEventIsFreedWithItsParser) {
     ASSERT_EQ(0, parser->parseNewBuffer(true, &small.b));
     EXPECT_EQ(1, parser->getEventDataBlocks()) << "a tempo event is pending with its payload";
     delete parser;
-}
-
-TEST_F(MidiParserTest, FileModelReadsTracksChannelsAndLastTicksAndNeverPastTheEnd) {
-    const std::string file = smf(
-        1, 96,
-        {track(tempoEvent(0, 0x07A120) + textEvent(10, "x")),
-         track(noteOn(0, 0, 60) + vlq(48) + "\x3E\x40" + vlq(0) + "\xF0\x02\x01\xF7" + noteOff(912, 0, 60)),
-         track(noteOn(5, 9, 36) + noteOn(0, 9, 38) + vlq(0) + "\xF4" + noteOn(3, 9, 40))},
-        10);
-    LxWin32NewMidiParser model;
-    ASSERT_EQ(LX_OK, model.loadFile(write(file).c_str()));  // a 10-byte header: 4 bytes passed over
-    ASSERT_EQ(3, model.getTrackCount());
-    EXPECT_EQ(nullptr, model.getTrackEvents(3));
-    EXPECT_EQ(10, model.getLastTick(0)) << "the end-of-track event stands at tick 10 too";
-    EXPECT_EQ(960, model.getLastTick(1));
-    const LxMidiEventList* t1 = model.getTrackEvents(1);
-    ASSERT_EQ(5, t1->count);
-    const LxMidiFileEvent* e = t1->first->next;
-    EXPECT_EQ(48, e->tick);
-    EXPECT_EQ(0x90, e->message[0]) << "running status";
-    EXPECT_EQ(0x3E, e->message[1]);
-    EXPECT_EQ(LxMidiFileEvent::SYSEX, e->next->kind);
-    // The stray 0xF4 of track 2 is passed over; the next bytes are read as a new event.
-    EXPECT_GE(model.getLastTick(2), 5);
-    for (int c = 0; c < 16; ++c) {
-        EXPECT_EQ(c == 0 || c == 9 ? 1 : 0, model.getChannelsUsed()[c]) << c;
-    }
-    ASSERT_EQ(1u, model.getTempoMap().size()) << "the file's own tempo at tick 0 replaces the default";
-    EXPECT_EQ(500000u, model.getTempoMap()[0].tempo);
-    EXPECT_EQ(5000000000, LxWin32NewMidiParser::tickToTime(960, 96, model.getTempoMap()));
-    EXPECT_EQ(0, LxWin32NewMidiParser::tickToTime(100, 0, model.getTempoMap())) << "no division, no time";
-    EXPECT_EQ(5208333, LxWin32NewMidiParser::tickToTime(1, 96, {{500000, 0, 0}})) << "truncated";
-
-    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(dir_.file("none.mid").c_str()));
-    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write("RIFF....").c_str()));
-    EXPECT_EQ(LX_ERR_GENERIC, model.loadFile(write(smf(0, 96, {})).c_str())) << "no track";
-    EXPECT_EQ(0, model.getTrackCount());
-    // The header promises 4 tracks, the file holds 2: the missing ones are empty.
-    std::string four = smf(1, 96, {track(noteOn(0, 1, 60)), track(noteOn(7, 2, 60))});
-    four[11] = 4;
-    ASSERT_EQ(LX_OK, model.loadFile(write(four).c_str()));
-    EXPECT_EQ(4, model.getTrackCount());
-    EXPECT_EQ(7, model.getLastTick(1));
-    EXPECT_EQ(-1, model.getLastTick(2));
-    EXPECT_EQ(nullptr, model.getTrackEvents(3)->first);
 }
 
 }  // namespace

@@ -522,6 +522,19 @@ TEST_F(MidiPlayerTest, FilesWithoutEndOfTrackOrInSmpteTimePlayAtTheirTimeAndEnd)
     }
 }
 
+// The duration is the last event of any track at the tempo map's time (the file's tempo at tick 0
+// in place of the default), read past a longer header, running status, sysex and a stray status byte.
+TEST_F(MidiPlayerTest, DurationIsTheLastEventOfAnyTrackAtTheTempoMapsTime) {
+    startManager();
+    Clip& c = load(file("d.mid", smf(1, 96,
+                                     {track(tempoEvent(0, 250000) + textEvent(10, "x")),
+                                      track(noteOn(0, 0, 60) + vlq(48) + "\x3E\x40" + vlq(0) +
+                                            "\xF0\x02\x01\xF7" + noteOff(912, 0, 60)),
+                                      track(noteOn(5, 9, 36) + vlq(0) + "\xF4" + noteOn(3, 9, 40))},
+                                     10)));
+    EXPECT_DOUBLE_EQ(2.5, c.player->getDuration().getValue());
+}
+
 // A device that refuses the stream ends the clip (end of media, without looping) instead of leaving
 // it started and silent; a stop never hangs, even when the device refuses it.
 TEST_F(MidiPlayerTest, FailuresEndTheClipAndAStopNeverHangs) {
