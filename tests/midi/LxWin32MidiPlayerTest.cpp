@@ -35,8 +35,6 @@ using namespace miditest;
 namespace midisim = lxp::midisim;
 using Message = midisim::Message;
 
-using miditest::shortMsg;
-
 /// n notes rising from key, each lasting half ticks with half ticks of rest between.
 std::string notes(int n, uint32_t half, int channel = 0, int key = 60) {
     std::string out;

@@ -1,7 +1,6 @@
 #include "MidiFiles.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace miditest {
 
@@ -133,37 +132,6 @@ RefFile readReference(const std::string& d) {
     std::stable_sort(f.tempos.begin(), f.tempos.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     return f;
-}
-
-StreamBuffer::StreamBuffer(uint32_t capacity) : data(capacity) {
-    reset();
-}
-
-void StreamBuffer::reset() {
-    b = LxMidiStreamBuffer{};
-    b.header.lpData = data.data();
-    b.header.dwBufferLength = static_cast<uint32_t>(data.size());
-    b.capacity = static_cast<uint32_t>(data.size());
-}
-
-std::vector<lxp::MIDIEVENT> StreamBuffer::records() const {
-    std::vector<lxp::MIDIEVENT> out(b.bytesUsed / sizeof(lxp::MIDIEVENT));
-    if (!out.empty()) {
-        std::memcpy(out.data(), data.data() + b.writeBase, out.size() * sizeof(lxp::MIDIEVENT));
-    }
-    return out;
-}
-
-int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity) {
-    StreamBuffer buf(capacity);
-    int result = 0;
-    for (int n = 0; n < 100000 && result == 0; ++n) {
-        buf.reset();
-        result = parser.parseNewBuffer(n == 0, &buf.b);
-        const std::vector<lxp::MIDIEVENT> records = buf.records();
-        out->insert(out->end(), records.begin(), records.end());
-    }
-    return result;
 }
 
 }  // namespace miditest
