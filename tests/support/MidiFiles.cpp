@@ -110,10 +110,7 @@ RefFile readReference(const std::string& d) {
                 if (type == 0x51) {
                     f.tempos.push_back({tick, static_cast<uint32_t>(u(i)) << 16 | u(i + 1) << 8 | u(i + 2)});
                 }
-                i += n;
-                if (type == 0x2F) {
-                    break;
-                }
+                i += n;  // the end-of-track event closes its chunk in a well-formed file
             } else if (st == 0xF0 || st == 0xF7) {
                 i += readVlq();
             } else {
