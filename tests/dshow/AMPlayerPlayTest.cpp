@@ -90,26 +90,8 @@ TEST_F(AMPlayerPlay, ACueAndAStartAheadRunTheGraphAtTheStartWithEveryPictureAndS
     EXPECT_LT(ranAt, start + 0.5) << "a bound for a loaded machine; measured: " << ranAt - start;
     ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxActiveEventType) == 1; }));
 
-    // Painted every 10 ms, a picture is never one whose time has not come, and the pictures move
-    // on. (The graph's thread runs in real time: on a loaded machine a picture may come late, so
-    // only being early is a fault here; which frame an interval selects is the video tests'.)
-    int painted = 0;
-    long last = -1;
-    while (rig.now() < start + 1.2) {
-        rig.audio->pull();
-        const double t = rig.now() - start;
-        const long n = rig.frameAt(t);
-        if (n >= 0) {
-            ++painted;
-            EXPECT_LE(n, static_cast<long>(std::floor(t * kFps)) + 1) << "early at " << t;
-            EXPECT_GE(n, last) << "back at " << t;
-            last = n;
-        }
-        sleepMs(10);
-    }
-    EXPECT_GT(painted, 20);
-    EXPECT_GT(last, 10) << "the pictures did not move on";
-    pullFor(50);
+    // (Which picture a host painting after the start is shown: the end-to-end tests on real clips.)
+    pullFor(1250);
     const std::vector<int> samples = heard();
     ASSERT_GT(samples.size(), static_cast<size_t>(kRate));
     EXPECT_EQ(0, samples.front());
