@@ -1,8 +1,6 @@
-// The layer's plumbing: registering the filter library, creating graphs by class id with and
-// without GStreamer, the decoder class and name conversions.
+// The layer's plumbing: the simulated graph's events and the decoder class, and name conversions.
 #include "LxPlatformGraph.h"
 #include "platform/dshow/LxpGraphBase.h"
-#include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpSimGraph.h"
 
 #include "GraphKit.h"
@@ -15,8 +13,6 @@ class GraphLibrary : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(SUCCEEDED(CoInitialize(nullptr))); }
     void TearDown() override {
-        graphtest::refuseFilterRegistration(false);
-        graphtest::simulateGStreamerMissing(false);
         LxPlatformGraph::useGStreamer();
         CoUninitialize();
     }
@@ -25,45 +21,8 @@ class GraphLibrary : public ::testing::Test {
     }
 };
 
-// Runs first in this executable: nothing has registered the filter library yet.
-TEST_F(GraphLibrary, TheFilterLibraryRegistersItsRenderersOrRefusesCleanly) {
-    IUnknown* object = nullptr;
-    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_LxAudioRenderer, IID_ILxRenderer, &object));
-    KtModule module = KtWin32Library::LoadWin32Library("qlm13_dshow.dll");
-    ASSERT_NE(nullptr, module) << "libqlm13_dshow.so beside liblorvex.so";
-    typedef HRESULT (*EntryFn)();
-    EntryFn reg = reinterpret_cast<EntryFn>(KtWin32Library::GetProcAddress(module, "DllRegisterServer"));
-    ASSERT_NE(nullptr, reg);
-    graphtest::refuseFilterRegistration(true);
-    EXPECT_EQ(static_cast<HRESULT>(0x80040201u), reg());
-    EXPECT_FALSE(isClassRegistered(CLSID_LxAudioRenderer));
-    EXPECT_FALSE(isClassRegistered(CLSID_LxVideoRenderer));
-    graphtest::refuseFilterRegistration(false);
-    EXPECT_EQ(S_OK, reg());
-    KtWin32Library::FreeLibrary(module);
-
-    // The factories outlive the loader's handle.
-    for (const CLSID* clsid : {&CLSID_LxAudioRenderer, &CLSID_LxVideoRenderer}) {
-        ASSERT_EQ(S_OK, create(*clsid, IID_ILxRenderer, &object));
-        IBaseFilter* filter = nullptr;
-        EXPECT_EQ(S_OK, object->QueryInterface(IID_IBaseFilter, reinterpret_cast<void**>(&filter)));
-        filter->Release();
-        object->Release();
-    }
-}
-
-TEST_F(GraphLibrary, AGraphExistsExactlyWhenTheChosenBackendCanRun) {
-    IUnknown* graph = nullptr;
-    if (LxPlatformGraph::gstreamerAvailable()) {
-        ASSERT_EQ(S_OK, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
-        graph->Release();
-    }
-    graphtest::simulateGStreamerMissing(true);
-    EXPECT_FALSE(LxPlatformGraph::gstreamerAvailable());
-    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_FilterGraph, IID_IGraphBuilder, &graph));
-    EXPECT_EQ(nullptr, graph);
-    EXPECT_EQ(REGDB_E_CLASSNOTREG, create(CLSID_MPEGLayer3Codec, IID_IBaseFilter, &graph));
-
+// (Registering the filter library, and no graph without GStreamer, are the manager's factory tests'.)
+TEST_F(GraphLibrary, TheSimulatedGraphPollsEventsAndTakesTheDecoderOnce) {
     // The simulated backend does not need GStreamer; its events are polled with or without a wait.
     LxPlatformGraph::useSimulated();
     lxtest::GraphRig rig;
