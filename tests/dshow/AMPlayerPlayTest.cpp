@@ -2,7 +2,6 @@
 // every sample once and in order, the picture of the media time, rates, suspend, loops, the end.
 #include "GraphKit.h"
 
-#include <atomic>
 #include <cmath>
 
 namespace {
@@ -23,10 +22,6 @@ Script clipOf(Outcome outcome, double seconds) {
     return s;
 }
 
-void sleepMs(int ms) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-}
-
 class AMPlayerPlay : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(rig.registered); }
@@ -43,7 +38,7 @@ class AMPlayerPlay : public ::testing::Test {
         const auto start = std::chrono::steady_clock::now();
         while (lxtest::msSince(start) < ms) {
             rig.audio->pull();
-            sleepMs(5);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
     /// Pulls until the end of media is heard.

@@ -340,9 +340,11 @@ class SimPlayerRig {
         LxPlatformGraph::useGStreamer();
     }
 
-    /// A file (any bytes) that the simulated graph plays by script.
+    /// A file (any bytes) that the simulated graph plays by script. Its name, in UTF-8 with a byte
+    /// that is not, must reach the graph unchanged.
     std::string clip(const lxp::simgraph::Script& script) {
-        const std::string path = dir.file("clip" + std::to_string(clips++) + ".mpg");
+        const std::string path =
+            dir.file("clip" + std::to_string(clips++) + " K\xC3\xA4se \xE2\x82\xAC \xFF\xC3(.mpg");
         writeFile(path, "not decoded");
         lxp::simgraph::setScriptForFile(path, script);
         return path;
