@@ -288,6 +288,10 @@ def prepare(args, commit):
              "-DLORVEX_BUILD_TESTS=ON", "-DLORVEX_KEEP_LOG=ON", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON",
              "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_C_COMPILER_LAUNCHER=ccache"],
             stdout=subprocess.DEVNULL, env=build_env(work))
+    else:
+        # The commit may add or remove tests: the test list is read from CTest before anything
+        # builds, so the kept build is regenerated first.
+        run(["cmake", build], stdout=subprocess.DEVNULL, env=build_env(work))
     return os.path.join(work, "src"), build
 
 

@@ -1,6 +1,5 @@
-// The audio renderer over the simulated sound card: a concrete manager, WAVE players on sox
-// clips, and an output the test advances itself, so what is heard compares sample for sample
-// while the renderer and player threads run in real time.
+// The audio renderer on the simulated sound card under a real manager and WAVE players: the test
+// advances the output itself, so what is heard compares sample for sample with the clip.
 #include "LxAudioPlayer.h"
 #include "LxDataSource.h"
 #include "LxLog.h"
@@ -23,6 +22,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <numeric>
 
 namespace {
 
@@ -52,6 +52,14 @@ class ProbeRenderer : public LxWin32AudioRenderer {
         KtScopedLock<KtWaitNotify> guard(waitNotify);
         return i < portCount ? ports[i] : nullptr;
     }
+};
+
+struct Clip {
+    std::string path;
+    std::unique_ptr<LxFilenameDataSource> source;
+    lxtest::RecordingListener events;
+    LxPlayer* p = nullptr;
+    ProbeRenderer* r = nullptr;
 };
 
 class AudioRendererTest : public ::testing::Test {
@@ -89,11 +97,6 @@ class AudioRendererTest : public ::testing::Test {
         lxp::comtest::reset();
     }
 
-    std::string clip(const std::string& name, int channels, double seconds, const std::string& effect) {
-        const std::string path = soxClip16(dir, name, 44100, channels, seconds, effect);
-        EXPECT_FALSE(path.empty());
-        return path;
-    }
     /// A renderer given a pull-style format, then the duration (which sets it up).
     std::unique_ptr<ProbeRenderer> renderer(LxSampleFormat_s sf, LxAudioChannels_s ch, float rate,
                                             char streaming, double seconds) {
@@ -104,33 +107,34 @@ class AudioRendererTest : public ::testing::Test {
         r->setDuration(LxTime(seconds));
         return r;
     }
-    /// A WAVE player from the factory on path, initialised, with a ProbeRenderer behind its
-    /// "Audio" and the master time base (which sets the renderer up).
-    LxPlayer* player(const std::string& path, ProbeRenderer** r,
-                     lxtest::RecordingListener* events = nullptr) {
-        sources.push_back(std::make_unique<LxFilenameDataSource>(path.c_str()));
-        LxPlayer* p = nullptr;
-        EXPECT_EQ(LX_OK, manager->createPlayer(sources.back().get(), &p));
-        EXPECT_NE(nullptr, dynamic_cast<LxAudioPlayer*>(p));
-        if (events != nullptr) {
-            p->setEventListener(events);
-        }
-        EXPECT_TRUE(lxtest::waitUntil([&] { return p->getState() == LxNode::STOPPED; }));
+    /// A WAVE player from the factory on a 44.1 kHz sox clip ("sine 440", "whitenoise"),
+    /// initialised, with a ProbeRenderer behind its "Audio" and the master time base (which sets
+    /// the renderer up). The manager closes it before its listener goes.
+    Clip& load(const std::string& name, int channels, double seconds, const std::string& effect) {
+        clips.push_back(std::make_unique<Clip>());
+        Clip& c = *clips.back();
+        c.path = soxClip16(dir, name, 44100, channels, seconds, effect);
+        EXPECT_FALSE(c.path.empty());
+        c.source = std::make_unique<LxFilenameDataSource>(c.path.c_str());
+        EXPECT_EQ(LX_OK, manager->createPlayer(c.source.get(), &c.p));
+        EXPECT_NE(nullptr, dynamic_cast<LxAudioPlayer*>(c.p));
+        c.p->setEventListener(&c.events);
+        EXPECT_TRUE(lxtest::waitUntil([&] { return c.p->getState() == LxNode::STOPPED; }));
         LxOutputConnectable* out = nullptr;
-        p->getOutputConnectable("Audio", &out);
-        *r = new ProbeRenderer(manager, mixer);
-        EXPECT_EQ(LX_OK, manager->connect(out, *r));
-        EXPECT_EQ(LX_CONNECTED_AUDIO, manager->connectAllUnconnected(p)) << "no second renderer";
-        EXPECT_EQ(LX_OK, p->setTimeBase(timeBase));
-        return p;
+        c.p->getOutputConnectable("Audio", &out);
+        c.r = new ProbeRenderer(manager, mixer);
+        EXPECT_EQ(LX_OK, manager->connect(out, c.r));
+        EXPECT_EQ(LX_CONNECTED_AUDIO, manager->connectAllUnconnected(c.p)) << "no second renderer";
+        EXPECT_EQ(LX_OK, c.p->setTimeBase(timeBase));
+        return c;
     }
-    /// Starts p now; returns once its renderer has written its first samples, loaded its resident
-    /// clip, or started a loaded one again.
-    void start(LxPlayer* p, ProbeRenderer* r) {
-        const bool replay = r->fields().residentDone;
-        ASSERT_EQ(LX_OK, p->startAtTime(timeBase->getRefTime()));
+    /// Starts a clip now; returns once its renderer has written its first samples, loaded its
+    /// resident clip, or started a loaded one again.
+    void start(Clip& c) {
+        const bool replay = c.r->fields().residentDone;
+        ASSERT_EQ(LX_OK, c.p->startAtTime(timeBase->getRefTime()));
         ASSERT_TRUE(lxtest::waitUntil([&] {
-            const ProbeRenderer::Fields f = r->fields();
+            const ProbeRenderer::Fields f = c.r->fields();
             return replay ? f.residentStarted != 0 : f.hasWritten || f.residentDone;
         }));
     }
@@ -175,7 +179,7 @@ class AudioRendererTest : public ::testing::Test {
     LxWin32Mixer* mixer = nullptr;
     LxTimeBase* timeBase = nullptr;
     lxtest::TempDir dir;
-    std::vector<std::unique_ptr<LxFilenameDataSource>> sources;
+    std::vector<std::unique_ptr<Clip>> clips;
 };
 
 TEST_F(AudioRendererTest, BuffersAndFramesAreSizedFromTheClipOnce) {
@@ -211,50 +215,28 @@ TEST_F(AudioRendererTest, BuffersAndFramesAreSizedFromTheClipOnce) {
     }
 }
 
-// The first port is the master; further ones are duplicates with channels of their own, up to
-// 32 in all; the ports of a renderer that goes leave nothing behind.
-TEST_F(AudioRendererTest, PortsAreTheMasterThenUpToThirtyOneDuplicatesAndNothingOutlivesThem) {
-    ASSERT_EQ(LX_OK, manager->setSpatializeSounds(1));  // duplicates need buffers with 3D control
-    auto r = renderer(LxSample16, LxMono, 22050, 0, 1.0);
-    LxAudioOutputPort* port = nullptr;
-    ASSERT_EQ(LX_OK, r->getNewAudioPort(&port));
-    EXPECT_EQ(r->port(0), port);
-    for (int i = 2; i <= LxWin32AudioRenderer::kMaxPorts; ++i) {
-        LxAudioOutputPort* dup = nullptr;
-        ASSERT_EQ(LX_OK, r->getNewAudioPort(&dup)) << "port " << i;
-        EXPECT_TRUE(dup != port && dup->hasChannel()) << "port " << i;
-    }
-    EXPECT_EQ(LX_ERR_GENERIC, r->getNewAudioPort(&port)) << "a 33rd port";
-    EXPECT_EQ(32, simsound::liveBuffers());
-    r.reset();
-    EXPECT_EQ(0, simsound::liveBuffers()) << "the renderer's ports kept their buffers";
-}
-
 // Streaming (2.5 s) and resident (1 s) clips: every sample once, in order, then silence; the
 // player reports the end and stops. A resident clip started again plays from its buffer.
 TEST_F(AudioRendererTest, StreamingAndResidentClipsAreHeardWholeThenSilence) {
     for (const double seconds : {2.5, 1.0}) {
         SCOPED_TRACE(seconds);
         simsound::clearOutput();
-        const std::string path = clip(seconds > 2 ? "long.wav" : "short.wav", 2, seconds, "whitenoise");
-        lxtest::RecordingListener events;
-        ProbeRenderer* r = nullptr;
-        LxPlayer* p = player(path, &r, &events);
-        EXPECT_EQ(seconds < 2 ? 1 : 0, r->fields().isResident);
-        start(p, r);
-        play({r}, static_cast<int>(seconds * 1000) + 600);
-        EXPECT_TRUE(lxtest::waitUntil([&] { return events.count(LxEndOfMediaEventType) == 1; }));
-        EXPECT_TRUE(lxtest::waitUntil([&] { return p->getState() == LxNode::STOPPED; }));
+        Clip& c = load(seconds > 2 ? "long.wav" : "short.wav", 2, seconds, "whitenoise");
+        EXPECT_EQ(seconds < 2 ? 1 : 0, c.r->fields().isResident);
+        start(c);
+        play({c.r}, static_cast<int>(seconds * 1000) + 600);
+        EXPECT_TRUE(lxtest::waitUntil([&] { return c.events.count(LxEndOfMediaEventType) == 1; }));
+        EXPECT_TRUE(lxtest::waitUntil([&] { return c.p->getState() == LxNode::STOPPED; }));
         for (int ch = 0; ch < 2; ++ch) {
-            expectClipThenSilence(heard(ch), samples16(path, 2, ch), 22050);
+            expectClipThenSilence(heard(ch), samples16(c.path, 2, ch), 22050);
         }
         if (seconds < 2) {
             simsound::clearOutput();
-            start(p, r);
-            play({r}, 1200);
-            expectClipThenSilence(heard(0), samples16(path, 2, 0), 4410);
+            start(c);
+            play({c.r}, 1200);
+            expectClipThenSilence(heard(0), samples16(c.path, 2, 0), 4410);
         }
-        manager->destroyPlayer(p);
+        manager->destroyPlayer(c.p);
     }
 }
 
@@ -278,10 +260,8 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
         SCOPED_TRACE(::testing::Message() << c.seconds << " s at rate " << c.rate
                                           << (c.stopEarly ? ", stop" : "") << " stop time " << c.stopAt);
         simsound::clearOutput();
-        const std::string path = clip(c.seconds > 2 ? "s.wav" : "r.wav", 1, c.seconds, "sine 440");
-        lxtest::RecordingListener events;
-        ProbeRenderer* r = nullptr;
-        LxPlayer* p = player(path, &r, &events);
+        Clip& k = load(c.seconds > 2 ? "s.wav" : "r.wav", 1, c.seconds, "sine 440");
+        LxPlayer* p = k.p;
         LxAudioOutputPort* port = nullptr;
         ASSERT_EQ(LX_OK, p->getNewAudioPort(&port));
         EXPECT_EQ(0, port->isSounding()) << "before the start";
@@ -295,29 +275,27 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
         EXPECT_EQ(1, port->isSounding()) << "scheduled";
         if (c.stopAt > 0) {
             ASSERT_TRUE(lxtest::waitUntil([&] {
-                return events.count(LxEndOfMediaEventType) == 1 && port->isSounding() == 0;
+                return k.events.count(LxEndOfMediaEventType) == 1 && port->isSounding() == 0;
             })) << "the stop time was ignored";
             EXPECT_GE(timeBase->getRefTime().getValue(), at + c.stopAt - 0.002) << "silenced early";
-            manager->destroyPlayer(p);
             continue;
         }
         if (c.stopEarly) {
-            play({r}, 300);
+            play({k.r}, 300);
             p->stop();
             EXPECT_EQ(0, port->isSounding()) << "after a stop";
-            manager->destroyPlayer(p);
             continue;
         }
         const double lengthMs = c.seconds * 1000.0 / c.rate;
         const double start = simsound::renderedMs();
         auto feeding = [&] {
-            const ProbeRenderer::Fields f = r->fields();
+            const ProbeRenderer::Fields f = k.r->fields();
             return f.state == LxNode::STARTED && !f.draining;
         };
         while (feeding() && simsound::renderedMs() - start < lengthMs + 500) {
-            play({r}, 10);
+            play({k.r}, 10);
         }
-        ASSERT_TRUE(lxtest::waitUntil([&] { return events.count(LxEndOfMediaEventType) == 1; }));
+        ASSERT_TRUE(lxtest::waitUntil([&] { return k.events.count(LxEndOfMediaEventType) == 1; }));
         // The output holds still: what is left is not heard yet, however long the clock runs on.
         const double eom = timeBase->getRefTime().getValue();
         ASSERT_TRUE(lxtest::waitUntil([&] { return timeBase->getRefTime().getValue() > eom + 0.4; }));
@@ -335,7 +313,6 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
         EXPECT_NEAR(lengthMs, endMs, lengthMs * 0.02) << "not heard for the clip's length";
         EXPECT_GE(fall, endMs - 1) << "stopped sounding before the last sample";
         EXPECT_LE(fall, endMs + 120) << "still sounding long after the last sample";
-        manager->destroyPlayer(p);
     }
 }
 
@@ -343,41 +320,37 @@ TEST_F(AudioRendererTest, APortIsSoundingFromItsStartUntilItsLastSampleIsMixed) 
 // a stop silences it before stop() returns.
 TEST_F(AudioRendererTest, AResidentClipLoopsFromItsBufferAndStopsAtOnce) {
     lxtest::requireLog();
-    const std::string path = clip("beat.wav", 1, 0.5, "whitenoise");
-    ProbeRenderer* r = nullptr;
-    LxPlayer* p = player(path, &r);
-    p->setLoop(1);
-    start(p, r);
-    play({r}, 1600);
+    Clip& c = load("beat.wav", 1, 0.5, "whitenoise");
+    c.p->setLoop(1);
+    start(c);
+    play({c.r}, 1600);
     EXPECT_TRUE(lxtest::waitUntil([] { return LxLogSink::contains("LxAR:  pull and toss\n"); }));
-    p->stop();
-    play({r}, 200);
+    c.p->stop();
+    play({c.r}, 200);
     const std::vector<int16_t> out = heard();
     long first = -1;
-    EXPECT_EQ(0u, mismatches(out, 0, repeat(samples16(path), 3), &first)) << "first wrong at " << first;
+    EXPECT_EQ(0u, mismatches(out, 0, repeat(samples16(c.path), 3), &first)) << "first wrong at " << first;
     EXPECT_LE(peak(out, 44100 * 16 / 10 + 441, out.size()), 1) << "heard after stop()";
 }
 
 // A stop silences a streaming clip before stop() returns; a restart at another media time plays
 // from there.
 TEST_F(AudioRendererTest, AStreamingStopSilencesAtOnceAndARestartPlaysFromTheNewPosition) {
-    const std::string path = clip("stop.wav", 1, 4.0, "whitenoise");
-    ProbeRenderer* r = nullptr;
-    LxPlayer* p = player(path, &r);
-    start(p, r);
-    play({r}, 1000);
-    p->stop();
-    play({r}, 300);
-    const std::vector<int16_t> all = samples16(path);
+    Clip& c = load("stop.wav", 1, 4.0, "whitenoise");
+    start(c);
+    play({c.r}, 1000);
+    c.p->stop();
+    play({c.r}, 300);
+    const std::vector<int16_t> all = samples16(c.path);
     std::vector<int16_t> out = heard();
     long first = -1;
     EXPECT_EQ(0u, mismatches(out, 0, std::vector<int16_t>(all.begin(), all.begin() + 44100), &first));
     EXPECT_LE(peak(out, 44100, out.size()), 1) << "heard after stop()";
 
     simsound::clearOutput();
-    ASSERT_EQ(LX_OK, p->setMediaTime(LxTime(2, 500000)));
-    start(p, r);
-    play({r}, 2000);
+    ASSERT_EQ(LX_OK, c.p->setMediaTime(LxTime(2, 500000)));
+    start(c);
+    play({c.r}, 2000);
     expectClipThenSilence(heard(), std::vector<int16_t>(all.begin() + 110250, all.end()), 4410);
 }
 
@@ -424,9 +397,7 @@ TEST_F(AudioRendererTest, AnUnderRunIsPaddedWithSilenceAndLateFramesFollowTheGap
     ASSERT_EQ(22050u, simsound::outputFormat().rate) << "the output follows the clip: samples compare 1:1";
     const std::vector<int16_t> heardOut = heard();
     std::vector<int16_t> ramp(44100);
-    for (int k = 0; k < 44100; ++k) {
-        ramp[k] = static_cast<int16_t>(1000 + k);
-    }
+    std::iota(ramp.begin(), ramp.end(), int16_t{1000});
     long first = -1;
     EXPECT_EQ(0u, mismatches(heardOut, 0, std::vector<int16_t>(ramp.begin(), ramp.begin() + 22050), &first));
     const long resumed = firstAbove(heardOut, 500, 22050);
@@ -456,76 +427,70 @@ TEST_F(AudioRendererTest, ABackwardClockIsWaitedForUntilItsStart) {
 // gets the channel once the stronger one's last sample has played.
 TEST_F(AudioRendererTest, AWaitingResidentClipSoundsAndComesInOnceTheStrongerHasBeenHeard) {
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
-    lxtest::RecordingListener events[2];
-    ProbeRenderer* r[2];
-    LxPlayer* p[2];
+    Clip* c[2];
     LxAudioOutputPort* port[2];
     for (int i = 0; i < 2; ++i) {
-        p[i] = player(clip(i ? "weak.wav" : "strong.wav", 1, i ? 1.9 : 0.5, i ? "sine 660" : "sine 440"),
-                      &r[i], &events[i]);
-        ASSERT_EQ(LX_OK, p[i]->getNewAudioPort(&port[i]));
+        c[i] = &load(i ? "weak.wav" : "strong.wav", 1, i ? 1.9 : 0.5, i ? "sine 660" : "sine 440");
+        ASSERT_EQ(LX_OK, c[i]->p->getNewAudioPort(&port[i]));
         port[i]->setPriority(i ? 0.1f : 0.9f);
-        start(p[i], r[i]);
+        start(*c[i]);
     }
-    ASSERT_TRUE(lxtest::waitUntil([&] { return events[1].count(LxEndOfMediaEventType) == 1; }));
-    play({r[0], r[1]}, 450);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return c[1]->events.count(LxEndOfMediaEventType) == 1; }));
+    play({c[0]->r, c[1]->r}, 450);
     EXPECT_TRUE(port[0]->hasChannel() && !port[1]->hasChannel()) << "the channel changed hands early";
     EXPECT_EQ(1, port[1]->isSounding()) << "a clip waiting for a channel lets its host stop";
-    play({r[0], r[1]}, 150);
+    play({c[0]->r, c[1]->r}, 150);
     EXPECT_GT(tonePower(heard(), 17640, 4410, 440.0, 44100.0), 0.01) << "the stronger clip was cut";
     EXPECT_LT(tonePower(heard(), 0, 22050, 660.0, 44100.0), 0.0001) << "heard beyond the channel limit";
     EXPECT_TRUE(lxtest::waitUntil([&] { return port[1]->hasChannel() && port[0]->isSounding() == 0; }))
         << "the channel did not go on once the stronger clip had been heard";
-    for (LxPlayer* q : p) {
-        manager->destroyPlayer(q);  // before its listener goes
-    }
 }
 
 // destroyPlayer on a playing clip: silent at once; its buffer and threads are gone when it returns,
 // and its channel goes to the clip that waits.
 TEST_F(AudioRendererTest, DestroyingAPlayingPlayerSilencesItAndGivesEverythingBack) {
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
-    ProbeRenderer* r1 = nullptr;
-    ProbeRenderer* r2 = nullptr;
-    LxPlayer* first = player(clip("a.wav", 1, 3.0, "sine 440"), &r1);
-    LxPlayer* second = player(clip("b.wav", 1, 3.0, "sine 660"), &r2);
-    start(first, r1);
-    start(second, r2);
-    play({r1, r2}, 300);
+    Clip& first = load("a.wav", 1, 3.0, "sine 440");
+    Clip& second = load("b.wav", 1, 3.0, "sine 660");
+    start(first);
+    start(second);
+    play({first.r, second.r}, 300);
     const int buffers = simsound::liveBuffers();
     const int threadCount = threads.liveThreads();
-    ASSERT_EQ(LX_OK, manager->destroyPlayer(first));
+    ASSERT_EQ(LX_OK, manager->destroyPlayer(first.p));
     EXPECT_EQ(buffers - 1, simsound::liveBuffers());
-    EXPECT_EQ(threadCount - 2, threads.liveThreads()) << "the player and renderer threads";
+    EXPECT_EQ(threadCount - 3, threads.liveThreads())
+        << "the player's, its renderer's and its event poster's";
     simsound::clearOutput();
     simsound::advanceMs(30);  // the waiting clip may come in already; the destroyed one is gone
     EXPECT_LT(tonePower(heard(), 0, 1323, 440.0, 44100.0), 0.005) << "still heard";
-    ASSERT_TRUE(lxtest::waitUntil([&] { return r2->port(0)->hasChannel() && !r2->fields().silentPacing; }));
-    ASSERT_TRUE(lxtest::waitUntil([&] { return !r2->fields().resetPending; }));
+    ProbeRenderer* r = second.r;
+    ASSERT_TRUE(lxtest::waitUntil([&] { return r->port(0)->hasChannel() && !r->fields().silentPacing; }));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return !r->fields().resetPending; }));
     simsound::clearOutput();
-    play({r2}, 400);
+    play({r}, 400);
     EXPECT_GT(tonePower(heard(), 4410, 13230, 660.0, 44100.0), 0.01) << "the freed channel was not given on";
 }
 
 // Two sound sources of one clip, far left at full gain and far right at half gain: both output
-// channels hold the clip, one at twice the level of the other.
-TEST_F(AudioRendererTest, TwoPortsOfOneClipSoundAtTheirOwnPlacesAndGains) {
+// channels hold the clip, one at twice the level of the other. The first port is the master,
+// further ones duplicates with channels of their own, up to 32 in all; none outlives the player.
+TEST_F(AudioRendererTest, PortsOfOneClipSoundAtTheirOwnPlacesAndGainsUpToThirtyTwo) {
     ASSERT_EQ(LX_OK, manager->setSpatializeSounds(1));  // duplicates need buffers with 3D control
-    const std::string path = clip("noise.wav", 1, 2.5, "whitenoise");
-    ProbeRenderer* r = nullptr;
-    LxPlayer* p = player(path, &r);
+    Clip& c = load("noise.wav", 1, 2.5, "whitenoise");
     LxAudioOutputPort* a = nullptr;
     LxAudioOutputPort* b = nullptr;
-    ASSERT_EQ(LX_OK, p->getNewAudioPort(&a));
-    ASSERT_EQ(LX_OK, p->getNewAudioPort(&b));
+    ASSERT_EQ(LX_OK, c.p->getNewAudioPort(&a));
+    ASSERT_EQ(LX_OK, c.p->getNewAudioPort(&b));
+    EXPECT_EQ(c.r->port(0), a);
     const float left[3] = {-5.0f, 0.0f, 0.0f};
     const float right[3] = {5.0f, 0.0f, 0.0f};
     a->setSoundLocation(left);
     b->setSoundLocation(right);
     b->setGain(0.5f);
-    start(p, r);
-    play({r}, 1500);
-    const std::vector<int16_t> mono = samples16(path);
+    start(c);
+    play({c.r}, 1500);
+    const std::vector<int16_t> mono = samples16(c.path);
     double scores[2];
     int peaks[2];
     for (int ch = 0; ch < 2; ++ch) {
@@ -534,6 +499,16 @@ TEST_F(AudioRendererTest, TwoPortsOfOneClipSoundAtTheirOwnPlacesAndGains) {
         peaks[ch] = peak(heard(ch), 0, 44100);
     }
     EXPECT_NEAR(2.0, double(std::max(peaks[0], peaks[1])) / std::max(1, std::min(peaks[0], peaks[1])), 0.15);
+
+    for (int i = 3; i <= LxWin32AudioRenderer::kMaxPorts; ++i) {
+        LxAudioOutputPort* dup = nullptr;
+        ASSERT_EQ(LX_OK, c.p->getNewAudioPort(&dup)) << "port " << i;
+        EXPECT_TRUE(dup != a && dup->hasChannel()) << "port " << i;
+    }
+    EXPECT_EQ(LX_ERR_GENERIC, c.p->getNewAudioPort(&a)) << "a 33rd port";
+    EXPECT_EQ(32, simsound::liveBuffers());
+    manager->destroyPlayer(c.p);
+    EXPECT_EQ(0, simsound::liveBuffers()) << "the renderer's ports kept their buffers";
 }
 
 }  // namespace

@@ -36,22 +36,24 @@ class AudioPlayerTest : public ::testing::Test {
         EXPECT_EQ(0, threads.liveThreads());
     }
 
-    // A player over the clip at path, heard by listener from the start, and initialised.
+    // A player over the clip at path, heard by listener from the start.
     void openPlayer(const std::string& path, const std::string& contentName = "") {
         source = std::make_unique<GatedFileSource>(path);
-        if (!contentName.empty()) {
-            source->setContentName(contentName);
-        }
+        source->setContentName(contentName);
         player = new LxAudioPlayer(manager.get(), source.get());
         ASSERT_EQ(LX_OK, player->setEventListener(&listener));
         source->open();
     }
-    bool initialised() {
-        return lxtest::waitUntil([&] { return player->getState() == LxNode::STOPPED; });
-    }
-    // A renderer with a pool of frames of frameBytes, connected and owned by the player.
-    TestRendererNode* connectRenderer(int frames = 4, int frameBytes = 4096) {
-        auto* r = new TestRendererNode(manager.get(), frames, frameBytes);
+    // An initialised player over a clip sox makes (its samples in data), with a renderer whose
+    // pool holds frames of frameBytes connected to it.
+    TestRendererNode* ready(const std::string& name, int rate, int bits, int channels, double seconds,
+                            int frameBytes) {
+        const std::string path = lxtest::soxClip(dir, name, rate, bits, channels, seconds);
+        EXPECT_FALSE(path.empty());
+        data = lxtest::dataOf(lxtest::readFile(path));
+        openPlayer(path);
+        EXPECT_TRUE(lxtest::waitUntil([&] { return player->getState() == LxNode::STOPPED; }));
+        auto* r = new TestRendererNode(manager.get(), 4, frameBytes);
         LxOutputConnectable* out = nullptr;
         EXPECT_EQ(LX_OK, player->getOutputConnectable("Audio", &out));
         EXPECT_TRUE(lxtest::connectAudio(out, r));
@@ -70,13 +72,6 @@ class AudioPlayerTest : public ::testing::Test {
             },
             timeoutMs);
     }
-    std::string clip(const std::string& name, int rate, int bits, int channels, double seconds) {
-        const std::string path = lxtest::soxClip(dir, name, rate, bits, channels, seconds);
-        EXPECT_FALSE(path.empty());
-        data = lxtest::dataOf(lxtest::readFile(path));
-        return path;
-    }
-
     KtRecordingThreadManager threads;
     lxtest::ScopedTestManager manager{&threads};
     lxtest::StepTimeBase timeBase{manager.get()};
@@ -88,9 +83,7 @@ class AudioPlayerTest : public ::testing::Test {
 };
 
 TEST_F(AudioPlayerTest, LoopingDeliversTheClipAgainWithoutAGap) {
-    openPlayer(clip("loop.wav", 8000, 8, 1, 0.3));
-    ASSERT_TRUE(initialised());
-    TestRendererNode* r = connectRenderer(4, 1000);
+    TestRendererNode* r = ready("loop.wav", 8000, 8, 1, 0.3, 1000);
     player->setLoop(1);
     startNow();
     const size_t want = data.size() * 5 / 2;
@@ -107,9 +100,7 @@ TEST_F(AudioPlayerTest, LoopingDeliversTheClipAgainWithoutAGap) {
 
 TEST_F(AudioPlayerTest, TheStopTimeStopsDelivery) {
     lxtest::requireLog();
-    openPlayer(clip("long.wav", 44100, 16, 2, 1.0));
-    ASSERT_TRUE(initialised());
-    TestRendererNode* r = connectRenderer(4, 4096);
+    TestRendererNode* r = ready("long.wav", 44100, 16, 2, 1.0, 4096);
     timeBase.set(100.0);
     startNow();
     ASSERT_EQ(LX_OK, player->stopAtTime(LxTime(100, 500000)));
@@ -132,9 +123,7 @@ TEST_F(AudioPlayerTest, TheStopTimeStopsDelivery) {
 
 TEST_F(AudioPlayerTest, ResumingSeeksToTheClocksMediaTime) {
     lxtest::requireLog();
-    openPlayer(clip("r.wav", 22050, 8, 1, 1.0));
-    ASSERT_TRUE(initialised());
-    TestRendererNode* r = connectRenderer(4, 4096);
+    TestRendererNode* r = ready("r.wav", 22050, 8, 1, 1.0, 4096);
     timeBase.set(100.0);
     startNow();
     // The pool's four frames are filled from the start of the clip before anything is pulled.

@@ -48,17 +48,14 @@ std::string readAll(LxWAVEParser& parser, int sampleFrameBytes, int framesPerRea
     LxAudioFrame frame;
     frame.data = new unsigned char[framesPerRead * sampleFrameBytes];
     frame.fillable = framesPerRead;
-    for (int guard = 0; guard < 1000000; ++guard) {
+    char eom = 0;
+    for (int guard = 0; !eom && guard < 1000000; ++guard) {
         frame.filled = 0;
-        char eom = 0;
         if (parser.readFrame(&frame, &eom) != LX_OK) {
             ADD_FAILURE() << "read error";
             break;
         }
         all.append(reinterpret_cast<char*>(frame.data), static_cast<size_t>(frame.filled) * sampleFrameBytes);
-        if (eom) {
-            break;
-        }
     }
     return all;
 }
@@ -201,13 +198,12 @@ TEST_F(WaveParser, EveryEncodingIsDeliveredAsItIsOrAsSixteenBitMonoOrStereo) {
 // What no encoding above covers is refused, with 0x2A4 for an encoding and 0x435 for a header
 // that contradicts itself or that no clip can have (and whose products wrap in 32 bits).
 TEST_F(WaveParser, HeadersOutsideTheEncodingsAndLimitsAreRefused) {
-    struct Fmt {
+    const struct {
         uint16_t tag, channels;
         uint32_t rate, avg;
         uint16_t align, bits;
         KtResult result;
-    };
-    const Fmt fmts[] = {
+    } fmts[] = {
         {2, 2, 8000, 32000, 4, 16, LX_ERR_UNSUPPORTED},        // ADPCM
         {0xFFFE, 2, 8000, 32000, 4, 16, LX_ERR_INVALID_WAVE},  // extensible without its extension
         {1, 2, 8000, 32001, 4, 16, LX_ERR_INVALID_WAVE},       // byte rate off by one
@@ -224,7 +220,7 @@ TEST_F(WaveParser, HeadersOutsideTheEncodingsAndLimitsAreRefused) {
         {1, 8, 384000, 24576000, 64, 64, LX_ERR_INVALID_WAVE},
         {3, 8, 384000, 24576000, 64, 64, LX_OK},
     };
-    for (const Fmt& f : fmts) {
+    for (const auto& f : fmts) {
         const std::string fmt = lxtest::fmtBody(f.tag, f.channels, f.rate, f.avg, f.align, f.bits);
         EXPECT_EQ(f.result, headerOf(lxtest::joinWave({{"fmt ", fmt}, clip()[1]})))
             << "tag " << f.tag << ", " << f.channels << " ch, " << f.rate << " Hz, " << f.bits << " bits";

@@ -6,17 +6,14 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<std::string> words(1, "lorvex-play");
-    std::string word;
+    std::vector<std::string> words{"lorvex-play", ""};
     for (size_t i = 0; i < size; ++i) {
         if (data[i] == 0) {
-            words.push_back(word);
-            word.clear();
+            words.emplace_back();
         } else {
-            word += static_cast<char>(data[i]);
+            words.back() += static_cast<char>(data[i]);
         }
     }
-    words.push_back(word);
     std::vector<char*> argv;
     for (std::string& w : words) {
         argv.push_back(&w[0]);

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 namespace {
@@ -61,51 +62,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     {
         LxVrmlSupport support(player, manager);
         Reader in{data, size};
+        // Indexed by the opcode byte: the checked-in corpus depends on this order.
+        const std::function<void()> ops[] = {
+            [&] { support.beginChangingFields(LxTime(in.number())); },
+            [&] { support.setStartTime(LxTime(in.number())); },
+            [&] { support.setStopTime(LxTime(in.number())); },
+            [&] { support.setLoop(static_cast<char>(in.byte() & 1)); },
+            [&] { support.setRate(static_cast<float>(in.number())); },
+            [&] { support.doneChangingFields(); },
+            [&] { support.finishInitializingPlayer(); },
+            [&] { support.setPlayerControl(static_cast<char>(in.byte() & 1)); },
+            [&] { manager->setStartUpLatency(LxTime(in.number())); },
+            [&] { manager->clock->setTimeOfDay(in.number()); },
+            [&] { player->duration = LxTime(in.number()); },
+            [&] { support.addSoundNode(&nodes[in.byte() % 3]); },
+            [&] { support.removeSoundNode(&nodes[in.byte() % 3]); },
+            [&] { support.stop(); },
+        };
         while (in.more()) {
-            switch (in.byte() % 14) {
-                case 0:
-                    support.beginChangingFields(LxTime(in.number()));
-                    break;
-                case 1:
-                    support.setStartTime(LxTime(in.number()));
-                    break;
-                case 2:
-                    support.setStopTime(LxTime(in.number()));
-                    break;
-                case 3:
-                    support.setLoop(static_cast<char>(in.byte() & 1));
-                    break;
-                case 4:
-                    support.setRate(static_cast<float>(in.number()));
-                    break;
-                case 5:
-                    support.doneChangingFields();
-                    break;
-                case 6:
-                    support.finishInitializingPlayer();
-                    break;
-                case 7:
-                    support.setPlayerControl(static_cast<char>(in.byte() & 1));
-                    break;
-                case 8:
-                    manager->setStartUpLatency(LxTime(in.number()));
-                    break;
-                case 9:
-                    manager->clock->setTimeOfDay(in.number());
-                    break;
-                case 10:
-                    player->duration = LxTime(in.number());
-                    break;
-                case 11:
-                    support.addSoundNode(&nodes[in.byte() % 3]);
-                    break;
-                case 12:
-                    support.removeSoundNode(&nodes[in.byte() % 3]);
-                    break;
-                default:
-                    support.stop();
-                    break;
-            }
+            ops[in.byte() % 14]();
         }
     }  // the support destroys the player through the manager
     manager->closeManager();

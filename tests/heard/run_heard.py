@@ -60,8 +60,16 @@ class Rig:
     def run(self, case, args, limit=RUN_LIMIT, env=None):
         """Plays into <case>.wav: (samples, rate, the finished process); env is added to the environment."""
         out = self.path(case + '.wav')
+        env = dict(os.environ, **(env or {}))
         r = subprocess.run([self.play, '-o', 'wav:' + out] + args, cwd=self.dir, capture_output=True, text=True,
-                           timeout=limit, env=dict(os.environ, **env) if env else None)
+                           timeout=limit, env=env)
+        if r.returncode != 0 and 'LeakSanitizer has encountered a fatal error' in r.stderr:
+            # LeakSanitizer's own tracer sometimes crashes on a GStreamer thread's thread-local
+            # storage at exit: no finding about the program. The run is heard again without it.
+            print('note %s: LeakSanitizer failed at exit; run again without the leak check' % case)
+            env['ASAN_OPTIONS'] = env.get('ASAN_OPTIONS', '') + ':detect_leaks=0'
+            r = subprocess.run([self.play, '-o', 'wav:' + out] + args, cwd=self.dir, capture_output=True, text=True,
+                               timeout=limit, env=env)
         x, rate = H.read(out) if os.path.getsize(out) > 44 else (np.zeros((0, 2)), 44100)
         return x, rate, r
 
@@ -92,6 +100,34 @@ def heard_pitch(x, rate, hz, what='pitch'):
 def played(r):
     return check('exit status', '0', '%d' % r.returncode + ('' if r.returncode == 0 else ': ' + r.stderr.strip()),
                  r.returncode == 0)
+
+
+class Unheard(Exception):
+    """Nothing there to measure: the case ends with the run's exit status and what was heard instead."""
+
+
+def need(r, ok, what, expected, measured):
+    if not ok:
+        raise Unheard(r, check(what, expected, measured, False))
+
+
+def heard(r, s, expected='sound'):
+    """The span s, which must not be silence."""
+    need(r, s is not None, 'heard', expected, 'silence')
+    return s
+
+
+def sounds(x, rate, r, n=2):
+    seg = H.segments(x, rate)
+    need(r, len(seg) == n, 'sounds', str(n), '%d' % len(seg))
+    return seg
+
+
+def painted(frames):
+    pictures = sorted(glob.glob(os.path.join(frames, '*.png')))
+    distinct = len({hashlib.md5(open(p, 'rb').read()).hexdigest() for p in pictures})
+    return check('pictures painted, distinct', '>= 10, >= 10', '%d, %d' % (len(pictures), distinct),
+                 len(pictures) >= 10 and distinct >= 10)
 
 
 # ------------------------------------------------------------------------------------------------
@@ -146,9 +182,7 @@ def speech(rig, name):
     clip = rig.make('speech.wav', 'espeak-ng -w {out} "Lorvex plays it whole"')
     src, srate = H.read(clip)
     x, rate, r = rig.run(name, ['--start', str(LEAD), clip])
-    a, b = H.span(src, srate), H.span(x, rate)
-    if b is None:
-        return [played(r), check('heard', 'speech', 'silence', False)]
+    a, b = H.span(src, srate), heard(r, H.span(x, rate), 'speech')
     c = H.correlation(H.envelope(H.cut(src, srate, a[0], a[1]), srate, 0.02), H.envelope(H.cut(x, rate, b[0], b[1]), rate, 0.02))
     return [played(r), near('length', a[1] - a[0], b[1] - b[0], LENGTH), check('envelope correlation', '> 0.9', '%.3f' % c, c > 0.9)]
 
@@ -159,9 +193,7 @@ def speech(rig, name):
 def start_ahead(rig, name):
     """A clip due 1 s after another is heard 1 s after it."""
     x, rate, r = rig.run(name, ['--start', str(LEAD), rig.tone(0.2, 440), '--start', str(LEAD + 1), rig.tone(0.5, 880)])
-    seg = H.segments(x, rate)
-    if len(seg) != 2:
-        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    seg = sounds(x, rate, r)
     return [played(r), near('first length', 0.2, seg[0][1] - seg[0][0], LENGTH),
             near('second start after first', 1.0, seg[1][0] - seg[0][0], LENGTH),
             near('second length', 0.5, seg[1][1] - seg[1][0], LENGTH)]
@@ -174,9 +206,8 @@ def joined_late(rig, name):
     src = H.mono(H.read(clip)[0])
     x, rate, r = rig.run(name, ['--start', '-0.5', '--location', '2,0,0', clip,
                                 '--start', str(LEAD), '--location', '-2,0,0', rig.tone(0.1, 330)])
-    s, marker = H.span(x[:, 1:], rate), H.span(x[:, :1], rate)
-    if s is None or marker is None:
-        return [played(r), check('heard', 'noise right, tone left', 'silence', False)]
+    s = heard(r, H.span(x[:, 1:], rate), 'noise right, tone left')
+    marker = heard(r, H.span(x[:, :1], rate), 'noise right, tone left')
     at, score = H.locate(src, x[int(s[0] * rate):int(s[0] * rate) + 2205, 1])
     then, _ = H.locate(src, x[int(marker[0] * rate):int(marker[0] * rate) + 2205, 1])
     return [played(r), near('clip position when the tone is heard', LEAD + 0.5, then / rate, LENGTH),
@@ -188,9 +219,7 @@ def stop_time(rig, name):
     """A stop time on a streamed clip, and on a 1-s clip (held resident) while it plays out."""
     x, rate, r = rig.run(name, ['--start', str(LEAD), '--stop', str(LEAD + 0.7), rig.tone(2.0, 660),
                                 '--start', str(LEAD + 1.5), '--stop', str(LEAD + 1.9), rig.tone(1.0, 660)])
-    seg = H.segments(x, rate)
-    if len(seg) != 2:
-        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    seg = sounds(x, rate, r)
     return [played(r), near('length', 0.7, seg[0][1] - seg[0][0], LENGTH), near('resident length', 0.4, seg[1][1] - seg[1][0], LENGTH)]
 
 
@@ -221,8 +250,8 @@ def loop(rig, name):
     src = H.mono(H.read(rig.noise(1))[0])
     x, rate, r = rig.run(name, ['-t', str(LEAD + 2.7), '--loop', '--start', str(LEAD), rig.noise(1)])
     s = H.span(x, rate)
-    if s is None or s[1] - s[0] < 2.2:
-        return [played(r), check('heard', '> 2.2 s', 'silence' if s is None else '%.3f s' % (s[1] - s[0]), False)]
+    length = 0 if s is None else s[1] - s[0]
+    need(r, length >= 2.2, 'heard', '> 2.2 s', 'silence' if s is None else '%.3f s' % length)
     m = H.mono(x)
     at, _ = H.locate(src, m[int(s[0] * rate):int(s[0] * rate) + 2205])
     origin = int(s[0] * rate) - at  # where the clip's first sample lies in the output
@@ -239,20 +268,14 @@ def loop(rig, name):
 def gain(rig, name):
     t = rig.tone(0.5, 660)
     x, rate, r = rig.run(name, ['--start', str(LEAD), t, '--start', str(LEAD + 1), '--gain', '0.5', t])
-    seg = H.segments(x, rate)
-    if len(seg) != 2:
-        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
-    a, b = (H.level(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in seg)
+    a, b = (H.level(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in sounds(x, rate, r))
     return [played(r), near('level ratio gain 0.5 : 1', 0.5, b / a, 0.025, '')]
 
 
 def position(rig, name):
     t = rig.tone(0.5, 660)
     x, rate, r = rig.run(name, ['--start', str(LEAD), '--location', '-2,0,0', t, '--start', str(LEAD + 1), '--location', '2,0,0', t])
-    seg = H.segments(x, rate)
-    if len(seg) != 2:
-        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
-    left, right = (H.balance(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in seg)
+    left, right = (H.balance(H.cut(x, rate, on + 0.05, off - 0.05)) for on, off in sounds(x, rate, r))
     return [played(r), check('left : right at x = -2', '> 2', '%.2f' % min(left, 999), left > 2),
             check('left : right at x = +2', '< 0.5', '%.2f' % right, right < 0.5)]
 
@@ -262,9 +285,7 @@ def channels(rig, name):
     the gain it was given while it waited (both tones are equally loud at gain 1)."""
     x, rate, r = rig.run(name, ['-c', '1', '--start', str(LEAD), '--priority', '0.9', rig.tone(0.8, 440),
                                 '--start', str(LEAD), '--priority', '0.1', '--gain', '0.25', rig.tone(1.9, 880)])
-    s = H.span(x, rate)
-    if s is None:
-        return [played(r), check('heard', 'sound', 'silence', False)]
+    s = heard(r, H.span(x, rate))
 
     def weak_to_strong(t0, t1):
         y = H.cut(x, rate, s[0] + t0, s[0] + t1)
@@ -300,9 +321,7 @@ def midi(rig, name):
     clip, ref = tune(rig, 'tune', TUNE)
     y, yrate = H.read(ref)
     x, rate, r = rig.run(name, ['--start', str(LEAD), clip])
-    a, b = H.span(y, yrate, 0.002), H.span(x, rate, 0.002)
-    if b is None:
-        return [played(r), check('heard', 'music', 'silence', False)]
+    a, b = H.span(y, yrate, 0.002), heard(r, H.span(x, rate, 0.002), 'music')
     c = H.correlation(H.envelope(H.cut(y, yrate, a[0], a[1]), yrate, 0.02), H.envelope(H.cut(x, rate, b[0], b[1]), rate, 0.02))
     return [played(r), near('length against FluidSynth', a[1] - a[0], b[1] - b[0], 0.3),
             check('envelope correlation', '> 0.9', '%.3f' % c, c > 0.9)]
@@ -316,9 +335,7 @@ def midi_late(rig, name):
     y, _ = H.read(ref)
     x, rate, r = rig.run(name, ['-t', str(LEAD + 2), '--start', '-4', '--loop', clip,
                                 '--start', str(LEAD), '--location', '-2,0,0', rig.tone(0.1, 330)])
-    marker = H.span(x[:, :1], rate, 0.1)
-    if marker is None:
-        return [played(r), check('heard', 'tone left', 'silence', False)]
+    marker = heard(r, H.span(x[:, :1], rate, 0.1), 'tone left')
     at, score = H.follow(H.spectrogram(y[:, 1], rate), H.spectrogram(H.cut(x, rate, marker[0], marker[0] + 1.5)[:, 1], rate))
     side, theirs = H.balance(H.cut(x, rate, marker[0] + 0.2, marker[0] + 1.5)), H.balance(y)
     return [played(r), near('music position when the tone is heard', 4 + LEAD, at * H.HOP, 0.03),
@@ -333,6 +350,10 @@ MOVIES = {
     'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
                   '-c:v mjpeg -c:a pcm_s16le -f mov'),
     'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=1.5 -c:a libmp3lame -f mp3'),
+    # Under 2 s, and a length the demuxer can only estimate: heard whole only when the renderer
+    # does not take the estimate for exact.
+    'MPEG-1 audio': ('clip-audio.mpg', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a mp2 -f mpeg'),
+    'AIFF': ('clip.aiff', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a pcm_s16be -f aiff'),
 }
 
 
@@ -346,12 +367,7 @@ def movie(kind):
         x, rate, r = rig.run(name, ['--frames', frames, '--start', str(LEAD), clip])
         a = H.span(*H.read(ref))
         got = [heard_length(x, rate, a[1] - a[0]), heard_pitch(x, rate, 660)]
-        if kind != 'MP3':
-            pictures = sorted(glob.glob(os.path.join(frames, '*.png')))
-            distinct = len({hashlib.md5(open(p, 'rb').read()).hexdigest() for p in pictures})
-            got += [check('pictures painted, distinct', '>= 10, >= 10', '%d, %d' % (len(pictures), distinct),
-                          len(pictures) >= 10 and distinct >= 10)]
-        return [played(r)] + got
+        return [played(r)] + got + ([painted(frames)] if 'testsrc' in args else [])
     return run
 
 
@@ -441,9 +457,7 @@ def world_sides(rig, name):
         Transform { rotation 0 1 0 3.14159265 children
           Sound { source DEF B AudioClip { url "%s" } location -3 0 0 minFront 1 minBack 1 maxFront 5 maxBack 5 } }
         """ % (a_clip, b_clip), ['--at', 'A=%g' % LEAD, '--at', 'B=%g' % (LEAD + 1)])
-    seg = H.segments(x, rate)
-    if len(seg) != 2:
-        return [played(r), check('sounds', '2', '%d' % len(seg), False)]
+    seg = sounds(x, rate, r)
     a, b = (H.cut(x, rate, on + 0.05, off - 0.05) for on, off in seg)
     ratio = np.sqrt(np.mean(b[:, 1]**2)) / max(1e-9, np.sqrt(np.mean(a[:, 0]**2)))
     return [played(r), heard_pitch(a, rate, 440, 'A pitch'),
@@ -460,9 +474,7 @@ def world_ambient(rig, name):
         Sound { source AudioClip { url "%s" loop TRUE startTime 0 } minFront 20 minBack 20 }
         Sound { source AudioClip { url "%s" startTime 0 } minFront 20 minBack 20 }
         """ % (os.path.basename(clip), os.path.basename(tone)), ['-t', '3'])
-    s = H.span(x, rate)
-    if s is None:
-        return [played(r), check('heard', 'noise', 'silence', False)]
+    s = heard(r, H.span(x, rate), 'noise')
     src = H.mono(H.read(clip)[0])
     at, score = H.locate(np.r_[src, src], H.mono(H.cut(x, rate, s[0] + 0.5, s[0] + 0.55)))
     seg = H.segments(x, rate)
@@ -484,11 +496,7 @@ def world_inline_movie(rig, name):
     shutil.rmtree(frames, ignore_errors=True)
     x, rate, r = world(rig, name, 'Transform { children Inline { url "%s" } }' % os.path.basename(inner),
                        ['--frames', frames, '--at', 'M=%g' % LEAD])
-    pictures = sorted(glob.glob(os.path.join(frames, '*.png')))
-    distinct = len({hashlib.md5(open(p, 'rb').read()).hexdigest() for p in pictures})
-    return [played(r), heard_pitch(x, rate, 660),
-            check('pictures painted, distinct', '>= 10, >= 10', '%d, %d' % (len(pictures), distinct),
-                  len(pictures) >= 10 and distinct >= 10)]
+    return [played(r), heard_pitch(x, rate, 660), painted(frames)]
 
 
 def world_faults(rig, name):
@@ -535,9 +543,7 @@ CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts(k
 
 # Checks that fail because of faults in the library not yet mended: measured and printed as LEFT OUT,
 # not counted, until the fault is gone (then the entry goes). --strict counts them.
-PENDING = {
-    ('MPEG-1', 'length'): 'the filter-graph player loses the last MPEG audio frame',
-}
+PENDING = {}
 
 
 def main():
@@ -558,6 +564,8 @@ def main():
     def attempt(fn, slug):
         try:
             return fn(rig, slug)
+        except Unheard as e:
+            return [played(e.args[0]), e.args[1]]
         except Exception as e:  # a case that cannot even be measured fails, with the reason
             return [check('ran', 'yes', '%s: %s' % (type(e).__name__, e), False)]
 

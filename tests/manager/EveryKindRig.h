@@ -32,6 +32,24 @@ namespace everykind {
 
 enum Kind { Wave, Midi, AudioVideo, AudioOnly, VideoOnly, kKinds };
 
+/// The simulated MIDI device and platform, as in a fresh process: no sound-card test saved yet.
+inline void simulateDevices() {
+    LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
+    lxp::midisim::reset();
+    LxPlatformProbe::useSimulated(LxSimulatedPlatform());
+    LxResetDXAndWin32VersionCache();
+    LxWin32Mixer::resetClassStateForTests();
+    LxWin32Manager::resetExclusivityForTests();
+}
+
+/// The system's devices again, for the tests that follow in the same process.
+inline void restoreDevices() {
+    LxPlatformGraph::useGStreamer();
+    LxPlatformProbe::useSystem();
+    LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+    LxResetDXAndWin32VersionCache();
+}
+
 class Manager : public LxWin32Manager {
   public:
     explicit Manager(KtThreadManager* threads) : LxWin32Manager(threads) {}
@@ -60,13 +78,8 @@ class Rig : public ::testing::Test {
   public:
     void SetUp() override {
         LxPlatformSound::useNullOutput();
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        lxp::midisim::reset();
+        simulateDevices();
         lxp::midisim::setRealTime(true);
-        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
         LxPlatformGraph::useSimulated();
         lxp::simgraph::reset();
         lxp::comtest::reset();
@@ -109,10 +122,7 @@ class Rig : public ::testing::Test {
         lxp::simgraph::reset();
         lxp::comtest::reset();
         lxp::midisim::setRealTime(false);
-        LxPlatformGraph::useGStreamer();
-        LxPlatformProbe::useSystem();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
-        LxResetDXAndWin32VersionCache();
+        restoreDevices();
     }
 
     /// A registered player of that kind whose clip stays unreadable until *gate is opened. The

@@ -19,12 +19,9 @@ using lxtest::RecordingListener;
 
 class LateListener : public everykind::Rig {};
 
-// A thousand players of every kind made from four host threads, each listener attached at a random
-// moment: before the clip can be read, at once after, a little later, or once the player answers
-// STOPPED (the initialized event is posted before the state leaves INITIALIZING, so that listener
-// has missed it for certain). Every listener hears the duration and then the initialized event,
-// that exactly once, and no event twice; the registry is empty afterwards. (Players that play
-// while others come and go are the re-entrant listener test's.)
+// Each listener is attached at a random moment: before the clip can be read, at once after, a
+// little later, or once the player answers STOPPED (by then the initialized event was certainly
+// posted before it came).
 TEST_F(LateListener, ThousandStartsFromFourThreadsLoseNoInitialisation) {
     const unsigned seed = lxtest::testSeed();
     SCOPED_TRACE("LORVEX_SEED=" + std::to_string(seed));

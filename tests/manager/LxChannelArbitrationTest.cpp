@@ -3,6 +3,7 @@
 #include "LxResult.h"
 
 #include "FakeAudioPort.h"
+#include "TestManager.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -19,10 +20,13 @@ namespace {
 
 using lxtest::FakeAudioPort;
 
-// A manager whose channel types start and stop in memory (no devices), configured directly.
-class ArbiterManager : public LxManager {
+// A manager whose channel types start (or fail to) and stop in memory, configured directly; with no
+// master time base.
+class ArbiterManager : public lxtest::SceneManager {
   public:
-    explicit ArbiterManager(KtThreadManager* tm) : LxManager(tm) { initialisedSubSystems |= INIT_AUDIO; }
+    explicit ArbiterManager(KtThreadManager* tm) : SceneManager(tm, false) {
+        initialisedSubSystems |= INIT_AUDIO;
+    }
 
     void configure(short rawChannels, short midiChannels, bool halfDuplex) {
         channelInfo[LxRawChannel].maxChannels = rawChannels;
@@ -38,15 +42,7 @@ class ArbiterManager : public LxManager {
     bool failStartup[2] = {false, false};
     int startups[2] = {0, 0};
 
-    long createPlayer(LxDataSource*, LxPlayer**) override { return LX_ERR_GENERIC; }
-    long getDiagnostics(LxDiagnostics&) override { return LX_ERR_NO_MIXER; }
-    long addDefaultAudioRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-    long addDefaultVideoRenderer(LxPlayer*) override { return LX_ERR_GENERIC; }
-
   protected:
-    long initTimers() override { return LX_OK; }
-    long initAudio() override { return LX_OK; }
-    long initVideo() override { return LX_OK; }
     long startupChannelType(LxAudioChannelType_s t) override {
         ++startups[t];
         if (failStartup[t]) {
@@ -61,8 +57,10 @@ class ArbiterManager : public LxManager {
     }
 };
 
-std::vector<LxAudioOutputPort*> ports(const std::list<LxPortChannelEntry>& list) {
-    std::vector<LxAudioOutputPort*> out;
+using Ports = std::vector<LxAudioOutputPort*>;
+
+Ports ports(const std::list<LxPortChannelEntry>& list) {
+    Ports out;
     for (const auto& e : list) {
         out.push_back(e.port);
     }
@@ -93,6 +91,15 @@ class ArbitrationTest : public ::testing::Test {
             manager->releasePortChannel(p);
         }
     }
+    /// Registers the ports, each wanting to play from 1 s.
+    void play(std::initializer_list<FakeAudioPort*> list) {
+        for (FakeAudioPort* p : list) {
+            manager->requestPortChannel(p, zero);
+            manager->updatePortChannel(p, LxTime(1, 0), 1);
+        }
+    }
+    Ports waiting(int type = LxRawChannel) { return ports(manager->info(type).waitingPorts); }
+    Ports inactive(int type = LxRawChannel) { return ports(manager->info(type).inactivePorts); }
     const LxTime zero = LxTime::zero();
 };
 
@@ -107,8 +114,8 @@ TEST_F(ArbitrationTest, StrongerNewcomerTakesTheWeakestChannel) {
     EXPECT_EQ(1, manager->startups[LxRawChannel]) << "the type starts with its first port";
     ASSERT_EQ(LX_OK, manager->requestPortChannel(&p4, zero));
     const LxChannelInfo& raw = manager->info(LxRawChannel);
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&p4, &p1}), ports(raw.activePorts));
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&p2, &p3}), ports(raw.inactivePorts))
+    EXPECT_EQ((Ports{&p4, &p1}), ports(raw.activePorts));
+    EXPECT_EQ((Ports{&p2, &p3}), ports(raw.inactivePorts))
         << "the demoted port goes to the front of the inactive list";
     EXPECT_TRUE(raw.waitingPorts.empty());
     EXPECT_EQ(2, raw.activeCount);
@@ -178,30 +185,26 @@ TEST_F(ArbitrationTest, StoppingKeepsTheChannelUnlessSomeoneWaits) {
     EXPECT_EQ("01", held({&a, &b}));
     manager->updatePortChannel(&a, LxTime(3, 0), 1);  // both play now: the higher priority wins
     EXPECT_EQ("10", held({&a, &b}));
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&b}), ports(manager->info(LxRawChannel).waitingPorts));
+    EXPECT_EQ((Ports{&b}), waiting());
     manager->updatePortChannel(&a, zero, 0);  // a stops while b waits: a gives its channel up
     EXPECT_EQ("01", held({&a, &b}));
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).inactivePorts));
+    EXPECT_EQ((Ports{&a}), inactive());
     manager->updatePortChannel(&a, LxTime(4, 0), 1);  // a plays again and takes the channel back
     EXPECT_EQ("10", held({&a, &b}));
     b.setPriority(0.95f);  // the waiting port now beats the holder: it takes the channel
     manager->updatePortChannel(&b, LxTime(5, 0), 1);
     EXPECT_EQ("01", held({&a, &b}));
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&a}), ports(manager->info(LxRawChannel).waitingPorts));
+    EXPECT_EQ((Ports{&a}), waiting());
     release({&a, &b});
 }
 
 TEST_F(ArbitrationTest, ChannelLimitShrinksAndGrows) {
     manager->configure(3, 1, false);
     FakeAudioPort a(LxRawChannel, 0.9f), b(LxRawChannel, 0.8f), c(LxRawChannel, 0.7f);
-    for (FakeAudioPort* p : {&a, &b, &c}) {
-        manager->requestPortChannel(p, zero);
-        manager->updatePortChannel(p, LxTime(1, 0), 1);
-    }
+    play({&a, &b, &c});
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(1));
     EXPECT_EQ("100", held({&a, &b, &c}));
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&b, &c}), ports(manager->info(LxRawChannel).waitingPorts))
-        << "the weakest goes first, each to the front";
+    EXPECT_EQ((Ports{&b, &c}), waiting()) << "the weakest goes first, each to the front";
     ASSERT_EQ(LX_OK, manager->setMaxAudioChannels(-1));
     EXPECT_EQ(64, manager->info(LxRawChannel).maxChannels);
     EXPECT_EQ("111", held({&a, &b, &c}));
@@ -218,8 +221,7 @@ TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
     manager->requestPortChannel(&r, zero);
     EXPECT_EQ("01", held({&idle, &r})) << "a stronger sampled port pre-empts idle music";
     release({&idle, &r});
-    manager->requestPortChannel(&m, zero);
-    manager->updatePortChannel(&m, LxTime(1, 0), 1);  // the music plays
+    play({&m});
     manager->requestPortChannel(&r, zero);
     EXPECT_EQ("10", held({&m, &r})) << "a port that plays beats one that does not";
     manager->updatePortChannel(&r, LxTime(2, 0), 1);  // waits: its type cannot start meanwhile
@@ -242,15 +244,12 @@ TEST_F(ArbitrationTest, HalfDuplexHandsTheCardBackAndForth) {
 TEST_F(ArbitrationTest, HalfDuplexWaitingMusicTakesTheCardFromTheSampledPortsLeft) {
     manager->configure(4, 1, true);
     FakeAudioPort r1(LxRawChannel, 0.9f), r2(LxRawChannel, 0.2f), m(LxMidiChannel, 0.95f);
-    for (FakeAudioPort* p : {&r1, &r2, &m}) {
-        manager->requestPortChannel(p, zero);
-        manager->updatePortChannel(p, LxTime(1, 0), 1);
-    }
+    play({&r1, &r2, &m});
     EXPECT_EQ("110", held({&r1, &r2, &m})) << "the music waits for a change on the card";
     release({&r1});
     EXPECT_EQ("01", held({&r2, &m}));
     EXPECT_EQ("10", started());
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&r2}), ports(manager->info(LxRawChannel).waitingPorts));
+    EXPECT_EQ((Ports{&r2}), waiting());
     release({&r2, &m});
 }
 
@@ -280,7 +279,7 @@ TEST_F(ArbitrationTest, UnavailableTypesUnknownPortsAndRefusals) {
     EXPECT_EQ(1, manager->info(LxRawChannel).activeCount);
     manager->requestPortChannel(&b, zero);
     EXPECT_TRUE(b.hasChannel());
-    EXPECT_EQ((std::vector<LxAudioOutputPort*>{&b}), ports(manager->info(LxRawChannel).activePorts));
+    EXPECT_EQ((Ports{&b}), ports(manager->info(LxRawChannel).activePorts));
     a.refuse = false;
     release({&a, &b});
 }

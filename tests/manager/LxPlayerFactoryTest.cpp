@@ -1,68 +1,36 @@
 // The player factory: content names to player classes, the optional plug-in, and the fallback to
 // the WAVE player when no filter graph can be used.
 #include "LxAMPlayer.h"
-#include "LxAudioPlayer.h"
 #include "LxDataSource.h"
-#include "LxEvent.h"
 #include "LxLog.h"
-#include "LxPlatformGraph.h"
-#include "LxPlatformMidi.h"
-#include "LxPlatformProbe.h"
-#include "LxResult.h"
 #include "LxTimeBase.h"
-#include "LxVersionDetection.h"
-#include "LxWin32Manager.h"
 #include "LxWin32MidiPlayer.h"
-#include "LxWin32Mixer.h"
 #include "platform/LxpDuplex.h"
-#include "platform/com/LxpCom.h"
 #include "platform/dshow/LxpGraphConfig.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "platform/midi/LxpMidiSim.h"
 #include "platform/sound/LxpSimulatedSound.h"
 
-#include "TestNodes.h"
+#include "EveryKindRig.h"
 #include "TestSupport.h"
+#include "WaveFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace {
 
-// A source that names any content type.
-class NamedSource : public LxPullDataSource {
-  public:
-    explicit NamedSource(const char* contentName, const char* file = "/nonexistent/clip")
-        : name_(contentName), file_(file) {}
-    long connect() override { return 1; }
-    long close() override { return 1; }
-    long start() override { return 1; }
-    long stop() override { return 1; }
-    const char* getURL() override { return file_.c_str(); }
-    const char* getContentName() override { return name_.c_str(); }
-    char dataAvailable() override { return 1; }
-    long getPosition() override { return 0; }
-    long setPosition(long) override { return 1; }
-    long read(char*, long*) override { return LX_ERR_GENERIC; }
-    const char* getLocalFileName() override { return file_.c_str(); }
-
-  private:
-    std::string name_;
-    std::string file_;
+// A source that names any content type, over a file that is not there.
+struct NamedSource : lxtest::GatedFileSource {
+    explicit NamedSource(const char* contentName) : GatedFileSource("/nonexistent/clip", true) {
+        setContentName(contentName);
+    }
 };
 
 class FactoryTest : public ::testing::Test {
   protected:
     void SetUp() override {
         lxp::simsound::use();
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        lxp::midisim::reset();
         lxp::duplex::reset();
-        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
+        everykind::simulateDevices();
         KtWin32Library::clearSearchDirectories();
         // The simulated graph keeps GStreamer (and GLib's threads) out of this threaded test.
         LxPlatformGraph::useSimulated();
@@ -70,10 +38,7 @@ class FactoryTest : public ::testing::Test {
     void TearDown() override {
         lxp::graphtest::simulateGStreamerMissing(false);
         lxp::graphtest::refuseFilterRegistration(false);
-        LxPlatformGraph::useGStreamer();
-        LxPlatformProbe::useSystem();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
-        LxResetDXAndWin32VersionCache();
+        everykind::restoreDevices();
         KtWin32Library::clearSearchDirectories();
     }
 

@@ -4,15 +4,11 @@
 
 #include "LxDiagnostics.h"
 #include "LxLog.h"
-#include "LxPlatformMidi.h"
-#include "LxPlatformProbe.h"
-#include "LxResult.h"
-#include "LxVersionDetection.h"
-#include "LxWin32Mixer.h"
 #include "platform/LxpDuplex.h"
 #include "platform/midi/LxpMidiSim.h"
 #include "platform/sound/LxpSimulatedSound.h"
 
+#include "EveryKindRig.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +18,6 @@
 
 namespace {
 
-using lxp::midisim::Operation;
 namespace midisim = lxp::midisim;
 namespace simsound = lxp::simsound;
 
@@ -37,19 +32,13 @@ class Win32ManagerTest : public ::testing::Test {
     void SetUp() override { reset(); }
     void TearDown() override {
         lxp::duplex::reset();
-        LxPlatformProbe::useSystem();
-        LxPlatformSetMidiBackend(LX_MIDI_FLUIDSYNTH);
+        everykind::restoreDevices();
     }
     // Fresh simulated devices, no failures, and no saved sound-card test.
     static void reset() {
         simsound::use();
-        LxPlatformSetMidiBackend(LX_MIDI_SIMULATED);
-        midisim::reset();
         lxp::duplex::reset();
-        LxPlatformProbe::useSimulated(LxSimulatedPlatform());
-        LxResetDXAndWin32VersionCache();
-        LxWin32Mixer::resetClassStateForTests();
-        LxWin32Manager::resetExclusivityForTests();
+        everykind::simulateDevices();
         if (LxLogSink::enabled()) {
             LxLogSink::clear();
         }
@@ -89,32 +78,28 @@ TEST_F(Win32ManagerTest, AudioStartsOnceWithTheTimersAndTheLimitSetBefore) {
 TEST_F(Win32ManagerTest, TheSoundCardTestSetsTheChannelsOfEachKindOfCard) {
     const struct {
         const char* card;
-        void (*arrange)();
+        bool halfDuplex, noMidi, noSampled;
         uint32_t exclusivity;
         short raw, midi;
         int excludes;  // both ways; -1: not checked
     } cases[] = {
-        {"full duplex", [] {}, 0x111u, 64, 1, 0},
-        {"half duplex", [] { lxp::duplex::setHalfDuplex(true); }, 0x011u, 64, 1, 1},
-        {"no MIDI", [] { midisim::failNext(midisim::Open, lxp::MIDIERR_NODEVICE, 2); }, 0x001u, 64, 0, -1},
-        {"no sampled audio",
-         [] {
-             simsound::failNext(lxp::sound::Op::DirectSoundCreate, -1);
-             simsound::failNext(lxp::sound::Op::Initialize, -1);
-         },
-         0x110u, 0, 1, -1},
-        {"neither",
-         [] {
-             simsound::failNext(lxp::sound::Op::DirectSoundCreate, -1);
-             simsound::failNext(lxp::sound::Op::Initialize, -1);
-             midisim::failNext(midisim::Open, lxp::MIDIERR_NODEVICE, 2);
-         },
-         0u, 0, 0, -1},
+        {"full duplex", false, false, false, 0x111u, 64, 1, 0},
+        {"half duplex", true, false, false, 0x011u, 64, 1, 1},
+        {"no MIDI", false, true, false, 0x001u, 64, 0, -1},
+        {"no sampled audio", false, false, true, 0x110u, 0, 1, -1},
+        {"neither", false, true, true, 0u, 0, 0, -1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.card);
         reset();
-        c.arrange();
+        lxp::duplex::setHalfDuplex(c.halfDuplex);
+        if (c.noMidi) {
+            midisim::failNext(midisim::Open, lxp::MIDIERR_NODEVICE, 2);
+        }
+        if (c.noSampled) {
+            simsound::failNext(lxp::sound::Op::DirectSoundCreate, -1);
+            simsound::failNext(lxp::sound::Op::Initialize, -1);
+        }
         ProbeManager* m = startAudio();
         EXPECT_EQ(c.exclusivity, LxWin32Manager::exclusivityProperties);
         EXPECT_EQ(c.raw, m->info(LxRawChannel).maxChannels);

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -77,39 +78,27 @@ void Listener::handleEvent(LxEvent* event) {
         scene->setStartTime(manager->getMasterTimeBase()->getRefTime());
         scene->doneChangingFields();
     }
-    switch (rng() % 8) {
-        case 0:
-            manager->verifyPlayer(test->anyScene(rng)->getPlayer());
-            break;
-        case 1:
-            test->makePlain(rng);
-            break;
-        case 2:
-            test->destroyPlain();
-            break;
-        case 3: {
+    // What a listener may do from its handler, one picked at random each time.
+    const std::function<void()> actions[] = {
+        [&] { manager->verifyPlayer(test->anyScene(rng)->getPlayer()); },
+        [&] { test->makePlain(rng); },
+        [&] { test->destroyPlain(); },
+        [&] {
             LxVrmlSupport* other = test->anyScene(rng);
             other->setRate(rng() % 2 ? 1.0f : 2.0f);
             other->setStopTime(LxTime::zero());
-            break;
-        }
-        case 4:
-            test->anyScene(rng)->stop();
-            break;
-        case 5:
-            if (rng() % 4 == 0 && test->anyScene(rng)->destroyPlayer() == LX_OK) {
-                ++test->destroyedOther;
-            }
-            break;
-        case 6:
+        },
+        [&] { test->anyScene(rng)->stop(); },
+        [&] { test->destroyedOther += rng() % 4 == 0 && test->anyScene(rng)->destroyPlayer() == LX_OK; },
+        [&] {
             if (rng() % 4 == 0 && scene->getPlayer() != nullptr) {
                 scene->destroyPlayer();  // its own: the handler returns to a poster that ends
                 ++test->destroyedOwn;
             }
-            break;
-        default:
-            break;
-    }
+        },
+        [] {},
+    };
+    actions[rng() % 8]();
 }
 
 TEST_F(Reentrant, ListenersCallingBackWhileHostsDestroyNeverHang) {

@@ -6,6 +6,7 @@
 #include "LxAudioOutputPort.h"
 #include "LxResult.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace lxtest {
@@ -18,48 +19,26 @@ class FakeAudioPort : public LxAudioOutputPort {
     }
 
     long setSoundLocation(const float* xyz) override {
-        for (int i = 0; i < 3; ++i) {
-            location_[i] = xyz[i];
-        }
+        std::copy(xyz, xyz + 3, location_);
         return LX_OK;
     }
     const float* getLocation() const override { return location_; }
-    long setGain(float gain) override {
-        gain_ = gain;
-        return LX_OK;
-    }
-    long setPan(float pan) override {
-        pan_ = pan;
-        return LX_OK;
-    }
-    float getPan() const override { return pan_; }
+    long setGain(float gain) override { return set(gain_, gain); }
     float getGain() const override { return gain_; }
-    long setPriority(float priority) override {
-        priority_ = priority;
-        return LX_OK;
-    }
+    long setPan(float pan) override { return set(pan_, pan); }
+    float getPan() const override { return pan_; }
+    long setPriority(float priority) override { return set(priority_, priority); }
     float getPriority() const override { return priority_; }
-    long setSpatialize(char on) override {
-        spatialize_ = on;
-        return LX_OK;
-    }
+    long setSpatialize(char on) override { return set(spatialize_, on); }
     char getSpatialize() const override { return spatialize_; }
 
     long grantChannel() override {
         ++grants;
-        if (refuse) {
-            return LX_ERR_GENERIC;
-        }
-        channelHeld = 1;
-        return LX_OK;
+        return hold(1);
     }
     long revokeChannel() override {
         ++revokes;
-        if (refuse) {
-            return LX_ERR_GENERIC;
-        }
-        channelHeld = 0;
-        return LX_OK;
+        return hold(0);
     }
 
     std::atomic<int> grants{0};
@@ -67,6 +46,18 @@ class FakeAudioPort : public LxAudioOutputPort {
     bool refuse = false;
 
   private:
+    long hold(char held) {
+        if (refuse) {
+            return LX_ERR_GENERIC;
+        }
+        channelHeld = held;
+        return LX_OK;
+    }
+    template <class T>
+    static long set(T& field, T value) {
+        field = value;
+        return LX_OK;
+    }
     float priority_;
     float gain_;
     float pan_ = 0.0f;

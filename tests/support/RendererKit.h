@@ -1,5 +1,5 @@
-// For the audio renderer's tests: sox clips, the signal measures sound is judged by, and (with
-// RENDERER_KIT_SIM) the renderer on the simulated card, whose output the test advances itself.
+// For the tests that judge sound: sox clips and the signal measures (onset, peak, correlation,
+// tone power).
 #ifndef LORVEX_TESTS_SUPPORT_RENDERER_KIT_H
 #define LORVEX_TESTS_SUPPORT_RENDERER_KIT_H
 

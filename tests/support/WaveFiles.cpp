@@ -6,18 +6,11 @@
 namespace lxtest {
 
 std::string le16(uint16_t v) {
-    std::string s(2, '\0');
-    s[0] = static_cast<char>(v & 0xFF);
-    s[1] = static_cast<char>(v >> 8);
-    return s;
+    return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8)};
 }
 
 std::string le32(uint32_t v) {
-    std::string s(4, '\0');
-    for (int i = 0; i < 4; ++i) {
-        s[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-    }
-    return s;
+    return le16(static_cast<uint16_t>(v & 0xFFFF)) + le16(static_cast<uint16_t>(v >> 16));
 }
 
 namespace {

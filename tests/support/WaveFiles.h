@@ -37,9 +37,8 @@ std::string dataOf(const std::string& file);
 uint64_t checksum(const std::string& bytes);
 
 /// Writes a clip with sox into dir; returns its path, or "" when sox is missing or fails. Without
-/// an encoding: bits is 8 (unsigned samples) or 16 (signed), tones of 440 and 660 Hz in turn on the
-/// channels. With a sox encoding ("floating-point", "mu-law" ...): a 440 Hz tone at half scale on
-/// every channel, undithered.
+/// an encoding: 8-bit unsigned or 16-bit signed, tones of 440 and 660 Hz in turn on the channels;
+/// with one ("floating-point", "mu-law" ...): 440 Hz at half scale on every channel, undithered.
 std::string soxClip(const TempDir& dir, const std::string& name, int rate, int bits, int channels,
                     double seconds, const char* encoding = nullptr);
 

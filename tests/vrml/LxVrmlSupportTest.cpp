@@ -19,7 +19,6 @@
 namespace {
 
 using lxtest::FakeAudioPort;
-
 using lxtest::RecordingPlayer;
 using lxtest::SceneManager;
 
@@ -50,6 +49,15 @@ class VrmlTest : public ::testing::Test {
     void ready() {
         ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
         calls.clear();
+    }
+    /// The player's requests since the last look, comma-separated.
+    std::string took() {
+        std::string made;
+        for (const std::string& call : calls) {
+            made += (made.empty() ? "" : ", ") + call;
+        }
+        calls.clear();
+        return made;
     }
     void startAt(double startTime, bool loop) {
         support->beginChangingFields(LxTime(5000.0));
@@ -89,11 +97,7 @@ TEST_F(VrmlTest, StartRules) {
         ready();
         EXPECT_EQ(manager->clock, player->timeBaseSet);
         startAt(c.start, c.loop);
-        std::string made;
-        for (const std::string& call : calls) {
-            made += (made.empty() ? "" : ", ") + call;
-        }
-        EXPECT_EQ(c.calls, made);
+        EXPECT_EQ(c.calls, took());
         EXPECT_NEAR(c.start - (c.latency < 0 ? c.latency : 0), support->getStartTime().getValue(), 1e-6);
     }
 }
@@ -105,24 +109,19 @@ TEST_F(VrmlTest, StopTimeRulesAndRestart) {
     support->setStartTime(LxTime(5001.0));
     support->setStopTime(LxTime(5001.0));
     support->doneChangingFields();
-    EXPECT_EQ((std::vector<std::string>{"stopAt 2147483648.000", "media 0.100", "stopAt 2147483648.000",
-                                        "start 5001.000"}),
-              calls);
-    calls.clear();
+    EXPECT_EQ("stopAt 2147483648.000, media 0.100, stopAt 2147483648.000, start 5001.000", took());
     support->setStopTime(LxTime(5010.0));  // outside a batch: applied at once, and the start re-runs
-    EXPECT_EQ((std::vector<std::string>{"stopAt 5010.000", "stop", "media 0.100", "start 5001.000"}), calls);
+    EXPECT_EQ("stopAt 5010.000, stop, media 0.100, start 5001.000", took());
 }
 
 TEST_F(VrmlTest, LoopAndRateChangesTakeEffectAtOnceAndLoopRestartsOnlyAStoppedPlayer) {
     ready();
     player->setPlaying(true);
     support->setLoop(1);
-    EXPECT_EQ((std::vector<std::string>{"loop on"}), calls);
-    calls.clear();
+    EXPECT_EQ("loop on", took());
     support->setRate(2.0f);  // a single setter outside a batch takes effect at once
     support->setRate(1.0f);
-    EXPECT_EQ((std::vector<std::string>{"rate 2.000000", "rate 1.000000"}), calls);
-    calls.clear();
+    EXPECT_EQ("rate 2.000000, rate 1.000000", took());
     player->setPlaying(false);
     support->setLoop(0);
     ASSERT_EQ(3u, calls.size());
@@ -138,19 +137,15 @@ TEST_F(VrmlTest, ChangesBeforeReadyAndWithoutControlAccumulate) {
     support->setStartTime(LxTime(5002.0));
     EXPECT_TRUE(calls.empty()) << "nothing reaches a player that is not ready";
     ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
-    EXPECT_EQ((std::vector<std::string>{"port", "rate 2.000000", "media 0.100", "start 5002.000"}), calls)
+    EXPECT_EQ("port, rate 2.000000, media 0.100, start 5002.000", took())
         << "the sound node has its port before the player starts";
-
-    calls.clear();
     support->setPlayerControl(0);
     support->setLoop(1);
     support->setRate(0.5f);
     support->setStopTime(LxTime(6000.0));
     EXPECT_TRUE(calls.empty());
     support->setPlayerControl(1);
-    EXPECT_EQ((std::vector<std::string>{"loop on", "rate 0.500000", "stopAt 6000.000", "stop", "media 0.100",
-                                        "start 5002.000"}),
-              calls)
+    EXPECT_EQ("loop on, rate 0.500000, stopAt 6000.000, stop, media 0.100, start 5002.000", took())
         << "one recalculation, in the order loop, rate, stop time, start time";
 }
 
@@ -160,8 +155,7 @@ TEST_F(VrmlTest, PortsGoToSoundNodesAndComeBackThroughTheFreeList) {
     support->addSoundNode(&b);
     EXPECT_TRUE(a.seen.empty()) << "ports are handed out once the player is ready";
     ready();
-    ASSERT_EQ(1u, a.seen.size());
-    ASSERT_EQ(1u, b.seen.size());
+    ASSERT_TRUE(a.seen.size() == 1 && b.seen.size() == 1);
     EXPECT_NE(a.seen[0], b.seen[0]);
     for (FakeAudioPort* p : player->ports) {
         EXPECT_FLOAT_EQ(0.0f, p->getGain()) << "every new port starts silent";
@@ -172,8 +166,7 @@ TEST_F(VrmlTest, PortsGoToSoundNodesAndComeBackThroughTheFreeList) {
     support->removeSoundNode(&b);
     support->addSoundNode(&c);
     support->addSoundNode(&d);
-    ASSERT_EQ(1u, c.seen.size());
-    ASSERT_EQ(1u, d.seen.size());
+    ASSERT_TRUE(c.seen.size() == 1 && d.seen.size() == 1);
     EXPECT_EQ(b.seen[0], c.seen[0]) << "the third node reuses the port freed last";
     EXPECT_EQ(a.seen[0], d.seen[0]) << "and the fourth the one freed before";
     EXPECT_EQ(2u, player->ports.size());
@@ -192,8 +185,7 @@ TEST_F(VrmlTest, FailuresLeaveThePlayerNotReady) {
 
     // A destroyed player is detected and nothing is applied.
     player->timeBaseResult = LX_OK;
-    ASSERT_EQ(LX_OK, support->finishInitializingPlayer());
-    calls.clear();
+    ready();
     manager->destroyPlayer(player);
     support->setStartTime(LxTime(5002.0));
     EXPECT_TRUE(calls.empty());

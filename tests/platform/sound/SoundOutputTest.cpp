@@ -1,5 +1,5 @@
-// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA. (What
-// the file sounds like, the listening suite hears through lorvex-play.)
+// The real outputs: the mixing thread in real time into a WAV file, a null output and ALSA (what
+// the file sounds like, the listening suite hears).
 #include "SoundTestKit.h"
 
 #include "LxPlatformSound.h"
@@ -33,32 +33,17 @@ std::vector<int16_t> readWav(const std::string& path, std::string* fmt = nullptr
     return samples;
 }
 
-/// Plays a looping 1 kHz tone on a fresh device for about ms milliseconds of real time.
-void playTone(int ms) {
-    Device dev(44100);
-    const std::vector<int16_t> tone = soundkit::sine16(441, 1000.0 / 44100.0, 16000.0);
-    IDirectSoundBuffer* b = dev.buffer(44100, 1, 16, 882);
-    soundkit::write(b, 0, tone.data(), 882);
-    ASSERT_EQ(DS_OK, b->Play(0, 0, DSBPLAY_LOOPING));
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    b->Release();
-}
-
-class FixedSource : public MixSource {
-  public:
-    void mixInto(float* interleaved, uint32_t frames, uint32_t channels, uint32_t) override {
-        for (uint32_t i = 0; i < frames * channels; ++i) {
-            interleaved[i] += 0.25f;
-        }
-    }
-};
-
 TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     lxtest::TempDir dir;
     const std::string path = dir.file("out.wav");
     LxPlatformSound::useWavFile(path.c_str());
     EXPECT_EQ("WAV file " + path, LxPlatformSound::describeOutput());
-    playTone(300);
+    {
+        Device dev(44100);  // a looping 1 kHz tone for 300 ms of real time
+        IDirectSoundBuffer* b = dev.playing(soundkit::sine16(441, 1000.0 / 44100.0, 16000.0), 44100, true);
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        b->Release();
+    }
     std::string fmt;
     const std::vector<int16_t> first = readWav(path, &fmt);
     EXPECT_EQ(lxtest::pcmFmtBody(2, 44100, 16), fmt);
@@ -67,7 +52,7 @@ TEST(SoundOutput, WavFileHoldsWhatWasHeardAcrossStartsAndMixSources) {
     EXPECT_LT(seconds, 1.5);
 
     // The output stopped with the device; a mix source alone starts it again and appends.
-    FixedSource source;
+    soundkit::QuarterSource source;
     ASSERT_TRUE(addMixSource(&source));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     removeMixSource(&source);
