@@ -113,10 +113,8 @@ TEST_F(FactoryTest, PluginMakesAWorkingPlayerOnlyWhenPresent) {
     LxPlayer* player = reinterpret_cast<LxPlayer*>(0x1234);
     EXPECT_EQ(LX_ERR_GENERIC, m->createPlayer(&source, &player));
     EXPECT_EQ(reinterpret_cast<LxPlayer*>(0x1234), player);
-    m->closeManager();
 
-    KtWin32Library::addSearchDirectory(LORVEX_TEST_PLUGIN_DIR);
-    m = startManager();
+    KtWin32Library::addSearchDirectory(LORVEX_TEST_PLUGIN_DIR);  // looked for at each creation
     ASSERT_EQ(LX_OK, m->createPlayer(&source, &player));
     EXPECT_EQ(LX_OK, m->verifyPlayer(player));
     ASSERT_TRUE(lxtest::waitUntil([&] { return player->getState() == LxNode::STOPPED; }, 20000));
