@@ -1,3 +1,4 @@
+// The message queue and the queue set: order, blocking receives across threads, one waiter.
 #include "LxQueue.h"
 
 #include "LxResult.h"
@@ -13,25 +14,23 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Releases a queue the way its holders do.
-struct QueueRef {
-    LxQueue* q = new LxQueue();
-    ~QueueRef() { q->unref(); }
-    LxQueue* operator->() { return q; }
-};
-
-// Reaches the protected waiter operations.
-class ExposedQueue : public LxQueue {
+// Reaches the protected waiter operations; released the way the queue's holders do.
+class TestQueue : public LxQueue {
   public:
     using LxQueue::addWaiter;
     using LxQueue::removeWaiter;
+};
+struct QueueRef {
+    TestQueue* q = new TestQueue();
+    ~QueueRef() { q->unref(); }
+    TestQueue* operator->() { return q; }
 };
 
 void* msg(intptr_t v) {
     return reinterpret_cast<void*>(v);
 }
 
-TEST(LxQueue, SendIsFifoPushGoesFirstAndAnEmptyReceiveTimesOut) {
+TEST(LxQueue, SendIsFifoPushGoesFirstAnEmptyReceiveTimesOutAndOneWaiterAtATime) {
     QueueRef q;
     EXPECT_EQ(nullptr, q->peek());
     EXPECT_FALSE(q->poll());
@@ -47,6 +46,13 @@ TEST(LxQueue, SendIsFifoPushGoesFirstAndAnEmptyReceiveTimesOut) {
     const auto start = Clock::now();
     EXPECT_EQ(nullptr, q->receive(1, LxTime(0, 200000)));
     EXPECT_GE(lxtest::msSince(start), 190.0);
+
+    KtWaitNotify a, b;
+    EXPECT_EQ(LX_OK, q->addWaiter(&a));
+    EXPECT_EQ(LX_ERR_ALREADY_TAKEN, q->addWaiter(&b));
+    EXPECT_EQ(LX_ERR_NOT_QUEUE_WAITER, q->removeWaiter(&b));
+    EXPECT_EQ(LX_OK, q->removeWaiter(&a));
+    EXPECT_EQ(LX_ERR_NOT_QUEUE_WAITER, q->removeWaiter(&a));
     // Messages belong to their senders: a queue destroyed with some left frees only its own nodes
     // (these fake pointers would crash a queue that deleted them; LeakSanitizer watches the nodes).
     q->send(msg(4));
@@ -56,8 +62,7 @@ TEST(LxQueue, SendIsFifoPushGoesFirstAndAnEmptyReceiveTimesOut) {
 // one sender sends (not pushes) stay in order.
 TEST(LxQueue, ManySendersLoseNothing) {
     QueueRef q;
-    constexpr int kSenders = 3;
-    constexpr int kEach = 3000;
+    constexpr int kSenders = 3, kEach = 3000;
     std::vector<std::thread> senders;
     for (int s = 0; s < kSenders; ++s) {
         senders.emplace_back([&, s] {
@@ -70,14 +75,12 @@ TEST(LxQueue, ManySendersLoseNothing) {
     std::set<intptr_t> seen;
     std::vector<intptr_t> lastSent(kSenders, 0);
     while (seen.size() < static_cast<size_t>(kSenders * kEach)) {
-        void* m = q->receive(1, LxTime(30, 0));
-        ASSERT_NE(nullptr, m) << "a message was lost after " << seen.size();
-        const intptr_t v = reinterpret_cast<intptr_t>(m);
+        const intptr_t v = reinterpret_cast<intptr_t>(q->receive(1, LxTime(30, 0)));
+        ASSERT_NE(0, v) << "a message was lost after " << seen.size();
         ASSERT_TRUE(seen.insert(v).second) << "duplicate " << v;
-        const int s = static_cast<int>((v - 1) / kEach);
         if ((v - 1) % kEach % 7 != 0) {
-            EXPECT_GT(v, lastSent[s]) << "sent out of order";
-            lastSent[s] = v;
+            EXPECT_GT(v, lastSent[(v - 1) / kEach]) << "sent out of order";
+            lastSent[(v - 1) / kEach] = v;
         }
     }
     for (auto& t : senders) {
@@ -86,21 +89,8 @@ TEST(LxQueue, ManySendersLoseNothing) {
     EXPECT_EQ(0, q->length());
 }
 
-TEST(LxQueue, OneWaiterAtATime) {
-    ExposedQueue* q = new ExposedQueue();
-    KtWaitNotify a;
-    KtWaitNotify b;
-    EXPECT_EQ(LX_OK, q->addWaiter(&a));
-    EXPECT_EQ(LX_ERR_ALREADY_TAKEN, q->addWaiter(&b));
-    EXPECT_EQ(LX_ERR_NOT_QUEUE_WAITER, q->removeWaiter(&b));
-    EXPECT_EQ(LX_OK, q->removeWaiter(&a));
-    EXPECT_EQ(LX_ERR_NOT_QUEUE_WAITER, q->removeWaiter(&a));
-    q->unref();
-}
-
 TEST(LxQueueSet, ReportsMessagesAndTimeOutsAndForgetsARemovedQueue) {
-    QueueRef q1;
-    QueueRef q2;
+    QueueRef q1, q2, stranger;
     LxQueueSet set(q1.q, q2.q, static_cast<LxQueue*>(nullptr));
     EXPECT_EQ(2u, q1->refCount()) << "the set holds each queue it watches";
     const auto start = Clock::now();
@@ -110,18 +100,22 @@ TEST(LxQueueSet, ReportsMessagesAndTimeOutsAndForgetsARemovedQueue) {
     EXPECT_EQ(LX_QUEUE_HAS_MESSAGE, set.waitForAny(0)) << "a queued message is reported at once";
     EXPECT_EQ(msg(5), q2->receive(0, LxTime::zero()));
 
-    EXPECT_EQ(LX_OK, set.removeQueue(q2.q));
-    EXPECT_EQ(1u, q2->refCount());
-    q2->send(msg(6));
+    EXPECT_EQ(LX_OK, set.removeQueue(stranger.q));
+    EXPECT_EQ(1u, stranger->refCount()) << "a queue the set never watched keeps its reference";
+    EXPECT_EQ(LX_OK, set.removeQueue(q1.q));  // the first watched, where the set's list starts
+    EXPECT_EQ(1u, q1->refCount());
+    q1->send(msg(6));
     EXPECT_EQ(LX_QUEUE_WAIT_TIMED_OUT, set.waitForAny(20)) << "a removed queue is no longer watched";
+    q1->receive(0, LxTime::zero());
+    q2->send(msg(7));
+    EXPECT_EQ(LX_QUEUE_HAS_MESSAGE, set.waitForAny(0)) << "the other one still is";
     q2->receive(0, LxTime::zero());
 }
 
+// A message that arrives between the set's check and its wait must not be missed: the race is
+// repeated many times with both send and push.
 TEST(LxQueueSet, ArrivalWakesTheWaiterWithoutMissingOne) {
-    // A message that arrives between the set's check and its wait must not be missed: repeat the
-    // race many times with both send and push.
-    QueueRef q1;
-    QueueRef q2;
+    QueueRef q1, q2;
     LxQueueSet set(q1.q, q2.q, static_cast<LxQueue*>(nullptr));
     for (int i = 0; i < 300; ++i) {
         LxQueue* target = (i % 2) ? q1.q : q2.q;

@@ -1,40 +1,40 @@
+// Times in seconds and microseconds: the normal form each operation leaves, milliseconds, the
+// limits; and the reference count shared by the library's objects.
 #include "LxTime.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
 
-void expectTime(const LxTime& t, int32_t sec, int32_t usec) {
-    EXPECT_EQ(sec, t.sec()) << "usec=" << t.usec();
-    EXPECT_EQ(usec, t.usec()) << "sec=" << t.sec();
-}
+// A macro, so that a failure names the line of its case.
+#define EXPECT_TIME(t, s, us) \
+    EXPECT_EQ(std::make_pair(int32_t{s}, int32_t{us}), std::make_pair((t).sec(), (t).usec()))
 
-TEST(LxTime, DoubleConstructorRoundsToNormalForm) {
-    expectTime(LxTime(-0.25), -1, 750000);
-    expectTime(LxTime(1.0000004), 1, 0);
-    expectTime(LxTime(1.0000005), 1, 1);
-    expectTime(LxTime(2.5), 2, 500000);
+TEST(LxTime, DoubleConstructorRoundsToNormalFormAndSetValueTruncatesToSignAndMagnitude) {
+    EXPECT_TIME(LxTime(-0.25), -1, 750000);
+    EXPECT_TIME(LxTime(1.0000004), 1, 0);
+    EXPECT_TIME(LxTime(1.0000005), 1, 1);
+    EXPECT_TIME(LxTime(2.5), 2, 500000);
     // No carry: a fraction that rounds up to a whole second stays in the microseconds.
-    expectTime(LxTime(1.9999996), 1, 1000000);
-    expectTime(LxTime(-1.5), -2, 500000);
+    EXPECT_TIME(LxTime(1.9999996), 1, 1000000);
+    EXPECT_TIME(LxTime(-1.5), -2, 500000);
     EXPECT_DOUBLE_EQ(-0.25, LxTime(-0.25).getValue());
-}
-
-TEST(LxTime, SetValueTruncatesIntoSignAndMagnitudeForm) {
+    // setValue truncates into sign-and-magnitude form instead.
     LxTime t;
     t.setValue(-0.25);
-    expectTime(t, 0, -250000);
+    EXPECT_TIME(t, 0, -250000);
     EXPECT_DOUBLE_EQ(-0.25, t.getValue());
     EXPECT_FALSE(t == LxTime(-0.25)) << "the two forms of one value compare unequal";
     t.setValue(1.0000009);
-    expectTime(t, 1, 0);
+    EXPECT_TIME(t, 1, 0);
     t.setValue(-1.5);
-    expectTime(t, -1, -500000);
+    EXPECT_TIME(t, -1, -500000);
     t.setValue(7, -3);  // stored as given
-    expectTime(t, 7, -3);
+    EXPECT_TIME(t, 7, -3);
 }
 
 TEST(LxTime, MillisecondsTruncateAndWrapIn32Bits) {
@@ -43,42 +43,36 @@ TEST(LxTime, MillisecondsTruncateAndWrapIn32Bits) {
     EXPECT_EQ(static_cast<uint32_t>(-250), LxTime(0, -250000).getMsecValue());
     EXPECT_EQ(0xFFFFFFFFu, LxTime::maxTime().getMsecValue());
     EXPECT_EQ(0u, LxTime(0, 999).getMsecValue());
+    EXPECT_EQ(LxTime::zero(), LxTime());
 }
 
-TEST(LxTime, SubtractionBorrowStopsAtZeroSeconds) {
-    expectTime(LxTime(0, 0) - LxTime(0, 500000), 0, -500000);
-    expectTime(LxTime(1, 0) - LxTime(2, 500000), -1, -500000);
-    expectTime(LxTime(2, 0) - LxTime(0, 500000), 1, 500000);
-    expectTime(LxTime(5, 100) - LxTime(2, 200), 2, 999900);
+TEST(LxTime, SubtractionBorrowStopsAtZeroSecondsAndNegationGivesNormalForm) {
+    EXPECT_TIME(LxTime(0, 0) - LxTime(0, 500000), 0, -500000);
+    EXPECT_TIME(LxTime(1, 0) - LxTime(2, 500000), -1, -500000);
+    EXPECT_TIME(LxTime(2, 0) - LxTime(0, 500000), 1, 500000);
+    EXPECT_TIME(LxTime(5, 100) - LxTime(2, 200), 2, 999900);
     EXPECT_DOUBLE_EQ(-1.5, (LxTime(1, 0) - LxTime(2, 500000)).getValue());
-}
-
-TEST(LxTime, NegationGivesNormalForm) {
-    expectTime(-LxTime(3, 0), -3, 0);
-    expectTime(-LxTime(3, 1), -4, 999999);
-    expectTime(-LxTime(0, 250000), -1, 750000);
-    expectTime(-(-LxTime(3, 1)), 3, 1);
+    EXPECT_TIME(-LxTime(3, 0), -3, 0);
+    EXPECT_TIME(-LxTime(3, 1), -4, 999999);
+    EXPECT_TIME(-LxTime(0, 250000), -1, 750000);
+    EXPECT_TIME(-(-LxTime(3, 1)), 3, 1);
 }
 
 TEST(LxTime, SumsCarryOnceProductsGoThroughSecondsAndComparisonIsOnSignedFields) {
-    expectTime(LxTime(1, 500000) + LxTime(0, 700000), 2, 200000);
-    expectTime(LxTime(1, 999999) + LxTime(1, 999999), 3, 999998);
-    expectTime(LxTime(2, 0) + LxTime(0, -250000), 2, -250000);  // a negative sum is left alone
-    expectTime(2.0 * LxTime(1, 500000), 3, 0);
-    expectTime(LxTime(1, 0) * -0.25, -1, 750000);
-    expectTime(LxTime(1, 0) / 3.0, 0, 333333);
+    EXPECT_TIME(LxTime(1, 500000) + LxTime(0, 700000), 2, 200000);
+    EXPECT_TIME(LxTime(1, 999999) + LxTime(1, 999999), 3, 999998);
+    EXPECT_TIME(LxTime(2, 0) + LxTime(0, -250000), 2, -250000);  // a negative sum is left alone
+    EXPECT_TIME(2.0 * LxTime(1, 500000), 3, 0);
+    EXPECT_TIME(LxTime(1, 0) * -0.25, -1, 750000);
+    EXPECT_TIME(LxTime(1, 0) / 3.0, 0, 333333);
     EXPECT_TRUE(LxTime::maxTime() > LxTime(2147483646, 999999));
     EXPECT_TRUE(LxTime::maxTime() >= LxTime(2147483647, 5));
     EXPECT_TRUE(LxTime(-1, 999999) < LxTime(0, 0));
     EXPECT_TRUE(LxTime(0, -1) < LxTime(0, 0));
-    EXPECT_EQ(LxTime::zero(), LxTime());
-}
-
-TEST(LxTime, ArithmeticNearTheLimitsStaysDefined) {
     // maxTime() + 1 s wraps around as 32-bit fields do; it must not be undefined behaviour.
     const LxTime sum = LxTime::maxTime() + LxTime(1, 0);
     EXPECT_EQ(-2147483647 - 1, sum.sec());
-    expectTime(LxTime(1e12), 2147483647, 999999);  // saturates instead of wrapping to the past
+    EXPECT_TIME(LxTime(1e12), 2147483647, 999999);  // saturates instead of wrapping to the past
     const LxTime neg = -LxTime(-2147483647 - 1, 0);
     EXPECT_EQ(-2147483647 - 1, neg.sec());
 }
@@ -114,8 +108,7 @@ TEST(LxRefCount, ConcurrentRefAndUnrefDestroyExactlyOnce) {
     for (int round = 0; round < 50; ++round) {
         int destroyed = 0;
         Counted* obj = new Counted(&destroyed);
-        constexpr int kThreads = 4;
-        constexpr int kHolds = 250;
+        constexpr int kThreads = 4, kHolds = 250;
         for (int i = 0; i < kThreads * kHolds; ++i) {
             obj->ref();
         }

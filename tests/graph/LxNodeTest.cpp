@@ -24,6 +24,7 @@ using lxtest::RecordingListener;
 using lxtest::SequencedEvent;
 using lxtest::TestNode;
 
+// A listening queue, drained and released at the end.
 struct QueueRef {
     LxQueue* q = new LxQueue();
     ~QueueRef() {
@@ -34,24 +35,33 @@ struct QueueRef {
     }
 };
 
+/// Runs fn on the handler of the first event it is given.
+class CallingListener : public LxEventListener {
+  public:
+    std::function<void()> fn;
+    std::atomic<bool> done{false};
+    void handleEvent(LxEvent*) override {
+        if (!done.load()) {
+            fn();
+            done = true;
+        }
+    }
+};
+
 class NodeTest : public ::testing::Test {
   protected:
     KtRecordingThreadManager threads;
     lxtest::ScopedTestManager manager{&threads};
 };
 
-TEST_F(NodeTest, DeadIsFinal) {
+TEST_F(NodeTest, DeadIsFinalAndConnectableLookupIsExactAndTakesTheFirstMatch) {
     TestNode node(manager.get());
     EXPECT_EQ(1, node.setCurrentState(LxNode::STOPPED));
     EXPECT_EQ(1, node.setCurrentState(LxNode::STARTED));
     EXPECT_EQ(1, node.setCurrentState(LxNode::DEAD));
-    EXPECT_EQ(0, node.setCurrentState(LxNode::STARTED));
+    EXPECT_EQ(0, node.setCurrentState(LxNode::STARTED)) << "dead is final";
     EXPECT_EQ(0, node.setCurrentState(LxNode::DEAD));
     EXPECT_EQ(LxNode::DEAD, node.getState());
-}
-
-TEST_F(NodeTest, ConnectableLookupIsExactAndTakesTheFirstMatch) {
-    TestNode node(manager.get());
     LxOutputConnectable* out = reinterpret_cast<LxOutputConnectable*>(0x1);
     EXPECT_EQ(LX_ERR_NO_CONNECTABLE, node.getOutputConnectable("Video", &out));
     EXPECT_EQ(nullptr, out);
@@ -155,18 +165,24 @@ TEST_F(NodeTest, NoPosterThreadMeansOutOfMemoryAndNothingAdded) {
 TEST_F(NodeTest, NodeDestroyedWithEventsQueuedForItsPosterReleasesThem) {
     lxtest::requireLog();
     RecordingListener listener;
+    CallingListener holder;  // holds the poster in its first handler until released
+    std::atomic<bool> held{false}, released{false};
+    holder.fn = [&] {
+        held = true;
+        lxtest::waitUntil([&] { return released.load(); }, 30000);
+    };
     const int before = SequencedEvent::alive.load();
     TestNode* node = new TestNode(manager.get());
     ASSERT_EQ(LX_OK, node->setEventListener(&listener));
-    listener.holdNext();
+    ASSERT_EQ(LX_OK, node->setEventListener(&holder));
     for (int i = 0; i < 20; ++i) {
         node->postEvent(new SequencedEvent(node, i));
     }
-    ASSERT_TRUE(listener.waitUntilHeld());
+    ASSERT_TRUE(lxtest::waitUntil([&] { return held.load(); }));
     std::thread destroyer([node] { delete node; });
     // The destructor waits for the poster, which is inside the first handler.
     ASSERT_TRUE(lxtest::waitUntil([] { return LxLogSink::contains("LxEventPoster:  destructing\n"); }));
-    listener.release();
+    released = true;
     destroyer.join();
     EXPECT_EQ(before, SequencedEvent::alive.load());
     EXPECT_LT(listener.count(), 20u);
@@ -202,19 +218,6 @@ TEST_F(NodeTest, LateListenerHearsTheKeptStateEventsOnce) {
     EXPECT_EQ((V{{9, 0xE3}, {2, 2}, {-100, 0x201}}), summary(late));
     EXPECT_EQ((V{{9, 0xE3}, {2, 2}, {-100, 0x201}}), summary(last));
 }
-
-/// Runs fn on the handler of the first event it is given.
-class CallingListener : public LxEventListener {
-  public:
-    std::function<void()> fn;
-    std::atomic<bool> done{false};
-    void handleEvent(LxEvent*) override {
-        if (!done.load()) {
-            fn();
-            done = true;
-        }
-    }
-};
 
 // Two handlers, each destroying the other's node at the same moment: neither may wait for the
 // other for ever. Repeated, since which of them finds the cycle varies.

@@ -9,11 +9,6 @@
 
 namespace {
 
-std::string contentOf(const char* fileName) {
-    LxFilenameDataSource source(fileName);
-    return source.getContentName();
-}
-
 TEST(LxFilenameDataSource, ContentNamesComeFromTheFirstMatchingPrefixInTableOrder) {
     struct Case {
         const char* file;
@@ -32,7 +27,7 @@ TEST(LxFilenameDataSource, ContentNamesComeFromTheFirstMatchingPrefixInTableOrde
         {"a.b.mid", "x-music/x-midi"}, {"x.", "text/html"},          {"", "text/html"},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(std::string(c.content), contentOf(c.file)) << c.file;
+        EXPECT_EQ(std::string(c.content), LxFilenameDataSource(c.file).getContentName()) << c.file;
     }
 }
 

@@ -1,5 +1,5 @@
-// The player framework: requests on the player thread, guards, shutdown, and the orchestration of
-// renderer nodes (start confirmation, end of media, stop time, looping, time bases, rates).
+// The player framework: requests on the player thread, shutdown, and the orchestration of renderer
+// nodes (start confirmation, end of media, stop time, looping, time bases, rates, the run loop).
 #include "LxPlayer.h"
 
 #include "LxAudioRendererNode.h"
@@ -26,30 +26,23 @@ using lxtest::StepTimeBase;
 using lxtest::TestPlayer;
 using lxtest::TestRendererNode;
 
-// A renderer that tells when it is destroyed and records the threads it is driven from.
+// A renderer that records the media times it is given and the threads it is driven from.
 class TracedRenderer : public TestRendererNode {
   public:
-    TracedRenderer(LxManager* m, std::atomic<int>* destroyed) : TestRendererNode(m), destroyed_(destroyed) {}
-    ~TracedRenderer() override { ++*destroyed_; }
+    using TestRendererNode::TestRendererNode;
     long setMediaTime(LxTime t) override {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            mediaTimes.push_back(t.getValue());
-            threads.push_back(std::this_thread::get_id());
+            calls.emplace_back(t.getValue(), std::this_thread::get_id());
         }
         return TestRendererNode::setMediaTime(t);
     }
-
     std::mutex mutex;
-    std::vector<double> mediaTimes;
-    std::vector<std::thread::id> threads;
-
-  private:
-    std::atomic<int>* destroyed_;
+    std::vector<std::pair<double, std::thread::id>> calls;
 };
 
 // A player on the shared run loop whose steps the test scripts: what loading gives, how early it
-// starts its work; it records each call of its work (with the time to the start) and its stop.
+// starts its work; it counts the calls of its work (keeping the last time to the start) and its stop.
 class LoopPlayer : public LxPlayer {
   public:
     LoopPlayer(LxManager* m, long loadResult, unsigned long lead)
@@ -66,34 +59,29 @@ class LoopPlayer : public LxPlayer {
         KtScopedLock guard(signal);
         return threadRunning != 0;
     }
-    std::vector<unsigned long> work() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return work_;
-    }
-    std::atomic<int> silenced{0};
+    std::atomic<int> silenced{0}, steps{0};
+    std::atomic<unsigned long> toStart{0};
 
   protected:
     void run() override {}
     long loadClip() override { return loadResult_; }
     unsigned long cueLead() override { return lead_; }
     void silenceAtStopTime() override { ++silenced; }
-    unsigned long playStep(unsigned long toStart) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        work_.push_back(toStart);
+    unsigned long playStep(unsigned long ms) override {
+        toStart = ms;
+        ++steps;
         return KT_INFINITE;
     }
 
   private:
     long loadResult_;
     unsigned long lead_;
-    std::mutex mutex_;
-    std::vector<unsigned long> work_;
 };
 
 class PlayerTest : public ::testing::Test {
   protected:
-    // Connects the player's "Audio" output to a renderer and lets the player find it (the player
-    // owns it from then on).
+    TestRendererNode* renderer() { return new TestRendererNode(manager.get()); }
+    // Connects the player's "Audio" output to a renderer, which the player owns from then on.
     template <class R>
     R* attach(TestPlayer& player, R* renderer) {
         EXPECT_EQ(LX_OK, player.audioOutput()->connectTo(renderer));
@@ -111,21 +99,28 @@ class PlayerTest : public ::testing::Test {
     static bool reaches(LxPlayer& player, LxNode::LxNodeState s) {
         return lxtest::waitUntil([&] { return player.getState() == s; });
     }
+    // The player initialised, heard by the test's listener and on the test's time base (at 100 s).
+    void ready(LxPlayer& player) {
+        player.setEventListener(&listener);
+        EXPECT_TRUE(reaches(player, LxNode::STOPPED));
+        EXPECT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    }
+    bool heard(LxEventType_s type, size_t times = 1) {
+        return lxtest::waitUntil([&] { return listener.count(type) == times; });
+    }
 
     KtRecordingThreadManager threads;
     lxtest::ScopedTestManager manager{&threads};
     StepTimeBase timeBase{manager.get()};
-    std::atomic<int> destroyed{0};
     RecordingListener listener;  // outlives the players of a test
 };
 
 TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetters) {
     TestPlayer player(manager.get());
-    auto* r = attach(player, new TracedRenderer(manager.get(), &destroyed));
+    auto* r = attach(player, new TracedRenderer(manager.get()));
     ASSERT_TRUE(reaches(player, LxNode::STOPPED));
 
-    // A no-reply request followed at once by a getter from the same thread.
-    player.setLoop(1);
+    player.setLoop(1);  // no reply is awaited, yet a getter from the same thread sees it
     EXPECT_EQ(1, player.getLoop());
     EXPECT_EQ(1, r->lastLoop.load());
 
@@ -141,15 +136,13 @@ TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetter
     b.join();
     {
         std::lock_guard<std::mutex> lock(r->mutex);
-        ASSERT_EQ(40u, r->mediaTimes.size());
-        double lastA = 0, lastB = 0;
-        for (size_t i = 0; i < r->mediaTimes.size(); ++i) {
-            const double t = r->mediaTimes[i];
-            double& last = t < 200 ? lastA : lastB;
-            EXPECT_GT(t, last);
-            last = t;
-            EXPECT_EQ(r->threads[0], r->threads[i]);
-            EXPECT_NE(std::this_thread::get_id(), r->threads[i]);
+        ASSERT_EQ(40u, r->calls.size());
+        double last[2] = {0, 0};
+        for (const auto& call : r->calls) {
+            EXPECT_GT(call.first, last[call.first >= 200]);
+            last[call.first >= 200] = call.first;
+            EXPECT_EQ(r->calls[0].second, call.second);
+            EXPECT_NE(std::this_thread::get_id(), call.second);
         }
     }
 
@@ -173,36 +166,24 @@ TEST_F(PlayerTest, RequestsRunOnThePlayerThreadInOrderAndGettersSeeEarlierSetter
     EXPECT_EQ(LxNode::STOPPED, player.getState());
 }
 
-TEST_F(PlayerTest, NullRateSendsNothingAndTinyRatesBecomeZeroForTheCallerToo) {
+TEST_F(PlayerTest, RatesReachTheNodesTinyOnesBecomeZeroAndAChangeWhileStartedDoesNotJump) {
     TestPlayer player(manager.get());
-    auto* r = attach(player, new TestRendererNode(manager.get()));
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    auto* r = attach(player, renderer());
+    ready(player);
     r->lastRate = 42.0f;
-    EXPECT_EQ(LX_ERR_GENERIC, player.setRate(nullptr));
+    EXPECT_EQ(LX_ERR_GENERIC, player.setRate(nullptr)) << "a null rate sends nothing";
     EXPECT_EQ(1.0f, player.getRate());
     EXPECT_EQ(42.0f, r->lastRate.load());
-
     const struct {
         float asked, given;
-    } cases[] = {{0.0005f, 0.0f}, {-1.0f, -1.0f}, {0.0f, 0.0f}, {0.001f, 0.001f}};
+    } cases[] = {{0.0005f, 0.0f}, {-1.0f, -1.0f}, {0.0f, 0.0f}, {0.001f, 0.001f}, {1.0f, 1.0f}};
     for (const auto& c : cases) {
         float rate = c.asked;
         EXPECT_EQ(LX_OK, player.setRate(&rate));
-        EXPECT_EQ(c.given, rate);
+        EXPECT_EQ(c.given, rate) << "the caller's rate too";
         EXPECT_EQ(c.given, player.getRate());
         EXPECT_EQ(c.given, r->lastRate.load());
     }
-
-    // A node that refuses the rate is reported to the caller.
-    r->setRateResult(LX_ERR_CLOCK_RUNNING);
-    float rate = 2.0f;
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, player.setRate(&rate));
-}
-
-TEST_F(PlayerTest, ChangingTheRateWhileStartedContinuesWithoutAJump) {
-    TestPlayer player(manager.get());
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
     ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
     timeBase.set(101.0);
     EXPECT_NEAR(1.0, player.getMediaTime().getValue(), 1e-6);
@@ -211,26 +192,16 @@ TEST_F(PlayerTest, ChangingTheRateWhileStartedContinuesWithoutAJump) {
     EXPECT_NEAR(1.0, player.getMediaTime().getValue(), 1e-6);
     timeBase.set(102.0);
     EXPECT_NEAR(3.0, player.getMediaTime().getValue(), 1e-6);
-}
-
-TEST_F(PlayerTest, UninitialisedPlayerRefusesTheNodeOperations) {
-    TestPlayer::Options options;
-    options.initialize = false;
-    TestPlayer player(manager.get(), options);
-    EXPECT_EQ(LX_ERR_GENERIC, player.startAtTime(LxTime()));
-    float rate = 2.0f;
-    EXPECT_EQ(LX_ERR_GENERIC, player.setRate(&rate));
-    EXPECT_EQ(LX_ERR_GENERIC, player.setMediaTime(LxTime(1, 0)));
-    player.prefetch();
-    EXPECT_EQ(LxNode::UNINITIALIZED, player.getState());
+    player.stop();
+    r->setRateResult(LX_ERR_CLOCK_RUNNING);
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, player.setRate(&rate)) << "a node's refusal is the caller's answer";
 }
 
 TEST_F(PlayerTest, StartWaitsForEveryNodeToConfirm) {
     TestPlayer player(manager.get());
-    player.setEventListener(&listener);
-    auto* quick = attach(player, new TestRendererNode(manager.get()));
-    // A second renderer behind the first one's own output.
-    auto* slow = new TestRendererNode(manager.get());
+    auto* quick = attach(player, renderer());
+    // A second renderer behind the first one's own output, which the first reports as its own.
+    auto* slow = renderer();
     slow->setStartMode(TestRendererNode::Silent);
     LxAudioOutputConnectable chained;
     chained.initFormats(LxSample16, LxStereo, 44100.0f, 4, LxFormat::PullStream, 0);
@@ -239,10 +210,8 @@ TEST_F(PlayerTest, StartWaitsForEveryNodeToConfirm) {
     char name[] = "Chained";
     char* names[] = {name};
     LxOutputConnectable* outs[] = {&chained};
-    // The first renderer reports the chained output as its own.
     quick->setOutputs(names, outs, 1);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ready(player);
 
     auto started = std::async(std::launch::async, [&] { return player.startAtTime(LxTime(100, 0)); });
     ASSERT_TRUE(lxtest::waitUntil([&] { return slow->starts.load() == 1; }));
@@ -253,63 +222,56 @@ TEST_F(PlayerTest, StartWaitsForEveryNodeToConfirm) {
     EXPECT_EQ(LxNode::STARTED, player.getState());
     EXPECT_TRUE(player.flagsOf(slow).started);
     EXPECT_TRUE(player.flagsOf(quick).started);
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStartEventType) == 1; }));
-
+    EXPECT_TRUE(heard(LxStartEventType));
     player.stop();  // nodes are stopped and set to the player's media time
     EXPECT_EQ(1, slow->stops.load());
     EXPECT_EQ(1, quick->stops.load());
     EXPECT_FALSE(player.flagsOf(slow).started);
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopByRequestEventType) == 1; }));
+    EXPECT_TRUE(heard(LxStopByRequestEventType));
     // The chained output is the test's and goes first: the nodes go with the player.
     player.onPlayerThread([&] { player.destroyAll(); });
 }
 
-TEST_F(PlayerTest, APlayerWithoutNodesStartsAtOnceAndNodesThatEndAlsoCount) {
-    TestPlayer player(manager.get());
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    EXPECT_EQ(LX_OK, player.startAtTime(LxTime()));
-    EXPECT_EQ(LxNode::STARTED, player.getState());
-    player.stop();
-    EXPECT_EQ(LxNode::STOPPED, player.getState());
+// A start is confirmed by a node's start or its end; a node that gives neither is taken as ended
+// after the bound, and the player's own end then stops the player.
+TEST_F(PlayerTest, NodesThatEndAtTheStartOrNeverConfirmCountAsEnded) {
+    TestPlayer empty(manager.get());
+    ASSERT_TRUE(reaches(empty, LxNode::STOPPED));
+    EXPECT_EQ(LX_OK, empty.startAtTime(LxTime())) << "without nodes a start is at once";
+    EXPECT_EQ(LxNode::STARTED, empty.getState());
+    empty.stop();
+    EXPECT_EQ(LxNode::STOPPED, empty.getState());
 
-    TestPlayer second(manager.get());
-    auto* ends = attach(second, new TestRendererNode(manager.get()));
-    ends->setStartMode(TestRendererNode::ConfirmEnd);
-    ASSERT_TRUE(reaches(second, LxNode::STOPPED));
-    EXPECT_EQ(LX_OK, second.startAtTime(LxTime()));
-    const auto flags = second.flagsOf(ends);
-    EXPECT_TRUE(flags.ended);
-    EXPECT_FALSE(flags.started);
-    EXPECT_EQ(LxNode::STARTED, second.getState());
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, second.startAtTime(LxTime()));  // the clock's answer
+    TestPlayer player(manager.get());
+    auto* r = attach(player, renderer());
+    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
+    for (auto mode : {TestRendererNode::ConfirmEnd, TestRendererNode::Silent}) {
+        const bool silent = mode == TestRendererNode::Silent;
+        SCOPED_TRACE(silent ? "never confirms" : "ends at its start");
+        r->setStartMode(mode);
+        player.setStartWaitLimit(silent ? LxTime(0, 200000) : LxTime(30, 0));
+        const auto t0 = std::chrono::steady_clock::now();
+        EXPECT_EQ(LX_OK, player.startAtTime(LxTime()));
+        const double waited = lxtest::msSince(t0);
+        EXPECT_GE(waited, silent ? 190.0 : 0.0);
+        EXPECT_LT(waited, 10000.0);
+        EXPECT_EQ(LxNode::STARTED, player.getState());
+        const auto flags = player.flagsOf(r);
+        EXPECT_TRUE(flags.ended);
+        EXPECT_FALSE(flags.started);
+        EXPECT_EQ(LX_ERR_CLOCK_RUNNING, player.startAtTime(LxTime()));  // the clock's answer
+        player.reachOwnEnd();
+        EXPECT_EQ(LxNode::STOPPED, player.getState());
+    }
 }
 
-TEST_F(PlayerTest, ANodeThatNeverConfirmsIsGivenUpAfterTheBound) {
+// The player stops at its end or its stop time only once it and every node it started are there.
+TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOtherAndCheckInAtTheStopTime) {
     TestPlayer player(manager.get());
-    player.setStartWaitLimit(LxTime(0, 200000));
-    auto* silent = attach(player, new TestRendererNode(manager.get()));
-    silent->setStartMode(TestRendererNode::Silent);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(LX_OK, player.startAtTime(LxTime()));
-    const double waited = lxtest::msSince(t0);
-    EXPECT_GE(waited, 190.0);
-    EXPECT_LT(waited, 10000.0);
-    EXPECT_EQ(LxNode::STARTED, player.getState());
-    EXPECT_TRUE(player.flagsOf(silent).ended);
-    // Carried on as if it had ended: the player's own end stops the player.
-    player.reachOwnEnd();
-    EXPECT_EQ(LxNode::STOPPED, player.getState());
-}
-
-TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
-    TestPlayer player(manager.get());
-    player.setEventListener(&listener);
-    auto* a = attach(player, new TestRendererNode(manager.get()));
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    auto* b = new TestRendererNode(manager.get());
+    auto* a = attach(player, renderer());
+    auto* b = renderer();
     attachSecond(player, b);
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ready(player);
     ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
     EXPECT_TRUE(player.flagsOf(a).started);
     EXPECT_TRUE(player.flagsOf(b).started);
@@ -323,21 +285,32 @@ TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOther) {
     EXPECT_TRUE(reaches(player, LxNode::STOPPED));
     EXPECT_EQ(1, a->stops.load());
     EXPECT_EQ(1, b->stops.load());
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
+    EXPECT_TRUE(heard(LxEndOfMediaEventType));
     EXPECT_EQ(LxTime(2, 0), player.getMediaTime());  // parked at the known duration, nodes too
     EXPECT_EQ(2000000, a->lastMediaTimeUsec.load());
+
+    ASSERT_EQ(LX_OK, player.setMediaTime(LxTime::zero()));
+    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
+    EXPECT_EQ(LX_OK, player.stopAtTime(LxTime(105, 0)));
+    EXPECT_EQ(1, a->stopAtTimes.load());
+    EXPECT_EQ(1, b->stopAtTimes.load());
+    EXPECT_EQ(LxTime(105, 0), player.getStopTime());
+    player.reachOwnStopTime();
+    a->postStopAtTime();
+    player.onPlayerThread([] {});  // after the node's event, which was queued first
+    EXPECT_EQ(LxNode::STARTED, player.getState());
+    b->postStopAtTime();
+    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
+    EXPECT_TRUE(heard(LxStopAtTimeEventType));
 }
 
 TEST_F(PlayerTest, LoopingRestartsEveryNodeAtMediaTimeZero) {
     TestPlayer player(manager.get());
-    player.setEventListener(&listener);
-    auto* a = attach(player, new TestRendererNode(manager.get()));
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    auto* a = attach(player, renderer());
+    ready(player);
     player.setLoop(1);
     EXPECT_EQ(1, player.getLoop());  // waits for the request
     EXPECT_EQ(1, a->lastLoop.load());
-    timeBase.set(100.0);
     ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
     timeBase.set(101.5);
     a->postEndOfMedia();
@@ -351,55 +324,33 @@ TEST_F(PlayerTest, LoopingRestartsEveryNodeAtMediaTimeZero) {
     EXPECT_NEAR(0.5, player.getMediaTime().getValue(), 1e-6);
     EXPECT_TRUE(player.flagsOf(a).started);
     EXPECT_EQ(0u, listener.count(LxEndOfMediaEventType));
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStartEventType) == 2; }));
+    EXPECT_TRUE(heard(LxStartEventType, 2));
 }
 
 TEST_F(PlayerTest, UnknownDurationBecomesTheMediaTimeReachedAtTheEnd) {
     TestPlayer::Options options;
     options.duration = LxTime(-1, 0);
     TestPlayer player(manager.get(), options);
-    player.setEventListener(&listener);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
-    timeBase.set(100.0);
+    ready(player);
     ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
     timeBase.set(101.25);
     player.reachOwnEnd();
     EXPECT_EQ(LxNode::STOPPED, player.getState());
     EXPECT_EQ(LxTime(1, 250000), player.getDuration());
     EXPECT_EQ(LxTime(1, 250000), player.getMediaTime());
-    // The duration change comes right before the end of media.
-    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxEndOfMediaEventType) == 1; }));
+    ASSERT_TRUE(heard(LxEndOfMediaEventType));  // right after the duration's change
     const auto entries = listener.entries();
     ASSERT_GE(entries.size(), 2u);
     EXPECT_EQ(LxDurationChangedEventType, entries[entries.size() - 2].type);
     EXPECT_EQ(LxEndOfMediaEventType, entries.back().type);
 }
 
-TEST_F(PlayerTest, StopTimeStopsOnceEveryStartedNodeHasCheckedIn) {
-    TestPlayer player(manager.get());
-    player.setEventListener(&listener);
-    auto* a = attach(player, new TestRendererNode(manager.get()));
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
-    ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100, 0)));
-    EXPECT_EQ(LX_OK, player.stopAtTime(LxTime(105, 0)));
-    EXPECT_EQ(1, a->stopAtTimes.load());
-    EXPECT_EQ(LxTime(105, 0), player.getStopTime());
-    player.reachOwnStopTime();
-    EXPECT_EQ(LxNode::STARTED, player.getState());
-    a->postStopAtTime();
-    EXPECT_TRUE(reaches(player, LxNode::STOPPED));
-    EXPECT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopAtTimeEventType) == 1; }));
-}
-
 TEST_F(PlayerTest, ARefusedTimeBaseLeavesEverythingOnTheOldOne) {
     TestPlayer player(manager.get());
-    auto* a = attach(player, new TestRendererNode(manager.get()));
-    auto* b = new TestRendererNode(manager.get());
+    auto* a = attach(player, renderer());
+    auto* b = renderer();
     attachSecond(player, b);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ready(player);
     EXPECT_EQ(&timeBase, a->getTimeBase());
     EXPECT_EQ(&timeBase, b->getTimeBase());
 
@@ -420,9 +371,7 @@ TEST_F(PlayerTest, ARefusedTimeBaseLeavesEverythingOnTheOldOne) {
 
 TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
     TestPlayer player(manager.get());
-    player.setEventListener(&listener);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-
+    ready(player);
     // The player thread is busy while a host thread's request waits in the queue; the error
     // arrives before it is handled.
     std::future<long> waiting;
@@ -437,7 +386,7 @@ TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
     });
     ASSERT_EQ(std::future_status::ready, waiting.wait_for(std::chrono::seconds(10)));
     EXPECT_EQ(LX_ERR_GENERIC, waiting.get());  // handled by a dead player
-    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
+    ASSERT_TRUE(heard(LxCatastrophicErrorEventType));
     EXPECT_EQ(LX_ERR_WAVE_READ, listener.entries().back().result);
 
     float rate = 1.0f;
@@ -453,7 +402,9 @@ TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
     EXPECT_TRUE(lxtest::waitUntil([&] { return !player.threadIsRunning(); }));
 }
 
-TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
+// Without its thread a player is dead, says so, and still goes cleanly with the renderers it owns;
+// uninitialised, it refuses what needs its nodes.
+TEST_F(PlayerTest, APlayerThatCannotWorkRefusesAndStillGoesCleanly) {
     LxQueue* events = new LxQueue();
     threads.refuseThreads(1);
     {
@@ -465,11 +416,9 @@ TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
         EXPECT_EQ(1.0f, player.getRate());  // nothing will drain the queue: read at once
         player.setLoop(1);
         EXPECT_FALSE(player.onPlayerThread([] {}));
-        attach(player, new TracedRenderer(manager.get(), &destroyed));  // owned once attached
+        attach(player, renderer());  // owned once attached: LeakSanitizer sees one left behind
     }
-    EXPECT_EQ(1, destroyed.load());
     EXPECT_EQ(0, threads.liveThreads());
-    // It never got going, and says so.
     LxEvent* e = static_cast<LxEvent*>(events->receive(0, LxTime::zero()));
     ASSERT_NE(nullptr, e);
     EXPECT_EQ(LxCatastrophicErrorEventType, e->getEventType());
@@ -477,13 +426,23 @@ TEST_F(PlayerTest, APlayerWhoseThreadNeverStartedReportsItAndStillGoesCleanly) {
     e->unref();
     EXPECT_EQ(nullptr, events->receive(0, LxTime::zero()));
     events->unref();
+
+    TestPlayer::Options options;
+    options.initialize = false;
+    TestPlayer uninitialised(manager.get(), options);
+    float rate = 2.0f;
+    EXPECT_EQ(LX_ERR_GENERIC, uninitialised.startAtTime(LxTime()));
+    EXPECT_EQ(LX_ERR_GENERIC, uninitialised.setRate(&rate));
+    EXPECT_EQ(LX_ERR_GENERIC, uninitialised.setMediaTime(LxTime(1, 0)));
+    uninitialised.prefetch();
+    EXPECT_EQ(LxNode::UNINITIALIZED, uninitialised.getState());
 }
 
 TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
     TestPlayer player(manager.get());
     LxAudioOutputPort* port = reinterpret_cast<LxAudioOutputPort*>(0x1);
     EXPECT_EQ(LX_ERR_GENERIC, player.getNewAudioPort(&port)) << "no renderer behind the output";
-    auto* r = attach(player, new TestRendererNode(manager.get()));
+    auto* r = attach(player, renderer());
     player.onPlayerThread([&] { player.findAllDownStream(); });
     ASSERT_EQ(LX_OK, player.getNewAudioPort(&port));
     ASSERT_NE(nullptr, port);
@@ -498,18 +457,25 @@ TEST_F(PlayerTest, PortsComeFromTheRendererBehindTheAudioOutput) {
     EXPECT_EQ(nullptr, video);
 }
 
-TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCode) {
+TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCodeAndItsWaitForAStartEnds) {
     {
         LoopPlayer player(manager.get(), LX_OK, 0);
         player.setEventListener(&listener);
         ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-        ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxInitializedEventType) == 1; }));
+        ASSERT_TRUE(heard(LxInitializedEventType));
         EXPECT_EQ(LX_INITIALIZED_AUDIO, listener.resultOf(LxInitializedEventType));
+        EXPECT_EQ(250ul, player.startWait(500, 2.0f));
+        EXPECT_EQ(1000ul, player.startWait(500, 0.5f));
+        EXPECT_EQ(500ul, player.startWait(-500, -1.0f)) << "a backward clock's lead by its size";
+        EXPECT_EQ(500ul, player.startWait(500, 0.0f)) << "a stopped clock counts as rate 1";
+        EXPECT_EQ(1ul, player.startWait(1, 8.0f)) << "never 0, which would mean the start has come";
+        EXPECT_EQ(4294967294ul, player.startWait(2000000000L, 1e-6f)) << "never KT_INFINITE";
+        EXPECT_EQ(0ul, player.clampWait(-5.0));
     }
     listener.clear();
     LoopPlayer player(manager.get(), LX_ERR_INVALID_WAVE, 0);
     player.setEventListener(&listener);
-    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxCatastrophicErrorEventType) == 1; }));
+    ASSERT_TRUE(heard(LxCatastrophicErrorEventType));
     EXPECT_EQ(LX_ERR_INVALID_WAVE, listener.resultOf(LxCatastrophicErrorEventType));
     EXPECT_EQ(0u, listener.count(LxInitializedEventType));
     EXPECT_EQ(LxNode::DEAD, player.getState());
@@ -521,38 +487,25 @@ TEST_F(PlayerTest, TheRunLoopInitialisesOrDiesWithTheLoadersCode) {
 // at the start; the stop time quietens the player before it stops.
 TEST_F(PlayerTest, TheRunLoopWorksFromTheCueLeadBeforeTheStartUntilTheStopTime) {
     LoopPlayer player(manager.get(), LX_OK, 100);
-    ASSERT_TRUE(reaches(player, LxNode::STOPPED));
-    player.setEventListener(&listener);
-    ASSERT_EQ(LX_OK, player.setTimeBase(&timeBase));
+    ready(player);
     ASSERT_EQ(LX_OK, player.stopAtTime(LxTime(100.8)));
     ASSERT_EQ(LX_OK, player.startAtTime(LxTime(100.5)));
     timeBase.set(100.35);
     player.getState();  // a request wakes the loop for a pass
-    EXPECT_TRUE(player.work().empty()) << "150 ms ahead is before the lead";
+    EXPECT_EQ(0, player.steps.load()) << "150 ms ahead is before the lead";
     timeBase.set(100.45);
     player.getState();
-    ASSERT_TRUE(lxtest::waitUntil([&] { return !player.work().empty(); }));
-    EXPECT_NEAR(50.0, static_cast<double>(player.work().back()), 1.0);
+    ASSERT_TRUE(lxtest::waitUntil([&] { return player.steps.load() > 0; }));
+    EXPECT_NEAR(50.0, static_cast<double>(player.toStart.load()), 1.0);
     timeBase.set(100.5);
     player.getState();
-    ASSERT_TRUE(lxtest::waitUntil([&] { return player.work().size() >= 2 && player.work().back() == 0; }));
+    ASSERT_TRUE(lxtest::waitUntil([&] { return player.steps.load() >= 2 && player.toStart.load() == 0; }));
     EXPECT_EQ(0, player.silenced.load());
     timeBase.set(100.8);
     player.getState();
-    ASSERT_TRUE(lxtest::waitUntil([&] { return listener.count(LxStopAtTimeEventType) == 1; }));
+    ASSERT_TRUE(heard(LxStopAtTimeEventType));
     EXPECT_EQ(1, player.silenced.load());
     EXPECT_EQ(LxNode::STOPPED, player.getState());
-}
-
-TEST_F(PlayerTest, TheWaitForAStartIsItsLeadAtTheClocksSpeedAndAlwaysEnds) {
-    LoopPlayer player(manager.get(), LX_OK, 0);
-    EXPECT_EQ(250ul, player.startWait(500, 2.0f));
-    EXPECT_EQ(1000ul, player.startWait(500, 0.5f));
-    EXPECT_EQ(500ul, player.startWait(-500, -1.0f)) << "a backward clock's lead by its size";
-    EXPECT_EQ(500ul, player.startWait(500, 0.0f)) << "a stopped clock counts as rate 1";
-    EXPECT_EQ(1ul, player.startWait(1, 8.0f)) << "never 0, which would mean the start has come";
-    EXPECT_EQ(4294967294ul, player.startWait(2000000000L, 1e-6f)) << "never KT_INFINITE";
-    EXPECT_EQ(0ul, player.clampWait(-5.0));
 }
 
 }  // namespace

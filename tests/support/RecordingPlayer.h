@@ -22,33 +22,17 @@ class RecordingPlayer : public LxPlayer {
         }
     }
 
-    long startAtTime(LxTime t) override {
-        record("start", t);
-        state_ = STARTED;
-        return LX_OK;
-    }
-    long stopAtTime(LxTime t) override {
-        record("stopAt", t);
-        return LX_OK;
-    }
-    void stop() override {
-        calls_->push_back("stop");
-        state_ = STOPPED;
-    }
-    long setRate(float* r) override {
-        calls_->push_back("rate " + std::to_string(*r));
-        return LX_OK;
-    }
-    long setMediaTime(LxTime t) override {
-        record("media", t);
-        return LX_OK;
-    }
+    long startAtTime(LxTime t) override { return note("start", STARTED, &t); }
+    long stopAtTime(LxTime t) override { return note("stopAt", state_, &t); }
+    void stop() override { note("stop", STOPPED); }
+    long setRate(float* r) override { return note("rate " + std::to_string(*r), state_); }
+    long setMediaTime(LxTime t) override { return note("media", state_, &t); }
     long setTimeBase(LxTimeBase* tb) override {
         timeBaseSet = tb;
         return timeBaseResult;
     }
     LxNodeState getState() override { return state_; }
-    void setLoop(char loop) override { calls_->push_back(loop ? "loop on" : "loop off"); }
+    void setLoop(char loop) override { note(loop ? "loop on" : "loop off", state_); }
     LxTime getDuration() override { return duration; }
     long getNewAudioPort(LxAudioOutputPort** port) override {
         if (!hasAudio) {
@@ -70,10 +54,16 @@ class RecordingPlayer : public LxPlayer {
     std::vector<FakeAudioPort*> ports;
 
   private:
-    void record(const char* what, const LxTime& t) {
-        char buf[64];
-        std::snprintf(buf, sizeof buf, "%s %.3f", what, t.getValue());
-        calls_->push_back(buf);
+    // Records a call, with its time when it has one, and the state it leaves.
+    long note(std::string call, LxNodeState state, const LxTime* t = nullptr) {
+        if (t != nullptr) {
+            char buf[32];
+            std::snprintf(buf, sizeof buf, " %.3f", t->getValue());
+            call += buf;
+        }
+        calls_->push_back(call);
+        state_ = state;
+        return LX_OK;
     }
     std::vector<std::string>* calls_;
     LxNodeState state_ = STOPPED;

@@ -11,11 +11,12 @@ namespace lxtest {
 
 class SettableTimeBase : public LxTimeBase {
   public:
-    explicit SettableTimeBase(LxManager* manager, double startSeconds = 1000.0)
+    explicit SettableTimeBase(LxManager* manager, double startSeconds = 100.0)
         : LxTimeBase(manager), now_(startSeconds), owner_(std::this_thread::get_id()) {}
     ~SettableTimeBase() override { shutdownThread(); }
 
-    void setTimeOfDay(double seconds) { now_.store(seconds); }
+    void set(double seconds) { now_.store(seconds); }
+    void setTimeOfDay(double seconds) { set(seconds); }
     void advance(double seconds) { now_.store(now_.load() + seconds); }
     /// Times another thread than the creating one read the time: the timer thread reads it under
     /// the time base's lock just before it waits for a deadline, so once this has grown, a call
@@ -35,6 +36,7 @@ class SettableTimeBase : public LxTimeBase {
     const std::thread::id owner_;
     std::atomic<int> otherReads_{0};
 };
+using StepTimeBase = SettableTimeBase;
 
 }  // namespace lxtest
 

@@ -16,23 +16,22 @@
 
 namespace lxtest {
 
-/// A TestManager that is closed (locks released) when the scope ends, as a host closes its
-/// manager: the manager's destructor alone does not release them.
+/// A TestManager closed (its locks released) when the scope ends, as a host closes its manager:
+/// the manager's destructor alone does not release them.
 class ScopedTestManager {
   public:
     explicit ScopedTestManager(KtThreadManager* threads) : manager_(new TestManager(threads)) {}
+    ScopedTestManager(const ScopedTestManager&) = delete;
     ~ScopedTestManager() { manager_->closeManager(); }
     TestManager* get() const { return manager_; }
     TestManager* operator->() const { return manager_; }
 
   private:
     TestManager* manager_;
-    ScopedTestManager(const ScopedTestManager&) = delete;
-    ScopedTestManager& operator=(const ScopedTestManager&) = delete;
 };
 
 /// Records every event it handles: its type, the thread it ran on, and whether two handlers ever
-/// overlapped. Can be told to hold the next handler until released.
+/// overlapped.
 class RecordingListener : public LxEventListener {
   public:
     struct Entry {
@@ -48,27 +47,18 @@ class RecordingListener : public LxEventListener {
     void handleEvent(LxEvent* event) override;
 
     std::vector<Entry> entries();
-    size_t count();
-    /// Number of handled events of one type.
+    size_t count() { return entries().size(); }
     size_t count(LxEventType_s type);
-    /// The result of the first initialized or catastrophic-error event of a type (-1: none yet).
+    /// The result of the first event of a type (-1: none yet).
     long resultOf(LxEventType_s type);
-    /// Waits (up to timeoutMs) until at least n events were handled.
     bool waitForCount(size_t n, int timeoutMs = 10000);
-    /// Makes the next handler call block until release(); blockedNow() tells when it is blocked.
-    void holdNext();
-    bool waitUntilHeld(int timeoutMs = 10000);
-    void release();
     bool overlapped() const { return overlapped_.load(); }
-    /// Forgets what was recorded.
     void clear();
 
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Entry> entries_;
-    bool holdNext_ = false;
-    bool held_ = false;
     std::atomic<int> inside_{0};
     std::atomic<bool> overlapped_{false};
 };

@@ -3,13 +3,12 @@
 #include "LxEvent.h"
 #include "LxQueue.h"
 #include "LxResult.h"
+#include "TestSupport.h"
 
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
 namespace lxtest {
 
@@ -32,7 +31,7 @@ TestPlayer::TestPlayer(LxManager* manager, const Options& options)
         audio_ = new LxAudioOutputConnectable();
         audio_->initFormats(LxSample16, LxStereo, 44100.0f, 4, LxFormat::PullStream, 0);
         audio_->initConnectable(this);
-        addOutputConnectable(strdup("Audio"), audio_);
+        adoptOutput("Audio", audio_);
     }
     if (options_.startThread) {
         startThread(&TestPlayer::entry);
@@ -49,10 +48,7 @@ long TestPlayer::entry(void* player) {
 }
 
 void TestPlayer::run() {
-    for (;;) {
-        if (!beginPass(KT_INFINITE)) {
-            break;
-        }
+    while (beginPass(KT_INFINITE)) {
         KtScopedLock<KtWaitNotify> guard(signal);
         if (options_.initialize && getCurrentState() == UNINITIALIZED) {
             setCurrentState(INITIALIZING);
@@ -68,7 +64,6 @@ void TestPlayer::run() {
 void TestPlayer::shutdown() {
     // Nodes first: a renderer may still be reading from an output.
     destroyAll();
-    delete audio_;
     audio_ = nullptr;
     for (LxOutputConnectable* out : adopted_) {
         delete out;
@@ -97,30 +92,18 @@ void TestPlayer::handleNodeEvent(LxEvent* event) {
 }
 
 bool TestPlayer::onPlayerThread(const std::function<void()>& fn) {
-    struct Done {
-        std::mutex m;
-        std::condition_variable cv;
-        bool done = false;
-    };
-    auto done = std::make_shared<Done>();
-    bool runnable;
+    auto done = std::make_shared<std::atomic<bool>>(false);
     {
         KtScopedLock<KtWaitNotify> guard(signal);
-        runnable = threadRunning && getCurrentState() != DEAD;
-        if (runnable) {
-            nodeEventQueue->send(new CommandEvent([fn, done] {
-                fn();
-                std::lock_guard<std::mutex> l(done->m);
-                done->done = true;
-                done->cv.notify_all();
-            }));
+        if (!threadRunning || getCurrentState() == DEAD) {
+            return false;
         }
+        nodeEventQueue->send(new CommandEvent([fn, done] {
+            fn();
+            *done = true;
+        }));
     }
-    if (!runnable) {
-        return false;
-    }
-    std::unique_lock<std::mutex> l(done->m);
-    return done->cv.wait_for(l, std::chrono::seconds(20), [&] { return done->done; });
+    return waitUntil([&] { return done->load(); }, 20000);
 }
 
 void TestPlayer::reachOwnEnd() {
@@ -141,8 +124,6 @@ TestPlayer::Flags TestPlayer::flagsOf(LxNode* node) {
     Flags flags;
     onPlayerThread([&] {
         if (LxNodeListEntry* e = findNodeEntry(node)) {
-            flags.listed = true;
-            flags.prefetched = e->prefetched;
             flags.started = e->started;
             flags.ended = e->ended;
         }

@@ -12,7 +12,7 @@ class ClockTest : public ::testing::Test {
   protected:
     KtDefaultThreadManager threads;
     lxtest::TestManager manager{&threads};
-    lxtest::SettableTimeBase timeBase{&manager, 100.0};  // reference time = time of day
+    lxtest::SettableTimeBase timeBase{&manager};  // reference time = time of day, from 100 s
     LxBasicClock clock;
 
     void SetUp() override { ASSERT_EQ(LX_OK, clock.setTimeBase(&timeBase)); }
