@@ -167,16 +167,14 @@ TEST_F(ManagerCoreTest, ConnectSetsTheAgreedFormatOnBothSidesAndStopsAtTheFirstR
     EXPECT_EQ(&out, in.connectedTo());
 
     // A refusal ends the attempt with its result (the format is released: LeakSanitizer watches).
-    FakeOutput out2;
-    FakeInput in2;
-    out2.formats = {&a};
-    in2.formats = {&b};
-    in2.setFormatResult = LX_ERR_WRONG_FORMAT;
-    EXPECT_EQ(LX_ERR_WRONG_FORMAT, manager->connect(&out2, &in2));
-    EXPECT_EQ(nullptr, out2.connectedTo());
+    out.peer = nullptr;
+    in.peer = nullptr;
+    in.setFormatResult = LX_ERR_WRONG_FORMAT;
+    EXPECT_EQ(LX_ERR_WRONG_FORMAT, manager->connect(&out, &in));
+    EXPECT_EQ(nullptr, out.connectedTo());
     ProbeFormat lonely("x");
-    out2.formats = {&lonely};
-    EXPECT_EQ(LX_ERR_NO_COMMON_FORMAT, manager->connect(&out2, &in2));
+    out.formats = {&lonely};
+    EXPECT_EQ(LX_ERR_NO_COMMON_FORMAT, manager->connect(&out, &in));
 }
 
 TEST_F(ManagerCoreTest, ConnectAllUnconnectedSummarises) {

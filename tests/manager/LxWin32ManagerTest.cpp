@@ -44,13 +44,6 @@ class Win32ManagerTest : public ::testing::Test {
         }
     }
 
-    ProbeManager* startAudio(long expected = LX_OK) {
-        ProbeManager* m = new ProbeManager(&threads);
-        m->setWindow(&window);
-        EXPECT_EQ(expected, m->initSubSystem(INIT_TIMERS | INIT_AUDIO));
-        return m;
-    }
-
     KtDefaultThreadManager threads;
     LxWin32Window window;
 };
@@ -100,7 +93,9 @@ TEST_F(Win32ManagerTest, TheSoundCardTestSetsTheChannelsOfEachKindOfCard) {
             simsound::failNext(lxp::sound::Op::DirectSoundCreate, -1);
             simsound::failNext(lxp::sound::Op::Initialize, -1);
         }
-        ProbeManager* m = startAudio();
+        ProbeManager* m = new ProbeManager(&threads);
+        m->setWindow(&window);
+        EXPECT_EQ(LX_OK, m->initSubSystem(INIT_TIMERS | INIT_AUDIO));
         EXPECT_EQ(c.exclusivity, LxWin32Manager::exclusivityProperties);
         EXPECT_EQ(c.raw, m->info(LxRawChannel).maxChannels);
         EXPECT_EQ(c.midi, m->info(LxMidiChannel).maxChannels);

@@ -82,7 +82,7 @@ Clip mpeg1Clip() {
 }
 
 Clip mp3Clip() {
-    return {ffmpeg("tone.mp3", tone(3) + " -ac 2 -c:a libmp3lame -b:a 128k -f mp3"), 3.0, 0, 0, 0, 0};
+    return {ffmpeg("tone.mp3", tone(3) + " -ac 2 -c:a libmp3lame -b:a 128k -f mp3"), 3.0};
 }
 
 Clip movVideoClip() {
@@ -105,24 +105,18 @@ Clip beepClip() {
 }
 
 Clip corruptClip() {
-    return {made("noise.mpg",
-                 [](const std::string& tmp) {
-                     std::mt19937 random(1234);
-                     std::string bytes(65536, '\0');
-                     for (char& c : bytes) {
-                         c = static_cast<char>(random() & 0xFF);
-                     }
-                     return writeFile(tmp, bytes);
-                 }),
-            0,
-            0,
-            0,
-            0,
-            0};
+    return {made("noise.mpg", [](const std::string& tmp) {
+        std::mt19937 random(1234);
+        std::string bytes(65536, '\0');
+        for (char& c : bytes) {
+            c = static_cast<char>(random() & 0xFF);
+        }
+        return writeFile(tmp, bytes);
+    })};
 }
 
 Clip truncatedMovClip() {
-    return {cut("cut.mov", movVideoClip().path, 0.4), 0, 0, 0, 0, 0};
+    return {cut("cut.mov", movVideoClip().path, 0.4)};
 }
 
 Clip truncatedMpegClip() {

@@ -10,12 +10,12 @@
 namespace lxtest {
 
 struct Clip {
-    std::string path;  // empty when it could not be made (no ffmpeg)
-    double seconds;    // nominal duration
-    int frames;        // video frames (0: no video)
-    int width;
-    int height;
-    double fps;
+    std::string path;    // empty when it could not be made (no ffmpeg)
+    double seconds = 0;  // nominal duration
+    int frames = 0;      // video frames (0: no video)
+    int width = 0;
+    int height = 0;
+    double fps = 0;
 };
 
 /// MPEG-1 system stream: 160x120 MPEG-1 video at 25 fps with the counter, MPEG layer 2 stereo

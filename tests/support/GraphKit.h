@@ -62,7 +62,6 @@ class RecordingSink : public lxp::LxpRendererSink {
         lxp::REFERENCE_TIME start;
         size_t bytes;
         int firstSample;  // first 16-bit (or 8-bit) sample of channel 0
-        bool discontinuity;
     };
     struct Record {
         std::vector<Picture> video;
@@ -75,7 +74,7 @@ class RecordingSink : public lxp::LxpRendererSink {
     void audioBuffer(const lxp::LxpAudioSpec& spec, const lxp::LxpAudioBuffer& b) override {
         waitWhileHeld();
         int first = spec.bitsPerSample == 16 ? static_cast<int16_t>(b.data[0] | (b.data[1] << 8)) : b.data[0];
-        change([&] { got_.audio.push_back({b.start, b.bytes, first, b.discontinuity}); });
+        change([&] { got_.audio.push_back({b.start, b.bytes, first}); });
     }
     void videoFrame(const lxp::LxpVideoSpec& spec, const lxp::LxpVideoPicture& p) override {
         waitWhileHeld();
@@ -195,15 +194,6 @@ struct GraphRig {
         pins->Next(1, &pin, nullptr);
         pins->Release();
         return pin;
-    }
-
-    static bool isConnected(lxp::IBaseFilter* filter) {
-        lxp::IPin* pin = firstPin(filter);
-        lxp::IPin* peer = nullptr;
-        const bool connected = lxp::SUCCEEDED(pin->ConnectedTo(&peer));
-        release(peer);
-        pin->Release();
-        return connected;
     }
 
     /// The next event within ms; E_ABORT when none.
@@ -350,9 +340,11 @@ class SimPlayerRig {
         LxPlatformGraph::useGStreamer();
     }
 
-    /// A file (any bytes) that the simulated graph plays by script.
+    /// A file (any bytes) that the simulated graph plays by script. Its name, in UTF-8 with a byte
+    /// that is not, must reach the graph unchanged.
     std::string clip(const lxp::simgraph::Script& script) {
-        const std::string path = dir.file("clip" + std::to_string(clips++) + ".mpg");
+        const std::string path =
+            dir.file("clip" + std::to_string(clips++) + " K\xC3\xA4se \xE2\x82\xAC \xFF\xC3(.mpg");
         writeFile(path, "not decoded");
         lxp::simgraph::setScriptForFile(path, script);
         return path;
@@ -626,7 +618,6 @@ class AMPlayerE2E : public ::testing::Test {
     void expectInStep(const char* what, double from, double to, int frames, double fps) {
         std::vector<int> behind;
         int ahead = 0;
-        double lag = 0.0;
         for (const Painted& p : paintedBetween(from, to)) {
             if (p.counter < 0) {
                 continue;
@@ -635,16 +626,11 @@ class AMPlayerE2E : public ::testing::Test {
             d -= frames * static_cast<int>(std::lround(static_cast<double>(d) / frames));
             ahead = std::max(ahead, -d);
             behind.push_back(std::max(d, 0));
-            double l = p.media * fps - p.counter;  // in frames of media time, positive when behind
-            lag += l - frames * std::round(l / frames);
         }
         std::sort(behind.begin(), behind.end());
         const int p90 = behind.empty() ? 0 : behind[behind.size() * 9 / 10];
-        std::printf(
-            "[ measured ] %s: %zu pictures, at most %d frame(s) ahead, 90%% within %d behind, %.1f ms "
-            "of media behind on average\n",
-            what, behind.size(), ahead, p90,
-            behind.empty() ? 0.0 : (lag / static_cast<double>(behind.size()) - 0.5) * 1000.0 / fps);
+        std::printf("[ measured ] %s: %zu pictures, at most %d frame(s) ahead, 90%% within %d behind\n", what,
+                    behind.size(), ahead, p90);
         EXPECT_GT(behind.size(), static_cast<size_t>((to - from) * 10)) << what;
         EXPECT_LE(ahead, 1) << what;
         EXPECT_LE(p90, 1) << what;

@@ -1,7 +1,6 @@
 #include "MidiFiles.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace miditest {
 
@@ -111,10 +110,7 @@ RefFile readReference(const std::string& d) {
                 if (type == 0x51) {
                     f.tempos.push_back({tick, static_cast<uint32_t>(u(i)) << 16 | u(i + 1) << 8 | u(i + 2)});
                 }
-                i += n;
-                if (type == 0x2F) {
-                    break;
-                }
+                i += n;  // the end-of-track event closes its chunk in a well-formed file
             } else if (st == 0xF0 || st == 0xF7) {
                 i += readVlq();
             } else {
@@ -133,37 +129,6 @@ RefFile readReference(const std::string& d) {
     std::stable_sort(f.tempos.begin(), f.tempos.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     return f;
-}
-
-StreamBuffer::StreamBuffer(uint32_t capacity) : data(capacity) {
-    reset();
-}
-
-void StreamBuffer::reset() {
-    b = LxMidiStreamBuffer{};
-    b.header.lpData = data.data();
-    b.header.dwBufferLength = static_cast<uint32_t>(data.size());
-    b.capacity = static_cast<uint32_t>(data.size());
-}
-
-std::vector<lxp::MIDIEVENT> StreamBuffer::records() const {
-    std::vector<lxp::MIDIEVENT> out(b.bytesUsed / sizeof(lxp::MIDIEVENT));
-    if (!out.empty()) {
-        std::memcpy(out.data(), data.data() + b.writeBase, out.size() * sizeof(lxp::MIDIEVENT));
-    }
-    return out;
-}
-
-int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity) {
-    StreamBuffer buf(capacity);
-    int result = 0;
-    for (int n = 0; n < 100000 && result == 0; ++n) {
-        buf.reset();
-        result = parser.parseNewBuffer(n == 0, &buf.b);
-        const std::vector<lxp::MIDIEVENT> records = buf.records();
-        out->insert(out->end(), records.begin(), records.end());
-    }
-    return result;
 }
 
 }  // namespace miditest

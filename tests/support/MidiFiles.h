@@ -1,11 +1,7 @@
-// Standard MIDI files built by hand, a reference reader written apart from the library's parsers,
-// a fake player and a stream drain.
+// Standard MIDI files built by hand, and a reference reader written apart from the library's parsers.
 #ifndef LORVEX_TESTS_SUPPORT_MIDIFILES_H
 #define LORVEX_TESTS_SUPPORT_MIDIFILES_H
 
-#include "midi/LxWin32MidiParser.h"
-
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -44,32 +40,6 @@ struct RefFile {
 };
 /// Reads a well-formed file (no error handling beyond stopping at the end).
 RefFile readReference(const std::string& bytes);
-
-/// The player side of the stream parser, with settings a test sets.
-class FakeOwner : public LxMidiParserOwner {
-  public:
-    std::atomic<float> gain{1.0f};
-    std::atomic<float> tempoScale{1.0f};
-    std::atomic<uint32_t> volumes[16] = {};
-
-    float getParserGain() override { return gain; }
-    float getParserTempoScale() override { return tempoScale; }
-    bool takeTempoChanged() override { return false; }
-    void storeChannelVolume(unsigned channel, uint32_t value) override { volumes[channel] = value; }
-};
-
-/// A stream buffer with its own data, set up as the player does.
-struct StreamBuffer {
-    std::vector<char> data;
-    LxMidiStreamBuffer b{};
-    explicit StreamBuffer(uint32_t capacity = 1024);
-    void reset();
-    std::vector<lxp::MIDIEVENT> records() const;
-};
-
-/// Parses a whole pass (restart, then until the end) with buffers of capacity bytes; returns
-/// the last result (-103 at a clean end) and appends the records to out.
-int drain(LxWin32MidiParser& parser, std::vector<lxp::MIDIEVENT>* out, uint32_t capacity = 1024);
 
 }  // namespace miditest
 
