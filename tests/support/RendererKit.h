@@ -35,14 +35,6 @@ inline std::vector<int16_t> samples16(const std::string& path, int channels = 1,
     return s;
 }
 
-inline std::vector<int16_t> repeat(const std::vector<int16_t>& s, int times) {
-    std::vector<int16_t> r;
-    for (int i = 0; i < times; ++i) {
-        r.insert(r.end(), s.begin(), s.end());
-    }
-    return r;
-}
-
 /// First index from offset on whose magnitude exceeds threshold (-1: none), one past the last such
 /// index, and the largest magnitude in [from, to).
 inline long firstAbove(const std::vector<int16_t>& s, int threshold, long offset = 0) {
