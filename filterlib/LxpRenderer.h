@@ -12,10 +12,10 @@
 #define LORVEX_PLATFORM_DSHOW_FILTERLIB_RENDERER_H
 
 #include "LxFormat.h"
+#include "filterlib/LxpRendererSink.h"
 #include "platform/dshow/LxpGraph.h"
 #include "platform/dshow/LxpGstSinkFilter.h"
 #include "platform/dshow/LxpRendererFilter.h"
-#include "filterlib/LxpRendererSink.h"
 
 #include <atomic>
 #include <condition_variable>
