@@ -8,18 +8,13 @@ HOP = 0.005  # seconds between the spectra of a spectrogram
 
 
 def read(path):
-    """(samples as float frames x channels, rate) of an 8/16/24/32-bit PCM file."""
+    """(samples as float frames x channels, rate) of a 16-bit PCM file: what lorvex-play, sox, espeak-ng,
+    FluidSynth and ffmpeg write here."""
     with wave.open(path, 'rb') as w:
         rate, channels, width = w.getframerate(), w.getnchannels(), w.getsampwidth()
         raw = w.readframes(w.getnframes())
-    if width == 1:
-        x = (np.frombuffer(raw, np.uint8).astype(float) - 128) / 128
-    elif width == 3:
-        b = np.frombuffer(raw, np.uint8).reshape(-1, 3).astype(np.int32)
-        x = ((b[:, 0] | b[:, 1] << 8 | b[:, 2] << 16) << 8 >> 8) / 2.0**23
-    else:
-        x = np.frombuffer(raw, '<i%d' % width).astype(float) / 2.0**(8 * width - 1)
-    return x.reshape(-1, channels), rate
+    assert width == 2, '%s: %d-byte samples' % (path, width)
+    return (np.frombuffer(raw, '<i2').astype(float) / 2.0**15).reshape(-1, channels), rate
 
 
 def mono(x):
@@ -33,12 +28,6 @@ def envelope(x, rate, window=0.005):
     return m.reshape(-1, n).max(axis=1) if len(m) else np.zeros(0)
 
 
-def span(x, rate, threshold=SILENT):
-    """(onset, offset) in seconds of everything heard, or None for silence."""
-    loud = np.nonzero(np.abs(mono(x)) > threshold)[0]
-    return None if len(loud) == 0 else (loud[0] / rate, (loud[-1] + 1) / rate)
-
-
 def segments(x, rate, gap=0.05, threshold=SILENT):
     """[(onset, offset)] of the sounds heard, split at silences longer than gap seconds."""
     loud = np.nonzero(np.abs(mono(x)) > threshold)[0]
@@ -47,6 +36,12 @@ def segments(x, rate, gap=0.05, threshold=SILENT):
     cuts = np.nonzero(np.diff(loud) > gap * rate)[0]
     starts, ends = np.r_[loud[0], loud[cuts + 1]], np.r_[loud[cuts], loud[-1]] + 1
     return [(a / rate, b / rate) for a, b in zip(starts, ends)]
+
+
+def span(x, rate, threshold=SILENT):
+    """(onset, offset) in seconds of everything heard, or None for silence."""
+    seg = segments(x, rate, threshold=threshold)
+    return (seg[0][0], seg[-1][1]) if seg else None
 
 
 def cut(x, rate, t0, t1):
@@ -93,8 +88,8 @@ def correlation(a, b):
 def locate(source, piece):
     """(offset in samples, score): where in source the samples of piece fit best."""
     n = len(source) + len(piece)
-    c = np.fft.irfft(np.fft.rfft(source, n) * np.conj(np.fft.rfft(piece, n)), n)[:len(source) - len(piece) + 1]
-    k = int(np.argmax(c))
+    c = np.fft.irfft(np.fft.rfft(source, n) * np.conj(np.fft.rfft(piece, n)), n)
+    k = int(np.argmax(c[:len(source) - len(piece) + 1]))
     return k, correlation(source[k:k + len(piece)], piece)
 
 
@@ -111,7 +106,7 @@ def follow(source, piece):
     """(offset in spectra, score): where in the spectrogram source the spectra of piece fit best;
     notes and timbre both count, so a tune's place is found even where its rhythm repeats."""
     n = len(source) + len(piece)
-    c = np.fft.irfft(np.sum(np.fft.rfft(source, n, axis=0) * np.conj(np.fft.rfft(piece, n, axis=0)), axis=1), n)
+    c = np.fft.irfft(np.sum(np.fft.rfft(source, n, axis=0) * np.conj(np.fft.rfft(piece, n, axis=0)), 1), n)
     energy = np.convolve(np.sum(source**2, axis=1), np.ones(len(piece)), 'valid')
     score = c[:len(energy)] / np.sqrt(energy * np.sum(piece**2) + 1e-30)
     k = int(np.argmax(score))
