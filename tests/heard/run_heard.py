@@ -287,15 +287,16 @@ def position(rig, name):
 def channels(rig, name):
     """One channel: the weaker clip is left out while the stronger plays, and heard when it ends at
     the gain it was given while it waited (both tones are equally loud at gain 1)."""
-    x, rate, r = rig.run(name, ['-c', '1', '--start', str(LEAD), '--priority', '0.9', rig.tone(0.8, 440),
-                                '--start', str(LEAD), '--priority', '0.1', '--gain', '0.25', rig.tone(1.9, 880)])
+    x, rate, r = rig.run(name, ['-c', '1'] + start_at(0) + ['--priority', '0.9', rig.tone(0.8, 440)] + start_at(0)
+                         + ['--priority', '0.1', '--gain', '0.25', rig.tone(1.9, 880)])
     s = heard(r, H.span(x, rate))
+    held, freed = H.cut(x, rate, s[0] + 0.1, s[0] + 0.7), H.cut(x, rate, s[0] + 0.9, s[0] + 1.8)
 
-    def weak_to_strong(t0, t1):
-        y = H.cut(x, rate, s[0] + t0, s[0] + t1)
+
+    def weak_to_strong(y):
         return H.band_level(y, rate, 880) / max(1e-9, H.band_level(y, rate, 440))
-    during, after = weak_to_strong(0.1, 0.7), weak_to_strong(0.9, 1.8)
-    granted = H.level(H.cut(x, rate, s[0] + 0.9, s[0] + 1.8)) / max(1e-9, H.level(H.cut(x, rate, s[0] + 0.1, s[0] + 0.7)))
+    during, after = weak_to_strong(held), weak_to_strong(freed)
+    granted = H.level(freed) / max(1e-9, H.level(held))
     return [played(r), check('weaker : stronger while the stronger plays', '< 0.05', '%.3f' % during, during < 0.05),
             check('weaker : stronger after it ended', '> 20', '%.1f' % min(after, 999), after > 20),
             near('heard until the weaker clip ends', 1.9, s[1] - s[0], LENGTH),
@@ -344,16 +345,16 @@ def midi_late(rig, name):
 
 
 # 1.5 s long: a clip of 2 s or more starts the start-up latency into its media.
+PICTURE = '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 '
+SINE = '-f lavfi -i sine=frequency=660:duration=%g '
 MOVIES = {
-    'MPEG-1': ('clip.mpg', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
-               '-c:v mpeg1video -c:a mp2 -f mpeg'),
-    'QuickTime': ('clip.mov', '-f lavfi -i testsrc=size=160x120:rate=25:duration=1.5 -f lavfi -i sine=frequency=660:duration=1.5 '
-                  '-c:v mjpeg -c:a pcm_s16le -f mov'),
-    'MP3': ('clip.mp3', '-f lavfi -i sine=frequency=660:duration=1.5 -c:a libmp3lame -f mp3'),
+    'MPEG-1': ('clip.mpg', PICTURE + SINE % 1.5 + '-c:v mpeg1video -c:a mp2 -f mpeg'),
+    'QuickTime': ('clip.mov', PICTURE + SINE % 1.5 + '-c:v mjpeg -c:a pcm_s16le -f mov'),
+    'MP3': ('clip.mp3', SINE % 1.5 + '-c:a libmp3lame -f mp3'),
     # Under 2 s, and a length the demuxer can only estimate: heard whole only when the renderer
     # does not take the estimate for exact.
-    'MPEG-1 audio': ('clip-audio.mpg', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a mp2 -f mpeg'),
-    'AIFF': ('clip.aiff', '-f lavfi -i sine=frequency=660:duration=1.9 -c:a pcm_s16be -f aiff'),
+    'MPEG-1 audio': ('clip-audio.mpg', SINE % 1.9 + '-c:a mp2 -f mpeg'),
+    'AIFF': ('clip.aiff', SINE % 1.9 + '-c:a pcm_s16be -f aiff'),
 }
 
 
@@ -457,7 +458,7 @@ def world_sides(rig, name):
         """ % (a_clip, b_clip), ['--at', 'A=%g' % LEAD, '--at', 'B=%g' % (LEAD + 1)])
     seg = sounds(x, rate, r)
     a, b = (H.cut(x, rate, on + 0.05, off - 0.05) for on, off in seg)
-    ratio = np.sqrt(np.mean(b[:, 1]**2)) / max(1e-9, np.sqrt(np.mean(a[:, 0]**2)))
+    ratio = H.level(b[:, 1]) / max(1e-9, H.level(a[:, 0]))
     return [played(r), heard_pitch(a, rate, 440, 'A pitch'),
             check('A left : right', '> 2', '%.2f' % min(H.balance(a), 999), H.balance(a) > 2),
             check('B left : right', '< 0.5', '%.2f' % H.balance(b), H.balance(b) < 0.5),
@@ -503,11 +504,13 @@ def world_faults(rig, name):
         Sound { source DEF Ok AudioClip { url "%s" } }
         """ % tone, ['--at', 'Ok=%g' % LEAD])
     said = r.stderr.strip().replace('\n', ' | ')
-    named = lambda what, line, text: check(what, '%s.wrl:%d' % (name, line), 'named' if text in r.stderr else said,
-                                           text in r.stderr)
+    def named(what, line, text):
+        where = '%s.wrl:%d' % (name, line)
+        found = '%s: %s' % (where, text) in r.stderr
+        return check(what, where, 'named' if found else said, found)
     return [played(r), heard_length(x, rate, 0.5), heard_pitch(x, rate, 660),
-            named('stray brace', 2, '%s.wrl:2: unmatched' % name), named('unknown USE', 3, '%s.wrl:3: USE of an unknown' % name),
-            named('missing url', 4, '%s.wrl:4: AudioClip: no url names a file' % name)]
+            named('stray brace', 2, 'unmatched'), named('unknown USE', 3, 'USE of an unknown'),
+            named('missing url', 4, 'AudioClip: no url names a file')]
 
 
 CASES = [('wave', 'layouts %d-%d' % (k + 1, min(k + 9, len(LAYOUTS))), layouts, k, min(k + 9, len(LAYOUTS)))
