@@ -93,8 +93,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     void postStart() { postEvent(new LxStartEvent(this, LxTime(), LxTime())); }
     void postEndOfMedia() { postEvent(new LxEndOfMediaEvent(this)); }
     void postStopAtTime() { postEvent(new LxStopAtTimeEvent(this, LxTime(), LxTime())); }
-    /// Pulls every frame the connected output has queued, keeping its bytes and returning the
-    /// frame to the pool. Returns the number of frames taken. Consumer side.
+    /// Pulls (and keeps the bytes of) every frame the output has queued; how many. Consumer side.
     int pull();
     long connectThroughManager(LxOutputConnectable* output) { return manager->connect(output, this); }
     std::string received() {
