@@ -11,9 +11,6 @@ TestRendererNode::~TestRendererNode() {
         format_->unref();
     }
     accepted_->unref();
-    inputNames = nullptr;
-    inputs = nullptr;
-    inputCount = 0;
 }
 
 long TestRendererNode::startAtTime(LxTime refTime) {

@@ -66,7 +66,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     LxFormat* getFormat() override { return format_; }
     KtResult listFormats(LxFormat**& list, short* count) override;
     LxNode* getNode() override { return this; }
-    void flush() override { ++flushes; }
+    void flush() override {}
     KtResult connectTo(LxOutputConnectable* output) override {
         output_ = output;
         return LX_OK;
@@ -108,7 +108,6 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<int> starts{0};
     std::atomic<int> stops{0};
     std::atomic<int> stopAtTimes{0};
-    std::atomic<int> flushes{0};
     std::atomic<int> endOfMediaNotes{0};
     std::atomic<float> lastRate{1.0f};
     std::atomic<char> lastLoop{0};
