@@ -2,7 +2,6 @@
 #include "platform/com/LxpCom.h"
 
 #include "FakeCom.h"
-#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -3,12 +3,13 @@
 #include "LxBaseVideoRenderer.h"
 
 #include "TestManager.h"
-#include "TestPlayer.h"
+#include "TestNodes.h"
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <thread>
 
 namespace {
@@ -35,8 +36,8 @@ struct BoundedAllocator : LxFrameAllocator {
 // carries k in its first pixel bytes and is stamped k / 30 s unless told otherwise.
 struct VideoRig {
     VideoRig(LxManager* manager, LxFormat::StreamStyle s)
-        : style(s), renderer(new LxBaseVideoRenderer(manager)), events(new LxQueue()) {
-        renderer->setEventListener(events);
+        : style(s), renderer(new LxBaseVideoRenderer(manager)) {
+        renderer->setEventListener(&events);
         LxVideoFormat* f = new LxVideoFormat(16, 8, LxPixel32, style);
         if (style == LxFormat::PullStream) {
             output.initFormats(16, 8, LxPixel32, style);
@@ -47,13 +48,7 @@ struct VideoRig {
         renderer->setFormat(f);
         f->unref();
     }
-    ~VideoRig() {
-        delete renderer;  // before the output it may read from
-        while (void* e = events->receive(0, LxTime::zero())) {
-            static_cast<LxEvent*>(e)->unref();
-        }
-        events->unref();
-    }
+    ~VideoRig() { delete renderer; }  // before the output it may read from and the listener
     // Hands frame k in; null when the pool gives none within timeout.
     LxFrame* produce(int k, double t = -1, const LxTime& timeout = LxTime::zero()) {
         auto* f = static_cast<LxVideoFrame*>(renderer->getEmptyFrame(timeout));
@@ -81,16 +76,12 @@ struct VideoRig {
     int32_t dropped() {
         return style == LxFormat::PushStream ? renderer->getDroppedFrames() : output.getDroppedFrames();
     }
-    // Whether an event of that type comes within ms (other events before it are dropped).
+    // Whether one more event of that type than seen so far comes within ms.
     bool sees(LxEventType_s type, int ms = 3000) {
-        while (auto* e = static_cast<LxEvent*>(events->receive(1, LxTime(ms / 1000.0)))) {
-            const bool match = e->getEventType() == type;
-            e->unref();
-            if (match) {
-                return true;
-            }
-        }
-        return false;
+        const size_t n = seen[type] + 1;
+        const bool came = lxtest::waitUntil([&] { return events.count(type) >= n; }, ms);
+        seen[type] += came;
+        return came;
     }
     // Every frame made is back in the pool, nothing queued or pending.
     bool allFree() {
@@ -101,9 +92,10 @@ struct VideoRig {
     }
 
     const LxFormat::StreamStyle style;
+    lxtest::RecordingListener events;
+    std::map<LxEventType_s, size_t> seen;
     LxVideoOutputConnectable output;
     LxBaseVideoRenderer* renderer;
-    LxQueue* events;
 };
 
 class VideoRendererTest : public ::testing::TestWithParam<LxFormat::StreamStyle> {

@@ -5,7 +5,6 @@
 #include "LxManager.h"
 #include "LxResult.h"
 #include "TestPlayer.h"
-#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,6 @@
 #include "LxVersionDetection.h"
 #include "LxWin32Manager.h"
 #include "LxWin32MidiPlayer.h"
-#include "TestSupport.h"
 #include "audio/LxWin32MixerInternal.h"
 #include "manager/LxClassLocks.h"
 #include "platform/dshow/LxpGraphIds.h"
