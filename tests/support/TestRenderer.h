@@ -137,8 +137,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::vector<std::unique_ptr<FakeAudioPort>> ports_;
 };
 
-/// Connects an output to the renderer through the renderer's manager, as a host does. False when
-/// they agree on no format.
+/// Connects as a host does, through the renderer's manager; false when they agree on no format.
 inline bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
     return renderer->connectThroughManager(output) == LX_OK;
 }

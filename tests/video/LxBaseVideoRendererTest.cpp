@@ -49,9 +49,9 @@ struct VideoRig {
         f->unref();
     }
     ~VideoRig() { delete renderer; }  // before the output it may read from and the listener
-    // Hands frame k in; null when the pool gives none within timeout.
-    LxFrame* produce(int k, double t = -1, const LxTime& timeout = LxTime::zero()) {
-        auto* f = static_cast<LxVideoFrame*>(renderer->getEmptyFrame(timeout));
+    // Hands frame k in; null when the pool has none free.
+    LxFrame* produce(int k, double t = -1) {
+        auto* f = static_cast<LxVideoFrame*>(renderer->getEmptyFrame(LxTime::zero()));
         if (f != nullptr) {
             std::memcpy(f->getPixelData(), &k, sizeof(k));
             f->setPresentationTime(LxTime(t < 0 ? k / 30.0 : t));
