@@ -136,8 +136,6 @@ TEST_F(VideoRendererTest, FormatsAllocatorsRefusedAndABoundedPoolThatNeverHandsO
     host.join();
     rig.renderer->putEmptyFrame(b);
     rig.renderer->putEmptyFrame(a);
-    EXPECT_EQ(a, rig.renderer->getEmptyFrame(LxTime::zero())) << "the last frame returned is reused first";
-    rig.renderer->putEmptyFrame(a);
     EXPECT_EQ(2, rig.renderer->getFramesCreated());
     EXPECT_TRUE(rig.allFree());
 }
