@@ -2,38 +2,14 @@
 #include "platform/com/LxpCom.h"
 
 #include "FakeCom.h"
-#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-// (How the manual clock's sleepers wait for an advance, the simulated graph's pacing tests show.)
-TEST(ManualClock, AutoAdvancesOnSleepAndItsCounterCanBeTakenAway) {
-    lxp::ManualClock clock(100.0);
-    int64_t sec = 0;
-    int32_t ms = 0;
-    clock.sleep(1500);
-    clock.timeOfDay(&sec, &ms);
-    EXPECT_EQ(101, sec);
-    EXPECT_EQ(500, ms);
-    int64_t count = 0;
-    EXPECT_TRUE(clock.queryPerformanceCounter(&count));
-    clock.setCounterAvailable(false);
-    EXPECT_FALSE(clock.queryPerformanceCounter(&count));
-}
-
-TEST(SystemClock, CounterIsMonotonicAndCalendarIsCurrent) {
-    lxp::Clock& c = lxp::systemClock();
-    int64_t a = 0;
-    int64_t b = 0;
-    int64_t f = 0;
-    ASSERT_TRUE(c.queryPerformanceCounter(&a));
-    c.sleep(5);
-    ASSERT_TRUE(c.queryPerformanceCounter(&b));
-    ASSERT_TRUE(c.queryPerformanceFrequency(&f));
-    EXPECT_GE(static_cast<double>(b - a) / f, 0.004);
-    EXPECT_GT(c.calendarSeconds(), 1700000000);  // after 2023
+// The counter's rate is watched by the time base's timer tests, which run on this clock.
+TEST(SystemClock, CalendarIsCurrent) {
+    EXPECT_GT(lxp::systemClock().calendarSeconds(), 1700000000);  // after 2023
 }
 
 const lxp::CLSID kTestClass = {0x12345678, 0x1, 0x2, {1, 2, 3, 4, 5, 6, 7, 8}};
@@ -49,6 +25,7 @@ class Thing : public lxp::ComObject<lxp::IUnknown> {
     }
 };
 
+// (Injected failures and the balance of initialisations: the mixer's and the version probe's tests.)
 TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
     void* out = reinterpret_cast<void*>(1);
     const auto create = [&] {
@@ -68,13 +45,6 @@ TEST(Com, CreationNeedsInitialisationAndARegisteredClass) {
     static_cast<Thing*>(out)->Release();
     EXPECT_EQ(0, Thing::alive);
 
-    lxp::comtest::failCreate(kTestClass, 1, lxp::E_OUTOFMEMORY);
-    EXPECT_EQ(lxp::E_OUTOFMEMORY, create());
-    ASSERT_EQ(lxp::S_OK, create());
-    static_cast<Thing*>(out)->Release();
-
-    lxp::comtest::failCoInitialize(1);
-    EXPECT_TRUE(lxp::FAILED(lxp::CoInitialize(nullptr)));
     EXPECT_EQ(lxp::S_OK, lxp::unregisterClass(kTestClass));
     EXPECT_EQ(lxp::S_FALSE, lxp::unregisterClass(kTestClass));
     lxp::CoUninitialize();

@@ -38,13 +38,13 @@ inline std::vector<int16_t> samples16(const std::string& path, int channels = 1,
 /// First index from offset on whose magnitude exceeds threshold (-1: none), one past the last such
 /// index, and the largest magnitude in [from, to).
 inline long firstAbove(const std::vector<int16_t>& s, int threshold, long offset = 0) {
-    const auto loud = [&](int16_t v) { return std::abs(v) > threshold; };
-    const auto it = std::find_if(s.begin() + std::min<size_t>(std::max(0L, offset), s.size()), s.end(), loud);
+    const auto it = std::find_if(s.begin() + std::min<size_t>(std::max(0L, offset), s.size()), s.end(),
+                                 [&](int16_t v) { return std::abs(v) > threshold; });
     return it == s.end() ? -1 : it - s.begin();
 }
 inline long endOfSound(const std::vector<int16_t>& s, int threshold) {
-    const auto loud = [&](int16_t v) { return std::abs(v) > threshold; };
-    return std::find_if(s.rbegin(), s.rend(), loud).base() - s.begin();
+    return std::find_if(s.rbegin(), s.rend(), [&](int16_t v) { return std::abs(v) > threshold; }).base() -
+           s.begin();
 }
 inline int peak(const std::vector<int16_t>& s, size_t from, size_t to) {
     int p = 0;

@@ -11,9 +11,6 @@ TestRendererNode::~TestRendererNode() {
         format_->unref();
     }
     accepted_->unref();
-    inputNames = nullptr;
-    inputs = nullptr;
-    inputCount = 0;
 }
 
 long TestRendererNode::startAtTime(LxTime refTime) {
@@ -37,11 +34,9 @@ void TestRendererNode::stop() {
 }
 
 long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
+    std::lock_guard<std::mutex> lock(mutex_);
     auto* p = new FakeAudioPort(LxRawChannel, 0.0f);
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        ports_.emplace_back(p);
-    }
+    ports_.emplace_back(p);
     ++portsHandedOut;
     *port = p;
     return LX_OK;

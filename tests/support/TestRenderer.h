@@ -66,7 +66,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     LxFormat* getFormat() override { return format_; }
     KtResult listFormats(LxFormat**& list, short* count) override;
     LxNode* getNode() override { return this; }
-    void flush() override { ++flushes; }
+    void flush() override {}
     KtResult connectTo(LxOutputConnectable* output) override {
         output_ = output;
         return LX_OK;
@@ -93,8 +93,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     void postStart() { postEvent(new LxStartEvent(this, LxTime(), LxTime())); }
     void postEndOfMedia() { postEvent(new LxEndOfMediaEvent(this)); }
     void postStopAtTime() { postEvent(new LxStopAtTimeEvent(this, LxTime(), LxTime())); }
-    /// Pulls every frame the connected output has queued, keeping its bytes and returning the
-    /// frame to the pool. Returns the number of frames taken. Consumer side.
+    /// Pulls (and keeps the bytes of) every frame the output has queued; how many. Consumer side.
     int pull();
     long connectThroughManager(LxOutputConnectable* output) { return manager->connect(output, this); }
     std::string received() {
@@ -109,7 +108,6 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<int> starts{0};
     std::atomic<int> stops{0};
     std::atomic<int> stopAtTimes{0};
-    std::atomic<int> flushes{0};
     std::atomic<int> endOfMediaNotes{0};
     std::atomic<float> lastRate{1.0f};
     std::atomic<char> lastLoop{0};
@@ -139,8 +137,7 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::vector<std::unique_ptr<FakeAudioPort>> ports_;
 };
 
-/// Connects an output to the renderer through the renderer's manager, as a host does. False when
-/// they agree on no format.
+/// Connects as a host does, through the renderer's manager; false when they agree on no format.
 inline bool connectAudio(LxOutputConnectable* output, TestRendererNode* renderer) {
     return renderer->connectThroughManager(output) == LX_OK;
 }

@@ -5,7 +5,6 @@
 #include "LxManager.h"
 #include "LxResult.h"
 #include "TestPlayer.h"
-#include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -41,7 +40,7 @@ class DefaultVideoRendererTest : public ::testing::Test {
     LxVideoOutputConnectable* output = nullptr;
 };
 
-TEST_F(DefaultVideoRendererTest, VideoOutputGetsOneRendererThatThePlayerHandsOut) {
+TEST_F(DefaultVideoRendererTest, OneRendererPerVideoOutputAndNoneLeftWhenTheFormatsDisagree) {
     TestPlayer* player = videoPlayer(LxFormat::PushStream);
     EXPECT_EQ(LX_CONNECTED_VIDEO, manager->connectAllUnconnected(player));
     LxVideoRenderer* vr = nullptr;
@@ -56,15 +55,13 @@ TEST_F(DefaultVideoRendererTest, VideoOutputGetsOneRendererThatThePlayerHandsOut
     LxVideoRenderer* again = nullptr;
     player->getVideoRenderer(&again);
     EXPECT_EQ(vr, again);
-}
 
-TEST_F(DefaultVideoRendererTest, NoCommonFormatLeavesNoRendererBehind) {
     // The renderer takes push style only. The one made for a pull-style output is destroyed again
     // (AddressSanitizer reports a leak otherwise).
-    TestPlayer* player = videoPlayer(LxFormat::PullStream);
-    EXPECT_EQ(LX_ERR_NO_COMMON_FORMAT, manager->addDefaultVideoRenderer(player));
+    TestPlayer* pull = videoPlayer(LxFormat::PullStream);
+    EXPECT_EQ(LX_ERR_NO_COMMON_FORMAT, manager->addDefaultVideoRenderer(pull));
     EXPECT_EQ(nullptr, output->connectedTo());
-    EXPECT_EQ(LX_ERR_CONNECT_OUTPUTS, manager->connectAllUnconnected(player));
+    EXPECT_EQ(LX_ERR_CONNECT_OUTPUTS, manager->connectAllUnconnected(pull));
     TestPlayer::Options options;
     options.audioOutput = false;
     TestPlayer* none = new TestPlayer(manager, options);

@@ -41,6 +41,7 @@ TEST(File, ReadsSeeksAndReportsTheEndAsAShortRead) {
     EXPECT_FALSE(CloseHandle(INVALID_HANDLE_VALUE));
 }
 
+// (Each injected failure at once, and what a reader makes of it, the MIDI parser's tests show.)
 TEST(File, RefusesWhatItCannotDoAndFailsOnDemand) {
     lxtest::TempDir dir;
     const std::string a = dir.file("a");
@@ -48,8 +49,6 @@ TEST(File, RefusesWhatItCannotDoAndFailsOnDemand) {
     EXPECT_EQ(INVALID_HANDLE_VALUE, openFile("/nonexistent/file"));
     EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(dir.path())) << "a directory";
     EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(a, 0x40000000u)) << "for writing";
-    filetest::failAfter(filetest::Open, 0);
-    EXPECT_EQ(INVALID_HANDLE_VALUE, openFile(a));
     HANDLE f = openFile(a);
     ASSERT_NE(INVALID_HANDLE_VALUE, f);
     char c;
@@ -59,12 +58,7 @@ TEST(File, RefusesWhatItCannotDoAndFailsOnDemand) {
     EXPECT_FALSE(ReadFile(f, &c, 1, &got, nullptr)) << "the second read fails";
     EXPECT_EQ(0u, got);
     EXPECT_TRUE(ReadFile(f, &c, 1, &got, nullptr));
-    EXPECT_EQ('y', c);
-    filetest::failAfter(filetest::Seek, 0);
-    EXPECT_EQ(INVALID_SET_FILE_POINTER, SetFilePointer(f, 0, nullptr, FILE_BEGIN));
-    filetest::failAfter(filetest::Size, 0);
-    EXPECT_EQ(INVALID_FILE_SIZE, GetFileSize(f, nullptr));
-    EXPECT_EQ(3u, GetFileSize(f, nullptr));
+    EXPECT_EQ('y', c) << "one read fails, the next goes on where it was";
     EXPECT_TRUE(CloseHandle(f));
     filetest::reset();
 }
