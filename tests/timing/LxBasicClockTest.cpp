@@ -21,7 +21,7 @@ class ClockTest : public ::testing::Test {
     double sync() { return clock.getSyncTime().getValue(); }
 };
 
-TEST_F(ClockTest, MapsReferenceTimeFromOriginAndClampsBeforeTheStart) {
+TEST_F(ClockTest, MapsReferenceTimeFromOriginClampsBeforeTheStartAndRefusesChangesWhileRunning) {
     ASSERT_EQ(LX_OK, clock.setMediaTime(LxTime(5, 0)));
     ASSERT_EQ(LX_OK, clock.startAtTime(LxTime(110, 0)));
     at(110.0);
@@ -31,6 +31,18 @@ TEST_F(ClockTest, MapsReferenceTimeFromOriginAndClampsBeforeTheStart) {
     at(109.0);
     EXPECT_DOUBLE_EQ(5.0, media()) << "before its start a clock reports its origin";
     EXPECT_DOUBLE_EQ(4.0, sync()) << "the sync time is not clamped";
+
+    // A running clock refuses changes until it is stopped.
+    float r = 2.0f;
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.startAtTime(LxTime(100, 0)));
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setRate(&r));
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setMediaTime(LxTime(1, 0)));
+    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setTimeBase(nullptr));
+    EXPECT_FLOAT_EQ(1.0f, clock.getRate());
+    at(112.0);
+    clock.stop();
+    EXPECT_DOUBLE_EQ(7.0, media()) << "stop now keeps the media time reached";
+    EXPECT_EQ(LX_OK, clock.setRate(&r));
 }
 
 // A forward rate's scaling is checked through the player, which runs on this clock.
@@ -58,20 +70,6 @@ TEST_F(ClockTest, NegativeRatesClampFromAboveAndZeroHolds) {
     EXPECT_DOUBLE_EQ(3.0, media());
     clock.stop();
     EXPECT_DOUBLE_EQ(3.0, media());
-}
-
-TEST_F(ClockTest, RunningClockRefusesChanges) {
-    ASSERT_EQ(LX_OK, clock.startAtTime(LxTime(100, 0)));
-    float r = 2.0f;
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.startAtTime(LxTime(100, 0)));
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setRate(&r));
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setMediaTime(LxTime(1, 0)));
-    EXPECT_EQ(LX_ERR_CLOCK_RUNNING, clock.setTimeBase(nullptr));
-    EXPECT_FLOAT_EQ(1.0f, clock.getRate());
-    at(102.0);
-    clock.stop();
-    EXPECT_DOUBLE_EQ(2.0, media()) << "stop now keeps the media time reached";
-    EXPECT_EQ(LX_OK, clock.setRate(&r));
 }
 
 TEST_F(ClockTest, StopTimeInTheFutureStopsTheClockByItself) {
