@@ -255,8 +255,9 @@ TEST_F(PlayerTest, NodesThatEndAtTheStartOrNeverConfirmCountAsEnded) {
     }
 }
 
-// The player stops at its end or its stop time only once it and every node it started are there.
-TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOtherAndCheckInAtTheStopTime) {
+// The player stops at its end or its stop time only once it and every node it started are there;
+// a time base a node refuses leaves every node on the old one.
+TEST_F(PlayerTest, TwoRenderersEndAndCheckInAtTheStopTimeOneAfterTheOtherAndShareTheTimeBase) {
     TestPlayer player(manager.get());
     auto* a = attach(player, renderer());
     auto* b = renderer();
@@ -289,6 +290,20 @@ TEST_F(PlayerTest, TwoRenderersEndOneAfterTheOtherAndCheckInAtTheStopTime) {
     b->postStopAtTime();
     EXPECT_TRUE(reaches(player, LxNode::STOPPED));
     EXPECT_TRUE(heard(LxStopAtTimeEventType));
+
+    // The list is walked newest first: b, then a. Whichever refuses, both end on the old base.
+    StepTimeBase other(manager.get());
+    for (TestRendererNode* refuser : {a, b}) {
+        refuser->setTimeBaseResult(LX_ERR_GENERIC);
+        EXPECT_EQ(LX_ERR_GENERIC, player.setTimeBase(&other));
+        EXPECT_EQ(&timeBase, player.getTimeBase());
+        EXPECT_EQ(&timeBase, a->getTimeBase());
+        EXPECT_EQ(&timeBase, b->getTimeBase());
+        refuser->setTimeBaseResult(LX_OK);
+    }
+    EXPECT_EQ(LX_OK, player.setTimeBase(&other));
+    EXPECT_EQ(&other, a->getTimeBase());
+    EXPECT_EQ(&other, b->getTimeBase());
 }
 
 TEST_F(PlayerTest, LoopingRestartsEveryNodeAtMediaTimeZero) {
@@ -328,30 +343,6 @@ TEST_F(PlayerTest, UnknownDurationBecomesTheMediaTimeReachedAtTheEnd) {
     ASSERT_GE(entries.size(), 2u);
     EXPECT_EQ(LxDurationChangedEventType, entries[entries.size() - 2].type);
     EXPECT_EQ(LxEndOfMediaEventType, entries.back().type);
-}
-
-TEST_F(PlayerTest, ARefusedTimeBaseLeavesEverythingOnTheOldOne) {
-    TestPlayer player(manager.get());
-    auto* a = attach(player, renderer());
-    auto* b = renderer();
-    attachSecond(player, b);
-    ready(player);
-    EXPECT_EQ(&timeBase, a->getTimeBase());
-    EXPECT_EQ(&timeBase, b->getTimeBase());
-
-    // The list is walked newest first: b, then a. Whichever refuses, both end on the old base.
-    StepTimeBase other(manager.get());
-    for (TestRendererNode* refuser : {a, b}) {
-        refuser->setTimeBaseResult(LX_ERR_GENERIC);
-        EXPECT_EQ(LX_ERR_GENERIC, player.setTimeBase(&other));
-        EXPECT_EQ(&timeBase, player.getTimeBase());
-        EXPECT_EQ(&timeBase, a->getTimeBase());
-        EXPECT_EQ(&timeBase, b->getTimeBase());
-        refuser->setTimeBaseResult(LX_OK);
-    }
-    EXPECT_EQ(LX_OK, player.setTimeBase(&other));
-    EXPECT_EQ(&other, a->getTimeBase());
-    EXPECT_EQ(&other, b->getTimeBase());
 }
 
 TEST_F(PlayerTest, CatastrophicErrorAnswersWaitingRequestsAndKillsThePlayer) {
