@@ -17,6 +17,7 @@ class SettableTimeBase : public LxTimeBase {
 
     void set(double seconds) { now_.store(seconds); }
     void setTimeOfDay(double seconds) { set(seconds); }
+    void advance(double seconds) { now_.store(now_.load() + seconds); }
     /// Times another thread than the creating one read the time: the timer thread reads it under
     /// the time base's lock just before it waits for a deadline, so once this has grown, a call
     /// that takes the lock finds the thread waiting.
