@@ -1,11 +1,9 @@
-// Formats: the one-sided wildcard rule of match, defaults, frames, and the default allocator.
+// Formats: the one-sided wildcard rule of match and the defaults it fills in. The default frame
+// allocator is heard through the base video renderer, whose pool it fills.
 #include "LxFormat.h"
-
-#include "LxResult.h"
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 namespace {
@@ -110,38 +108,6 @@ TEST(LxAudioFormat, WildcardsCountOnTheOtherSideAndThisSidesBecomeDefaults) {
     LxFormat* a = allAny.make();
     EXPECT_EQ(nullptr, a->match(nullptr));
     a->unref();
-}
-
-TEST(LxDefVideoFrameAllocator, NeedsAVideoFormatAndStopsAtTwoFrames) {
-    LxDefVideoFrameAllocator alloc;
-    LxFrame* out = nullptr;
-    EXPECT_EQ(LX_ERR_NO_FORMAT, alloc.allocateFrame(&out));
-    EXPECT_EQ(nullptr, out);
-
-    LxFormat* a = Audio{LxSample16, LxStereo, 44100.0f, Push, 0}.make();
-    EXPECT_EQ(LX_ERR_WRONG_FORMAT, alloc.setFormat(a));
-    EXPECT_EQ(1u, a->refCount());
-    a->unref();
-    EXPECT_EQ(LX_ERR_NO_FORMAT, alloc.allocateFrame(&out));
-
-    LxFormat* v = Video{4, 3, LxPixel24, Pull}.make();
-    EXPECT_EQ(LX_OK, alloc.setFormat(v));
-    EXPECT_EQ(2u, v->refCount());  // the allocator keeps its own reference
-    v->unref();
-
-    LxFrame *f1 = nullptr, *f2 = nullptr;
-    ASSERT_EQ(LX_OK, alloc.allocateFrame(&f1));
-    ASSERT_EQ(LX_OK, alloc.allocateFrame(&f2));
-    std::unique_ptr<LxFrame> own1(f1), own2(f2);
-    auto* vf = dynamic_cast<LxVideoFrame*>(f2);
-    ASSERT_TRUE(f1 != f2 && vf != nullptr);
-    EXPECT_EQ(4, vf->getWidth());
-    EXPECT_EQ(3, vf->getHeight());
-
-    LxFrame* untouched = reinterpret_cast<LxFrame*>(0x1234);
-    EXPECT_EQ(LX_ERR_ALREADY_TAKEN, alloc.allocateFrame(&untouched));
-    EXPECT_EQ(reinterpret_cast<LxFrame*>(0x1234), untouched);
-    EXPECT_EQ(2, alloc.getFramesCreated());
 }
 
 }  // namespace

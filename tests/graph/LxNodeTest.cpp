@@ -1,7 +1,6 @@
 // Nodes: state changes, connectable lookup, listeners, and the event poster's threading.
 #include "LxNode.h"
 
-#include "LxLog.h"
 #include "LxQueue.h"
 #include "LxResult.h"
 #include "TestManager.h"
@@ -160,34 +159,6 @@ TEST_F(NodeTest, NoPosterThreadMeansOutOfMemoryAndNothingAdded) {
     EXPECT_EQ(1u, listener.count());
     TestNode orphan(nullptr);  // no manager, so no thread manager
     EXPECT_EQ(LX_ERR_OUT_OF_MEMORY, orphan.setEventListener(&listener));
-}
-
-TEST_F(NodeTest, NodeDestroyedWithEventsQueuedForItsPosterReleasesThem) {
-    lxtest::requireLog();
-    RecordingListener listener;
-    CallingListener holder;  // holds the poster in its first handler until released
-    std::atomic<bool> held{false}, released{false};
-    holder.fn = [&] {
-        held = true;
-        lxtest::waitUntil([&] { return released.load(); }, 30000);
-    };
-    const int before = SequencedEvent::alive.load();
-    TestNode* node = new TestNode(manager.get());
-    ASSERT_EQ(LX_OK, node->setEventListener(&listener));
-    ASSERT_EQ(LX_OK, node->setEventListener(&holder));
-    for (int i = 0; i < 20; ++i) {
-        node->postEvent(new SequencedEvent(node, i));
-    }
-    ASSERT_TRUE(lxtest::waitUntil([&] { return held.load(); }));
-    std::thread destroyer([node] { delete node; });
-    // The destructor waits for the poster, which is inside the first handler.
-    ASSERT_TRUE(lxtest::waitUntil([] { return LxLogSink::contains("LxEventPoster:  destructing\n"); }));
-    released = true;
-    destroyer.join();
-    EXPECT_EQ(before, SequencedEvent::alive.load());
-    EXPECT_LT(listener.count(), 20u);
-    EXPECT_EQ(0, listener.entries()[0].sequence);
-    EXPECT_EQ(0, threads.liveThreads());
 }
 
 // A listener attached late hears the state events it missed, the last of each type, in posting

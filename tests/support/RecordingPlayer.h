@@ -35,10 +35,6 @@ class RecordingPlayer : public LxPlayer {
     void setLoop(char loop) override { note(loop ? "loop on" : "loop off", state_); }
     LxTime getDuration() override { return duration; }
     long getNewAudioPort(LxAudioOutputPort** port) override {
-        if (!hasAudio) {
-            *port = nullptr;
-            return LX_ERR_GENERIC;
-        }
         ports.push_back(new FakeAudioPort());
         *port = ports.back();
         return LX_OK;
@@ -48,7 +44,6 @@ class RecordingPlayer : public LxPlayer {
     void run() override {}
 
     LxTime duration{30, 0};
-    bool hasAudio = true;
     long timeBaseResult = LX_OK;
     LxTimeBase* timeBaseSet = nullptr;
     std::vector<FakeAudioPort*> ports;

@@ -80,8 +80,6 @@ class TestNode : public LxNode {
 
     using LxNode::postEvent;
     using LxNode::setCurrentState;
-    using LxNode::setDuration;
-    LxTime getDuration() const { return duration; }
     /// Gives the node name and connectable arrays (borrowed: they must outlive the node's use).
     void setOutputs(char** names, LxOutputConnectable** outs, short n) {
         outputNames = names;

@@ -42,7 +42,6 @@ class TestPlayer : public LxPlayer {
     Flags flagsOf(LxNode* node);
 
     using LxPlayer::catastrophicError;
-    using LxPlayer::findAllDownStream;
     void setStartWaitLimit(LxTime t) { startWaitLimit = t; }
     /// Registers a further output, which the player then owns. On the player thread, or before it
     /// starts.
