@@ -37,7 +37,6 @@ long TestRendererNode::getNewAudioPort(LxAudioOutputPort** port) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto* p = new FakeAudioPort(LxRawChannel, 0.0f);
     ports_.emplace_back(p);
-    ++portsHandedOut;
     *port = p;
     return LX_OK;
 }

@@ -113,7 +113,6 @@ class TestRendererNode : public LxAudioRendererNode, public LxInputConnectable {
     std::atomic<char> lastLoop{0};
     std::atomic<long> lastMediaTimeUsec{-1};
     std::atomic<int> framesCreated{0};
-    std::atomic<int> portsHandedOut{0};
 
   private:
     void consume(LxFrame* frame);
